@@ -1,0 +1,122 @@
+#include "core/json.hpp"
+
+#include <array>
+#include <limits>
+
+namespace orbweave::json {
+
+namespace {
+
+const Json& null_value()
+{
+    static const Json null;
+    return null;
+}
+
+constexpr std::array<std::string_view, 2> secret_keys{"secret", "key"};
+
+bool is_secret_key(std::string_view key)
+{
+    for (auto secret : secret_keys)
+        if (key == secret)
+            return true;
+    return false;
+}
+
+// Returns true when anything was replaced.
+bool redact_in_place(Json& value)
+{
+    bool changed = false;
+    if (value.is_object()) {
+        for (auto& [key, member] : value.items()) {
+            if (is_secret_key(key)) {
+                member = "***";
+                changed = true;
+            } else {
+                changed = redact_in_place(member) || changed;
+            }
+        }
+    } else if (value.is_array()) {
+        for (auto& element : value)
+            changed = redact_in_place(element) || changed;
+    }
+    return changed;
+}
+
+} // namespace
+
+const Json& at(const Json& value, std::initializer_list<std::string_view> path)
+{
+    const Json* current = &value;
+    for (auto key : path) {
+        if (!current->is_object())
+            return null_value();
+        auto found = current->find(key);
+        if (found == current->end())
+            return null_value();
+        current = &*found;
+    }
+    return *current;
+}
+
+std::string string_at(const Json& value, std::initializer_list<std::string_view> path)
+{
+    const Json& found = at(value, path);
+    return found.is_string() ? found.get<std::string>() : std::string{};
+}
+
+int int_at(const Json& value, std::initializer_list<std::string_view> path)
+{
+    const Json& found = at(value, path);
+    if (found.is_number_integer())
+        return static_cast<int>(found.get<std::int64_t>());
+    if (found.is_number_float()) {
+        double number = found.get<double>();
+        if (number != number || number >= 2147483648.0 || number < -2147483648.0)
+            return std::numeric_limits<int>::min();
+        return static_cast<int>(number);
+    }
+    return 0;
+}
+
+bool bool_at(const Json& value, std::initializer_list<std::string_view> path)
+{
+    const Json& found = at(value, path);
+    return found.is_boolean() && found.get<bool>();
+}
+
+bool is_number_at(const Json& value, std::initializer_list<std::string_view> path)
+{
+    return at(value, path).is_number();
+}
+
+Json parse(std::string_view text)
+{
+    Json parsed = Json::parse(text, nullptr, /*allow_exceptions=*/false, /*ignore_comments=*/false);
+    return parsed.is_discarded() ? Json{} : parsed;
+}
+
+std::string dump(const Json& value)
+{
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+Json redacted(const Json& value)
+{
+    Json copy = value;
+    redact_in_place(copy);
+    return copy;
+}
+
+std::string redacted_text(std::string_view text)
+{
+    // Cheap test first: most frames carry neither word and are logged as they came.
+    if (text.find("\"secret\"") == std::string_view::npos && text.find("\"key\"") == std::string_view::npos)
+        return std::string(text);
+    Json parsed = parse(text);
+    if (!redact_in_place(parsed))
+        return std::string(text);
+    return dump(parsed);
+}
+
+} // namespace orbweave::json
