@@ -37,8 +37,8 @@ namespace detail {
 
 std::string unique_hash(const std::string& serial, const std::string& text)
 {
-    // Both calls are no-ops after the first and cannot fail on a working libsodium.
-    (void)sodium_init();
+    // Idempotent; it fails only without a usable random source, which hashing does not need.
+    [[maybe_unused]] static const int sodium_ready = sodium_init();
     std::array<unsigned char, 32> digest{};
     crypto_generichash_state state;
     crypto_generichash_init(&state, nullptr, 0, digest.size());
