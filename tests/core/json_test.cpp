@@ -1,0 +1,116 @@
+#include "core/callback.hpp"
+#include "core/encode_profile.hpp"
+#include "core/json.hpp"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+namespace orbweave {
+namespace {
+
+TEST(Json, LenientAccessorsAnswerDefaultsForMissingOrMistypedValues)
+{
+    Json message = json::parse(R"({"id":"activate","state":7,"payload":{"source":{"id":"abc","type":5},
+        "options":{"width":1280.9,"height":"720","flag":true}}})");
+
+    EXPECT_EQ(json::string_at(message, {"payload", "source", "id"}), "abc");
+    EXPECT_EQ(json::string_at(message, {"payload", "source", "type"}), "");   // a number, not a string
+    EXPECT_EQ(json::string_at(message, {"state"}), "");                       // 7 is not a string
+    EXPECT_EQ(json::string_at(message, {"payload", "nothing", "here"}), "");  // missing steps
+    EXPECT_EQ(json::string_at(message, {"id", "deeper"}), "");                // step through a string
+    EXPECT_EQ(json::int_at(message, {"payload", "options", "width"}), 1280);  // truncated
+    EXPECT_EQ(json::int_at(message, {"payload", "options", "height"}), 0);    // a string
+    EXPECT_TRUE(json::is_number_at(message, {"payload", "options", "width"}));
+    EXPECT_FALSE(json::is_number_at(message, {"payload", "options", "height"}));
+    EXPECT_TRUE(json::bool_at(message, {"payload", "options", "flag"}));
+    EXPECT_FALSE(json::bool_at(message, {"payload", "options", "width"}));
+    EXPECT_TRUE(json::at(message, {"missing"}).is_null());
+    EXPECT_EQ(json::at(message, {"state"}), 7);
+}
+
+TEST(Json, ParseGivesNullForAnythingButStrictJson)
+{
+    EXPECT_TRUE(json::parse("not json").is_null());
+    EXPECT_TRUE(json::parse("").is_null());
+    EXPECT_TRUE(json::parse(R"({"a":1} // comment)").is_null());
+    EXPECT_TRUE(json::parse(R"({"a":1,})").is_null());
+    EXPECT_EQ(json::parse(R"( {"a": [1, 2]} )"), Json({{"a", {1, 2}}}));
+}
+
+TEST(Json, DumpSortsKeysAndNeverThrows)
+{
+    Json value = {{"state", ""}, {"id", "identify"}, {"payload", {{"zeta", 1}, {"alpha", 2}}}};
+    EXPECT_EQ(json::dump(value), R"({"id":"identify","payload":{"alpha":2,"zeta":1},"state":""})");
+    EXPECT_NO_THROW(json::dump(Json(std::string("bad \xff utf8"))));
+}
+
+TEST(Json, RedactionHidesSecretsAndKeysAtAnyDepthAndLeavesTheRest)
+{
+    Json value = json::parse(R"({"id":"ready","payload":{"secret":"s3cr3t","owner":{"displayName":"Ann"},
+        "list":[{"service":{"server":"rtmp://x/live","key":"k3y"}}]}})");
+    Json hidden = json::redacted(value);
+    EXPECT_EQ(json::string_at(hidden, {"payload", "secret"}), "***");
+    EXPECT_EQ(hidden["payload"]["list"][0]["service"]["key"], "***");
+    EXPECT_EQ(hidden["payload"]["list"][0]["service"]["server"], "rtmp://x/live");
+    EXPECT_EQ(json::string_at(hidden, {"payload", "owner", "displayName"}), "Ann");
+    EXPECT_EQ(json::string_at(value, {"payload", "secret"}), "s3cr3t");  // the original is untouched
+
+    EXPECT_EQ(json::redacted_text(R"({"id":"code", "payload" : {"secret":"s"}})"),
+              R"({"id":"code","payload":{"secret":"***"}})");
+    // Frames without secrets are logged exactly as they came, spacing included.
+    EXPECT_EQ(json::redacted_text(R"({"id": "list",  "payload": {"type": "key"}})"),
+              R"({"id": "list",  "payload": {"type": "key"}})");
+    EXPECT_EQ(json::redacted_text("not json with \"key\""), "not json with \"key\"");
+}
+
+TEST(CallbackTypes, SourceKindsMapWithoutRegardToCase)
+{
+    using callback::source_type;
+    EXPECT_EQ(source_type::map("screen"), source_type::screen);
+    EXPECT_EQ(source_type::map("Window"), source_type::window);
+    EXPECT_EQ(source_type::map("AUDIO"), source_type::audio);
+    EXPECT_EQ(source_type::map("VIDEO"), source_type::video);
+    EXPECT_EQ(source_type::map("camera"), source_type::none);
+    EXPECT_EQ(source_type::map(""), source_type::none);
+    EXPECT_EQ(source_type::map("screens"), source_type::none);
+}
+
+TEST(CallbackTypes, ProfileLevelsAreExactAndCaseSensitive)
+{
+    EXPECT_EQ(profile_type::parse("medium"), profile_type::medium);
+    EXPECT_EQ(profile_type::parse("high"), profile_type::high);
+    EXPECT_EQ(profile_type::parse("extreme"), profile_type::extreme);
+    EXPECT_EQ(profile_type::parse("High"), profile_type::low);
+    EXPECT_EQ(profile_type::parse(""), profile_type::low);
+    encode_profile defaults;
+    EXPECT_EQ(defaults.profile, profile_type::low);
+    EXPECT_EQ(defaults.bitrate, 1500);
+}
+
+TEST(CallbackTypes, ARequestIsAnsweredExactlyOnceAcrossCopiesAndThreads)
+{
+    std::atomic<int> calls{0};
+    std::atomic<bool> last{false};
+    callback::request request([&](bool allowed) {
+        ++calls;
+        last = allowed;
+    });
+    callback::request copy = request;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([copy, i] { copy.answer(i % 2 == 0); });
+    for (auto& thread : threads)
+        thread.join();
+    request.answer(false);
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(request.answered());
+
+    callback::request empty;
+    EXPECT_FALSE(empty);
+    EXPECT_NO_THROW(empty.answer(true));
+}
+
+} // namespace
+} // namespace orbweave

@@ -1,0 +1,1 @@
+int orbweave_test_support_anchor = 0;
