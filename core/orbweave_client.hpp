@@ -1,0 +1,67 @@
+#pragma once
+
+#include "core/callback.hpp"
+#include "core/encode_profile.hpp"
+#include "core/websocket/websocket_client.hpp"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace orbweave {
+
+/// The production endpoint of the service's client link.
+inline constexpr const char* default_service_url = "wss://orbweave.live/api/client";
+
+/// Timing of the link to the service. The defaults are the production values;
+/// tests run the same code with delays of a few milliseconds.
+struct client_options {
+    websocket::client_options transport;
+    /// Delay between a lost link and the next attempt.
+    long reconnect_delay_ms = 5000;
+    /// Interval of keep-alive pings on an open link.
+    long keepalive_interval_ms = 5000;
+    /// Reconnection attempts with streams active after which the streams are stopped.
+    int stream_outage_attempts = 5;
+};
+
+/// The service connection as the front ends see it. start(), stop() and join()
+/// may be called in any order and any number of times; stop(), join() and
+/// start() again reconnects. Callbacks run with the client's recursive mutex
+/// held, on the network thread or on the thread answering a permission request.
+class orbweave_client {
+public:
+    using state_callback = std::function<void(callback::state_type::type)>;
+    using secret_callback = std::function<std::string()>;
+    using new_code_callback = std::function<void(std::string)>;
+    using ready_callback = std::function<void(callback::msg::ready&)>;
+    using permission_callback = std::function<void(callback::source_type::type, const std::string&,
+                                                  const std::string&, callback::request_type::type,
+                                                  const callback::request&)>;
+    using reset_callback = std::function<void()>;
+    using profile_callback = std::function<encode_profile()>;
+
+    /// A client for the service at url; nothing connects until start().
+    static std::unique_ptr<orbweave_client> create(const std::string& url);
+    static std::unique_ptr<orbweave_client> create(const std::string& url, client_options options);
+
+    virtual ~orbweave_client() = default;
+    /// Registers the handlers and connects on a new network thread.
+    virtual void start() = 0;
+    /// Stops every stream and the network loop, and reports `disconnected`.
+    virtual void stop() = 0;
+    /// Stops every stream and reports `connected`; the link stays up.
+    virtual void stop_streaming() = 0;
+    /// Waits for the network thread to end (after stop()).
+    virtual void join() = 0;
+
+    virtual void set_state_change_handler(state_callback handler) = 0;
+    virtual void set_secret_handler(secret_callback handler) = 0;
+    virtual void set_new_code_handler(new_code_callback handler) = 0;
+    virtual void set_ready_handler(ready_callback handler) = 0;
+    virtual void set_permission_handler(permission_callback handler) = 0;
+    virtual void set_reset_handler(reset_callback handler) = 0;
+    virtual void set_profile_handler(profile_callback handler) = 0;
+};
+
+} // namespace orbweave

@@ -1,0 +1,303 @@
+#include "core/orbweave_client_impl.hpp"
+
+#include "core/identify_handler.hpp"
+#include "core/log.hpp"
+#include "core/open_handler.hpp"
+#include "core/pairing_handlers.hpp"
+
+namespace orbweave {
+
+using callback::state_type;
+using lock_guard = std::lock_guard<std::recursive_mutex>;
+
+std::unique_ptr<orbweave_client> orbweave_client::create(const std::string& url)
+{
+    return create(url, client_options{});
+}
+
+std::unique_ptr<orbweave_client> orbweave_client::create(const std::string& url, client_options options)
+{
+    return std::make_unique<orbweave_client_impl>(url, std::move(options));
+}
+
+orbweave_client_impl::orbweave_client_impl(std::string url, client_options options)
+    : url_(std::move(url)), options_(std::move(options))
+{
+}
+
+orbweave_client_impl::~orbweave_client_impl()
+{
+    // A client dropped while running must not leave a thread behind (or end the process).
+    std::unique_lock<std::mutex> lifecycle(lifecycle_mutex_);
+    bool has_thread = thread_.joinable();
+    lifecycle.unlock();
+    if (has_thread) {
+        stop();
+        join();
+    }
+    work_manager_.reset();
+}
+
+void orbweave_client_impl::initialize()
+{
+    websocket_client_ = std::make_unique<websocket::websocket_client>(options_.transport);
+    work_manager_ = std::make_unique<obs::worker_manager>();
+    io_service_ = std::make_unique<boost::asio::io_service>();
+    reconnect_timer_.reset();
+    current_connection_ = {};
+
+    // Every message the client serves, in one place.
+    auto& transport = *websocket_client_;
+    transport.register_message_handler(std::make_unique<code_handler>(this));
+    transport.register_message_handler(std::make_unique<identify_handler>());
+    transport.register_message_handler(std::make_unique<open_handler>(this));
+    transport.register_message_handler(std::make_unique<ready_handler>(this));
+    transport.register_message_handler(std::make_unique<reset_handler>(this));
+    transport.register_message_handler(
+        websocket::lambda_message_handler::create("fail", [this](const websocket::connection&, const Json&) {
+            on_fail();
+        }));
+}
+
+void orbweave_client_impl::start()
+{
+    std::unique_lock<std::mutex> lifecycle(lifecycle_mutex_);
+    if (thread_.joinable()) {
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            log::line("The client cannot be restarted from its own network thread");
+            return;
+        }
+        if (!stopped_)
+            return; // already running
+        // The previous loop was stopped; let its thread end before its objects go.
+        thread_finished_cv_.wait(lifecycle, [this] { return thread_finished_; });
+        thread_.join();
+    }
+
+    {
+        lock_guard lock(mutex_);
+        initialize();
+        websocket_client_->start(io_service_.get(), url_);
+        thread_finished_ = false;
+        stopped_ = false;
+        try {
+            thread_ = std::thread(&orbweave_client_impl::start_thread, this);
+        } catch (...) {
+            thread_finished_ = true;
+            throw;
+        }
+        running_ = true;
+    }
+}
+
+void orbweave_client_impl::start_thread()
+{
+    for (;;) {
+        try {
+            io_service_->run();
+            break;
+        } catch (const websocketpp::exception& error) {
+            auto code = error.code();
+            bool expected = code == websocketpp::error::make_error_code(websocketpp::error::bad_connection) ||
+                            code == websocketpp::error::make_error_code(websocketpp::error::invalid_state);
+            if (!expected)
+                log::line("Transport error on the network thread: ", error.what());
+        } catch (const std::exception& error) {
+            log::line("Unexpected error on the network thread: ", error.what());
+        } catch (...) {
+            log::line("Unexpected error on the network thread");
+        }
+        // Whatever went wrong, the link is treated as lost and tried again.
+        signal_on_state_change(state_type::disconnected);
+        reconnect();
+    }
+
+    std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
+    thread_finished_ = true;
+    thread_finished_cv_.notify_all();
+}
+
+void orbweave_client_impl::stop()
+{
+    {
+        std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
+        lock_guard lock(mutex_);
+        if (running_ && !stopped_) {
+            work_manager_->clear();
+            websocket_client_->stop();
+            io_service_->stop();
+            stopped_ = true;
+        }
+    }
+    signal_on_state_change(state_type::disconnected);
+}
+
+void orbweave_client_impl::join()
+{
+    std::unique_lock<std::mutex> lifecycle(lifecycle_mutex_);
+    if (!thread_.joinable() || thread_.get_id() == std::this_thread::get_id())
+        return;
+    // Wait without holding any lock the network thread or stop() may need.
+    thread_finished_cv_.wait(lifecycle, [this] { return thread_finished_; });
+    if (thread_.joinable())
+        thread_.join();
+}
+
+void orbweave_client_impl::stop_streaming()
+{
+    {
+        lock_guard lock(mutex_);
+        if (work_manager_)
+            work_manager_->clear();
+    }
+    signal_on_state_change(state_type::connected);
+}
+
+void orbweave_client_impl::on_fail()
+{
+    signal_on_state_change(state_type::disconnected);
+    reconnect();
+}
+
+void orbweave_client_impl::reconnect()
+{
+    if (!work_manager_->is_empty()) {
+        std::int32_t attempts = disconnection_counter_++;
+        if (attempts >= options_.stream_outage_attempts) {
+            // The outage has lasted this long when the attempt limit is reached.
+            long lasted_ms = static_cast<long>(options_.stream_outage_attempts - 1) * options_.reconnect_delay_ms;
+            log::line("Stopping all current streams due to disconnection lasting " + std::to_string(lasted_ms) + "ms");
+            disconnection_counter_ = 0;
+            work_manager_->clear();
+        }
+    }
+
+    lock_guard lock(mutex_);
+    if (reconnect_timer_) {
+        reconnect_timer_->cancel();
+        reconnect_timer_.reset();
+    }
+    reconnect_timer_ = websocket_client_->add_timer(options_.reconnect_delay_ms, [this](const std::error_code& ec) {
+        if (ec)
+            return;
+        log::line("Lost connection; Reconnecting in " + std::to_string(options_.reconnect_delay_ms) + "ms");
+        websocket_client_->restart(url_);
+    });
+}
+
+void orbweave_client_impl::reset_reconnection()
+{
+    disconnection_counter_ = 0;
+    lock_guard lock(mutex_);
+    if (reconnect_timer_) {
+        reconnect_timer_->cancel();
+        reconnect_timer_.reset();
+    }
+}
+
+void orbweave_client_impl::set_current_connection(const websocket::connection& connection)
+{
+    lock_guard lock(mutex_);
+    current_connection_ = connection;
+}
+
+websocket::connection orbweave_client_impl::current_connection()
+{
+    lock_guard lock(mutex_);
+    return current_connection_;
+}
+
+void orbweave_client_impl::set_state_change_handler(state_callback handler)
+{
+    lock_guard lock(mutex_);
+    state_change_handler_ = std::move(handler);
+}
+
+void orbweave_client_impl::set_secret_handler(secret_callback handler)
+{
+    lock_guard lock(mutex_);
+    secret_handler_ = std::move(handler);
+}
+
+void orbweave_client_impl::set_new_code_handler(new_code_callback handler)
+{
+    lock_guard lock(mutex_);
+    new_code_handler_ = std::move(handler);
+}
+
+void orbweave_client_impl::set_ready_handler(ready_callback handler)
+{
+    lock_guard lock(mutex_);
+    ready_handler_ = std::move(handler);
+}
+
+void orbweave_client_impl::set_permission_handler(permission_callback handler)
+{
+    lock_guard lock(mutex_);
+    permission_handler_ = std::move(handler);
+}
+
+void orbweave_client_impl::set_reset_handler(reset_callback handler)
+{
+    lock_guard lock(mutex_);
+    reset_handler_ = std::move(handler);
+}
+
+void orbweave_client_impl::set_profile_handler(profile_callback handler)
+{
+    lock_guard lock(mutex_);
+    profile_handler_ = std::move(handler);
+}
+
+void orbweave_client_impl::signal_on_state_change(state_type::type state)
+{
+    lock_guard lock(mutex_);
+    if (state_change_handler_)
+        state_change_handler_(state);
+}
+
+std::string orbweave_client_impl::signal_on_secret()
+{
+    lock_guard lock(mutex_);
+    return secret_handler_ ? secret_handler_() : std::string{};
+}
+
+void orbweave_client_impl::signal_on_new_code(std::string& code)
+{
+    lock_guard lock(mutex_);
+    if (new_code_handler_)
+        new_code_handler_(code);
+}
+
+void orbweave_client_impl::signal_on_ready(callback::msg::ready& ready)
+{
+    lock_guard lock(mutex_);
+    if (ready_handler_)
+        ready_handler_(ready);
+}
+
+void orbweave_client_impl::signal_on_reset()
+{
+    lock_guard lock(mutex_);
+    if (reset_handler_)
+        reset_handler_();
+}
+
+encode_profile orbweave_client_impl::signal_on_profile()
+{
+    lock_guard lock(mutex_);
+    return profile_handler_ ? profile_handler_() : encode_profile{};
+}
+
+void orbweave_client_impl::signal_on_permission(callback::source_type::type type, const std::string& name,
+                                                const std::string& description, callback::request_type::type kind,
+                                                const callback::request& request)
+{
+    lock_guard lock(mutex_);
+    if (permission_handler_)
+        permission_handler_(type, name, description, kind, request);
+    else
+        request.answer(false);
+}
+
+} // namespace orbweave

@@ -1,0 +1,99 @@
+#pragma once
+
+#include "core/obs/worker_manager.hpp"
+#include "core/orbweave_client.hpp"
+#include "core/websocket/connection.hpp"
+#include "core/websocket/websocket_client.hpp"
+
+#include <boost/asio/io_service.hpp>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace orbweave {
+
+/// The one implementation of orbweave_client. The protocol handlers hold a
+/// pointer to it and reach the application through its signal_on_ operations.
+class orbweave_client_impl final : public orbweave_client {
+public:
+    orbweave_client_impl(std::string url, client_options options);
+    ~orbweave_client_impl() override;
+
+    void start() override;
+    void stop() override;
+    void stop_streaming() override;
+    void join() override;
+
+    void set_state_change_handler(state_callback handler) override;
+    void set_secret_handler(secret_callback handler) override;
+    void set_new_code_handler(new_code_callback handler) override;
+    void set_ready_handler(ready_callback handler) override;
+    void set_permission_handler(permission_callback handler) override;
+    void set_reset_handler(reset_callback handler) override;
+    void set_profile_handler(profile_callback handler) override;
+
+    // Operations the protocol handlers use; each takes the client's mutex.
+    void signal_on_state_change(callback::state_type::type state);
+    std::string signal_on_secret();
+    void signal_on_new_code(std::string& code);
+    void signal_on_ready(callback::msg::ready& ready);
+    void signal_on_reset();
+    encode_profile signal_on_profile();
+    /// Asks the application; without a permission handler the request is denied at once.
+    void signal_on_permission(callback::source_type::type type, const std::string& name,
+                              const std::string& description, callback::request_type::type kind,
+                              const callback::request& request);
+
+    /// Schedules the next connection attempt after a lost link.
+    void reconnect();
+    /// What the "open" handler does to the reconnection state: counter to 0, timer cancelled.
+    void reset_reconnection();
+
+    std::recursive_mutex& mutex() { return mutex_; }
+    obs::worker_manager& work_manager() { return *work_manager_; }
+    websocket::websocket_client& websocket() { return *websocket_client_; }
+    const client_options& options() const { return options_; }
+
+    void set_current_connection(const websocket::connection& connection);
+    websocket::connection current_connection();
+
+private:
+    void initialize();
+    void start_thread();
+    void on_fail();
+
+    const std::string url_;
+    const client_options options_;
+    std::recursive_mutex mutex_;
+    bool running_ = false;
+    std::atomic<std::int32_t> disconnection_counter_{0};
+    std::unique_ptr<boost::asio::io_service> io_service_;
+    std::thread thread_;
+
+    state_callback state_change_handler_;
+    secret_callback secret_handler_;
+    new_code_callback new_code_handler_;
+    ready_callback ready_handler_;
+    reset_callback reset_handler_;
+    permission_callback permission_handler_;
+    profile_callback profile_handler_;
+
+    std::unique_ptr<websocket::websocket_client> websocket_client_;
+    websocket::timer_ptr reconnect_timer_;
+    websocket::connection current_connection_;
+    std::unique_ptr<obs::worker_manager> work_manager_;
+
+    // Serialises start(), stop() and join(); never held while a callback runs.
+    std::mutex lifecycle_mutex_;
+    std::condition_variable thread_finished_cv_;
+    bool thread_finished_ = true;
+    bool stopped_ = false;
+};
+
+} // namespace orbweave

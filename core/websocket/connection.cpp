@@ -1,0 +1,52 @@
+#include "core/websocket/connection.hpp"
+
+#include "core/log.hpp"
+
+namespace orbweave::websocket {
+
+namespace {
+constexpr const char* ping_payload = "ping!";
+} // namespace
+
+connection::connection(std::weak_ptr<endpoint_type> endpoint, connection_hdl handle)
+    : endpoint_(std::move(endpoint)), handle_(std::move(handle))
+{
+}
+
+std::shared_ptr<endpoint_type> connection::lock_endpoint() const
+{
+    auto endpoint = endpoint_.lock();
+    if (!endpoint)
+        throw websocketpp::exception(websocketpp::error::make_error_code(websocketpp::error::bad_connection));
+    return endpoint;
+}
+
+void connection::send(const Json& message) const
+{
+    std::string text = json::dump(message);
+    log::line("Out: ", json::dump(json::redacted(message)));
+    lock_endpoint()->send(handle_, text, websocketpp::frame::opcode::text);
+}
+
+void connection::send(std::string text) const
+{
+    log::line("Out: ", json::redacted_text(text));
+    lock_endpoint()->send(handle_, text, websocketpp::frame::opcode::text);
+}
+
+void connection::ping() const
+{
+    lock_endpoint()->ping(handle_, ping_payload);
+}
+
+void connection::ping(std::error_code& ec) const
+{
+    auto endpoint = endpoint_.lock();
+    if (!endpoint) {
+        ec = websocketpp::error::make_error_code(websocketpp::error::bad_connection);
+        return;
+    }
+    endpoint->ping(handle_, ping_payload, ec);
+}
+
+} // namespace orbweave::websocket
