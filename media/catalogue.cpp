@@ -1,0 +1,152 @@
+#include "media/catalogue.hpp"
+
+#include "core/callback.hpp"
+#include "media/unique_handle.hpp"
+
+#include <cstdio>
+
+namespace orbweave::obs {
+
+void enumerate_props(const std::string& source_id, const std::string& property_name,
+                     const std::function<void(prop_info&, std::size_t)>& visitor)
+{
+    source_handle source(obs_source_create(source_id.c_str(), "source_name", nullptr, nullptr));
+    if (!source)
+        return;
+    properties_handle properties(obs_source_properties(source.get()));
+    if (!properties)
+        return;
+    obs_property_t* property = obs_properties_get(properties.get(), property_name.c_str());
+    if (!property)
+        return;
+    std::size_t count = obs_property_list_item_count(property);
+    data_handle settings(obs_source_get_settings(source.get()));
+    prop_info info{source.get(), properties.get(), settings.get(), property};
+    for (std::size_t i = 0; i < count; ++i)
+        visitor(info, i);
+}
+
+namespace detail {
+
+bool size_from_screen_label(const std::string& label, unsigned long& width, unsigned long& height)
+{
+    auto open = label.find('(');
+    if (open == std::string::npos)
+        return false;
+    return std::sscanf(label.c_str() + open, "(%lux%lu", &width, &height) == 2;
+}
+
+bool split_window_item(const std::string& value, long long& xid, std::string& title, std::string& window_class)
+{
+    auto first = value.find("\r\n");
+    if (first == std::string::npos)
+        return false;
+    auto second = value.find("\r\n", first + 2);
+    if (second == std::string::npos)
+        return false;
+    try {
+        xid = std::stoll(value.substr(0, first));
+    } catch (const std::exception&) {
+        return false;
+    }
+    title = value.substr(first + 2, second - first - 2);
+    window_class = value.substr(second + 2);
+    return true;
+}
+
+} // namespace detail
+
+std::vector<screen_entry> list_screens()
+{
+    std::vector<screen_entry> screens;
+    enumerate_props(capture_id::screen, "screen", [&](prop_info& info, std::size_t i) {
+        obs_data_set_int(info.settings, "screen", static_cast<long long>(i));
+        obs_properties_apply_settings(info.properties, info.settings);
+        unsigned long width = obs_source_get_width(info.source);
+        unsigned long height = obs_source_get_height(info.source);
+        // The temporary source is never updated, so it cannot report another screen's
+        // size; xshm names each item with its geometry, which is exact.
+        const char* label = obs_property_list_item_name(info.property, i);
+        unsigned long label_width = 0, label_height = 0;
+        if (label && detail::size_from_screen_label(label, label_width, label_height)) {
+            width = label_width;
+            height = label_height;
+        }
+        int index = static_cast<int>(i);
+        screens.emplace_back(index, "Display " + std::to_string(index + 1),
+                             std::to_string(width) + "x" + std::to_string(height), 0, 0, width, height);
+    });
+    return screens;
+}
+
+std::vector<window_entry> list_windows()
+{
+    std::vector<window_entry> windows;
+    enumerate_props(capture_id::window, "capture_window", [&](prop_info& info, std::size_t i) {
+        const char* value = obs_property_list_item_string(info.property, i);
+        obs_data_set_string(info.settings, "capture_window", value ? value : "");
+        obs_properties_apply_settings(info.properties, info.settings);
+        long long xid = 0;
+        std::string title, window_class;
+        if (!value || !detail::split_window_item(value, xid, title, window_class))
+            return;
+        if (window_class.empty() && title.empty() && xid == 0)
+            return;
+        windows.emplace_back(window_class, title, static_cast<int>(xid));
+    });
+    return windows;
+}
+
+std::vector<audio_entry> list_audios()
+{
+    std::vector<audio_entry> audios;
+    auto visitor = [&](bool input) {
+        return [&audios, input](prop_info& info, std::size_t i) {
+            const char* device = obs_property_list_item_string(info.property, i);
+            const char* label = obs_property_list_item_name(info.property, i);
+            obs_data_set_string(info.settings, "device_id", device ? device : "");
+            obs_properties_apply_settings(info.properties, info.settings);
+            std::string name = label ? label : "";
+            audios.emplace_back(name, name, device ? device : "", input);
+        };
+    };
+    enumerate_props(capture_id::audio_output, "device_id", visitor(false));
+    enumerate_props(capture_id::audio_input, "device_id", visitor(true));
+    return audios;
+}
+
+std::vector<video_entry> list_videos()
+{
+    std::vector<video_entry> videos;
+    enumerate_props(capture_id::camera, "device_id", [&](prop_info& info, std::size_t i) {
+        const char* device = obs_property_list_item_string(info.property, i);
+        const char* label = obs_property_list_item_name(info.property, i);
+        obs_data_set_string(info.settings, "device_id", device ? device : "");
+        obs_properties_apply_settings(info.properties, info.settings);
+        if (!device || !*device)
+            return;
+        std::string name = label ? label : "";
+        videos.emplace_back(name, name, device, name);
+    });
+    return videos;
+}
+
+Json get_source_info(const Json& request)
+{
+    std::string type = json::string_at(request, {"payload", "source", "type"});
+    std::string id = json::string_at(request, {"payload", "source", "id"});
+    switch (callback::source_type::map(type)) {
+    case callback::source_type::screen:
+        return get_source_info(list_screens(), id);
+    case callback::source_type::window:
+        return get_source_info(list_windows(), id);
+    case callback::source_type::audio:
+        return get_source_info(list_audios(), id);
+    case callback::source_type::video:
+        return get_source_info(list_videos(), id);
+    default:
+        return Json::object();
+    }
+}
+
+} // namespace orbweave::obs

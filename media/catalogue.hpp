@@ -1,0 +1,59 @@
+#pragma once
+
+// The catalogue of local capture sources. Each kind is discovered by creating a
+// temporary libobs capture source, walking the list property its plug-in offers
+// for choosing a device, and reading back what the plug-in reports per item.
+
+#include "core/json.hpp"
+#include "core/obs/entries.hpp"
+
+#include <obs.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace orbweave::obs {
+
+/// The capture source ids of this platform.
+namespace capture_id {
+inline constexpr const char* screen = "xshm_input";
+inline constexpr const char* window = "xcomposite_input";
+inline constexpr const char* audio_output = "pulse_output_capture";
+inline constexpr const char* audio_input = "pulse_input_capture";
+inline constexpr const char* camera = "v4l2_input";
+} // namespace capture_id
+
+/// What the property walk hands each visitor; all owned by the walk.
+struct prop_info {
+    obs_source_t* source;
+    obs_properties_t* properties;
+    obs_data_t* settings;
+    obs_property_t* property;
+};
+
+/// Creates a temporary source_id source and calls visitor for each item of its list
+/// property property_name, in order. Nothing is visited when the source type or the
+/// property does not exist.
+void enumerate_props(const std::string& source_id, const std::string& property_name,
+                     const std::function<void(prop_info&, std::size_t)>& visitor);
+
+std::vector<screen_entry> list_screens();
+std::vector<window_entry> list_windows();
+/// Outputs (what the machine plays) first, then inputs.
+std::vector<audio_entry> list_audios();
+std::vector<video_entry> list_videos();
+
+/// The entry an activate request names ("payload"."source"."type" and "id"), as JSON;
+/// an empty object when the type is unknown or no entry has the id.
+Json get_source_info(const Json& request);
+
+namespace detail {
+/// Width and height from an xshm screen item name such as "Screen 1 (1024x768 @ 1280,0)".
+bool size_from_screen_label(const std::string& label, unsigned long& width, unsigned long& height);
+/// An xcomposite item value "XID\r\ntitle\r\nclass" split into its parts; false when malformed.
+bool split_window_item(const std::string& value, long long& xid, std::string& title, std::string& window_class);
+} // namespace detail
+
+} // namespace orbweave::obs

@@ -1,0 +1,151 @@
+#include "media/encoders.hpp"
+
+#include <cmath>
+
+namespace orbweave::obs {
+
+namespace {
+
+// Frame sizes of medium, high and extreme; low's 854x480 is written in place.
+constexpr int default_widths[3] = {1280, 1920, 3840};
+constexpr int default_heights[3] = {720, 1080, 2160};
+
+const char* qpmax_suffix(profile_type::type level)
+{
+    switch (level) {
+    case profile_type::medium: return " qpmax=40";
+    case profile_type::high: return " qpmax=35";
+    case profile_type::extreme: return " qpmax=30";
+    case profile_type::low: break;
+    }
+    return " qpmax=51";
+}
+
+} // namespace
+
+profile_type::type profile_from_request(const Json& request)
+{
+    return profile_type::parse(json::string_at(request, {"payload", "options", "profile"}));
+}
+
+int bitrate_cap(profile_type::type level)
+{
+    switch (level) {
+    case profile_type::medium: return 1500;
+    case profile_type::high: return 2500;
+    case profile_type::extreme: return 3500;
+    case profile_type::low: break;
+    }
+    return 600;
+}
+
+std::pair<int, int> default_frame_size(profile_type::type level)
+{
+    if (level >= profile_type::medium && level <= profile_type::extreme)
+        return {default_widths[level - 1], default_heights[level - 1]};
+    return {854, 480};
+}
+
+std::pair<int, int> target_frame_size(const Json& request)
+{
+    auto size = default_frame_size(profile_from_request(request));
+    if (json::is_number_at(request, {"payload", "options", "width"}))
+        size.first = json::int_at(request, {"payload", "options", "width"});
+    if (json::is_number_at(request, {"payload", "options", "height"}))
+        size.second = json::int_at(request, {"payload", "options", "height"});
+    return size;
+}
+
+std::pair<int, int> scale_dimensions(int width, int height, int max_width, int max_height)
+{
+    double sx = static_cast<double>(max_width) / static_cast<double>(width);
+    double sy = static_cast<double>(max_height) / static_cast<double>(height);
+    // A zero dimension gives an infinite (or NaN) ratio, which never wins.
+    double s = 1.0;
+    if (sx < s)
+        s = sx;
+    if (sy < s)
+        s = sy;
+    return {static_cast<int>(std::round(width * s)), static_cast<int>(std::round(height * s))};
+}
+
+video_encoder_plan plan_video_encoder(bool software, profile_type::type level, int bitrate,
+                                      const std::string& hardware_id)
+{
+    video_encoder_plan plan;
+    Json& settings = plan.settings;
+    settings = Json::object();
+    settings["keyint_sec"] = 2;
+    settings["cbr"] = false;
+
+    int cap = bitrate_cap(level);
+    int chosen = bitrate > cap ? cap : bitrate;
+    bool use_software = software || bitrate < hardware_threshold || hardware_id.empty();
+    if (use_software && chosen <= software_minimum)
+        chosen = software_minimum;
+    settings["bitrate"] = chosen;
+
+    if (use_software) {
+        std::string options = "deblock=0:0 level=3.1 me=hex merange=16 min-keyint=60 mixed-refs=1 profile=main "
+                              "qcomp=0.6 qpmin=1 qpstep=4 no-scenecut";
+        options += qpmax_suffix(level);
+        settings["preset"] = level == profile_type::extreme ? "faster" : "veryfast";
+        settings["x264opts"] = options;
+        settings["use_bufsize"] = true;
+        settings["buffer_Size"] = chosen;
+        plan.id = software_encoder_id;
+    } else {
+        settings["bitrate"] = hardware_bitrate;
+        plan.id = hardware_id;
+    }
+    return plan;
+}
+
+std::string hardware_encoder_id()
+{
+    // Creating an unregistered encoder id still returns an object, so ask first.
+    for (const char* id : {"ffmpeg_vaapi", "ffmpeg_nvenc"})
+        if (obs_get_encoder_codec(id) != nullptr)
+            return id;
+    return {};
+}
+
+data_handle to_obs_data(const Json& object)
+{
+    data_handle data(obs_data_create());
+    if (!object.is_object())
+        return data;
+    for (const auto& [key, value] : object.items()) {
+        if (value.is_boolean())
+            obs_data_set_bool(data.get(), key.c_str(), value.get<bool>());
+        else if (value.is_number_integer())
+            obs_data_set_int(data.get(), key.c_str(), value.get<long long>());
+        else if (value.is_number())
+            obs_data_set_double(data.get(), key.c_str(), value.get<double>());
+        else if (value.is_string())
+            obs_data_set_string(data.get(), key.c_str(), value.get_ref<const std::string&>().c_str());
+    }
+    return data;
+}
+
+encoder_handle create_video_encoder(const Json&, callback::source_type::type, bool software,
+                                    profile_type::type level, int bitrate)
+{
+    video_encoder_plan plan = plan_video_encoder(software, level, bitrate, hardware_encoder_id());
+    data_handle settings = to_obs_data(plan.settings);
+    encoder_handle encoder(obs_video_encoder_create(plan.id.c_str(), "video_encoder", settings.get(), nullptr));
+    if (encoder && obs_get_video())
+        obs_encoder_set_video(encoder.get(), obs_get_video());
+    return encoder;
+}
+
+encoder_handle create_audio_encoder(const Json&)
+{
+    data_handle settings(obs_data_create());
+    encoder_handle encoder(obs_audio_encoder_create(audio_encoder_id, "audio_encoder", settings.get(), 0, nullptr));
+    if (encoder && obs_get_audio())
+        obs_encoder_set_audio(encoder.get(), obs_get_audio());
+    return encoder;
+}
+
+} // namespace orbweave::obs

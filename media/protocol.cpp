@@ -1,0 +1,81 @@
+#include "media/protocol.hpp"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace orbweave::obs {
+
+bool protocol_writer::send(const Json& value)
+{
+    std::string line = json::dump(value);
+    line += '\n';
+    std::lock_guard<std::mutex> lock(mutex_);
+    const char* data = line.data();
+    std::size_t left = line.size();
+    while (left > 0) {
+        ssize_t written = ::write(fd_, data, left);
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += written;
+        left -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+bool request_loop::next_line(std::string& line)
+{
+    for (;;) {
+        auto end = buffer_.find('\n');
+        if (end != std::string::npos) {
+            line = buffer_.substr(0, end);
+            buffer_.erase(0, end + 1);
+            return true;
+        }
+        char chunk[4096];
+        ssize_t got = ::read(in_fd_, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return false;
+        buffer_.append(chunk, static_cast<std::size_t>(got));
+    }
+}
+
+bool request_loop::run()
+{
+    std::string line;
+    while (next_line(line)) {
+        if (line.find_first_not_of(" \t\r") == std::string::npos)
+            continue;
+        Json request = json::parse(line);
+        if (!request.is_object()) {
+            writer_.send({{"ok", false}, {"error", "request is not a JSON object"}});
+            continue;
+        }
+        std::string op = json::string_at(request, {"op"});
+        if (op == "shutdown")
+            return true;
+        auto found = handlers_.find(op);
+        if (found == handlers_.end()) {
+            writer_.send({{"ok", false}, {"error", "unknown op: " + op}});
+            continue;
+        }
+        Json reply;
+        try {
+            reply = {{"ok", true}, {"result", found->second(request)}};
+        } catch (const std::exception& error) {
+            reply = {{"ok", false}, {"error", error.what()}};
+        } catch (...) {
+            reply = {{"ok", false}, {"error", "unknown error"}};
+        }
+        if (!writer_.send(reply))
+            return false;
+    }
+    return false;
+}
+
+} // namespace orbweave::obs

@@ -1,0 +1,212 @@
+#include "media/runtime.hpp"
+
+#include "core/log.hpp"
+
+#include <obs-nix-platform.h>
+#include <obs.h>
+#include <util/base.h>
+
+#include <X11/Xlib.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+
+namespace orbweave::obs {
+
+bool initialize_video(unsigned width, unsigned height, unsigned fps)
+{
+    obs_video_info info{};
+    info.graphics_module = "libobs-opengl";
+    info.fps_num = fps;
+    info.fps_den = 1;
+    info.base_width = width;
+    info.base_height = height;
+    info.output_width = width;
+    info.output_height = height;
+    info.output_format = VIDEO_FORMAT_NV12;
+    info.adapter = 0;
+    info.gpu_conversion = true;
+    info.colorspace = VIDEO_CS_DEFAULT;
+    info.range = VIDEO_RANGE_DEFAULT;
+    info.scale_type = OBS_SCALE_DISABLE;
+    return obs_reset_video(&info) == OBS_VIDEO_SUCCESS;
+}
+
+bool initialize_audio()
+{
+    obs_audio_info info{};
+    info.samples_per_sec = 44100;
+    info.speakers = SPEAKERS_STEREO;
+    return obs_reset_audio(&info);
+}
+
+const std::vector<std::string>& allowed_modules()
+{
+    // rtmp-services is left out on purpose: on load it fetches a services list from the
+    // internet. The worker registers its own minimal RTMP service type instead.
+    static const std::vector<std::string> modules{
+        "linux-capture", "linux-pulseaudio", "linux-v4l2", "obs-x264", "obs-ffmpeg", "obs-outputs",
+    };
+    return modules;
+}
+
+std::string config_directory()
+{
+    namespace fs = std::filesystem;
+    fs::path base;
+    if (const char* cache = std::getenv("XDG_CACHE_HOME"); cache && *cache)
+        base = cache;
+    else if (const char* home = std::getenv("HOME"); home && *home)
+        base = fs::path(home) / ".cache";
+    else
+        base = fs::temp_directory_path();
+    return (base / "orbweave" / "obs").string();
+}
+
+namespace {
+
+int log_max_level = LOG_WARNING;
+
+void log_to_stderr(int level, const char* format, va_list args, void*)
+{
+    if (level > log_max_level)
+        return;
+    char text[4096];
+    std::vsnprintf(text, sizeof text, format, args);
+    log::line("libobs: ", text);
+}
+
+// The RTMP service: the server address and stream key an activate request names.
+struct rtmp_service {
+    std::string server;
+    std::string key;
+};
+
+void rtmp_service_update(void* data, obs_data_t* settings)
+{
+    auto* service = static_cast<rtmp_service*>(data);
+    service->server = obs_data_get_string(settings, "server");
+    service->key = obs_data_get_string(settings, "key");
+}
+
+void register_rtmp_service()
+{
+    static obs_service_info info = [] {
+        obs_service_info i{};
+        i.id = rtmp_service_id;
+        i.get_name = [](void*) -> const char* { return "RTMP server"; };
+        i.create = [](obs_data_t* settings, obs_service_t*) -> void* {
+            auto* service = new rtmp_service;
+            rtmp_service_update(service, settings);
+            return service;
+        };
+        i.destroy = [](void* data) { delete static_cast<rtmp_service*>(data); };
+        i.update = rtmp_service_update;
+        i.get_properties = [](void*) {
+            obs_properties_t* properties = obs_properties_create();
+            obs_properties_add_text(properties, "server", "Server", OBS_TEXT_DEFAULT);
+            obs_properties_add_text(properties, "key", "Stream key", OBS_TEXT_PASSWORD);
+            return properties;
+        };
+        i.get_url = [](void* data) { return static_cast<rtmp_service*>(data)->server.c_str(); };
+        i.get_key = [](void* data) { return static_cast<rtmp_service*>(data)->key.c_str(); };
+        i.get_output_type = [](void*) -> const char* { return "rtmp_output"; };
+        return i;
+    }();
+    obs_register_service(&info);
+}
+
+struct module_search {
+    const std::vector<std::string>* wanted;
+    std::vector<std::pair<std::string, std::pair<std::string, std::string>>> paths;
+};
+
+} // namespace
+
+void route_log_to_stderr(int max_level)
+{
+    log_max_level = max_level;
+    base_set_log_handler(log_to_stderr, nullptr);
+}
+
+runtime::runtime(const runtime_options& options)
+{
+    // libobs talks to X through the platform display; it must be set before obs_startup.
+    Display* display = XOpenDisplay(nullptr);
+    if (!display)
+        throw std::runtime_error("cannot open the X display (is DISPLAY set?)");
+    display_ = display;
+    obs_set_nix_platform(OBS_NIX_PLATFORM_X11_EGL);
+    obs_set_nix_platform_display(display);
+
+    // Without a configuration directory plug-ins write into the current directory.
+    std::string config = config_directory();
+    std::error_code error;
+    std::filesystem::create_directories(config, error);
+    if (error)
+        log::line("media: cannot create " + config + ": " + error.message());
+
+    if (!obs_startup("en-US", config.c_str(), nullptr)) {
+        XCloseDisplay(display);
+        display_ = nullptr;
+        throw std::runtime_error("obs_startup failed");
+    }
+
+    if (options.video && !initialize_video(options.video->width, options.video->height, options.video->fps))
+        log::line("media: video initialisation failed");
+    if (!initialize_audio())
+        log::line("media: audio initialisation failed");
+
+    register_rtmp_service();
+
+    module_search search;
+    search.wanted = &options.modules;
+    obs_find_modules2(
+        [](void* param, const obs_module_info2* info) {
+            auto* search = static_cast<module_search*>(param);
+            const auto& wanted = *search->wanted;
+            if (std::find(wanted.begin(), wanted.end(), info->name) == wanted.end())
+                return;
+            // The first path found for a name wins, as in libobs's own loader.
+            for (const auto& known : search->paths)
+                if (known.first == info->name)
+                    return;
+            search->paths.push_back({info->name, {info->bin_path, info->data_path}});
+        },
+        &search);
+
+    // Load in allow-list order, so the log and loaded_modules() read the same on every machine.
+    for (const auto& name : options.modules) {
+        auto path = std::find_if(search.paths.begin(), search.paths.end(),
+                                 [&](const auto& found) { return found.first == name; });
+        if (path == search.paths.end()) {
+            log::line("media: module " + name + " not found");
+            continue;
+        }
+        obs_module_t* module = nullptr;
+        int result = obs_open_module(&module, path->second.first.c_str(), path->second.second.c_str());
+        if (result != MODULE_SUCCESS) {
+            log::line("media: module " + name + " failed to open (" + std::to_string(result) + ")");
+            continue;
+        }
+        if (!obs_init_module(module)) {
+            log::line("media: module " + name + " failed to initialise");
+            continue;
+        }
+        loaded_.push_back(name);
+    }
+    obs_post_load_modules();
+}
+
+runtime::~runtime()
+{
+    obs_shutdown();
+    if (display_)
+        XCloseDisplay(static_cast<Display*>(display_));
+}
+
+} // namespace orbweave::obs

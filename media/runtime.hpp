@@ -1,0 +1,63 @@
+#pragma once
+
+// libobs inside the media worker process: start-up with the X11 platform
+// display, the video and audio pipelines, the allow-listed plug-in modules and
+// our own RTMP service type, and shut-down.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orbweave::obs {
+
+/// Resets libobs video to width x height at fps/1, NV12, no scaling; true on success.
+bool initialize_video(unsigned width, unsigned height, unsigned fps);
+
+/// Resets libobs audio to 44.1 kHz stereo; obs_reset_audio's result.
+bool initialize_audio();
+
+/// The plug-in modules a worker loads, by file name without extension.
+const std::vector<std::string>& allowed_modules();
+
+/// The id of the RTMP service type the worker registers itself ("server" and "key").
+inline constexpr const char* rtmp_service_id = "rtmp_custom";
+
+/// Where libobs keeps module configuration: $XDG_CACHE_HOME/orbweave/obs, else ~/.cache/orbweave/obs.
+std::string config_directory();
+
+/// Sends libobs's log to standard error, keeping messages up to max_level (LOG_ERROR..LOG_DEBUG).
+void route_log_to_stderr(int max_level);
+
+struct canvas {
+    unsigned width = 0;
+    unsigned height = 0;
+    unsigned fps = 0;
+};
+
+struct runtime_options {
+    /// Video to initialise at start-up; none leaves video for the first stream to set once.
+    std::optional<canvas> video = canvas{4, 4, 1};
+    /// Modules to load; those not found are logged and skipped.
+    std::vector<std::string> modules = allowed_modules();
+};
+
+/// libobs, started in this process for as long as the object lives. One per process.
+class runtime {
+public:
+    /// Starts libobs; throws std::runtime_error with the reason when it cannot.
+    explicit runtime(const runtime_options& options = {});
+    /// Shuts libobs down and closes the X display.
+    ~runtime();
+
+    runtime(const runtime&) = delete;
+    runtime& operator=(const runtime&) = delete;
+
+    /// The modules that were opened and initialised, in load order.
+    const std::vector<std::string>& loaded_modules() const { return loaded_; }
+
+private:
+    void* display_ = nullptr;
+    std::vector<std::string> loaded_;
+};
+
+} // namespace orbweave::obs

@@ -1,0 +1,96 @@
+// orbweave-media-worker: hosts one libobs instance for the client and serves
+// its requests over stdin/stdout (one JSON object per line each way).
+//
+//   orbweave-media-worker [--defer-video]
+//
+// --defer-video starts without a video canvas, for a stream worker that sets the
+// canvas once at its final size. ORBWEAVE_OBS_LOG=error|warning|info|debug sets
+// how much of libobs's log reaches standard error (default warning).
+
+#include "core/log.hpp"
+#include "media/catalogue.hpp"
+#include "media/protocol.hpp"
+#include "media/runtime.hpp"
+
+#include <obs.h>
+#include <util/base.h>
+#include <util/bmem.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+int log_level_from_environment()
+{
+    const char* level = std::getenv("ORBWEAVE_OBS_LOG");
+    if (!level)
+        return LOG_WARNING;
+    if (!std::strcmp(level, "error"))
+        return LOG_ERROR;
+    if (!std::strcmp(level, "info"))
+        return LOG_INFO;
+    if (!std::strcmp(level, "debug"))
+        return LOG_DEBUG;
+    return LOG_WARNING;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    using namespace orbweave;
+
+    // The protocol owns the real stdout; anything libobs or a plug-in prints goes to stderr.
+    int protocol_fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (protocol_fd < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+        log::line("media worker: cannot set up the protocol stream");
+        return 2;
+    }
+    // A parent that goes away must not kill us in the middle of a write; shut down instead.
+    ::signal(SIGPIPE, SIG_IGN);
+
+    obs::runtime_options options;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (arg == "--defer-video")
+            options.video.reset();
+        else
+            log::line("media worker: unknown argument " + arg);
+    }
+
+    obs::protocol_writer writer(protocol_fd);
+    obs::route_log_to_stderr(log_level_from_environment());
+
+    std::unique_ptr<obs::runtime> runtime;
+    try {
+        runtime = std::make_unique<obs::runtime>(options);
+    } catch (const std::exception& error) {
+        log::line("media worker: start-up failed: ", error.what());
+        writer.send({{"ready", false}, {"error", error.what()}});
+        return 1;
+    }
+    writer.send({{"ready", true}});
+
+    obs::request_loop loop(STDIN_FILENO, writer);
+    loop.on("list_screens", [](const Json&) { return obs::to_json(obs::list_screens()); });
+    loop.on("list_windows", [](const Json&) { return obs::to_json(obs::list_windows()); });
+    loop.on("list_audios", [](const Json&) { return obs::to_json(obs::list_audios()); });
+    loop.on("list_videos", [](const Json&) { return obs::to_json(obs::list_videos()); });
+    loop.on("get_source_info", [](const Json& request) {
+        const Json& activate = json::at(request, {"request"});
+        return obs::get_source_info(activate);
+    });
+
+    bool asked = loop.run();
+    runtime.reset();
+    if (asked)
+        writer.send({{"ok", true}, {"result", {{"leaks", bnum_allocs()}}}});
+    return 0;
+}
