@@ -127,7 +127,7 @@ std::string pem_of(EVP_PKEY* key)
 void add_server_extensions(X509* cert, X509* signer, const subject_names& names)
 {
     add_extension(cert, signer, NID_basic_constraints, "critical,CA:FALSE");
-    add_extension(cert, signer, NID_key_usage, "critical,digitalSignature,keyEncipherment");
+    add_extension(cert, signer, NID_key_usage, "critical,digitalSignature");
     add_extension(cert, signer, NID_ext_key_usage, "serverAuth");
     std::string san = alt_names(names);
     if (!san.empty())

@@ -17,7 +17,26 @@
 namespace orbweave::wss {
 namespace {
 
-using server_type = websocketpp::server<websocketpp::config::asio_tls>;
+// asio_tls with a short TLS shutdown. websocketpp starts the TLS shutdown while its own
+// read is still pending, so that read swallows the peer's close_notify and the shutdown
+// only ends at this time-out; the default (5 s) would delay every close that long.
+struct server_config : websocketpp::config::asio_tls {
+    using type = server_config;
+    using base = websocketpp::config::asio_tls;
+
+    struct transport_config : base::transport_config {
+        using concurrency_type = base::concurrency_type;
+        using alog_type = base::alog_type;
+        using elog_type = base::elog_type;
+        using request_type = base::request_type;
+        using response_type = base::response_type;
+        using socket_type = websocketpp::transport::asio::tls_socket::endpoint;
+        static const long timeout_socket_shutdown = 100;
+    };
+    using transport_type = websocketpp::transport::asio::endpoint<transport_config>;
+};
+
+using server_type = websocketpp::server<server_config>;
 using hdl_type = websocketpp::connection_hdl;
 using clock_type = std::chrono::steady_clock;
 namespace asio = boost::asio;
