@@ -1,0 +1,404 @@
+#include "core/obs/child_process.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <future>
+#include <system_error>
+#include <thread>
+
+extern char** environ;
+
+namespace orbweave::obs {
+
+namespace {
+
+[[noreturn]] void throw_errno(int error, const std::string& what)
+{
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+// PR_SET_PDEATHSIG fires when the *thread* that forked ends, not the process. Children
+// are therefore forked from one thread that lives as long as the process, so a worker
+// made on a short-lived thread (a permission answer, a test thread) is not killed with it.
+class spawner {
+public:
+    static spawner& instance()
+    {
+        static spawner one;
+        return one;
+    }
+
+    template <class F>
+    auto run(F&& job) -> decltype(job())
+    {
+        using result = decltype(job());
+        std::packaged_task<result()> task(std::forward<F>(job));
+        auto future = task.get_future();
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            jobs_.emplace_back([&task] { task(); });
+        }
+        wake_.notify_one();
+        return future.get();
+    }
+
+    ~spawner()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+
+private:
+    spawner() : thread_([this] { loop(); }) {}
+
+    void loop()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [this] { return stop_ || !jobs_.empty(); });
+            if (jobs_.empty())
+                return;
+            auto job = std::move(jobs_.front());
+            jobs_.pop_front();
+            lock.unlock();
+            job();
+            lock.lock();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::function<void()>> jobs_;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+struct fd_pair {
+    int ours = -1;
+    int theirs = -1;
+    ~fd_pair()
+    {
+        if (ours >= 0)
+            ::close(ours);
+        if (theirs >= 0)
+            ::close(theirs);
+    }
+};
+
+void make_socket_pair(fd_pair& pair)
+{
+    int fds[2];
+    // A socket rather than a pipe, so our writes can use MSG_NOSIGNAL instead of raising SIGPIPE.
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) < 0)
+        throw_errno(errno, "socketpair");
+    pair.ours = fds[0];
+    pair.theirs = fds[1];
+}
+
+int open_pidfd(pid_t pid)
+{
+#ifdef SYS_pidfd_open
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+#else
+    (void)pid;
+    return -1;
+#endif
+}
+
+} // namespace
+
+std::string find_program(const std::string& path)
+{
+    if (path.find('/') != std::string::npos)
+        return path;
+    const char* search = std::getenv("PATH");
+    std::string dirs = search ? search : "/usr/local/bin:/usr/bin:/bin";
+    std::size_t start = 0;
+    while (start <= dirs.size()) {
+        std::size_t end = dirs.find(':', start);
+        if (end == std::string::npos)
+            end = dirs.size();
+        std::string dir = dirs.substr(start, end - start);
+        std::string candidate = (dir.empty() ? "." : dir) + "/" + path;
+        if (::access(candidate.c_str(), X_OK) == 0)
+            return candidate;
+        start = end + 1;
+    }
+    return {};
+}
+
+child_process::child_process(const options& options)
+{
+    if (options.argv.empty())
+        throw std::invalid_argument("child_process: empty argv");
+    std::string program = find_program(options.argv[0]);
+    if (program.empty())
+        throw_errno(ENOENT, "cannot find " + options.argv[0]);
+
+    // Everything the child needs is prepared before fork: after it, only
+    // async-signal-safe calls are allowed.
+    std::vector<std::string> env_strings;
+    for (char** entry = environ; entry && *entry; ++entry) {
+        std::string text = *entry;
+        std::string name = text.substr(0, text.find('='));
+        bool replaced = std::any_of(options.environment.begin(), options.environment.end(),
+                                    [&](const auto& var) { return var.first == name; }) ||
+                        std::find(options.unset_environment.begin(), options.unset_environment.end(), name) !=
+                            options.unset_environment.end();
+        if (!replaced)
+            env_strings.push_back(std::move(text));
+    }
+    for (const auto& [name, value] : options.environment)
+        env_strings.push_back(name + "=" + value);
+    std::vector<char*> envp;
+    for (auto& text : env_strings)
+        envp.push_back(text.data());
+    envp.push_back(nullptr);
+    std::vector<std::string> argv_strings = options.argv;
+    std::vector<char*> argv;
+    for (auto& text : argv_strings)
+        argv.push_back(text.data());
+    argv.push_back(nullptr);
+
+    fd_pair in, out, status_pipe;
+    if (options.pipe_stdin)
+        make_socket_pair(in);
+    if (options.pipe_stdout)
+        make_socket_pair(out);
+    {
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC) < 0)
+            throw_errno(errno, "pipe2");
+        status_pipe.ours = fds[0];
+        status_pipe.theirs = fds[1];
+    }
+    int null_fd = -1;
+    if (options.quiet || !options.pipe_stdin) {
+        null_fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (null_fd < 0)
+            throw_errno(errno, "open /dev/null");
+    }
+
+    // Descriptors the child keeps, as (source, target); sources are first moved above every target.
+    std::vector<std::pair<int, int>> mapping;
+    mapping.push_back({options.pipe_stdin ? in.theirs : null_fd, 0});
+    if (options.pipe_stdout)
+        mapping.push_back({out.theirs, 1});
+    else if (options.quiet)
+        mapping.push_back({null_fd, 1});
+    if (options.quiet)
+        mapping.push_back({null_fd, 2});
+    for (const auto& pass : options.pass_fds)
+        mapping.push_back(pass);
+    int highest = 2;
+    for (const auto& [source, target] : mapping)
+        highest = std::max({highest, source, target});
+    int error_fd = status_pipe.theirs;
+    bool group = options.new_process_group;
+    pid_t parent = ::getpid();
+
+    pid_t pid = spawner::instance().run([&]() -> pid_t {
+        pid_t child = ::fork();
+        if (child != 0)
+            return child;
+        // In the child.
+        auto fail = [&error_fd](int error) {
+            ssize_t ignored = ::write(error_fd, &error, sizeof error);
+            (void)ignored;
+            ::_exit(127);
+        };
+        if (::prctl(PR_SET_PDEATHSIG, SIGKILL) < 0)
+            fail(errno);
+        if (::getppid() != parent) // the parent died before prctl took effect
+            ::_exit(127);
+        if (group)
+            ::setpgid(0, 0);
+        sigset_t none;
+        sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        ::signal(SIGPIPE, SIG_DFL);
+        int spare = highest + 1;
+        // The exec-status pipe first goes above every target, so no target can overwrite it.
+        int status_fd = ::fcntl(error_fd, F_DUPFD_CLOEXEC, spare);
+        if (status_fd < 0)
+            fail(errno);
+        error_fd = status_fd;
+        spare = status_fd + 1;
+        std::size_t count = mapping.size();
+        int moved[64];
+        if (count > 64)
+            fail(EINVAL);
+        for (std::size_t i = 0; i < count; ++i) {
+            moved[i] = ::fcntl(mapping[i].first, F_DUPFD, spare);
+            if (moved[i] < 0)
+                fail(errno);
+            spare = moved[i] + 1;
+        }
+        for (std::size_t i = 0; i < count; ++i)
+            if (::dup2(moved[i], mapping[i].second) < 0)
+                fail(errno);
+        // Close every descriptor from 3 up except the targets and the status pipe.
+        int keep[66];
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < count; ++i)
+            if (mapping[i].second >= 3)
+                keep[kept++] = mapping[i].second;
+        keep[kept++] = error_fd;
+        std::sort(keep, keep + kept);
+        unsigned from = 3;
+        for (std::size_t i = 0; i < kept; ++i) {
+            unsigned fd = static_cast<unsigned>(keep[i]);
+            if (fd > from)
+                ::syscall(SYS_close_range, from, fd - 1, 0);
+            from = std::max(from, fd + 1);
+        }
+        ::syscall(SYS_close_range, from, ~0U, 0);
+        ::execve(program.c_str(), argv.data(), envp.data());
+        fail(errno);
+        return 0;
+    });
+    if (null_fd >= 0)
+        ::close(null_fd);
+    if (pid < 0)
+        throw_errno(errno, "fork");
+    pid_ = pid;
+    pidfd_ = open_pidfd(pid);
+
+    ::close(status_pipe.theirs);
+    status_pipe.theirs = -1;
+    int exec_error = 0;
+    ssize_t got;
+    do {
+        got = ::read(status_pipe.ours, &exec_error, sizeof exec_error);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) {
+        kill_and_wait();
+        if (pidfd_ >= 0)
+            ::close(pidfd_);
+        throw_errno(exec_error, "cannot start " + program);
+    }
+
+    stdin_fd_ = std::exchange(in.ours, -1);
+    stdout_fd_ = std::exchange(out.ours, -1);
+}
+
+child_process::~child_process()
+{
+    kill_and_wait();
+    close_stdin();
+    close_stdout();
+    if (pidfd_ >= 0)
+        ::close(pidfd_);
+}
+
+void child_process::close_stdin()
+{
+    if (stdin_fd_ >= 0)
+        ::close(std::exchange(stdin_fd_, -1));
+}
+
+void child_process::close_stdout()
+{
+    if (stdout_fd_ >= 0)
+        ::close(std::exchange(stdout_fd_, -1));
+}
+
+bool child_process::kill(int signal)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (status_ || pid_ <= 0)
+        return false;
+    return ::kill(pid_, signal) == 0;
+}
+
+bool child_process::try_reap()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (status_)
+        return true;
+    int status = 0;
+    pid_t got;
+    do {
+        got = ::waitpid(pid_, &status, WNOHANG);
+    } while (got < 0 && errno == EINTR);
+    if (got == pid_) {
+        status_ = status;
+        return true;
+    }
+    if (got < 0) { // not our child any more (reaped elsewhere): nothing to wait for
+        status_ = -1;
+        return true;
+    }
+    return false;
+}
+
+std::optional<int> child_process::status() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return status_;
+}
+
+std::optional<int> child_process::wait_for(std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (try_reap())
+            return status();
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return std::nullopt;
+        if (pidfd_ >= 0) {
+            // The pidfd becomes readable when the child ends: no polling.
+            pollfd entry{pidfd_, POLLIN, 0};
+            ::poll(&entry, 1, static_cast<int>(left.count()) + 1);
+        } else {
+            // Kernels without pidfd: check again shortly, still bounded by the deadline.
+            ::poll(nullptr, 0, static_cast<int>(std::min<long long>(left.count(), 10)));
+        }
+    }
+}
+
+int child_process::kill_and_wait()
+{
+    if (pid_ <= 0)
+        return -1;
+    kill(SIGKILL);
+    // SIGKILL cannot be caught; the child ends as soon as the kernel gets to it.
+    while (!wait_for(std::chrono::seconds(10)))
+        kill(SIGKILL);
+    return *status();
+}
+
+std::string child_process::describe(int wait_status)
+{
+    if (wait_status == -1)
+        return "reaped elsewhere";
+    if (WIFEXITED(wait_status))
+        return "exited with code " + std::to_string(WEXITSTATUS(wait_status));
+    if (WIFSIGNALED(wait_status)) {
+        const char* name = ::sigabbrev_np(WTERMSIG(wait_status));
+        return std::string("killed by signal ") + (name ? std::string("SIG") + name : std::to_string(WTERMSIG(wait_status)));
+    }
+    return "status " + std::to_string(wait_status);
+}
+
+} // namespace orbweave::obs

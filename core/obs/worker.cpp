@@ -1,0 +1,307 @@
+#include "core/obs/worker.hpp"
+
+#include "core/log.hpp"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+#include <system_error>
+
+namespace orbweave::obs {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto shutdown_limit = 10s;
+constexpr const char* worker_program = "orbweave-media-worker";
+
+bool send_line(int fd, const std::string& line)
+{
+    const char* data = line.data();
+    std::size_t left = line.size();
+    while (left > 0) {
+        ssize_t sent = ::send(fd, data, left, MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += sent;
+        left -= static_cast<std::size_t>(sent);
+    }
+    return true;
+}
+
+} // namespace
+
+std::string worker::default_executable()
+{
+    if (const char* path = std::getenv("ORBWEAVE_MEDIA_WORKER"); path && *path)
+        return path;
+    char self[4096];
+    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0)
+        return worker_program;
+    std::string path(self, static_cast<std::size_t>(length));
+    return path.substr(0, path.rfind('/') + 1) + worker_program;
+}
+
+worker::worker() : worker(options{}) {}
+
+worker::worker(const options& options) : options_(options)
+{
+    if (options_.executable.empty())
+        options_.executable = default_executable();
+    child_process::options spawn;
+    spawn.argv = {options_.executable};
+    if (options_.defer_video)
+        spawn.argv.push_back("--defer-video");
+    spawn.pipe_stdin = true;
+    spawn.pipe_stdout = true;
+    try {
+        process_ = std::make_unique<child_process>(spawn);
+    } catch (const std::exception& error) {
+        log::line("media worker failed to start: ", error.what());
+        throw std::runtime_error("worker failed to initialize");
+    }
+    reader_ = std::thread([this] { read_loop(); });
+
+    std::string reason;
+    {
+        std::unique_lock<std::mutex> lock(state_mutex_);
+        std::optional<Json> ready = wait_reply(lock, options_.start_timeout);
+        if (!ready)
+            reason = dead_ ? death_reason_ : "no answer within the start-up time";
+        else if (!json::bool_at(*ready, {"ready"}))
+            reason = json::string_at(*ready, {"error"});
+        if (!reason.empty())
+            stopping_ = true;
+    }
+    if (!reason.empty()) {
+        log::line("media worker failed to start: ", reason.empty() ? "unknown reason" : reason);
+        process_->kill_and_wait();
+        ::shutdown(process_->stdout_fd(), SHUT_RDWR);
+        reader_.join();
+        throw std::runtime_error("worker failed to initialize");
+    }
+}
+
+worker::~worker()
+{
+    try {
+        shutdown();
+    } catch (const std::exception& error) {
+        log::line("media worker: shutdown failed: ", error.what());
+        process_->kill_and_wait();
+    }
+    if (reader_.joinable()) {
+        ::shutdown(process_->stdout_fd(), SHUT_RDWR);
+        reader_.join();
+    }
+}
+
+std::optional<Json> worker::wait_reply(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds timeout)
+{
+    state_changed_.wait_for(lock, timeout, [this] { return reply_.has_value() || dead_; });
+    if (!reply_)
+        return std::nullopt;
+    std::optional<Json> reply = std::move(reply_);
+    reply_.reset();
+    return reply;
+}
+
+Json worker::exchange(const Json& request, std::chrono::milliseconds timeout)
+{
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        if (dead_)
+            throw std::runtime_error("media worker is gone (" + death_reason_ + ")");
+        reply_.reset();
+    }
+    // A failed send means the worker is going away; the reader then reports why.
+    bool sent = send_line(process_->stdin_fd(), json::dump(request) + "\n");
+    std::unique_lock<std::mutex> lock(state_mutex_);
+    std::optional<Json> reply = wait_reply(lock, sent ? timeout : shutdown_limit);
+    if (reply)
+        return *reply;
+    if (dead_)
+        throw std::runtime_error("media worker is gone (" + death_reason_ + ")");
+    lock.unlock();
+    // Its answer may still come, but would then be taken for the next request's.
+    log::line("media worker: no answer to " + json::string_at(request, {"op"}) + " in time; killing it");
+    process_->kill(SIGKILL);
+    throw std::runtime_error("media worker did not answer in time");
+}
+
+Json worker::call(const Json& request)
+{
+    std::lock_guard<std::mutex> serial(call_mutex_);
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        if (stopping_)
+            throw std::runtime_error("media worker is shut down");
+    }
+    Json reply = exchange(request, options_.call_timeout);
+    if (!json::bool_at(reply, {"ok"})) {
+        std::string error = json::string_at(reply, {"error"});
+        throw std::runtime_error(error.empty() ? "media worker request failed" : error);
+    }
+    return json::at(reply, {"result"});
+}
+
+std::optional<long> worker::shutdown()
+{
+    std::lock_guard<std::mutex> serial(call_mutex_);
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        if (stopping_ && !reader_.joinable())
+            return std::nullopt;
+        stopping_ = true;
+    }
+    auto deadline = std::chrono::steady_clock::now() + shutdown_limit;
+    std::optional<long> leaks;
+    try {
+        Json reply = exchange(Json{{"op", "shutdown"}}, shutdown_limit);
+        if (json::bool_at(reply, {"ok"}) && json::is_number_at(reply, {"result", "leaks"}))
+            leaks = json::at(reply, {"result", "leaks"}).get<long>();
+    } catch (const std::exception& error) {
+        log::line("media worker: ", error.what());
+    }
+    // End of input also tells the worker to shut down, should the request not have got through.
+    process_->close_stdin();
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (!process_->wait_for(std::max(left, std::chrono::milliseconds(0)))) {
+        log::line("media worker: still running after shutdown; killing it");
+        process_->kill_and_wait();
+    }
+    ::shutdown(process_->stdout_fd(), SHUT_RDWR);
+    if (reader_.joinable())
+        reader_.join();
+    mark_dead("shut down");
+    return leaks;
+}
+
+void worker::read_loop()
+{
+    std::string buffer;
+    char chunk[8192];
+    int fd = process_->stdout_fd();
+    for (;;) {
+        ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break;
+        buffer.append(chunk, static_cast<std::size_t>(got));
+        std::size_t end;
+        while ((end = buffer.find('\n')) != std::string::npos) {
+            Json line = json::parse(std::string_view(buffer).substr(0, end));
+            buffer.erase(0, end + 1);
+            if (!line.is_object()) {
+                log::line("media worker: ignoring a line that is not a JSON object");
+                continue;
+            }
+            if (line.contains("event")) {
+                std::function<void(const Json&)> handler;
+                {
+                    std::lock_guard<std::mutex> lock(state_mutex_);
+                    handler = event_handler_;
+                }
+                if (handler)
+                    handler(line);
+                continue;
+            }
+            {
+                std::lock_guard<std::mutex> lock(state_mutex_);
+                reply_ = std::move(line);
+            }
+            state_changed_.notify_all();
+        }
+    }
+
+    // The worker's output ended: it exited, crashed or was killed.
+    std::string reason = "its output ended";
+    if (auto status = process_->wait_for(2s))
+        reason = child_process::describe(*status);
+    bool expected;
+    std::function<void(const std::string&)> handler;
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        expected = stopping_;
+        handler = exit_handler_;
+    }
+    mark_dead(reason);
+    if (!expected) {
+        log::line("media worker " + std::to_string(process_->pid()) + " ended: " + reason);
+        if (handler)
+            handler(reason);
+    }
+}
+
+void worker::mark_dead(const std::string& reason)
+{
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        if (dead_)
+            return;
+        dead_ = true;
+        death_reason_ = reason;
+    }
+    state_changed_.notify_all();
+}
+
+void worker::set_event_handler(std::function<void(const Json& event)> handler)
+{
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    event_handler_ = std::move(handler);
+}
+
+void worker::set_exit_handler(std::function<void(const std::string& reason)> handler)
+{
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    exit_handler_ = std::move(handler);
+}
+
+bool worker::alive() const
+{
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    return !dead_;
+}
+
+pid_t worker::pid() const
+{
+    return process_->pid();
+}
+
+std::vector<screen_entry> worker::list_screens()
+{
+    return entries_from_json<screen_entry>(call(Json{{"op", "list_screens"}}));
+}
+
+std::vector<window_entry> worker::list_windows()
+{
+    return entries_from_json<window_entry>(call(Json{{"op", "list_windows"}}));
+}
+
+std::vector<audio_entry> worker::list_audios()
+{
+    return entries_from_json<audio_entry>(call(Json{{"op", "list_audios"}}));
+}
+
+std::vector<video_entry> worker::list_videos()
+{
+    return entries_from_json<video_entry>(call(Json{{"op", "list_videos"}}));
+}
+
+Json worker::get_source_info(const Json& request)
+{
+    Json result = call(Json{{"op", "get_source_info"}, {"request", request}});
+    return result.is_object() ? result : Json::object();
+}
+
+} // namespace orbweave::obs
