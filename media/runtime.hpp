@@ -36,7 +36,10 @@ struct canvas {
 
 struct runtime_options {
     /// Video to initialise at start-up; none leaves video for the first stream to set once.
-    std::optional<canvas> video = canvas{4, 4, 1};
+    /// Listing needs a graphics context but no real canvas: 4x4 is enough, and 10 fps keeps
+    /// shut-down short (obs_shutdown waits out the current frame; at 1 fps about a second)
+    /// for well under 1% of a core.
+    std::optional<canvas> video = canvas{4, 4, 10};
     /// Modules to load; those not found are logged and skipped.
     std::vector<std::string> modules = allowed_modules();
 };

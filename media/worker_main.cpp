@@ -1,10 +1,11 @@
 // orbweave-media-worker: hosts one libobs instance for the client and serves
 // its requests over stdin/stdout (one JSON object per line each way).
 //
-//   orbweave-media-worker [--defer-video]
+//   orbweave-media-worker [--defer-video | --canvas WxH@FPS]
 //
 // --defer-video starts without a video canvas, for a stream worker that sets the
-// canvas once at its final size. ORBWEAVE_OBS_LOG=error|warning|info|debug sets
+// canvas once at its final size; --canvas sets the start-up canvas (default: the
+// listing worker's small placeholder). ORBWEAVE_OBS_LOG=error|warning|info|debug sets
 // how much of libobs's log reaches standard error (default warning).
 
 #include "core/log.hpp"
@@ -20,6 +21,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -59,8 +61,12 @@ int main(int argc, char** argv)
     obs::runtime_options options;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
+        obs::canvas canvas;
         if (arg == "--defer-video")
             options.video.reset();
+        else if (arg == "--canvas" && i + 1 < argc &&
+                 std::sscanf(argv[i + 1], "%ux%u@%u", &canvas.width, &canvas.height, &canvas.fps) == 3)
+            options.video = canvas, ++i;
         else
             log::line("media worker: unknown argument " + arg);
     }
