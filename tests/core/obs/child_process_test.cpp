@@ -1,0 +1,143 @@
+// The child process helper the media worker handle and the test fixtures are built on.
+
+#include "core/obs/child_process.hpp"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <system_error>
+#include <thread>
+
+namespace orbweave::obs {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Everything the child writes to its standard output until it closes it, read with a deadline.
+std::string read_all(int fd, std::chrono::milliseconds timeout = 10s)
+{
+    std::string text;
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd entry{fd, POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) <= 0)
+            ADD_FAILURE() << "no end of output in time";
+        char chunk[256];
+        ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got <= 0)
+            return text;
+        text.append(chunk, static_cast<std::size_t>(got));
+    }
+}
+
+child_process::options shell(const std::string& script)
+{
+    child_process::options options;
+    options.argv = {"sh", "-c", script};
+    options.pipe_stdout = true;
+    return options;
+}
+
+TEST(ChildProcess, TalksThroughItsStandardStreamsAndReportsItsExit)
+{
+    child_process::options options;
+    options.argv = {"cat"};
+    options.pipe_stdin = true;
+    options.pipe_stdout = true;
+    child_process cat(options);
+    ASSERT_GT(cat.pid(), 0);
+    std::string line = "hello worker\n";
+    ASSERT_EQ(::send(cat.stdin_fd(), line.data(), line.size(), MSG_NOSIGNAL), static_cast<ssize_t>(line.size()));
+    cat.close_stdin();
+    EXPECT_EQ(read_all(cat.stdout_fd()), line);
+    auto status = cat.wait_for(10s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(child_process::describe(*status), "exited with code 0");
+
+    child_process failing(shell("exit 3"));
+    status = failing.wait_for(10s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(child_process::describe(*status), "exited with code 3");
+}
+
+TEST(ChildProcess, MissingProgramThrows)
+{
+    child_process::options options;
+    options.argv = {"/nonexistent/orbweave-no-such-program"};
+    EXPECT_THROW(child_process process(options), std::system_error);
+    options.argv = {"orbweave-no-such-program-in-path"};
+    EXPECT_THROW(child_process process(options), std::system_error);
+}
+
+TEST(ChildProcess, KillIsReportedAndWaitIsBounded)
+{
+    child_process::options options;
+    options.argv = {"sleep", "60"};
+    child_process sleeper(options);
+    EXPECT_FALSE(sleeper.wait_for(50ms)) << "a running child has no status yet";
+    EXPECT_TRUE(sleeper.kill(SIGTERM));
+    auto status = sleeper.wait_for(10s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(child_process::describe(*status), "killed by signal SIGTERM");
+    EXPECT_FALSE(sleeper.kill(SIGTERM)) << "a reaped child is not signalled";
+    EXPECT_EQ(::kill(sleeper.pid(), 0), -1);
+}
+
+TEST(ChildProcess, InheritsOnlyTheStandardStreamsAndPassedDescriptors)
+{
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+    int leaky = ::open("/dev/null", O_RDONLY); // not close-on-exec: must still not reach the child
+    // Which of these descriptor numbers are open in the child.
+    std::string probe = "for n in 7 " + std::to_string(leaky) + " " + std::to_string(fds[0]) +
+                        "; do [ -e /proc/$$/fd/$n ] && echo $n; done; true";
+    auto options = shell(probe);
+    options.pass_fds = {{fds[1], 7}};
+    child_process lister(options);
+    ::close(fds[1]);
+    EXPECT_EQ(read_all(lister.stdout_fd()), "7\n");
+    ::close(fds[0]);
+    ::close(leaky);
+    EXPECT_TRUE(lister.wait_for(10s));
+}
+
+TEST(ChildProcess, EnvironmentCanBeSetAndUnset)
+{
+    ::setenv("ORBWEAVE_TEST_REMOVED", "present", 1);
+    auto options = shell("echo \"$ORBWEAVE_TEST_SET/${ORBWEAVE_TEST_REMOVED:-gone}\"");
+    options.environment = {{"ORBWEAVE_TEST_SET", "value"}};
+    options.unset_environment = {"ORBWEAVE_TEST_REMOVED"};
+    child_process echo(options);
+    EXPECT_EQ(read_all(echo.stdout_fd()), "value/gone\n");
+    ::unsetenv("ORBWEAVE_TEST_REMOVED");
+}
+
+TEST(ChildProcess, OutlivesTheThreadThatStartedItButNotItsOwner)
+{
+    // The parent-death signal follows the forking thread; children must survive the end of
+    // the thread that asked for them (a permission answer thread, say).
+    std::unique_ptr<child_process> child;
+    std::thread starter([&] {
+        child_process::options options;
+        options.argv = {"sleep", "60"};
+        child = std::make_unique<child_process>(options);
+    });
+    starter.join();
+    ASSERT_TRUE(child);
+    EXPECT_FALSE(child->wait_for(200ms)) << "the child died with the thread that started it";
+    pid_t pid = child->pid();
+    child.reset();
+    EXPECT_EQ(::kill(pid, 0), -1) << "destroying the owner kills and reaps the child";
+}
+
+} // namespace
+} // namespace orbweave::obs

@@ -1,0 +1,201 @@
+// Encoder choice and settings, checked both as pure decisions and on the real
+// libobs encoder objects that the stream output will use.
+
+#include "media/encoders.hpp"
+#include "media/runtime.hpp"
+#include "tests/support/media_fixtures.hpp"
+
+#include <obs.h>
+#include <util/base.h>
+#include <util/bmem.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace orbweave::obs {
+namespace {
+
+// libobs for the whole program, started after the display and shut down before it.
+class libobs_environment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        route_log_to_stderr(LOG_WARNING);
+        runtime_ = std::make_unique<runtime>();
+    }
+    void TearDown() override
+    {
+        runtime_.reset();
+        EXPECT_EQ(bnum_allocs(), 0) << "libobs leaked allocations";
+    }
+
+private:
+    std::unique_ptr<runtime> runtime_;
+};
+
+test::media_environment::options display_only()
+{
+    test::media_environment::options options;
+    options.windows.clear();
+    options.audio = false;
+    return options;
+}
+
+[[maybe_unused]] auto* const display = ::testing::AddGlobalTestEnvironment(new test::media_environment(display_only()));
+[[maybe_unused]] auto* const libobs = ::testing::AddGlobalTestEnvironment(new libobs_environment);
+
+Json activate_with_options(const Json& options)
+{
+    return Json{{"id", "activate"}, {"payload", {{"source", {{"type", "screen"}}}, {"options", options}}}};
+}
+
+struct read_back {
+    std::string id;
+    Json settings;
+};
+
+read_back inspect(const encoder_handle& encoder)
+{
+    read_back result;
+    if (!encoder)
+        return result;
+    result.id = obs_encoder_get_id(encoder.get());
+    data_handle settings(obs_encoder_get_settings(encoder.get()));
+    const char* text = obs_data_get_json(settings.get());
+    result.settings = json::parse(text ? text : "null");
+    return result;
+}
+
+TEST(VideoEncoderDecision, HardwareFromFiveThousandWhenRegistered)
+{
+    auto at_threshold = plan_video_encoder(false, profile_type::high, 5000, "ffmpeg_vaapi");
+    EXPECT_EQ(at_threshold.id, "ffmpeg_vaapi");
+    EXPECT_EQ(at_threshold.settings["bitrate"], 3000);
+    EXPECT_EQ(at_threshold.settings["keyint_sec"], 2);
+    EXPECT_EQ(at_threshold.settings["cbr"], false);
+    EXPECT_FALSE(at_threshold.settings.contains("preset"));
+    EXPECT_FALSE(at_threshold.settings.contains("x264opts"));
+
+    EXPECT_EQ(plan_video_encoder(false, profile_type::high, 4999, "ffmpeg_vaapi").id, "obs_x264");
+    // Cameras, audio and the retry after a failed start always use software.
+    auto forced = plan_video_encoder(true, profile_type::medium, 8000, "ffmpeg_nvenc");
+    EXPECT_EQ(forced.id, "obs_x264");
+    EXPECT_EQ(forced.settings["bitrate"], 1500);
+    // Without a registered hardware encoder software is chosen directly.
+    auto none = plan_video_encoder(false, profile_type::high, 9000, "");
+    EXPECT_EQ(none.id, "obs_x264");
+    EXPECT_EQ(none.settings["bitrate"], 2500);
+}
+
+TEST(VideoEncoderDecision, SoftwareBitrateStaysInsideTheLevelBand)
+{
+    struct row {
+        profile_type::type level;
+        int measured;
+        int expected;
+    };
+    for (const row& r : {row{profile_type::low, 4000, 600}, row{profile_type::low, 0, 600},
+                         row{profile_type::medium, -20, 600}, row{profile_type::medium, 1000, 1000},
+                         row{profile_type::medium, 1500, 1500}, row{profile_type::high, 2600, 2500},
+                         row{profile_type::extreme, 3000, 3000}, row{profile_type::extreme, 4999, 3500}}) {
+        auto plan = plan_video_encoder(false, r.level, r.measured, "ffmpeg_vaapi");
+        EXPECT_EQ(plan.id, "obs_x264") << r.level << "/" << r.measured;
+        EXPECT_EQ(plan.settings["bitrate"], r.expected) << r.level << "/" << r.measured;
+        EXPECT_EQ(plan.settings["buffer_Size"], r.expected) << r.level << "/" << r.measured;
+        EXPECT_EQ(plan.settings["use_bufsize"], true);
+    }
+}
+
+TEST(VideoEncoderObjects, CarryTheChosenIdAndSettings)
+{
+    // This machine's hardware encoder, if any, decides what 5000 kbps gets.
+    std::string hardware = hardware_encoder_id();
+    Json screen = activate_with_options({{"profile", "high"}});
+
+    auto at_threshold = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::high, 5000));
+    EXPECT_EQ(at_threshold.id, hardware.empty() ? "obs_x264" : hardware);
+    EXPECT_EQ(at_threshold.settings["bitrate"], hardware.empty() ? 2500 : 3000);
+
+    auto below = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::high, 4999));
+    EXPECT_EQ(below.id, "obs_x264");
+    EXPECT_EQ(below.settings["bitrate"], 2500);
+
+    for (int measured : {0, -1}) {
+        auto floor = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::low, measured));
+        EXPECT_EQ(floor.id, "obs_x264");
+        EXPECT_EQ(floor.settings["bitrate"], 600);
+        EXPECT_EQ(floor.settings["buffer_Size"], 600);
+    }
+
+    auto extreme = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::extreme, 3000));
+    EXPECT_EQ(extreme.id, "obs_x264");
+    EXPECT_EQ(extreme.settings["preset"], "faster");
+    EXPECT_EQ(extreme.settings["bitrate"], 3000);
+    EXPECT_EQ(extreme.settings["keyint_sec"], 2);
+    EXPECT_EQ(extreme.settings["cbr"], false);
+    EXPECT_EQ(extreme.settings["use_bufsize"], true);
+    EXPECT_EQ(extreme.settings["x264opts"],
+              "deblock=0:0 level=3.1 me=hex merange=16 min-keyint=60 mixed-refs=1 profile=main qcomp=0.6 "
+              "qpmin=1 qpstep=4 no-scenecut qpmax=30");
+
+    auto camera = inspect(create_video_encoder(screen, callback::source_type::video, true, profile_type::medium, 8000));
+    EXPECT_EQ(camera.id, "obs_x264");
+    EXPECT_EQ(camera.settings["bitrate"], 1500);
+    EXPECT_EQ(camera.settings["preset"], "veryfast");
+    EXPECT_NE(camera.settings["x264opts"].get<std::string>().find(" qpmax=40"), std::string::npos);
+}
+
+TEST(VideoEncoderObjects, UnregisteredHardwareIdsAreNotOffered)
+{
+    // libobs creates an object even for an unknown id, so the choice must ask first.
+    std::string hardware = hardware_encoder_id();
+    if (!hardware.empty()) {
+        EXPECT_NE(obs_get_encoder_codec(hardware.c_str()), nullptr);
+    }
+    EXPECT_EQ(obs_get_encoder_codec("no_such_encoder"), nullptr);
+    EXPECT_STREQ(obs_get_encoder_codec("obs_x264"), "h264");
+}
+
+TEST(AudioEncoderObject, IsAacOnTheGlobalAudio)
+{
+    encoder_handle encoder = create_audio_encoder(Json::object());
+    ASSERT_TRUE(encoder);
+    EXPECT_STREQ(obs_encoder_get_id(encoder.get()), "ffmpeg_aac");
+    EXPECT_EQ(obs_encoder_audio(encoder.get()), obs_get_audio());
+}
+
+TEST(StreamLevel, ComesFromTheRequestExactly)
+{
+    EXPECT_EQ(profile_from_request(activate_with_options({{"profile", "medium"}})), profile_type::medium);
+    EXPECT_EQ(profile_from_request(activate_with_options({{"profile", "extreme"}})), profile_type::extreme);
+    EXPECT_EQ(profile_from_request(activate_with_options({{"profile", "High"}})), profile_type::low);
+    EXPECT_EQ(profile_from_request(activate_with_options({{"profile", 2}})), profile_type::low);
+    EXPECT_EQ(profile_from_request(Json::object()), profile_type::low);
+}
+
+TEST(StreamFrameSize, LevelDefaultWithNumericOverrides)
+{
+    using size = std::pair<int, int>;
+    EXPECT_EQ(target_frame_size(activate_with_options({{"profile", "high"}})), size(1920, 1080));
+    EXPECT_EQ(target_frame_size(activate_with_options(Json::object())), size(854, 480));
+    EXPECT_EQ(target_frame_size(activate_with_options({{"profile", "extreme"}, {"width", "1280"}})), size(3840, 2160));
+    EXPECT_EQ(target_frame_size(activate_with_options({{"profile", "medium"}, {"height", 600}})), size(1280, 600));
+    EXPECT_EQ(target_frame_size(activate_with_options({{"width", 640}, {"height", 360}, {"fps", 60}})), size(640, 360));
+}
+
+TEST(ScaleDimensions, FitsInsideWithoutEnlarging)
+{
+    using size = std::pair<int, int>;
+    EXPECT_EQ(scale_dimensions(1920, 1080, 1280, 720), size(1280, 720));
+    EXPECT_EQ(scale_dimensions(1280, 720, 1920, 1080), size(1280, 720));
+    EXPECT_EQ(scale_dimensions(1000, 1000, 854, 480), size(480, 480));
+    EXPECT_EQ(scale_dimensions(3, 3, 2, 2), size(2, 2));
+    // Halves round away from zero: 5 x 0.5 = 2.5 -> 3.
+    EXPECT_EQ(scale_dimensions(10, 5, 5, 100), size(5, 3));
+    // A zero dimension never decides the scale.
+    EXPECT_EQ(scale_dimensions(0, 1080, 1280, 720), size(0, 720));
+}
+
+} // namespace
+} // namespace orbweave::obs

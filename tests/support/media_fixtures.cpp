@@ -1,0 +1,320 @@
+#include "tests/support/media_fixtures.hpp"
+
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <system_error>
+
+namespace orbweave::test {
+
+namespace {
+
+using namespace std::chrono_literals;
+using clock = std::chrono::steady_clock;
+
+constexpr auto start_limit = 15s;
+
+int milliseconds_left(clock::time_point deadline)
+{
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+int ignore_x_errors(Display*, XErrorEvent*)
+{
+    // Windows may vanish between listing and inspecting them.
+    return 0;
+}
+
+// Waits until condition holds, checking it again whenever a root window property changes
+// or a window is created, mapped or destroyed; false at the deadline.
+bool wait_on_root(const std::string& display_name, const std::function<bool(Display*)>& condition,
+                  std::chrono::milliseconds timeout)
+{
+    XSetErrorHandler(ignore_x_errors);
+    Display* display = XOpenDisplay(display_name.c_str());
+    if (!display)
+        return false;
+    Window root = DefaultRootWindow(display);
+    XSelectInput(display, root, PropertyChangeMask | SubstructureNotifyMask);
+    XSync(display, False);
+    auto deadline = clock::now() + timeout;
+    bool met = false;
+    for (;;) {
+        if ((met = condition(display)))
+            break;
+        bool event = XPending(display) > 0;
+        while (!event) {
+            int left = milliseconds_left(deadline);
+            if (left == 0)
+                break;
+            pollfd entry{ConnectionNumber(display), POLLIN, 0};
+            ::poll(&entry, 1, left);
+            event = XPending(display) > 0;
+        }
+        if (!event)
+            break;
+        while (XPending(display) > 0) {
+            XEvent ignored;
+            XNextEvent(display, &ignored);
+        }
+    }
+    XCloseDisplay(display);
+    return met;
+}
+
+std::vector<Window> root_windows_property(Display* display, const char* name)
+{
+    std::vector<Window> windows;
+    Atom property = XInternAtom(display, name, False);
+    Atom type = None;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char* data = nullptr;
+    if (XGetWindowProperty(display, DefaultRootWindow(display), property, 0, 4096, False, AnyPropertyType, &type,
+                           &format, &count, &after, &data) == Success &&
+        data) {
+        if (format == 32) {
+            auto* values = reinterpret_cast<unsigned long*>(data);
+            windows.assign(values, values + count);
+        }
+        XFree(data);
+    }
+    return windows;
+}
+
+std::string window_title(Display* display, Window window)
+{
+    char* name = nullptr;
+    std::string title;
+    if (XFetchName(display, window, &name) && name) {
+        title = name;
+        XFree(name);
+    }
+    return title;
+}
+
+void wait_for_socket(const std::string& path, clock::time_point deadline)
+{
+    // PulseAudio offers no readiness notification we can rely on: try to connect until it answers.
+    for (;;) {
+        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        ::close(fd);
+        if (connected)
+            return;
+        if (milliseconds_left(deadline) == 0)
+            throw std::runtime_error("PulseAudio did not open " + path + " in time");
+        ::poll(nullptr, 0, 10);
+    }
+}
+
+media_environment* current_environment = nullptr;
+
+} // namespace
+
+temp_directory::temp_directory(const std::string& prefix)
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
+    if (!::mkdtemp(pattern.data()))
+        throw std::system_error(errno, std::generic_category(), "mkdtemp");
+    path_ = pattern;
+}
+
+temp_directory::~temp_directory()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+xvfb_display::xvfb_display(std::vector<screen_size> screens) : screens_(std::move(screens))
+{
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) < 0)
+        throw std::system_error(errno, std::generic_category(), "pipe2");
+    obs::child_process::options options;
+    // -displayfd: Xvfb picks the first free display and writes its number once it accepts clients.
+    options.argv = {"Xvfb", "-displayfd", "3", "-nolisten", "tcp", "-noreset", "-extension", "RANDR"};
+    for (std::size_t i = 0; i < screens_.size(); ++i) {
+        options.argv.push_back("-screen");
+        options.argv.push_back(std::to_string(i));
+        options.argv.push_back(std::to_string(screens_[i].width) + "x" + std::to_string(screens_[i].height) + "x24");
+    }
+    options.pass_fds = {{fds[1], 3}};
+    options.quiet = true;
+    try {
+        process_ = std::make_unique<obs::child_process>(options);
+    } catch (...) {
+        ::close(fds[0]);
+        ::close(fds[1]);
+        throw;
+    }
+    ::close(fds[1]);
+    std::string number;
+    auto deadline = clock::now() + start_limit;
+    for (;;) {
+        pollfd entry{fds[0], POLLIN, 0};
+        if (::poll(&entry, 1, milliseconds_left(deadline)) <= 0)
+            break;
+        char chunk[32];
+        ssize_t got = ::read(fds[0], chunk, sizeof chunk);
+        if (got <= 0)
+            break;
+        number.append(chunk, static_cast<std::size_t>(got));
+        if (number.find('\n') != std::string::npos)
+            break;
+    }
+    ::close(fds[0]);
+    if (number.empty() || number.find('\n') == std::string::npos)
+        throw std::runtime_error("Xvfb did not start");
+    name_ = ":" + number.substr(0, number.find('\n'));
+}
+
+xvfb_display::~xvfb_display() = default;
+
+window_manager::window_manager(const std::string& display)
+{
+    obs::child_process::options options;
+    options.argv = {"openbox", "--sm-disable"};
+    options.environment = {{"DISPLAY", display}};
+    options.quiet = true;
+    process_ = std::make_unique<obs::child_process>(options);
+    bool ready = wait_on_root(
+        display, [](Display* x) { return !root_windows_property(x, "_NET_SUPPORTING_WM_CHECK").empty(); },
+        start_limit);
+    if (!ready)
+        throw std::runtime_error("openbox did not start");
+}
+
+window_manager::~window_manager() = default;
+
+test_window::test_window(const std::string& display, const std::string& title, const std::string& instance)
+    : title_(title), instance_(instance)
+{
+    obs::child_process::options options;
+    options.argv = {"xmessage", "-name", instance, "-title", title, "Orbweave test window: " + title};
+    options.environment = {{"DISPLAY", display}};
+    options.quiet = true;
+    process_ = std::make_unique<obs::child_process>(options);
+    bool listed = wait_on_root(
+        display,
+        [this](Display* x) {
+            for (Window window : root_windows_property(x, "_NET_CLIENT_LIST"))
+                if (window_title(x, window) == title_) {
+                    xid_ = window;
+                    return true;
+                }
+            return false;
+        },
+        start_limit);
+    if (!listed)
+        throw std::runtime_error("window \"" + title + "\" did not appear");
+}
+
+test_window::~test_window() = default;
+
+pulse_server::pulse_server(const std::filesystem::path& directory) : runtime_path_(directory)
+{
+    std::filesystem::create_directories(runtime_path_ / "state");
+    std::string socket = (runtime_path_ / "native").string();
+    server_ = "unix:" + socket;
+    obs::child_process::options options;
+    options.argv = {
+        "pulseaudio",
+        "--daemonize=no",
+        "--exit-idle-time=-1",
+        "-n",
+        "--use-pid-file=no",
+        "--log-target=stderr",
+        "--log-level=error",
+        "--load=module-native-protocol-unix socket=" + socket + " auth-anonymous=1",
+        std::string("--load=module-null-sink sink_name=orbweave_speakers sink_properties=device.description=") +
+            sink_description,
+        std::string("--load=module-null-source source_name=orbweave_microphone description=") + source_description,
+    };
+    options.environment = {{"PULSE_RUNTIME_PATH", runtime_path_.string()},
+                           {"PULSE_STATE_PATH", (runtime_path_ / "state").string()},
+                           {"HOME", runtime_path_.string()}};
+    options.unset_environment = {"PULSE_SERVER"};
+    options.quiet = true;
+    process_ = std::make_unique<obs::child_process>(options);
+    wait_for_socket(socket, clock::now() + start_limit);
+}
+
+pulse_server::~pulse_server() = default;
+
+void media_environment::SetUp()
+{
+    directory_ = std::make_unique<temp_directory>("orbweave-media");
+    ::setenv("XDG_CACHE_HOME", (directory_->path() / "cache").c_str(), 1);
+    display_ = std::make_unique<xvfb_display>(options_.screens);
+    ::setenv("DISPLAY", display_->name().c_str(), 1);
+    window_manager_ = std::make_unique<window_manager>(display_->name());
+    for (const auto& [title, instance] : options_.windows)
+        windows_.push_back(std::make_unique<test_window>(display_->name(), title, instance));
+    if (options_.audio) {
+        pulse_ = std::make_unique<pulse_server>(directory_->path() / "pulse");
+        ::setenv("PULSE_SERVER", pulse_->server().c_str(), 1);
+        ::setenv("PULSE_RUNTIME_PATH", pulse_->runtime_path().c_str(), 1);
+    }
+    current_environment = this;
+}
+
+void media_environment::TearDown()
+{
+    current_environment = nullptr;
+    pulse_.reset();
+    windows_.clear();
+    window_manager_.reset();
+    display_.reset();
+    directory_.reset();
+}
+
+media_environment& media_environment::current()
+{
+    if (!current_environment)
+        throw std::logic_error("media_environment is not running");
+    return *current_environment;
+}
+
+std::vector<int> child_pids()
+{
+    std::vector<int> children;
+    int self = ::getpid();
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::ifstream stat(entry.path() / "stat");
+        std::string line;
+        if (!std::getline(stat, line))
+            continue;
+        // pid (comm) state ppid ...: comm may hold spaces, so read after the last ')'.
+        auto close = line.rfind(')');
+        if (close == std::string::npos)
+            continue;
+        char state = 0;
+        int parent = 0;
+        if (std::sscanf(line.c_str() + close + 1, " %c %d", &state, &parent) == 2 && parent == self)
+            children.push_back(std::stoi(name));
+    }
+    return children;
+}
+
+} // namespace orbweave::test

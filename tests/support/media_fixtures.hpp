@@ -1,0 +1,138 @@
+#pragma once
+
+// Real display and audio for media tests: a private Xvfb with two screens of
+// different sizes, openbox as the EWMH window manager, a few real X windows with
+// known titles, and a user-mode PulseAudio daemon with a null sink and a null
+// source. Each is started by the test itself on a free display / private socket
+// and stopped when its object goes away (SIGKILL on the test's death, too).
+// Programs linking these fixtures also link libX11.
+
+#include "core/obs/child_process.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace orbweave::test {
+
+/// A private temporary directory, removed with its contents on destruction.
+class temp_directory {
+public:
+    explicit temp_directory(const std::string& prefix = "orbweave-test");
+    ~temp_directory();
+    temp_directory(const temp_directory&) = delete;
+    temp_directory& operator=(const temp_directory&) = delete;
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+struct screen_size {
+    int width;
+    int height;
+};
+
+/// Xvfb on the first free display. Each size becomes one X screen; RandR is disabled,
+/// so screen capture lists the X screens themselves.
+class xvfb_display {
+public:
+    explicit xvfb_display(std::vector<screen_size> screens = {{1280, 720}, {1024, 768}});
+    ~xvfb_display();
+    /// ":N".
+    const std::string& name() const { return name_; }
+    const std::vector<screen_size>& screens() const { return screens_; }
+
+private:
+    std::vector<screen_size> screens_;
+    std::unique_ptr<obs::child_process> process_;
+    std::string name_;
+};
+
+/// openbox managing display; returns once it has announced itself (EWMH).
+class window_manager {
+public:
+    explicit window_manager(const std::string& display);
+    ~window_manager();
+
+private:
+    std::unique_ptr<obs::child_process> process_;
+};
+
+/// A real top-level X window (xmessage) with a known title and instance name;
+/// returns once the window manager lists it.
+class test_window {
+public:
+    test_window(const std::string& display, const std::string& title, const std::string& instance);
+    ~test_window();
+    const std::string& title() const { return title_; }
+    /// The instance part of WM_CLASS, which window capture reports as the window's class.
+    const std::string& instance() const { return instance_; }
+    unsigned long xid() const { return xid_; }
+
+private:
+    std::string title_;
+    std::string instance_;
+    unsigned long xid_ = 0;
+    std::unique_ptr<obs::child_process> process_;
+};
+
+/// User-mode PulseAudio with a null sink and a null source on a private socket.
+class pulse_server {
+public:
+    explicit pulse_server(const std::filesystem::path& directory);
+    ~pulse_server();
+    /// "unix:<socket>", for PULSE_SERVER.
+    const std::string& server() const { return server_; }
+    const std::filesystem::path& runtime_path() const { return runtime_path_; }
+    static constexpr const char* sink_description = "Orbweave-Speakers";
+    static constexpr const char* source_description = "Orbweave-Microphone";
+
+private:
+    std::filesystem::path runtime_path_;
+    std::string server_;
+    std::unique_ptr<obs::child_process> process_;
+};
+
+/// Everything a media test needs, started once per test program, with DISPLAY,
+/// PULSE_SERVER, PULSE_RUNTIME_PATH and XDG_CACHE_HOME exported to this process and
+/// every worker it starts.
+class media_environment : public ::testing::Environment {
+public:
+    struct options {
+        std::vector<screen_size> screens{{1280, 720}, {1024, 768}};
+        /// (title, instance) of the windows to open.
+        std::vector<std::pair<std::string, std::string>> windows{{"Orbweave Test One", "orbweave-one"},
+                                                                 {"Orbweave Test Two", "orbweave-two"}};
+        bool audio = true;
+    };
+
+    media_environment() : media_environment(options{}) {}
+    explicit media_environment(options options) : options_(std::move(options)) {}
+
+    void SetUp() override;
+    void TearDown() override;
+
+    /// The running environment (set between SetUp and TearDown).
+    static media_environment& current();
+    const options& settings() const { return options_; }
+    const std::vector<std::unique_ptr<test_window>>& windows() const { return windows_; }
+    const std::filesystem::path& directory() const { return directory_->path(); }
+
+private:
+    options options_;
+    std::unique_ptr<temp_directory> directory_;
+    std::unique_ptr<xvfb_display> display_;
+    std::unique_ptr<window_manager> window_manager_;
+    std::vector<std::unique_ptr<test_window>> windows_;
+    std::unique_ptr<pulse_server> pulse_;
+};
+
+/// Processes whose parent is this process (read from /proc), for checks that nothing is left behind.
+std::vector<int> child_pids();
+
+} // namespace orbweave::test
