@@ -211,6 +211,25 @@ TEST(WssServer, ClosesOneOrAllConnectionsOrCutsThem)
     EXPECT_TRUE(server.open_connections().empty());
 }
 
+TEST(WssServer, ReportsAClientThatVanishesWithoutClosing)
+{
+    recorder seen;
+    wss::server_options options;
+    options.identity = wss::tls_identity::generate();
+    options.hooks = seen.hooks();
+    wss::wss_server server(options);
+
+    // A WebSocket upgrade, then the TCP connection goes away with no close frame and no
+    // TLS close, as when a client process dies.
+    http_result upgrade = https_request(server.port(), options.identity.ca, "GET", "/api/client", "", deadline, "127.0.0.1",
+                                        "Connection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
+                                        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n");
+    EXPECT_EQ(upgrade.status, 101) << upgrade.error;
+    ASSERT_TRUE(seen.wait_size(seen.opened, 1));
+    ASSERT_TRUE(seen.wait_size(seen.closed, 1));
+    EXPECT_TRUE(server.open_connections().empty());
+}
+
 TEST(WssServer, RecordsPingsAndCanWithholdPongs)
 {
     recorder seen;

@@ -181,7 +181,8 @@ bool wss_test_client::wait_for_close(duration timeout)
 }
 
 http_result https_request(std::uint16_t port, const std::string& ca_pem, const std::string& method, const std::string& path,
-                          const std::string& body, duration timeout, const std::string& host)
+                          const std::string& body, duration timeout, const std::string& host,
+                          const std::string& extra_headers)
 {
     asio::io_context io;
     auto context = client_context(ca_pem, host);
@@ -190,7 +191,7 @@ http_result https_request(std::uint16_t port, const std::string& ca_pem, const s
 
     std::string request = method + " " + path + " HTTP/1.1\r\nHost: " + host + ":" + std::to_string(port)
                           + "\r\nContent-Type: application/octet-stream\r\nContent-Length: " + std::to_string(body.size())
-                          + "\r\nConnection: close\r\n\r\n" + body;
+                          + "\r\n" + (extra_headers.empty() ? "Connection: close\r\n" : extra_headers) + "\r\n" + body;
     http_result result;
     std::string response;
     std::array<char, 16384> buffer;

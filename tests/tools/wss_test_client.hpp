@@ -48,7 +48,10 @@ struct http_result {
 };
 
 /// One HTTPS request to 127.0.0.1:port, verifying the server as host against ca_pem.
+/// extra_headers are whole "Name: value\r\n" lines. It reads the status line, the headers
+/// and Content-Length bytes of body, then drops the connection without a TLS close.
 http_result https_request(std::uint16_t port, const std::string& ca_pem, const std::string& method, const std::string& path,
-                          const std::string& body, duration timeout, const std::string& host = "127.0.0.1");
+                          const std::string& body, duration timeout, const std::string& host = "127.0.0.1",
+                          const std::string& extra_headers = "");
 
 } // namespace orbweave::test
