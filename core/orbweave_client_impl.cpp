@@ -124,8 +124,10 @@ void orbweave_client_impl::stop()
         lock_guard lock(mutex_);
         if (running_ && !stopped_) {
             work_manager_->clear();
-            websocket_client_->stop();
-            io_service_->stop();
+            if (io_service_) {
+                websocket_client_->stop();
+                io_service_->stop();
+            }
             stopped_ = true;
         }
     }
@@ -141,6 +143,18 @@ void orbweave_client_impl::join()
     thread_finished_cv_.wait(lifecycle, [this] { return thread_finished_; });
     if (thread_.joinable())
         thread_.join();
+    release_transport();
+}
+
+void orbweave_client_impl::release_transport()
+{
+    // The loop has ended; dropping the transport closes its sockets, so the
+    // service sees this machine leave now rather than at the next start().
+    lock_guard lock(mutex_);
+    reconnect_timer_.reset();
+    current_connection_ = {};
+    websocket_client_.reset();
+    io_service_.reset();
 }
 
 void orbweave_client_impl::stop_streaming()

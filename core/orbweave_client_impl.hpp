@@ -66,6 +66,7 @@ public:
 private:
     void initialize();
     void start_thread();
+    void release_transport();
     void on_fail();
 
     const std::string url_;

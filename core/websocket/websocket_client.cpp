@@ -41,6 +41,10 @@ void websocket_client::restart(const std::string& url)
 
 void websocket_client::queue_connection(const std::string& url)
 {
+    // The library asks for the TLS context while it creates the connection, before
+    // the connection knows its URI, so the host to verify is taken from the URL here.
+    websocketpp::uri uri(url);
+    connecting_host_ = uri.get_valid() ? uri.get_host() : std::string{};
     std::error_code ec;
     endpoint_type::connection_ptr connection = endpoint_->get_connection(url, ec);
     if (ec) {
@@ -77,12 +81,9 @@ void websocket_client::stop()
     endpoint_->stop();
 }
 
-std::shared_ptr<boost::asio::ssl::context> websocket_client::on_tls_init(connection_hdl handle)
+std::shared_ptr<boost::asio::ssl::context> websocket_client::on_tls_init(connection_hdl)
 {
-    std::error_code ec;
-    auto connection = endpoint_->get_con_from_hdl(handle, ec);
-    std::string host = ec ? std::string{} : connection->get_host();
-    return make_client_tls_context(host, options_.ca_file);
+    return make_client_tls_context(connecting_host_, options_.ca_file);
 }
 
 void websocket_client::on_open(connection_hdl handle)

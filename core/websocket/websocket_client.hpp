@@ -75,6 +75,8 @@ private:
     std::recursive_mutex mutex_;
     std::map<std::string, std::unique_ptr<message_handler>> handlers_;
     std::unique_ptr<message_handler> fallback_;
+    // The host of the connection being created; read by on_tls_init.
+    std::string connecting_host_;
     // Connections that already dispatched "fail"; touched only on the io thread.
     std::set<connection_hdl, std::owner_less<connection_hdl>> failed_;
 };

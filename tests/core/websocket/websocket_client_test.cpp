@@ -1,0 +1,336 @@
+#include "core/websocket/websocket_client.hpp"
+#include "tests/support/blocking_queue.hpp"
+#include "tests/support/service_peer.hpp"
+#include "tests/support/stderr_capture.hpp"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace orbweave::websocket {
+namespace {
+
+using namespace std::chrono_literals;
+using test::blocking_queue;
+using test::service_peer;
+
+constexpr auto deadline = 5s;
+constexpr auto quiet = 300ms; // how long "nothing more happens" is watched
+
+/// A transport on its own io thread, recording every message its handlers see.
+class transport {
+public:
+    explicit transport(client_options options = {})
+        : client_(std::make_unique<websocket_client>(std::move(options)))
+    {
+        for (const char* id : {"open", "fail", "hello", "echo"})
+            client_->register_message_handler(lambda_message_handler::create(
+                id, [this](const connection& link, const Json& message) { on_message(link, message); }));
+    }
+
+    ~transport()
+    {
+        client_->stop();
+        io_.stop();
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+    void start(const std::string& url)
+    {
+        client_->start(&io_, url);
+        // Keep the loop alive between events; the destructor stops it.
+        work_ = std::make_unique<boost::asio::io_service::work>(io_);
+        thread_ = std::thread([this] { io_.run(); });
+    }
+
+    websocket_client& client() { return *client_; }
+    blocking_queue<Json>& messages() { return messages_; }
+
+    /// The next dispatched message with this id, skipping others; null at the deadline.
+    Json next(const std::string& id, std::chrono::milliseconds timeout = deadline)
+    {
+        auto found = messages_.pop_until([&](const Json& m) { return json::string_at(m, {"id"}) == id; }, timeout);
+        return found ? *found : Json{};
+    }
+
+    std::function<void(const connection&, const Json&)> on_open;
+    std::function<void(const connection&, const Json&)> on_echo;
+
+private:
+    void on_message(const connection& link, const Json& message)
+    {
+        messages_.push(message);
+        std::string id = json::string_at(message, {"id"});
+        if (id == "open" && on_open)
+            on_open(link, message);
+        if (id == "echo" && on_echo)
+            on_echo(link, message);
+    }
+
+    boost::asio::io_service io_;
+    std::unique_ptr<boost::asio::io_service::work> work_;
+    std::unique_ptr<websocket_client> client_;
+    std::thread thread_;
+    blocking_queue<Json> messages_;
+};
+
+// Both ends have seen the link open: the client's "open" can come before the peer's.
+void expect_open(transport& link, service_peer& peer)
+{
+    ASSERT_FALSE(link.next("open").is_null());
+    ASSERT_TRUE(peer.wait_for_connection(deadline));
+}
+
+client_options trusting(const service_peer& peer)
+{
+    client_options options;
+    options.ca_file = peer.ca_file();
+    return options;
+}
+
+TEST(TransportTls, HandshakeSucceedsWithTheTrustedCa)
+{
+    service_peer peer;
+    transport link(trusting(peer));
+    link.start(peer.url());
+    EXPECT_EQ(link.next("open"), Json({{"id", "open"}}));
+    EXPECT_TRUE(peer.wait_for_connection(deadline));
+}
+
+TEST(TransportTls, UntrustedCertificateFailsWithNothingSent)
+{
+    for (bool untrusted_certificate : {true, false}) {
+        SCOPED_TRACE(untrusted_certificate ? "self-signed certificate" : "certificate for another host");
+        service_peer peer(untrusted_certificate ? wss::tls_identity::untrusted() : wss::tls_identity::wrong_host());
+        test::stderr_capture log;
+        transport link(trusting(peer));
+        bool opened = false;
+        link.on_open = [&](const connection& c, const Json&) {
+            opened = true;
+            c.send(Json{{"id", "should-not-go"}});
+        };
+        link.start(peer.url());
+
+        EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
+        EXPECT_FALSE(opened);
+        EXPECT_FALSE(peer.wait_for_connection(quiet));
+        EXPECT_TRUE(peer.frames().empty());
+        EXPECT_EQ(log.count_lines_starting("Out: "), 0);
+    }
+}
+
+TEST(TransportTls, SystemStoreAloneDoesNotTrustAPrivateCa)
+{
+    service_peer peer;
+    transport link; // no extra CA file
+    link.start(peer.url());
+    EXPECT_FALSE(link.next("fail").is_null());
+    EXPECT_FALSE(peer.wait_for_connection(quiet));
+}
+
+TEST(TransportTls, RefusedUrlIsReportedAsFailNotACrash)
+{
+    for (const char* url : {"not a url", "http://127.0.0.1:1/api/client", ""}) {
+        SCOPED_TRACE(url);
+        transport link;
+        link.start(url);
+        EXPECT_FALSE(link.next("fail").is_null());
+    }
+}
+
+TEST(TransportTls, UnreachableServiceIsReportedAsFail)
+{
+    service_peer peer;
+    std::string url = peer.url();
+    peer.stop();
+    transport link(trusting(peer));
+    link.start(url);
+    EXPECT_FALSE(link.next("fail").is_null());
+}
+
+TEST(TransportLog, EveryFrameIsLoggedOnceWithSecretsHiddenAndSentIntact)
+{
+    service_peer peer;
+    test::stderr_capture log;
+    transport link(trusting(peer));
+    link.on_open = [](const connection& c, const Json&) {
+        c.send(Json{{"id", "code"}, {"payload", {{"secret", "s3cr3t"}}}});
+        c.send(std::string(R"({"id":"activate","payload":{"service":{"key":"live_123","server":"rtmp://h/app"}}})"));
+    };
+    link.start(peer.url());
+
+    auto first = peer.wait_for_frame(deadline);
+    auto second = peer.wait_for_frame(deadline);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(json::string_at(json::parse(*first), {"payload", "secret"}), "s3cr3t");
+    EXPECT_EQ(*second, R"({"id":"activate","payload":{"service":{"key":"live_123","server":"rtmp://h/app"}}})");
+
+    ASSERT_TRUE(peer.send(R"({"id":"hello","payload":{"secret":"from-service","note":"plain"}})"));
+    Json hello = link.next("hello");
+    EXPECT_EQ(json::string_at(hello, {"payload", "secret"}), "from-service"); // handlers see it intact
+    ASSERT_TRUE(peer.send("not json at all"));
+    ASSERT_TRUE(peer.send(R"({"id":"echo"})"));
+    link.next("echo");
+
+    std::string text = log.text();
+    EXPECT_EQ(log.count_lines_starting("Out: "), 2);
+    EXPECT_EQ(log.count_lines_starting("In: "), 3);
+    EXPECT_NE(text.find("Out: {\"id\":\"code\",\"payload\":{\"secret\":\"***\"}}\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"key\":\"***\""), std::string::npos) << text;
+    EXPECT_NE(text.find("In: {\"id\":\"hello\",\"payload\":{\"note\":\"plain\",\"secret\":\"***\"}}\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("In: not json at all\n"), std::string::npos);
+    for (const char* secret : {"s3cr3t", "live_123", "from-service"})
+        EXPECT_EQ(text.find(secret), std::string::npos) << secret << " leaked into the log";
+    // Local events are not frames and are not logged.
+    EXPECT_EQ(text.find("\"open\""), std::string::npos);
+}
+
+TEST(TransportDispatch, FramesWithoutAKnownIdAreIgnored)
+{
+    service_peer peer;
+    transport link(trusting(peer));
+    link.start(peer.url());
+    expect_open(link, peer);
+
+    for (const char* frame : {"{not json", R"({"payload":{}})", R"({"id":"unknown"})", R"({"id":42})", "[1,2]"})
+        ASSERT_TRUE(peer.send(frame));
+    ASSERT_TRUE(peer.send(R"({"id":"hello","state":"last"})"));
+
+    auto next = link.messages().pop(deadline);
+    ASSERT_TRUE(next);
+    EXPECT_EQ(*next, Json({{"id", "hello"}, {"state", "last"}})); // nothing before it was dispatched
+    EXPECT_FALSE(peer.wait_for_frame(quiet));                      // and nothing was answered
+}
+
+TEST(TransportDispatch, FailSentByTheServiceDispatchesLikeALocalFailure)
+{
+    service_peer peer;
+    transport link(trusting(peer));
+    link.start(peer.url());
+    expect_open(link, peer);
+    ASSERT_TRUE(peer.send(R"({"id":"fail"})"));
+    EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
+}
+
+TEST(TransportDispatch, ReRegisteringAnIdReplacesTheHandler)
+{
+    service_peer peer;
+    transport link(trusting(peer));
+    bool first_destroyed = false;
+    struct watched : message_handler {
+        explicit watched(bool& destroyed) : message_handler("hello"), destroyed(destroyed) {}
+        ~watched() override { destroyed = true; }
+        void handle(const connection&, const Json&) override { ADD_FAILURE() << "replaced handler was called"; }
+        bool& destroyed;
+    };
+    link.client().register_message_handler(std::make_unique<watched>(first_destroyed));
+    blocking_queue<Json> second;
+    link.client().register_message_handler(
+        lambda_message_handler::create("hello", [&](const connection&, const Json& m) { second.push(m); }));
+    EXPECT_TRUE(first_destroyed);
+
+    link.start(peer.url());
+    expect_open(link, peer);
+    ASSERT_TRUE(peer.send(R"({"id":"hello"})"));
+    EXPECT_TRUE(second.pop(deadline));
+}
+
+TEST(TransportDispatch, HandlersMaySendAndPingFromInsideHandle)
+{
+    service_peer peer;
+    transport link(trusting(peer));
+    link.on_echo = [](const connection& c, const Json& message) {
+        c.ping();
+        c.send(Json{{"id", "echo"}, {"state", json::at(message, {"state"})}, {"payload", {{"status", "Success"}}}});
+    };
+    link.start(peer.url());
+    expect_open(link, peer);
+    ASSERT_TRUE(peer.send(R"({"id":"echo","state":7})"));
+    auto reply = peer.wait_for_frame(deadline);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(*reply, R"({"id":"echo","payload":{"status":"Success"},"state":7})");
+    EXPECT_TRUE(peer.wait_for_pings(1, deadline));
+    EXPECT_EQ(peer.pings().at(0).payload, "ping!");
+}
+
+TEST(TransportLiveness, AMissingPongEndsInOneFail)
+{
+    service_peer peer;
+    peer.answer_pings(false);
+    client_options options = trusting(peer);
+    options.pong_timeout_ms = 100;
+    transport link(options);
+    link.on_open = [](const connection& c, const Json&) { c.ping(); };
+    link.start(peer.url());
+    ASSERT_FALSE(link.next("open").is_null());
+    EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
+    // The dead link is closed by the client; that close is not a second failure.
+    EXPECT_TRUE(peer.wait_for_disconnect(deadline));
+    EXPECT_TRUE(link.next("fail", quiet).is_null());
+}
+
+TEST(TransportLiveness, AnsweredPingsKeepTheLinkUp)
+{
+    service_peer peer;
+    client_options options = trusting(peer);
+    options.pong_timeout_ms = 100;
+    transport link(options);
+    link.on_open = [](const connection& c, const Json&) { c.ping(); };
+    link.start(peer.url());
+    ASSERT_FALSE(link.next("open").is_null());
+    EXPECT_TRUE(peer.wait_for_pings(1, deadline));
+    EXPECT_TRUE(link.next("fail", quiet).is_null());
+}
+
+TEST(TransportLiveness, ALinkClosedOrCutByTheServiceFailsOnce)
+{
+    for (bool cut : {false, true}) {
+        SCOPED_TRACE(cut ? "cut without close" : "closed by the service");
+        service_peer peer;
+        transport link(trusting(peer));
+        link.start(peer.url());
+        ASSERT_FALSE(link.next("open").is_null());
+        auto lost = std::chrono::steady_clock::now();
+        cut ? peer.drop_latest() : peer.close_latest();
+        EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
+        // Acted on at once, not after a keep-alive or a TLS shutdown time-out.
+        EXPECT_LT(std::chrono::steady_clock::now() - lost, 2s);
+        EXPECT_TRUE(link.next("fail", quiet).is_null());
+    }
+}
+
+TEST(TransportConnection, ACopyKeptAfterTheTransportIsGoneFailsCleanly)
+{
+    service_peer peer;
+    connection kept;
+    {
+        transport link(trusting(peer));
+        link.on_open = [&](const connection& c, const Json&) { kept = c; };
+        link.start(peer.url());
+        ASSERT_FALSE(link.next("open").is_null());
+    }
+    EXPECT_THROW(kept.send(Json{{"id", "late"}}), websocketpp::exception);
+    std::error_code ec;
+    kept.ping(ec);
+    EXPECT_TRUE(ec);
+}
+
+TEST(TransportTimers, TimersFireOnTheLoopAndReportCancellation)
+{
+    service_peer peer;
+    transport link(trusting(peer));
+    link.start(peer.url());
+    ASSERT_FALSE(link.next("open").is_null());
+    blocking_queue<bool> fired;
+    link.client().add_timer(10, [&](const std::error_code& ec) { fired.push(!ec); });
+    auto cancelled = link.client().add_timer(60000, [&](const std::error_code& ec) { fired.push(!ec); });
+    EXPECT_EQ(fired.pop(deadline), std::optional<bool>(true));
+    cancelled->cancel();
+    EXPECT_EQ(fired.pop(deadline), std::optional<bool>(false));
+}
+
+} // namespace
+} // namespace orbweave::websocket

@@ -1,0 +1,69 @@
+#include "tests/support/client_harness.hpp"
+
+namespace orbweave::test {
+
+client_options fast_client_options(const std::string& ca_file)
+{
+    client_options options;
+    options.transport.ca_file = ca_file;
+    options.transport.open_handshake_timeout_ms = 2000;
+    options.transport.close_handshake_timeout_ms = 500;
+    options.transport.pong_timeout_ms = 1000;
+    options.reconnect_delay_ms = 50;
+    options.keepalive_interval_ms = 50;
+    return options;
+}
+
+client_harness::client_harness(sim::service_sim& sim, bool bare, std::function<void(client_options&)> tweak)
+    : dir_("orbweave-client")
+{
+    sim.identity().write(dir_.path());
+    ca_file_ = dir_.file("ca.pem");
+    client_options options = fast_client_options(ca_file_);
+    if (tweak)
+        tweak(options);
+    client_ = orbweave_client::create(sim.url(), options);
+    if (bare)
+        return;
+    client_->set_state_change_handler([this](callback::state_type::type state) { states_.push(state); });
+    client_->set_new_code_handler([this](std::string code) { codes_.push(code); });
+    client_->set_secret_handler([this] { return secret(); });
+    client_->set_ready_handler([this](callback::msg::ready& ready) {
+        set_secret(ready.secret);
+        readies_.push(ready);
+    });
+    client_->set_reset_handler([this] {
+        ++resets_;
+        set_secret("");
+    });
+}
+
+client_harness::~client_harness()
+{
+    stop_and_join();
+}
+
+void client_harness::stop_and_join()
+{
+    client_->stop();
+    client_->join();
+}
+
+bool client_harness::wait_for_state(callback::state_type::type state, std::chrono::milliseconds timeout)
+{
+    return states_.pop_until([state](callback::state_type::type s) { return s == state; }, timeout).has_value();
+}
+
+std::string client_harness::secret() const
+{
+    std::lock_guard<std::mutex> lock(secret_mutex_);
+    return secret_;
+}
+
+void client_harness::set_secret(const std::string& secret)
+{
+    std::lock_guard<std::mutex> lock(secret_mutex_);
+    secret_ = secret;
+}
+
+} // namespace orbweave::test

@@ -1,0 +1,58 @@
+#pragma once
+
+// A client wired to an in-process service simulator over loopback TLS, with
+// every callback recorded so tests can wait for what the application would see.
+
+#include "core/orbweave_client.hpp"
+#include "tests/support/blocking_queue.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "tools/service-sim/service_sim.hpp"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace orbweave::test {
+
+/// Production timing scaled down so reconnection and keep-alive tests take milliseconds.
+client_options fast_client_options(const std::string& ca_file);
+
+class client_harness {
+public:
+    /// A client for sim's URL trusting sim's CA, with fast_client_options()
+    /// adjusted by tweak, and every callback installed unless bare. Not started.
+    explicit client_harness(sim::service_sim& sim, bool bare = false,
+                            std::function<void(client_options&)> tweak = {});
+    ~client_harness();
+
+    orbweave_client& client() { return *client_; }
+    void start() { client_->start(); }
+    void stop_and_join();
+
+    /// The next reported state equal to state; false at the deadline.
+    bool wait_for_state(callback::state_type::type state, std::chrono::milliseconds timeout);
+    blocking_queue<callback::state_type::type>& states() { return states_; }
+    blocking_queue<std::string>& codes() { return codes_; }
+    blocking_queue<callback::msg::ready>& readies() { return readies_; }
+    int resets() const { return resets_; }
+
+    /// The secret the application keeps (what the secret callback returns).
+    std::string secret() const;
+    void set_secret(const std::string& secret);
+    const std::string& ca_file() const { return ca_file_; }
+
+private:
+    temp_dir dir_;
+    std::string ca_file_;
+    std::unique_ptr<orbweave_client> client_;
+    blocking_queue<callback::state_type::type> states_;
+    blocking_queue<std::string> codes_;
+    blocking_queue<callback::msg::ready> readies_;
+    std::atomic<int> resets_{0};
+    mutable std::mutex secret_mutex_;
+    std::string secret_;
+};
+
+} // namespace orbweave::test

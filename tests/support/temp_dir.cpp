@@ -1,0 +1,29 @@
+#include "tests/support/temp_dir.hpp"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <system_error>
+
+namespace orbweave::test {
+
+temp_dir::temp_dir(const std::string& prefix)
+{
+    std::string pattern = "/tmp/" + prefix + "-XXXXXX";
+    if (!mkdtemp(pattern.data()))
+        throw std::system_error(errno, std::generic_category(), "mkdtemp");
+    path_ = pattern;
+}
+
+temp_dir::~temp_dir()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string temp_dir::file(const std::string& name) const
+{
+    return path_ + "/" + name;
+}
+
+} // namespace orbweave::test

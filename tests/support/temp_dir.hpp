@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+namespace orbweave::test {
+
+/// A fresh directory under /tmp, removed with everything in it on destruction.
+class temp_dir {
+public:
+    explicit temp_dir(const std::string& prefix = "orbweave-test");
+    ~temp_dir();
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+
+    const std::string& path() const { return path_; }
+    /// path() + "/" + name.
+    std::string file(const std::string& name) const;
+
+private:
+    std::string path_;
+};
+
+} // namespace orbweave::test
