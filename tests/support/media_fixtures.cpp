@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -188,17 +189,38 @@ xvfb_display::xvfb_display(std::vector<screen_size> screens) : screens_(std::mov
 
 xvfb_display::~xvfb_display() = default;
 
-window_manager::window_manager(const std::string& display)
+window_manager::window_manager(const std::string& display, const std::filesystem::path& directory)
 {
+    // openbox announces itself (_NET_SUPPORTING_WM_CHECK) before it is done starting, and a
+    // window mapped in between can go unmanaged; its --startup command runs once it is done.
+    std::string fifo = (directory / "openbox-ready").string();
+    if (::mkfifo(fifo.c_str(), 0600) < 0)
+        throw std::system_error(errno, std::generic_category(), "mkfifo");
+    // Non-blocking, so the open does not wait for a writer; poll then waits for the line.
+    int ready = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (ready < 0)
+        throw std::system_error(errno, std::generic_category(), "open " + fifo);
     obs::child_process::options options;
-    options.argv = {"openbox", "--sm-disable"};
+    options.argv = {"openbox", "--sm-disable", "--startup", "sh -c 'echo ready > " + fifo + "'"};
     options.environment = {{"DISPLAY", display}};
     options.quiet = true;
-    process_ = std::make_unique<obs::child_process>(options);
-    bool ready = wait_on_root(
-        display, [](Display* x) { return !root_windows_property(x, "_NET_SUPPORTING_WM_CHECK").empty(); },
-        start_limit);
-    if (!ready)
+    try {
+        process_ = std::make_unique<obs::child_process>(options);
+    } catch (...) {
+        ::close(ready);
+        throw;
+    }
+    auto deadline = clock::now() + start_limit;
+    bool started = false;
+    while (!started) {
+        pollfd entry{ready, POLLIN, 0};
+        if (::poll(&entry, 1, milliseconds_left(deadline)) <= 0)
+            break;
+        char chunk[16];
+        started = ::read(ready, chunk, sizeof chunk) > 0;
+    }
+    ::close(ready);
+    if (!started)
         throw std::runtime_error("openbox did not start");
 }
 
@@ -223,8 +245,20 @@ test_window::test_window(const std::string& display, const std::string& title, c
             return false;
         },
         start_limit);
-    if (!listed)
-        throw std::runtime_error("window \"" + title + "\" did not appear");
+    if (!listed) {
+        // Say what the window manager does list, to tell a slow client from a lost one.
+        std::string seen;
+        wait_on_root(
+            display,
+            [&](Display* x) {
+                for (Window window : root_windows_property(x, "_NET_CLIENT_LIST"))
+                    seen += " [" + window_title(x, window) + "]";
+                return true;
+            },
+            start_limit);
+        throw std::runtime_error("window \"" + title + "\" did not appear; listed:" + seen +
+                                 (process_->wait_for(std::chrono::milliseconds(0)) ? " (xmessage exited)" : ""));
+    }
 }
 
 test_window::~test_window() = default;
@@ -265,7 +299,7 @@ void media_environment::SetUp()
     ::setenv("XDG_CACHE_HOME", (directory_->path() / "cache").c_str(), 1);
     display_ = std::make_unique<xvfb_display>(options_.screens);
     ::setenv("DISPLAY", display_->name().c_str(), 1);
-    window_manager_ = std::make_unique<window_manager>(display_->name());
+    window_manager_ = std::make_unique<window_manager>(display_->name(), directory_->path());
     for (const auto& [title, instance] : options_.windows)
         windows_.push_back(std::make_unique<test_window>(display_->name(), title, instance));
     if (options_.audio) {

@@ -53,10 +53,12 @@ private:
     std::string name_;
 };
 
-/// openbox managing display; returns once it has announced itself (EWMH).
+/// openbox managing display; returns once its start-up has finished (its --startup
+/// command has run), so no window mapped afterwards can be missed.
 class window_manager {
 public:
-    explicit window_manager(const std::string& display);
+    /// directory holds the start-up notification pipe.
+    window_manager(const std::string& display, const std::filesystem::path& directory);
     ~window_manager();
 
 private:
