@@ -1,0 +1,86 @@
+// Media worker figures, each the median of 10 runs, in milliseconds:
+//   worker_start_ms         spawn to {"ready":true}
+//   worker_shutdown_ms      shutdown request to the process reaped
+//   list_screens_ms, list_windows_ms, list_audios_ms, list_videos_ms, get_source_info_ms
+//
+// With DISPLAY set the current display (and PulseAudio) are used; otherwise a private
+// Xvfb, openbox with two windows and PulseAudio are started first.
+
+#include "core/obs/worker.hpp"
+#include "tests/support/media_fixtures.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+constexpr int runs = 10;
+
+double median_ms(const std::function<void()>& run)
+{
+    std::vector<double> times;
+    for (int i = 0; i < runs; ++i) {
+        auto start = clock_type::now();
+        run();
+        times.push_back(std::chrono::duration<double, std::milli>(clock_type::now() - start).count());
+    }
+    std::sort(times.begin(), times.end());
+    return (times[runs / 2 - 1] + times[runs / 2]) / 2;
+}
+
+void print(const char* name, double value)
+{
+    std::printf("%s %.1f\n", name, value);
+    std::fflush(stdout);
+}
+
+} // namespace
+
+int main()
+{
+    using namespace orbweave;
+    std::unique_ptr<test::media_environment> environment;
+    const char* display = std::getenv("DISPLAY");
+    if (!display || !*display) {
+        environment = std::make_unique<test::media_environment>();
+        environment->SetUp();
+        std::fprintf(stderr, "bench: private display %s\n", std::getenv("DISPLAY"));
+    }
+
+    try {
+        // Start-up and shut-down, one worker per run.
+        std::vector<double> shutdowns;
+        print("worker_start_ms", median_ms([&] {
+                  auto start = clock_type::now();
+                  auto worker = std::make_unique<obs::worker>();
+                  (void)start;
+                  auto stop = clock_type::now();
+                  worker->shutdown();
+                  shutdowns.push_back(std::chrono::duration<double, std::milli>(clock_type::now() - stop).count());
+              }));
+        std::sort(shutdowns.begin(), shutdowns.end());
+        print("worker_shutdown_ms", (shutdowns[runs / 2 - 1] + shutdowns[runs / 2]) / 2);
+
+        obs::worker worker;
+        print("list_screens_ms", median_ms([&] { worker.list_screens(); }));
+        print("list_windows_ms", median_ms([&] { worker.list_windows(); }));
+        print("list_audios_ms", median_ms([&] { worker.list_audios(); }));
+        print("list_videos_ms", median_ms([&] { worker.list_videos(); }));
+        Json request{{"payload", {{"source", {{"type", "screen"}, {"id", worker.list_screens().at(0).id}}}}}};
+        print("get_source_info_ms", median_ms([&] { worker.get_source_info(request); }));
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "bench: %s\n", error.what());
+        if (environment)
+            environment->TearDown();
+        return 1;
+    }
+    if (environment)
+        environment->TearDown();
+    return 0;
+}
