@@ -22,6 +22,13 @@ namespace {
 using clock_type = std::chrono::steady_clock;
 constexpr int runs = 10;
 
+double median(std::vector<double> times)
+{
+    std::sort(times.begin(), times.end());
+    std::size_t middle = times.size() / 2;
+    return times.size() % 2 ? times[middle] : (times[middle - 1] + times[middle]) / 2;
+}
+
 double median_ms(const std::function<void()>& run)
 {
     std::vector<double> times;
@@ -30,8 +37,7 @@ double median_ms(const std::function<void()>& run)
         run();
         times.push_back(std::chrono::duration<double, std::milli>(clock_type::now() - start).count());
     }
-    std::sort(times.begin(), times.end());
-    return (times[runs / 2 - 1] + times[runs / 2]) / 2;
+    return median(std::move(times));
 }
 
 void print(const char* name, double value)
@@ -55,17 +61,18 @@ int main()
 
     try {
         // Start-up and shut-down, one worker per run.
-        std::vector<double> shutdowns;
-        print("worker_start_ms", median_ms([&] {
-                  auto start = clock_type::now();
-                  auto worker = std::make_unique<obs::worker>();
-                  (void)start;
-                  auto stop = clock_type::now();
-                  worker->shutdown();
-                  shutdowns.push_back(std::chrono::duration<double, std::milli>(clock_type::now() - stop).count());
-              }));
-        std::sort(shutdowns.begin(), shutdowns.end());
-        print("worker_shutdown_ms", (shutdowns[runs / 2 - 1] + shutdowns[runs / 2]) / 2);
+        std::vector<double> starts, shutdowns;
+        for (int i = 0; i < runs; ++i) {
+            auto start = clock_type::now();
+            auto worker = std::make_unique<obs::worker>();
+            auto ready = clock_type::now();
+            worker->shutdown();
+            auto gone = clock_type::now();
+            starts.push_back(std::chrono::duration<double, std::milli>(ready - start).count());
+            shutdowns.push_back(std::chrono::duration<double, std::milli>(gone - ready).count());
+        }
+        print("worker_start_ms", median(starts));
+        print("worker_shutdown_ms", median(shutdowns));
 
         obs::worker worker;
         print("list_screens_ms", median_ms([&] { worker.list_screens(); }));

@@ -1,0 +1,82 @@
+// What a started libobs offers the worker: the allow-listed plug-ins only, and our
+// own RTMP service type in place of the stock one.
+
+#include "media/runtime.hpp"
+#include "media/unique_handle.hpp"
+
+#include <obs.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <type_traits>
+
+namespace orbweave::obs {
+namespace {
+
+static_assert(!std::is_copy_constructible_v<source_handle> && std::is_nothrow_move_constructible_v<source_handle> &&
+              std::is_nothrow_move_assignable_v<source_handle>);
+
+std::set<std::string> loaded_module_names()
+{
+    std::set<std::string> names;
+    obs_enum_modules(
+        [](void* param, obs_module_t* module) {
+            std::string file = obs_get_module_file_name(module);
+            static_cast<std::set<std::string>*>(param)->insert(file.substr(0, file.rfind('.')));
+        },
+        &names);
+    return names;
+}
+
+TEST(Runtime, LoadsExactlyTheAllowedModules)
+{
+    std::set<std::string> allowed(allowed_modules().begin(), allowed_modules().end());
+    EXPECT_EQ(loaded_module_names(), allowed);
+    EXPECT_FALSE(allowed.count("rtmp-services")) << "rtmp-services fetches a services list from the internet";
+    EXPECT_TRUE(std::filesystem::is_directory(config_directory()));
+    EXPECT_EQ(config_directory(), std::string(std::getenv("XDG_CACHE_HOME")) + "/orbweave/obs");
+}
+
+TEST(Runtime, OffersTheCaptureSourcesEncodersAndOutput)
+{
+    auto has_source = [](const char* id) {
+        const char* found = nullptr;
+        for (std::size_t i = 0; obs_enum_input_types(i, &found); ++i)
+            if (std::string(found) == id)
+                return true;
+        return false;
+    };
+    for (const char* id : {"xshm_input", "xcomposite_input", "pulse_output_capture", "pulse_input_capture", "v4l2_input"})
+        EXPECT_TRUE(has_source(id)) << id;
+    EXPECT_STREQ(obs_get_encoder_codec("obs_x264"), "h264");
+    EXPECT_NE(obs_get_encoder_codec("ffmpeg_aac"), nullptr);
+    output_handle output(obs_output_create("rtmp_output", "rtmp_output", nullptr, nullptr));
+    ASSERT_TRUE(output);
+    EXPECT_STREQ(obs_output_get_id(output.get()), "rtmp_output");
+}
+
+TEST(Runtime, RtmpServiceCarriesServerAndKey)
+{
+    data_handle settings(obs_data_create());
+    obs_data_set_string(settings.get(), "server", "rtmp://127.0.0.1:1935/live");
+    obs_data_set_string(settings.get(), "key", "stream-key");
+    service_handle service(obs_service_create(rtmp_service_id, "rtmp_service", settings.get(), nullptr));
+    ASSERT_TRUE(service);
+    EXPECT_STREQ(obs_service_get_url(service.get()), "rtmp://127.0.0.1:1935/live");
+    EXPECT_STREQ(obs_service_get_key(service.get()), "stream-key");
+    EXPECT_STREQ(obs_service_get_output_type(service.get()), "rtmp_output");
+
+    // A moved handle releases once, from its new owner.
+    service_handle moved = std::move(service);
+    EXPECT_FALSE(service);
+    EXPECT_TRUE(moved);
+    moved.reset();
+    EXPECT_FALSE(moved);
+}
+
+} // namespace
+} // namespace orbweave::obs
