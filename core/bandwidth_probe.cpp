@@ -91,7 +91,16 @@ std::optional<std::string> post(const probe_target& target, const probe_options&
             });
         });
     });
-    io.run();
+    // Run in slices so a caller shutting down need not wait out the time-out.
+    while (!io.stopped()) {
+        io.run_for(std::chrono::milliseconds(100));
+        if (!io.stopped() && options.cancelled && options.cancelled()) {
+            failure = asio::error::operation_aborted;
+            beast::get_lowest_layer(stream).cancel();
+            resolver.cancel();
+            io.run();
+        }
+    }
 
     if (failure) {
         log::line("Bandwidth probe failed: ", failure.message());

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,8 @@ struct probe_options {
     std::string ca_file;
     std::chrono::milliseconds timeout{60000};
     std::size_t body_bytes = 1048576;
+    /// Polled while the probe runs; true abandons it (the fallback is answered).
+    std::function<bool()> cancelled;
 };
 
 /// "https://host:port/api/client/test" for the service at websocket_url; "" when it is not a wss URL.

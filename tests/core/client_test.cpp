@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 
 namespace orbweave {
@@ -278,7 +279,13 @@ TEST(Lifecycle, DestroyingARunningClientStopsIt)
 class Probe : public ::testing::Test {
 protected:
     Probe() : app(service) {}
-    std::int32_t measure() { return recommended_bitrate(service.url(), {app.ca_file()}); }
+    probe_options trusting() const
+    {
+        probe_options options;
+        options.ca_file = app.ca_file();
+        return options;
+    }
+    std::int32_t measure() { return recommended_bitrate(service.url(), trusting()); }
 
     sim::service_sim service;
     client_harness app;
@@ -320,9 +327,34 @@ TEST_F(Probe, FailuresGiveTheFallback)
     EXPECT_EQ(measure(), 1250);
     service.answer_probe_json(Json{{"bytes", 1048576}, {"duration", 1000}});
     EXPECT_EQ(recommended_bitrate(service.url(), {}), 1250); // service not trusted
-    EXPECT_EQ(recommended_bitrate("https://127.0.0.1/api/client", {app.ca_file()}), 1250);
+    EXPECT_EQ(recommended_bitrate("https://127.0.0.1/api/client", trusting()), 1250);
     service.stop();
     EXPECT_EQ(measure(), 1250); // unreachable
+}
+
+TEST_F(Probe, ACancelledProbeEndsPromptlyWithTheFallback)
+{
+    // A service that accepts the connection but never answers: only cancelling ends the wait.
+    test::service_peer silent;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    silent.set_http_handler([released](const wss::http_request&) -> wss::http_response {
+        released.wait_for(deadline); // stalls until the test is done with it
+        return {};
+    });
+    std::atomic<bool> cancel{false};
+    probe_options options;
+    options.ca_file = silent.ca_file();
+    options.cancelled = [&] { return cancel.load(); };
+    auto started = std::chrono::steady_clock::now();
+    std::thread canceller([&] {
+        silent.wait_for_connection(100ms); // lets the upload begin before cancelling
+        cancel = true;
+    });
+    EXPECT_EQ(recommended_bitrate(silent.url(), options), 1250);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+    canceller.join();
+    release.set_value();
 }
 
 TEST_F(Probe, MeasuredAnswerGivesAPositiveRate)

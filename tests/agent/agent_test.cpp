@@ -1,0 +1,271 @@
+#include "agent/agent_options.hpp"
+#include "agent/secret_store.hpp"
+#include "agent/terminal_prompt.hpp"
+#include "core/obs/child_process.hpp"
+#include "tests/support/blocking_queue.hpp"
+#include "tests/support/line_reader.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "tools/service-sim/service_sim.hpp"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+namespace orbweave::agent {
+namespace {
+
+using namespace std::chrono_literals;
+using callback::source_type;
+using decision = permission_policy::decision;
+
+constexpr auto deadline = 10s;
+
+std::string agent_program()
+{
+    return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "orbweave-agent").string();
+}
+
+TEST(AgentOptions, DefaultsAllowNothingAndUseTheProductionService)
+{
+    options parsed = parse_options({});
+    EXPECT_EQ(parsed.service_url, "wss://orbweave.live/api/client");
+    EXPECT_FALSE(parsed.bitrate);
+    for (auto kind : {source_type::screen, source_type::window, source_type::audio, source_type::video,
+                      source_type::none})
+        EXPECT_EQ(parsed.permissions.decide(kind), decision::deny);
+    EXPECT_FALSE(parsed.state_dir.empty());
+}
+
+TEST(AgentOptions, AllowAskAndBitrate)
+{
+    options parsed = parse_options({"--allow", "screen,audio", "--ask", "--bitrate=2500", "--state-dir", "/x",
+                                    "--service", "wss://127.0.0.1:9/api/client", "--ca-file", "/ca.pem"});
+    EXPECT_EQ(parsed.permissions.decide(source_type::screen), decision::allow);
+    EXPECT_EQ(parsed.permissions.decide(source_type::audio), decision::allow);
+    EXPECT_EQ(parsed.permissions.decide(source_type::window), decision::ask);
+    EXPECT_EQ(parsed.permissions.decide(source_type::none), decision::ask);
+    EXPECT_EQ(parsed.bitrate, 2500);
+    EXPECT_EQ(parsed.state_dir, "/x");
+    EXPECT_EQ(parsed.ca_file, "/ca.pem");
+
+    options all = parse_options({"--allow", "all"});
+    for (auto kind : {source_type::screen, source_type::window, source_type::audio, source_type::video,
+                      source_type::none})
+        EXPECT_EQ(all.permissions.decide(kind), decision::allow);
+}
+
+TEST(AgentOptions, BadArgumentsAreRejectedWithAReason)
+{
+    struct {
+        std::vector<std::string> arguments;
+        std::string reason;
+    } cases[] = {
+        {{"--allow", "printer"}, "unknown kind 'printer'"},
+        {{"--allow", "Screen"}, "unknown kind 'Screen'"},
+        {{"--allow", ","}, "--allow needs"},
+        {{"--allow"}, "--allow needs a value"},
+        {{"--bitrate", "fast"}, "--bitrate needs a whole number"},
+        {{"--bitrate", "-5"}, "--bitrate needs a whole number"},
+        {{"--service", "http://example.invalid/"}, "--service needs a wss:// URL"},
+        {{"--frobnicate"}, "unknown argument '--frobnicate'"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason);
+        try {
+            parse_options(c.arguments);
+            ADD_FAILURE() << "accepted";
+        } catch (const std::invalid_argument& error) {
+            EXPECT_NE(std::string(error.what()).find(c.reason), std::string::npos) << error.what();
+        }
+    }
+}
+
+TEST(AgentSecretStore, TheSecretIsPrivateAndReplacedWhole)
+{
+    test::temp_dir dir;
+    secret_store store(dir.file("state"));
+    EXPECT_EQ(store.load(), "");
+    ASSERT_TRUE(store.save("first"));
+    ASSERT_TRUE(store.save("second"));
+    EXPECT_EQ(store.load(), "second");
+    struct stat file{}, folder{};
+    ASSERT_EQ(::stat(store.path().c_str(), &file), 0);
+    ASSERT_EQ(::stat(dir.file("state").c_str(), &folder), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600u);
+    EXPECT_EQ(folder.st_mode & 0777, 0700u);
+    EXPECT_FALSE(std::filesystem::exists(store.path() + ".new"));
+    store.erase();
+    EXPECT_EQ(store.load(), "");
+}
+
+class Prompt : public ::testing::Test {
+protected:
+    Prompt()
+    {
+        EXPECT_EQ(::pipe(input), 0);
+    }
+    ~Prompt() override
+    {
+        if (input[1] >= 0)
+            ::close(input[1]);
+        ::close(input[0]);
+    }
+    void type(const std::string& text) { ASSERT_EQ(::write(input[1], text.data(), text.size()), ssize_t(text.size())); }
+    callback::request recorded(const std::string& name)
+    {
+        return callback::request([this, name](bool allowed) { answers.push(name + (allowed ? "=yes" : "=no")); });
+    }
+
+    int input[2] = {-1, -1};
+    test::blocking_queue<std::string> questions;
+    test::blocking_queue<std::string> answers;
+};
+
+TEST_F(Prompt, AsksOneQuestionAtATimeAndTakesOnlyYes)
+{
+    terminal_prompt prompt(input[0], [this](const std::string& q) { questions.push(q); });
+    prompt.ask("first?", recorded("first"));
+    prompt.ask("second?", recorded("second"));
+    prompt.ask("third?", recorded("third"));
+    EXPECT_EQ(questions.pop(deadline), std::optional<std::string>("first? [y/N] "));
+    EXPECT_FALSE(questions.pop(100ms)); // the second waits for the first answer
+    type("Y\n");
+    EXPECT_EQ(answers.pop(deadline), std::optional<std::string>("first=yes"));
+    EXPECT_EQ(questions.pop(deadline), std::optional<std::string>("second? [y/N] "));
+    type("maybe\nyes\n");
+    EXPECT_EQ(answers.pop(deadline), std::optional<std::string>("second=no"));
+    EXPECT_EQ(answers.pop(deadline), std::optional<std::string>("third=yes"));
+}
+
+TEST_F(Prompt, EndOfInputAndClosingDenyWhatIsOpen)
+{
+    {
+        terminal_prompt prompt(input[0], [this](const std::string& q) { questions.push(q); });
+        prompt.ask("a?", recorded("a"));
+        ASSERT_TRUE(questions.pop(deadline));
+        prompt.ask("b?", recorded("b"));
+    } // closed while "a" waits for an answer and "b" is queued
+    EXPECT_EQ(answers.pop(deadline), std::optional<std::string>("a=no"));
+    EXPECT_EQ(answers.pop(deadline), std::optional<std::string>("b=no"));
+
+    terminal_prompt prompt(input[0], [this](const std::string& q) { questions.push(q); });
+    ::close(input[1]);
+    input[1] = -1;
+    prompt.ask("c?", recorded("c"));
+    prompt.ask("d?", recorded("d"));
+    EXPECT_EQ(answers.pop(deadline), std::optional<std::string>("c=no"));
+    EXPECT_EQ(answers.pop(deadline), std::optional<std::string>("d=no"));
+}
+
+/// orbweave-agent as a child process against an in-process simulator.
+class AgentProcess : public ::testing::Test {
+protected:
+    AgentProcess() { service.identity().write(dir.path()); }
+
+    std::unique_ptr<obs::child_process> run(std::vector<std::string> extra = {},
+                                            std::vector<std::pair<std::string, std::string>> environment = {})
+    {
+        obs::child_process::options options;
+        options.argv = {agent_program(), "--service", service.url(), "--state-dir", dir.file("state")};
+        if (environment.empty())
+            options.argv.insert(options.argv.end(), {"--ca-file", dir.file("ca.pem")});
+        options.argv.insert(options.argv.end(), extra.begin(), extra.end());
+        options.environment = std::move(environment);
+        options.pipe_stdout = true;
+        auto child = std::make_unique<obs::child_process>(options);
+        output = std::make_unique<test::line_reader>(child->stdout_fd());
+        return child;
+    }
+
+    void stop(obs::child_process& child)
+    {
+        child.kill(SIGTERM);
+        EXPECT_TRUE(output->wait_for_prefix("stopped", deadline));
+        auto status = child.wait_for(deadline);
+        ASSERT_TRUE(status);
+        EXPECT_TRUE(WIFEXITED(*status));
+        EXPECT_EQ(WEXITSTATUS(*status), 0);
+    }
+
+    test::temp_dir dir;
+    sim::service_sim service;
+    std::unique_ptr<test::line_reader> output;
+};
+
+TEST_F(AgentProcess, PairsKeepsTheSecretAndPairsAgainByItself)
+{
+    auto agent = run({"--bitrate", "2000"});
+    EXPECT_TRUE(output->wait_for_prefix("bitrate 2000 kbps", deadline));
+    auto code_line = output->wait_for_prefix("code ", deadline);
+    ASSERT_TRUE(code_line);
+    std::string code = code_line->substr(5);
+    auto secret = service.claim(code, {"Ann Example", ""});
+    ASSERT_TRUE(secret);
+    EXPECT_TRUE(output->wait_for_prefix("state connected", deadline));
+    EXPECT_TRUE(output->wait_for_prefix("paired with Ann Example", deadline));
+    stop(*agent);
+
+    secret_store stored(dir.file("state"));
+    EXPECT_EQ(stored.load(), *secret);
+    struct stat file{};
+    ASSERT_EQ(::stat(stored.path().c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600u);
+    for (const auto& line : output->lines())
+        EXPECT_EQ(line.find(*secret), std::string::npos) << "the secret was printed";
+
+    // The second run presents the secret: connected without a code.
+    agent = run({"--bitrate", "2000"});
+    auto first_state = output->wait_for([](const std::string& l) { return l == "state connected" || l.rfind("code ", 0) == 0; },
+                                        deadline);
+    EXPECT_EQ(first_state, std::optional<std::string>("state connected"));
+
+    // A reset forgets the secret and asks for a new code.
+    service.reset();
+    EXPECT_TRUE(output->wait_for_prefix("pairing removed", deadline));
+    EXPECT_TRUE(output->wait_for_prefix("code ", deadline));
+    EXPECT_EQ(stored.load(), "");
+    stop(*agent);
+}
+
+TEST_F(AgentProcess, MeasuresTheBitrateAndTrustsTheCaFromTheEnvironment)
+{
+    auto agent = run({}, {{"ORBWEAVE_CA_FILE", dir.file("ca.pem")}});
+    auto bitrate = output->wait_for_prefix("bitrate ", deadline);
+    ASSERT_TRUE(bitrate);
+    EXPECT_NE(*bitrate, "bitrate 1250 kbps"); // measured, not the fallback
+    EXPECT_TRUE(service.wait_for_probe(deadline));
+    EXPECT_TRUE(output->wait_for_prefix("code ", deadline));
+    stop(*agent);
+}
+
+TEST_F(AgentProcess, StopsCleanlyOnSigintEvenWhileTheServiceIsAway)
+{
+    service.stop();
+    auto agent = run({"--bitrate", "1000"});
+    EXPECT_TRUE(output->wait_for_prefix("state disconnected", deadline));
+    agent->kill(SIGINT);
+    EXPECT_TRUE(output->wait_for_prefix("stopped", deadline));
+    auto status = agent->wait_for(deadline);
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+}
+
+TEST_F(AgentProcess, BadArgumentsExitNonZeroWithAMessage)
+{
+    obs::child_process::options options;
+    options.argv = {agent_program(), "--allow", "printer"};
+    options.pipe_stdout = true;
+    obs::child_process agent(options);
+    auto status = agent.wait_for(deadline);
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(WIFEXITED(*status));
+    EXPECT_EQ(WEXITSTATUS(*status), 2);
+}
+
+} // namespace
+} // namespace orbweave::agent

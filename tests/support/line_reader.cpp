@@ -1,0 +1,56 @@
+#include "tests/support/line_reader.hpp"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace orbweave::test {
+
+std::optional<std::string> line_reader::next(std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        if (auto end = buffered_.find('\n'); end != std::string::npos) {
+            std::string line = buffered_.substr(0, end);
+            buffered_.erase(0, end + 1);
+            lines_.push_back(line);
+            return line;
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return std::nullopt;
+        pollfd fd{fd_, POLLIN, 0};
+        int ready = ::poll(&fd, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return std::nullopt;
+        char chunk[4096];
+        ssize_t got = ::read(fd_, chunk, sizeof chunk);
+        if (got <= 0)
+            return std::nullopt;
+        buffered_.append(chunk, static_cast<size_t>(got));
+    }
+}
+
+std::optional<std::string> line_reader::wait_for(const std::function<bool(const std::string&)>& match,
+                                                 std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        auto line = next(left.count() > 0 ? left : std::chrono::milliseconds(0));
+        if (!line)
+            return std::nullopt;
+        if (match(*line))
+            return line;
+    }
+}
+
+std::optional<std::string> line_reader::wait_for_prefix(const std::string& prefix, std::chrono::milliseconds timeout)
+{
+    return wait_for([&](const std::string& line) { return line.rfind(prefix, 0) == 0; }, timeout);
+}
+
+} // namespace orbweave::test
