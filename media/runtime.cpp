@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <stdexcept>
 
 namespace orbweave::obs {
@@ -77,7 +78,11 @@ void log_to_stderr(int level, const char* format, va_list args, void*)
         return;
     char text[4096];
     std::vsnprintf(text, sizeof text, format, args);
-    log::line("libobs: ", text);
+    try {
+        log::line("libobs: ", text);
+    } catch (...) {
+        // Called from libobs (C): nothing may escape.
+    }
 }
 
 // The RTMP service: the server address and stream key an activate request names.
@@ -86,11 +91,16 @@ struct rtmp_service {
     std::string key;
 };
 
-void rtmp_service_update(void* data, obs_data_t* settings)
+void rtmp_service_update(void* data, obs_data_t* settings) noexcept
 {
     auto* service = static_cast<rtmp_service*>(data);
-    service->server = obs_data_get_string(settings, "server");
-    service->key = obs_data_get_string(settings, "key");
+    try {
+        service->server = obs_data_get_string(settings, "server");
+        service->key = obs_data_get_string(settings, "key");
+    } catch (const std::bad_alloc&) {
+        service->server.clear();
+        service->key.clear();
+    }
 }
 
 void register_rtmp_service()
@@ -100,8 +110,9 @@ void register_rtmp_service()
         i.id = rtmp_service_id;
         i.get_name = [](void*) -> const char* { return "RTMP server"; };
         i.create = [](obs_data_t* settings, obs_service_t*) -> void* {
-            auto* service = new rtmp_service;
-            rtmp_service_update(service, settings);
+            auto* service = new (std::nothrow) rtmp_service;
+            if (service)
+                rtmp_service_update(service, settings);
             return service;
         };
         i.destroy = [](void* data) { delete static_cast<rtmp_service*>(data); };
@@ -175,7 +186,11 @@ runtime::runtime(const runtime_options& options)
             for (const auto& known : search->paths)
                 if (known.first == info->name)
                     return;
-            search->paths.push_back({info->name, {info->bin_path, info->data_path}});
+            try {
+                search->paths.push_back({info->name, {info->bin_path, info->data_path}});
+            } catch (const std::bad_alloc&) {
+                // Called from libobs (C): the module is reported missing instead.
+            }
         },
         &search);
 

@@ -60,9 +60,12 @@ public:
     /// (none when the worker was already gone or did not answer). Later calls throw.
     std::optional<long> shutdown();
 
-    /// Called on the reader thread for each {"event": ...} line.
+    /// Called on the reader thread for each {"event": ...} line. The handler must not
+    /// call into this worker (the reply it would wait for is read by that very thread).
     void set_event_handler(std::function<void(const Json& event)> handler);
-    /// Called once, on the reader thread, when the worker process ends without being asked to.
+    /// Called once, on the reader thread, when the worker process ends without being asked
+    /// to, with the reason ("killed by signal SIGKILL"). It must not destroy the worker;
+    /// hand that to another thread.
     void set_exit_handler(std::function<void(const std::string& reason)> handler);
 
     /// Whether the worker process is still answering.

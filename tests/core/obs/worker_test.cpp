@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -249,6 +250,43 @@ TEST(WorkerProcess, StartFailuresThrowWorkerFailedToInitialize)
     expect_start_failure(worker::options{});
     ::setenv("DISPLAY", display.c_str(), 1);
     EXPECT_EQ(test::child_pids(), before) << "start failures left processes behind";
+}
+
+TEST(WorkerProcess, StandardOutputCarriesOnlyProtocolLines)
+{
+    // Even with libobs logging everything, its log and the plug-ins' output go to stderr.
+    child_process::options options;
+    options.argv = {worker::default_executable()};
+    options.environment = {{"ORBWEAVE_OBS_LOG", "debug"}};
+    options.pipe_stdin = true;
+    options.pipe_stdout = true;
+    child_process raw(options);
+    std::string requests = "{\"op\":\"list_screens\"}\n{\"op\":\"list_audios\"}\nnot json\n{\"op\":\"shutdown\"}\n";
+    ASSERT_EQ(::write(raw.stdin_fd(), requests.data(), requests.size()), static_cast<ssize_t>(requests.size()));
+    std::string output;
+    auto deadline = std::chrono::steady_clock::now() + 20s;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd entry{raw.stdout_fd(), POLLIN, 0};
+        ASSERT_GT(::poll(&entry, 1, static_cast<int>(std::max<long long>(left.count(), 0))), 0) << "no end of output";
+        char chunk[4096];
+        ssize_t got = ::read(raw.stdout_fd(), chunk, sizeof chunk);
+        if (got <= 0)
+            break;
+        output.append(chunk, static_cast<std::size_t>(got));
+    }
+    std::vector<Json> lines;
+    for (std::size_t start = 0, end; (end = output.find('\n', start)) != std::string::npos; start = end + 1)
+        lines.push_back(json::parse(output.substr(start, end - start)));
+    ASSERT_EQ(lines.size(), 5u) << output;
+    EXPECT_EQ(lines[0], Json({{"ready", true}}));
+    EXPECT_EQ(lines[1]["result"].size(), 2u);
+    EXPECT_TRUE(json::bool_at(lines[2], {"ok"}));
+    EXPECT_FALSE(json::bool_at(lines[3], {"ok"}));
+    EXPECT_EQ(lines[4], Json({{"ok", true}, {"result", {{"leaks", 0}}}}));
+    auto status = raw.wait_for(10s);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(child_process::describe(*status), "exited with code 0");
 }
 
 // A scripted worker for what the real one does not do yet: unsolicited events, and
