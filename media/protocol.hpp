@@ -3,6 +3,18 @@
 // The worker's side of the pipe protocol: one JSON object per line in, one
 // reply per line out, in order; unsolicited {"event": ...} lines may be sent
 // between replies from any thread.
+//
+//   start-up         -> {"ready":true} | {"ready":false,"error":"..."}
+//   {"op":"list_screens"|"list_windows"|"list_audios"|"list_videos"}
+//                    -> {"ok":true,"result":[entry, ...]}
+//   {"op":"get_source_info","request":<activate request>}
+//                    -> {"ok":true,"result":<entry> or {}}
+//   {"op":"shutdown"} (or end of input)
+//                    -> {"ok":true,"result":{"leaks":<libobs allocations left>}}, exit 0
+//   anything failing -> {"ok":false,"error":"..."}; the worker carries on
+//
+// Standard output belongs to the protocol alone: the worker moves fd 1 to
+// standard error at start-up and writes replies to a duplicate of the original.
 
 #include "core/json.hpp"
 

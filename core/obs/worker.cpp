@@ -17,7 +17,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto shutdown_limit = 10s;
+// How long a failed send waits for the reader to learn why the worker went away.
+constexpr auto gone_limit = 10s;
 constexpr const char* worker_program = "orbweave-media-worker";
 
 bool send_line(int fd, const std::string& line)
@@ -126,7 +127,7 @@ Json worker::exchange(const Json& request, std::chrono::milliseconds timeout)
     // A failed send means the worker is going away; the reader then reports why.
     bool sent = send_line(process_->stdin_fd(), json::dump(request) + "\n");
     std::unique_lock<std::mutex> lock(state_mutex_);
-    std::optional<Json> reply = wait_reply(lock, sent ? timeout : shutdown_limit);
+    std::optional<Json> reply = wait_reply(lock, sent ? timeout : std::chrono::milliseconds(gone_limit));
     if (reply)
         return *reply;
     if (dead_)
@@ -163,10 +164,10 @@ std::optional<long> worker::shutdown()
             return std::nullopt;
         stopping_ = true;
     }
-    auto deadline = std::chrono::steady_clock::now() + shutdown_limit;
+    auto deadline = std::chrono::steady_clock::now() + options_.shutdown_timeout;
     std::optional<long> leaks;
     try {
-        Json reply = exchange(Json{{"op", "shutdown"}}, shutdown_limit);
+        Json reply = exchange(Json{{"op", "shutdown"}}, options_.shutdown_timeout);
         if (json::bool_at(reply, {"ok"}) && json::is_number_at(reply, {"result", "leaks"}))
             leaks = json::at(reply, {"result", "leaks"}).get<long>();
     } catch (const std::exception& error) {

@@ -32,13 +32,15 @@ public:
         std::chrono::milliseconds start_timeout{30000};
         /// How long one request may take; a late worker is killed, since replies would fall out of step.
         std::chrono::milliseconds call_timeout{60000};
+        /// How long an orderly shutdown may take before the worker is killed.
+        std::chrono::milliseconds shutdown_timeout{10000};
     };
 
     /// Starts a listing worker and returns once it is ready; throws
     /// std::runtime_error("worker failed to initialize") when it cannot start.
     worker();
     explicit worker(const options& options);
-    /// Shuts the worker down (at most 10 s, then SIGKILL) and reaps it.
+    /// Shuts the worker down (at most shutdown_timeout, 10 s, then SIGKILL) and reaps it.
     ~worker();
 
     worker(const worker&) = delete;

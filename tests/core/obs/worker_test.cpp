@@ -326,6 +326,19 @@ TEST_F(ScriptedWorker, EventLinesGoToTheEventHandlerNotToTheCall)
     EXPECT_TRUE(scripted.list_windows().empty()) << "replies fell out of step";
 }
 
+TEST_F(ScriptedWorker, AWorkerThatIgnoresShutdownIsKilled)
+{
+    worker::options options;
+    options.executable = script("echo '{\"ready\":true}'\nexec sleep 600\n");
+    options.shutdown_timeout = 300ms;
+    pid_t pid;
+    {
+        worker stuck(options);
+        pid = stuck.pid();
+    }
+    EXPECT_TRUE(process_gone(pid));
+}
+
 TEST_F(ScriptedWorker, DyingDuringACallFailsThatCall)
 {
     worker::options options;
