@@ -36,6 +36,7 @@ bool agent::start(const std::function<bool()>& cancelled)
     }
     print_("bitrate " + std::to_string(bitrate_.load()) + " kbps");
 
+    answers_ = std::make_unique<serial_executor>();
     client_options settings;
     settings.transport.ca_file = options_.ca_file;
     client_ = orbweave_client::create(options_.service_url, settings);
@@ -66,6 +67,7 @@ void agent::stop()
 {
     if (!client_)
         return;
+    answers_.reset(); // answers still queued are dropped: the link is going away
     client_->stop();
     client_->join();
     client_.reset();
@@ -85,7 +87,7 @@ void agent::on_permission(source_type::type kind, const std::string& name, const
     switch (options_.permissions.decide(kind)) {
     case permission_policy::decision::allow:
         print_("allowed " + what);
-        request.answer(true);
+        answer(request, true);
         return;
     case permission_policy::decision::ask:
         if (prompt_) {
@@ -98,9 +100,15 @@ void agent::on_permission(source_type::type kind, const std::string& name, const
         [[fallthrough]];
     case permission_policy::decision::deny:
         print_("denied " + what);
-        request.answer(false);
+        answer(request, false);
         return;
     }
+}
+
+void agent::answer(const callback::request& request, bool allowed)
+{
+    if (!answers_ || !answers_->post([request, allowed] { request.answer(allowed); }))
+        request.answer(false);
 }
 
 } // namespace orbweave::agent

@@ -2,6 +2,7 @@
 
 #include "core/callback.hpp"
 #include "core/encode_profile.hpp"
+#include "core/obs/worker_manager.hpp"
 #include "core/websocket/websocket_client.hpp"
 
 #include <functional>
@@ -23,6 +24,8 @@ struct client_options {
     long keepalive_interval_ms = 5000;
     /// Reconnection attempts with streams active after which the streams are stopped.
     int stream_outage_attempts = 5;
+    /// The media worker processes.
+    obs::worker_manager::options media;
 };
 
 /// The service connection as the front ends see it. start(), stop() and join()

@@ -2,6 +2,7 @@
 
 #include "core/identify_handler.hpp"
 #include "core/log.hpp"
+#include "core/obs/stream_handlers.hpp"
 #include "core/open_handler.hpp"
 #include "core/pairing_handlers.hpp"
 
@@ -41,15 +42,22 @@ orbweave_client_impl::~orbweave_client_impl()
 void orbweave_client_impl::initialize()
 {
     websocket_client_ = std::make_unique<websocket::websocket_client>(options_.transport);
-    work_manager_ = std::make_unique<obs::worker_manager>();
+    work_manager_ = std::make_unique<obs::worker_manager>(options_.media);
+    work_manager_->set_stream_lost_handler([this](const std::string&, bool now_empty) {
+        if (now_empty)
+            signal_on_state_change(state_type::connected);
+    });
     io_service_ = std::make_unique<boost::asio::io_service>();
     reconnect_timer_.reset();
     current_connection_ = {};
 
     // Every message the client serves, in one place.
     auto& transport = *websocket_client_;
+    transport.register_message_handler(std::make_unique<obs::activate_handler>(this));
     transport.register_message_handler(std::make_unique<code_handler>(this));
+    transport.register_message_handler(std::make_unique<obs::deactivate_handler>(this));
     transport.register_message_handler(std::make_unique<identify_handler>());
+    transport.register_message_handler(std::make_unique<obs::list_handler>(this));
     transport.register_message_handler(std::make_unique<open_handler>(this));
     transport.register_message_handler(std::make_unique<ready_handler>(this));
     transport.register_message_handler(std::make_unique<reset_handler>(this));

@@ -2,6 +2,11 @@
 
 namespace orbweave::websocket {
 
+Json reply_to(const Json& request, Json payload)
+{
+    return Json{{"id", json::at(request, {"id"})}, {"state", json::at(request, {"state"})}, {"payload", std::move(payload)}};
+}
+
 message_handler::message_handler(std::string id)
     : id_(std::move(id))
 {

@@ -10,6 +10,9 @@ namespace orbweave::websocket {
 
 class connection;
 
+/// A reply to request: its "id" and "state" copied unchanged (null when absent), and payload.
+Json reply_to(const Json& request, Json payload);
+
 /// Serves one message id. Handlers run on the network thread, one message at a
 /// time, under the transport's recursive mutex; they may send from inside handle().
 class message_handler {
