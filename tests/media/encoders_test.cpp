@@ -53,6 +53,7 @@ Json activate_with_options(const Json& options)
 struct read_back {
     std::string id;
     Json settings;
+    bool on_global_video = false;
 };
 
 read_back inspect(const encoder_handle& encoder)
@@ -61,6 +62,7 @@ read_back inspect(const encoder_handle& encoder)
     if (!encoder)
         return result;
     result.id = obs_encoder_get_id(encoder.get());
+    result.on_global_video = obs_encoder_video(encoder.get()) == obs_get_video();
     data_handle settings(obs_encoder_get_settings(encoder.get()));
     const char* text = obs_data_get_json(settings.get());
     result.settings = json::parse(text ? text : "null");
@@ -120,6 +122,7 @@ TEST(VideoEncoderObjects, CarryTheChosenIdAndSettings)
     auto below = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::high, 4999));
     EXPECT_EQ(below.id, "obs_x264");
     EXPECT_EQ(below.settings["bitrate"], 2500);
+    EXPECT_TRUE(below.on_global_video);
 
     for (int measured : {0, -1}) {
         auto floor = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::low, measured));

@@ -59,6 +59,31 @@ TEST(Runtime, OffersTheCaptureSourcesEncodersAndOutput)
     EXPECT_STREQ(obs_output_get_id(output.get()), "rtmp_output");
 }
 
+TEST(Runtime, VideoAndAudioResetsUseTheStreamFormat)
+{
+    ASSERT_TRUE(initialize_video(1920, 1080, 30));
+    obs_video_info video{};
+    ASSERT_TRUE(obs_get_video_info(&video));
+    EXPECT_EQ(video.base_width, 1920u);
+    EXPECT_EQ(video.base_height, 1080u);
+    EXPECT_EQ(video.output_width, 1920u);
+    EXPECT_EQ(video.output_height, 1080u);
+    EXPECT_EQ(video.fps_num, 30u);
+    EXPECT_EQ(video.fps_den, 1u);
+    EXPECT_EQ(video.output_format, VIDEO_FORMAT_NV12);
+    EXPECT_TRUE(video.gpu_conversion);
+    EXPECT_EQ(video.colorspace, VIDEO_CS_DEFAULT);
+    EXPECT_EQ(video.range, VIDEO_RANGE_DEFAULT);
+    EXPECT_EQ(video.scale_type, OBS_SCALE_DISABLE);
+    // Back to the listing canvas for the other cases.
+    ASSERT_TRUE(initialize_video(4, 4, 10));
+
+    obs_audio_info audio{};
+    ASSERT_TRUE(obs_get_audio_info(&audio));
+    EXPECT_EQ(audio.samples_per_sec, 44100u);
+    EXPECT_EQ(audio.speakers, SPEAKERS_STEREO);
+}
+
 TEST(Runtime, RtmpServiceCarriesServerAndKey)
 {
     data_handle settings(obs_data_create());
