@@ -1,6 +1,7 @@
 // What a started libobs offers the worker: the allow-listed plug-ins only, and our
 // own RTMP service type in place of the stock one.
 
+#include "media/catalogue.hpp"
 #include "media/runtime.hpp"
 #include "media/unique_handle.hpp"
 
@@ -101,6 +102,34 @@ TEST(Runtime, RtmpServiceCarriesServerAndKey)
     EXPECT_TRUE(moved);
     moved.reset();
     EXPECT_FALSE(moved);
+}
+
+} // namespace
+} // namespace orbweave::obs
+
+namespace orbweave::obs {
+namespace {
+
+TEST(CaptureItems, ScreenSizesAndWindowItemsAreReadFromThePluginFormats)
+{
+    unsigned long width = 0, height = 0;
+    EXPECT_TRUE(detail::size_from_screen_label("Screen 1 (1024x768 @ 1280,0)", width, height));
+    EXPECT_EQ(width, 1024u);
+    EXPECT_EQ(height, 768u);
+    EXPECT_TRUE(detail::size_from_screen_label("Screen DP-1 (2560x1440 @ 0,0)", width, height));
+    EXPECT_EQ(width, 2560u);
+    EXPECT_FALSE(detail::size_from_screen_label("Screen 0", width, height));
+
+    long long xid = 0;
+    std::string title, window_class;
+    ASSERT_TRUE(detail::split_window_item("2097200\r\nOrb One\r\norbone", xid, title, window_class));
+    EXPECT_EQ(xid, 2097200);
+    EXPECT_EQ(title, "Orb One");
+    EXPECT_EQ(window_class, "orbone");
+    ASSERT_TRUE(detail::split_window_item("12\r\n\r\n", xid, title, window_class)) << "no title, no class";
+    EXPECT_TRUE(title.empty() && window_class.empty());
+    EXPECT_FALSE(detail::split_window_item("12\r\nno class", xid, title, window_class));
+    EXPECT_FALSE(detail::split_window_item("x\r\nt\r\nc", xid, title, window_class));
 }
 
 } // namespace
