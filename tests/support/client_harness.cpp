@@ -32,10 +32,30 @@ client_harness::client_harness(sim::service_sim& sim, bool bare, std::function<v
         set_secret(ready.secret);
         readies_.push(ready);
     });
+    client_->set_permission_handler([this](callback::source_type::type kind, const std::string& name,
+                                           const std::string& description, callback::request_type::type request,
+                                           const callback::request& pending) {
+        permissions_.push({kind, request, name, description});
+        orbweave_client::permission_callback answer;
+        {
+            std::lock_guard<std::mutex> lock(permission_mutex_);
+            answer = permission_answer_;
+        }
+        if (answer)
+            answer(kind, name, description, request, pending);
+        else
+            pending.answer(false);
+    });
     client_->set_reset_handler([this] {
         ++resets_;
         set_secret("");
     });
+}
+
+void client_harness::on_permission(orbweave_client::permission_callback answer)
+{
+    std::lock_guard<std::mutex> lock(permission_mutex_);
+    permission_answer_ = std::move(answer);
 }
 
 client_harness::~client_harness()

@@ -38,6 +38,17 @@ public:
     blocking_queue<callback::msg::ready>& readies() { return readies_; }
     int resets() const { return resets_; }
 
+    /// How permission requests are answered from now on (default: denied at once).
+    void on_permission(orbweave_client::permission_callback answer);
+    /// Permission requests seen so far: (source kind, request kind, name).
+    struct permission_asked {
+        callback::source_type::type kind;
+        callback::request_type::type request;
+        std::string name;
+        std::string description;
+    };
+    blocking_queue<permission_asked>& permissions() { return permissions_; }
+
     /// The secret the application keeps (what the secret callback returns).
     std::string secret() const;
     void set_secret(const std::string& secret);
@@ -51,6 +62,9 @@ private:
     blocking_queue<std::string> codes_;
     blocking_queue<callback::msg::ready> readies_;
     std::atomic<int> resets_{0};
+    blocking_queue<permission_asked> permissions_;
+    std::mutex permission_mutex_;
+    orbweave_client::permission_callback permission_answer_;
     mutable std::mutex secret_mutex_;
     std::string secret_;
 };
