@@ -10,6 +10,7 @@
 
 #include "core/log.hpp"
 #include "media/catalogue.hpp"
+#include "media/output.hpp"
 #include "media/protocol.hpp"
 #include "media/runtime.hpp"
 
@@ -94,7 +95,21 @@ int main(int argc, char** argv)
         return obs::get_source_info(activate);
     });
 
+    // The stream this worker carries, if any. Stopped before libobs shuts down.
+    std::unique_ptr<obs::output> stream;
+    loop.on("activate", [&stream, &writer](const Json& request) {
+        return obs::activate_stream(stream, json::at(request, {"request"}), json::int_at(request, {"bitrate"}),
+                                    [&writer](const std::string& error) {
+                                        writer.send({{"event", "stopped"}, {"error", error}});
+                                    });
+    });
+    loop.on("deactivate", [&stream](const Json&) {
+        stream.reset();
+        return Json();
+    });
+
     bool asked = loop.run();
+    stream.reset();
     runtime.reset();
     if (asked)
         writer.send({{"ok", true}, {"result", {{"leaks", bnum_allocs()}}}});
