@@ -1,0 +1,361 @@
+// Streams end to end: a real media worker process (started without a canvas, as a
+// stream worker is) captures a screen, window or audio device of a private Xvfb /
+// PulseAudio, encodes it and pushes it over RTMP to a private nginx ingest; ffprobe
+// and ffmpeg check what arrived. Everything runs on loopback and is started here.
+
+#include "core/obs/worker.hpp"
+#include "media/encoders.hpp"
+#include "media/output.hpp"
+#include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/stderr_capture.hpp"
+
+#include <gtest/gtest.h>
+
+#include <X11/Xlib.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+namespace orbweave::obs {
+namespace {
+
+using namespace std::chrono_literals;
+using clock = std::chrono::steady_clock;
+
+[[maybe_unused]] auto* const environment = ::testing::AddGlobalTestEnvironment(new test::media_environment);
+
+// An activation may take: 5 s for the source's size, then two attempts of 10 s each.
+constexpr auto activation_limit = 26s;
+
+Json activate_request(const std::string& type, const std::string& id, const Json& options,
+                      const std::string& server, const std::string& key)
+{
+    return Json{{"id", "activate-1"},
+                {"state", 7},
+                {"payload",
+                 {{"source", {{"type", type}, {"id", id}}},
+                  {"options", options},
+                  {"service", {{"server", server}, {"key", key}}}}}};
+}
+
+bool process_gone(pid_t pid)
+{
+    auto children = test::child_pids();
+    return std::find(children.begin(), children.end(), pid) == children.end() && ::kill(pid, 0) == -1 &&
+           errno == ESRCH;
+}
+
+std::unique_ptr<worker> stream_worker()
+{
+    worker::options options;
+    options.defer_video = true;
+    return std::make_unique<worker>(options);
+}
+
+struct activation {
+    Json result;
+    std::chrono::milliseconds took;
+};
+
+activation activate(worker& media, const Json& request, int bitrate = 1500)
+{
+    auto begun = clock::now();
+    Json result = media.call(Json{{"op", "activate"}, {"request", request}, {"bitrate", bitrate}});
+    return {result, std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begun)};
+}
+
+/// A fresh stream key per use, so recordings never overwrite each other.
+std::string new_key(const std::string& label)
+{
+    static std::atomic<int> counter{0};
+    return "k" + std::to_string(++counter) + "-" + label;
+}
+
+std::pair<int, int> x_window_size(unsigned long xid)
+{
+    Display* display = XOpenDisplay(nullptr);
+    if (!display)
+        return {0, 0};
+    Window root;
+    int x, y;
+    unsigned width = 0, height = 0, border, depth;
+    XGetGeometry(display, xid, &root, &x, &y, &width, &height, &border, &depth);
+    XCloseDisplay(display);
+    return {static_cast<int>(width), static_cast<int>(height)};
+}
+
+// One ingest and the catalogue's ids for every case.
+class Streaming : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        ingest_ = new test::rtmp_ingest;
+        worker listing;
+        screens_ = new std::vector<screen_entry>(listing.list_screens());
+        windows_ = new std::vector<window_entry>(listing.list_windows());
+        audios_ = new std::vector<audio_entry>(listing.list_audios());
+    }
+    static void TearDownTestSuite()
+    {
+        delete ingest_;
+        delete screens_;
+        delete windows_;
+        delete audios_;
+        ingest_ = nullptr;
+    }
+
+    static const screen_entry& screen(std::size_t index)
+    {
+        if (index >= screens_->size())
+            throw std::runtime_error("no screen " + std::to_string(index));
+        return (*screens_)[index];
+    }
+
+    static const audio_entry& microphone()
+    {
+        for (const auto& audio : *audios_)
+            if (audio.input && audio.name.find(test::pulse_server::source_description) != std::string::npos)
+                return audio;
+        throw std::runtime_error("the test microphone is not listed");
+    }
+
+    static test::rtmp_ingest* ingest_;
+    static std::vector<screen_entry>* screens_;
+    static std::vector<window_entry>* windows_;
+    static std::vector<audio_entry>* audios_;
+};
+test::rtmp_ingest* Streaming::ingest_ = nullptr;
+std::vector<screen_entry>* Streaming::screens_ = nullptr;
+std::vector<window_entry>* Streaming::windows_ = nullptr;
+std::vector<audio_entry>* Streaming::audios_ = nullptr;
+
+TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsOnDeactivate)
+{
+    std::string key = new_key("screen-medium");
+    std::string secret_key = key; // must never appear in the worker's log
+    test::stderr_capture log;
+    auto media = stream_worker();
+    Json request = activate_request("screen", screen(0).id, {{"profile", "medium"}}, ingest_->url(), key);
+
+    auto [result, took] = activate(*media, request);
+    ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    std::cout << "[ measured ] screen 1280x720 activation (request to started): " << took.count() << " ms\n";
+    RecordProperty("activation_ms", static_cast<int>(took.count()));
+    // "started" means sending: the ingest already has the publisher.
+    EXPECT_TRUE(ingest_->publishing(key));
+
+    auto live = ingest_->probe_live(key, 15s);
+    ASSERT_TRUE(live.error.empty()) << live.error;
+    ASSERT_NE(live.video(), nullptr);
+    EXPECT_EQ(live.video()->codec_name, "h264");
+    EXPECT_EQ(live.video()->width, 1280);
+    EXPECT_EQ(live.video()->height, 720);
+    EXPECT_NEAR(live.video()->frame_rate, 30.0, 0.5);
+    ASSERT_NE(live.audio(), nullptr);
+    EXPECT_EQ(live.audio()->codec_name, "aac");
+
+    EXPECT_TRUE(media->call(Json{{"op", "deactivate"}}).is_null());
+    EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
+
+    // The recording holds both tracks, and the screen's picture rather than a black frame.
+    auto recorded = ingest_->probe_recording(key);
+    ASSERT_TRUE(recorded.error.empty()) << recorded.error;
+    ASSERT_NE(recorded.video(), nullptr);
+    EXPECT_EQ(recorded.video()->codec_name, "h264");
+    EXPECT_EQ(recorded.video()->width, 1280);
+    ASSERT_NE(recorded.audio(), nullptr);
+    EXPECT_EQ(recorded.audio()->codec_name, "aac");
+    EXPECT_GT(recorded.duration, 0.5);
+    auto frame = ingest_->recording_frame(key, std::max(0.0, recorded.duration - 0.5), 64, 36);
+    ASSERT_EQ(frame.size(), 64u * 36u);
+    auto [darkest, brightest] = std::minmax_element(frame.begin(), frame.end());
+    EXPECT_GT(*brightest - *darkest, 40) << "the picture is flat: the screen was not captured";
+
+    media->shutdown();
+    std::string text = log.text();
+    // The request is logged whole, with the stream key masked.
+    EXPECT_NE(text.find(json::dump(json::redacted(request))), std::string::npos);
+    EXPECT_NE(text.find("\"key\":\"***\""), std::string::npos);
+    EXPECT_EQ(text.find(secret_key), std::string::npos) << "the stream key reached the log";
+    EXPECT_EQ(log.count_lines_starting(software_fallback_line), 0);
+}
+
+struct size_case {
+    const char* name;
+    std::size_t screen;
+    Json options;
+    int width;
+    int height;
+};
+
+std::ostream& operator<<(std::ostream& out, const size_case& c)
+{
+    return out << c.name;
+}
+
+class StreamSize : public Streaming, public ::testing::WithParamInterface<size_case> {};
+
+TEST_P(StreamSize, VideoArrivesAtTheLevelsSizeFittedToTheSource)
+{
+    const size_case& c = GetParam();
+    auto [width, height] = scale_dimensions(static_cast<int>(screen(c.screen).width),
+                                            static_cast<int>(screen(c.screen).height),
+                                            target_frame_size(Json{{"payload", {{"options", c.options}}}}).first,
+                                            target_frame_size(Json{{"payload", {{"options", c.options}}}}).second);
+    // Encoded frames are a multiple of 4 wide and of 2 high.
+    ASSERT_EQ(width & ~3, c.width);
+    ASSERT_EQ(height & ~1, c.height);
+
+    std::string key = new_key(c.name);
+    auto media = stream_worker();
+    auto [result, took] = activate(*media, activate_request("screen", screen(c.screen).id, c.options,
+                                                            ingest_->url(), key));
+    ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    auto live = ingest_->probe_live(key, 15s);
+    ASSERT_TRUE(live.error.empty()) << live.error;
+    ASSERT_NE(live.video(), nullptr);
+    EXPECT_EQ(live.video()->codec_name, "h264");
+    EXPECT_EQ(live.video()->width, c.width);
+    EXPECT_EQ(live.video()->height, c.height);
+    EXPECT_NEAR(live.video()->frame_rate, 30.0, 0.5);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Levels, StreamSize,
+    // 1280x720 fitted into low's 854x480 is 853x480, sent as 852x480.
+    ::testing::Values(size_case{"low", 0, {{"profile", "low"}}, 852, 480},
+                      size_case{"explicit_640x360", 0, {{"profile", "medium"}, {"width", 640}, {"height", 360}}, 640,
+                                360},
+                      size_case{"four_by_three_screen_medium", 1, {{"profile", "medium"}}, 960, 720},
+                      size_case{"high_never_enlarges", 0, {{"profile", "high"}, {"fps", 60}}, 1280, 720}),
+    [](const ::testing::TestParamInfo<size_case>& info) { return std::string(info.param.name); });
+
+TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
+{
+    std::string key = new_key("microphone");
+    auto media = stream_worker();
+    auto [result, took] = activate(*media, activate_request("audio", microphone().id, {{"profile", "high"}},
+                                                            ingest_->url(), key),
+                                   8000);
+    ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    auto live = ingest_->probe_live(key, 15s);
+    ASSERT_TRUE(live.error.empty()) << live.error;
+    ASSERT_NE(live.audio(), nullptr);
+    EXPECT_EQ(live.audio()->codec_name, "aac");
+    ASSERT_NE(live.video(), nullptr);
+    EXPECT_EQ(live.video()->codec_name, "h264");
+    EXPECT_EQ(live.video()->width, 4);
+    EXPECT_EQ(live.video()->height, 4);
+}
+
+TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
+{
+    const auto& windows = test::media_environment::current().windows();
+    ASSERT_FALSE(windows.empty());
+    const auto& window = *windows.front();
+    auto entry = std::find_if(windows_->begin(), windows_->end(),
+                              [&](const window_entry& e) { return e.description == window.title(); });
+    ASSERT_NE(entry, windows_->end()) << "the test window is not listed";
+    auto [width, height] = x_window_size(window.xid());
+    ASSERT_GT(width, 0);
+
+    std::string key = new_key("window");
+    auto media = stream_worker();
+    auto [result, took] = activate(*media, activate_request("window", entry->id, {{"profile", "medium"}},
+                                                            ingest_->url(), key));
+    ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    auto live = ingest_->probe_live(key, 15s);
+    ASSERT_TRUE(live.error.empty()) << live.error;
+    ASSERT_NE(live.video(), nullptr);
+    auto expected = scale_dimensions(width, height, 1280, 720);
+    EXPECT_EQ(live.video()->width, expected.first & ~3);
+    EXPECT_EQ(live.video()->height, expected.second & ~1);
+    ASSERT_NE(live.audio(), nullptr);
+}
+
+TEST_F(Streaming, AnUnreachableServerFailsWithinTheBoundAfterOneSoftwareRetry)
+{
+    // A loopback port nobody listens on: the connection is refused.
+    std::string server = "rtmp://127.0.0.1:" + std::to_string(test::free_loopback_port()) + "/live";
+    test::stderr_capture log;
+    auto media = stream_worker();
+    auto [result, took] = activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}}, server,
+                                                            new_key("refused")));
+    EXPECT_FALSE(json::bool_at(result, {"started"}));
+    std::string error = json::string_at(result, {"error"});
+    EXPECT_NE(error.find("rtmp connect failed"), std::string::npos) << error;
+    EXPECT_LT(took, activation_limit);
+    media->shutdown();
+    EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1) << log.text();
+    EXPECT_NE(log.text().find(std::string(software_fallback_line) + "\n"), std::string::npos);
+}
+
+TEST_F(Streaming, UnknownSourcesAreRefusedWithAReason)
+{
+    test::stderr_capture log;
+    auto media = stream_worker();
+    auto unknown_id = activate(*media, activate_request("screen", "no-such-screen", {{"profile", "medium"}},
+                                                        ingest_->url(), new_key("unknown")));
+    EXPECT_EQ(unknown_id.result, Json({{"started", false}, {"error", "source not found"}}));
+    auto unknown_type = activate(*media, activate_request("hologram", screen(0).id, {{"profile", "medium"}},
+                                                          ingest_->url(), new_key("unknown")));
+    EXPECT_EQ(unknown_type.result, Json({{"started", false}, {"error", "unknown source type"}}));
+    // Nothing was tried, so there is nothing to fall back from; the worker still serves.
+    EXPECT_FALSE(media->list_screens().empty());
+    media->shutdown();
+    EXPECT_EQ(log.count_lines_starting(software_fallback_line), 0);
+}
+
+TEST_F(Streaming, ASecondActivationReplacesTheFirstStream)
+{
+    std::string first = new_key("first");
+    std::string second = new_key("second");
+    auto media = stream_worker();
+    ASSERT_TRUE(json::bool_at(activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}},
+                                                                ingest_->url(), first))
+                                  .result,
+                              {"started"}));
+    ASSERT_TRUE(json::bool_at(activate(*media, activate_request("screen", screen(1).id, {{"profile", "low"}},
+                                                                ingest_->url(), second))
+                                  .result,
+                              {"started"}));
+    EXPECT_TRUE(ingest_->wait_until_not_publishing(first, 5s));
+    EXPECT_TRUE(ingest_->publishing(second));
+    auto live = ingest_->probe_live(second, 15s);
+    ASSERT_NE(live.video(), nullptr) << live.error;
+    EXPECT_EQ(live.video()->width, 640); // 1024x768 fitted into 854x480
+    EXPECT_EQ(live.video()->height, 480);
+}
+
+TEST_F(Streaming, ShuttingTheWorkerDownStopsTheStreamAndLeavesNoProcess)
+{
+    std::string key = new_key("shutdown");
+    auto media = stream_worker();
+    pid_t pid = media->pid();
+    ASSERT_TRUE(json::bool_at(activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}},
+                                                                ingest_->url(), key))
+                                  .result,
+                              {"started"}));
+    ASSERT_TRUE(ingest_->publishing(key));
+
+    auto begun = clock::now();
+    auto leaks = media->shutdown();
+    auto took = clock::now() - begun;
+    std::cout << "[ measured ] shutdown while streaming: "
+              << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms\n";
+    EXPECT_TRUE(leaks.has_value()) << "the worker did not answer shutdown (it was killed)";
+    EXPECT_LT(took, 10s);
+    EXPECT_TRUE(process_gone(pid));
+    EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
+    media.reset();
+}
+
+} // namespace
+} // namespace orbweave::obs

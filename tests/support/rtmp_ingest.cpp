@@ -1,0 +1,402 @@
+#include "tests/support/rtmp_ingest.hpp"
+
+#include "core/json.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace orbweave::test {
+
+namespace {
+
+using namespace std::chrono_literals;
+using clock = std::chrono::steady_clock;
+
+// How often the status page is read while waiting for a change (it has no push).
+constexpr auto status_poll_interval = 50ms;
+
+std::chrono::milliseconds left_until(clock::time_point deadline)
+{
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now());
+    return left.count() > 0 ? left : 0ms;
+}
+
+int connect_loopback(int port)
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/// Reads fd until end of file or deadline; false on time-out or error.
+bool read_all(int fd, std::string& out, clock::time_point deadline)
+{
+    char chunk[65536];
+    for (;;) {
+        pollfd poller{fd, POLLIN, 0};
+        int ready = ::poll(&poller, 1, static_cast<int>(left_until(deadline).count()));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return false;
+        ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return false;
+        if (got == 0)
+            return true;
+        out.append(chunk, static_cast<std::size_t>(got));
+    }
+}
+
+std::string read_file(const std::filesystem::path& path)
+{
+    std::ifstream in(path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+double rational(const std::string& text)
+{
+    auto slash = text.find('/');
+    try {
+        if (slash == std::string::npos)
+            return text.empty() ? 0 : std::stod(text);
+        double denominator = std::stod(text.substr(slash + 1));
+        return denominator == 0 ? 0 : std::stod(text.substr(0, slash)) / denominator;
+    } catch (const std::exception&) {
+        return 0;
+    }
+}
+
+std::string program_path(const std::string& name, const std::string& usual)
+{
+    if (::access(usual.c_str(), X_OK) == 0)
+        return usual;
+    std::string found = obs::find_program(name);
+    return found.empty() ? name : found;
+}
+
+} // namespace
+
+const probed_stream* probe_result::first(const std::string& codec_type) const
+{
+    for (const auto& stream : streams)
+        if (stream.codec_type == codec_type)
+            return &stream;
+    return nullptr;
+}
+
+probe_result parse_probe(const std::string& ffprobe_json)
+{
+    probe_result result;
+    Json parsed = json::parse(ffprobe_json);
+    if (!parsed.is_object()) {
+        result.error = "ffprobe gave no JSON";
+        return result;
+    }
+    const Json& streams = json::at(parsed, {"streams"});
+    if (streams.is_array()) {
+        for (const auto& stream : streams) {
+            probed_stream probed;
+            probed.codec_type = json::string_at(stream, {"codec_type"});
+            probed.codec_name = json::string_at(stream, {"codec_name"});
+            probed.width = json::int_at(stream, {"width"});
+            probed.height = json::int_at(stream, {"height"});
+            probed.frame_rate = rational(json::string_at(stream, {"r_frame_rate"}));
+            probed.sample_rate = std::atoi(json::string_at(stream, {"sample_rate"}).c_str());
+            probed.channels = json::int_at(stream, {"channels"});
+            result.streams.push_back(std::move(probed));
+        }
+    }
+    result.duration = rational(json::string_at(parsed, {"format", "duration"}));
+    return result;
+}
+
+int free_loopback_port()
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        throw std::runtime_error("socket failed");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = 0;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) < 0) {
+        ::close(fd);
+        throw std::runtime_error("cannot find a free loopback port");
+    }
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+std::string run_program(const std::vector<std::string>& argv, std::chrono::milliseconds timeout, int* exit_code,
+                        std::string* error_output)
+{
+    auto deadline = clock::now() + timeout;
+    char name[] = "/tmp/orbweave-program-stderr-XXXXXX";
+    int error_fd = ::mkstemp(name);
+    if (error_fd < 0)
+        throw std::runtime_error("cannot create a file for standard error");
+    std::string error_path = name;
+
+    obs::child_process::options options;
+    options.argv = argv;
+    options.pipe_stdout = true;
+    options.pass_fds = {{error_fd, 2}};
+    std::string output;
+    int code = -1;
+    try {
+        obs::child_process program(options);
+        ::close(error_fd);
+        error_fd = -1;
+        bool finished = read_all(program.stdout_fd(), output, deadline);
+        if (!finished)
+            program.kill(SIGKILL);
+        auto status = program.wait_for(finished ? std::max(left_until(deadline), 1000ms) : 5000ms);
+        if (!status)
+            status = program.kill_and_wait();
+        if (finished && WIFEXITED(*status))
+            code = WEXITSTATUS(*status);
+    } catch (...) {
+        if (error_fd >= 0)
+            ::close(error_fd);
+        ::unlink(error_path.c_str());
+        throw;
+    }
+    if (error_output)
+        *error_output = read_file(error_path);
+    ::unlink(error_path.c_str());
+    if (exit_code)
+        *exit_code = code;
+    return output;
+}
+
+rtmp_ingest::rtmp_ingest() : directory_("orbweave-ingest")
+{
+    namespace fs = std::filesystem;
+    fs::path root = directory_.path();
+    fs::create_directories(root / "records");
+    fs::create_directories(root / "temp");
+    rtmp_port_ = free_loopback_port();
+    http_port_ = free_loopback_port();
+    while (http_port_ == rtmp_port_)
+        http_port_ = free_loopback_port();
+
+    std::string dir = root.string();
+    std::ofstream config(root / "nginx.conf");
+    config << "load_module /usr/lib/nginx/modules/ngx_rtmp_module.so;\n"
+              "daemon off;\n"
+              "master_process off;\n"
+              "worker_processes 1;\n"
+              "pid "
+           << dir << "/nginx.pid;\n"
+           << "error_log " << dir << "/error.log info;\n"
+           << "events { worker_connections 256; }\n"
+              "rtmp {\n"
+              "  server {\n"
+              "    listen 127.0.0.1:"
+           << rtmp_port_ << ";\n"
+           << "    application live {\n"
+              "      live on;\n"
+              "      record all;\n"
+              "      record_path "
+           << dir << "/records;\n"
+           << "      record_unique off;\n"
+              "    }\n"
+              "  }\n"
+              "}\n"
+              "http {\n"
+              "  access_log "
+           << dir << "/access.log;\n"
+           << "  client_body_temp_path " << dir << "/temp/body;\n"
+           << "  proxy_temp_path " << dir << "/temp/proxy;\n"
+           << "  fastcgi_temp_path " << dir << "/temp/fastcgi;\n"
+           << "  uwsgi_temp_path " << dir << "/temp/uwsgi;\n"
+           << "  scgi_temp_path " << dir << "/temp/scgi;\n"
+           << "  server {\n"
+              "    listen 127.0.0.1:"
+           << http_port_ << ";\n"
+           << "    location /stat { rtmp_stat all; }\n"
+              "  }\n"
+              "}\n";
+    config.close();
+
+    obs::child_process::options options;
+    options.argv = {program_path("nginx", "/usr/sbin/nginx"), "-p", dir, "-c", dir + "/nginx.conf", "-e",
+                    dir + "/error.log"};
+    options.quiet = true;
+    process_ = std::make_unique<obs::child_process>(options);
+
+    // nginx has no readiness notice of its own: poll both ports, bounded.
+    auto deadline = clock::now() + 10s;
+    for (;;) {
+        int rtmp = connect_loopback(rtmp_port_);
+        int http = rtmp >= 0 ? connect_loopback(http_port_) : -1;
+        if (rtmp >= 0)
+            ::close(rtmp);
+        if (http >= 0) {
+            ::close(http);
+            break;
+        }
+        if (process_->wait_for(0ms) || clock::now() >= deadline) {
+            std::string log = error_log();
+            process_.reset();
+            throw std::runtime_error("nginx did not start: " + log);
+        }
+        std::this_thread::sleep_for(10ms);
+    }
+}
+
+rtmp_ingest::~rtmp_ingest()
+{
+    if (process_) {
+        process_->kill(SIGTERM);
+        if (!process_->wait_for(3s))
+            process_->kill_and_wait();
+    }
+}
+
+std::string rtmp_ingest::url() const
+{
+    return "rtmp://127.0.0.1:" + std::to_string(rtmp_port_) + "/live";
+}
+
+std::string rtmp_ingest::stream_url(const std::string& key) const
+{
+    return url() + "/" + key;
+}
+
+std::optional<std::string> rtmp_ingest::statistics() const
+{
+    int fd = connect_loopback(http_port_);
+    if (fd < 0)
+        return std::nullopt;
+    std::string request = "GET /stat HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+    bool sent = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size());
+    std::string response;
+    bool complete = sent && read_all(fd, response, clock::now() + 2s);
+    ::close(fd);
+    if (!complete || response.compare(0, 12, "HTTP/1.1 200") != 0)
+        return std::nullopt;
+    auto body = response.find("\r\n\r\n");
+    return body == std::string::npos ? std::string() : response.substr(body + 4);
+}
+
+bool rtmp_ingest::publishing(const std::string& key) const
+{
+    auto xml = statistics();
+    if (!xml)
+        return false;
+    std::string name = "<name>" + key + "</name>";
+    std::size_t at = 0;
+    while ((at = xml->find("<stream>", at)) != std::string::npos) {
+        std::size_t end = xml->find("</stream>", at);
+        if (end == std::string::npos)
+            return false;
+        std::string stream = xml->substr(at, end - at);
+        if (stream.find(name) != std::string::npos && stream.find("<publishing/>") != std::string::npos)
+            return true;
+        at = end;
+    }
+    return false;
+}
+
+bool rtmp_ingest::wait_for_publishing(const std::string& key, std::chrono::milliseconds timeout) const
+{
+    auto deadline = clock::now() + timeout;
+    while (!publishing(key)) {
+        if (clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(status_poll_interval);
+    }
+    return true;
+}
+
+bool rtmp_ingest::wait_until_not_publishing(const std::string& key, std::chrono::milliseconds timeout) const
+{
+    auto deadline = clock::now() + timeout;
+    while (publishing(key)) {
+        if (clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(status_poll_interval);
+    }
+    return true;
+}
+
+probe_result rtmp_ingest::probe_live(const std::string& key, std::chrono::milliseconds timeout) const
+{
+    int code = 0;
+    std::string errors;
+    std::string output = run_program({program_path("ffprobe", "/usr/bin/ffprobe"), "-v", "error", "-rw_timeout",
+                                      std::to_string(timeout.count() * 1000), "-show_streams", "-show_format",
+                                      "-of", "json", stream_url(key)},
+                                     timeout, &code, &errors);
+    probe_result result = parse_probe(output);
+    if (code != 0)
+        result.error = code < 0 ? "ffprobe timed out" : "ffprobe failed: " + errors;
+    return result;
+}
+
+std::filesystem::path rtmp_ingest::recording(const std::string& key) const
+{
+    return std::filesystem::path(directory_.path()) / "records" / (key + ".flv");
+}
+
+probe_result rtmp_ingest::probe_recording(const std::string& key, std::chrono::milliseconds timeout) const
+{
+    int code = 0;
+    std::string errors;
+    std::string output = run_program({program_path("ffprobe", "/usr/bin/ffprobe"), "-v", "error", "-show_streams",
+                                      "-show_format", "-of", "json", recording(key).string()},
+                                     timeout, &code, &errors);
+    probe_result result = parse_probe(output);
+    if (code != 0)
+        result.error = code < 0 ? "ffprobe timed out" : "ffprobe failed: " + errors;
+    return result;
+}
+
+std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, double at, int width, int height,
+                                                       std::chrono::milliseconds timeout) const
+{
+    int code = 0;
+    std::string output = run_program(
+        {program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error", "-ss", std::to_string(at), "-i",
+         recording(key).string(), "-frames:v", "1", "-vf",
+         "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=gray", "-f", "rawvideo", "-"},
+        timeout, &code);
+    if (code != 0 || output.size() != static_cast<std::size_t>(width) * static_cast<std::size_t>(height))
+        return {};
+    return std::vector<std::uint8_t>(output.begin(), output.end());
+}
+
+std::string rtmp_ingest::error_log() const
+{
+    return read_file(std::filesystem::path(directory_.path()) / "error.log");
+}
+
+} // namespace orbweave::test

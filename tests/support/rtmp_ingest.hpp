@@ -1,0 +1,103 @@
+#pragma once
+
+// A real RTMP ingest for tests: nginx with the RTMP module, started by the test
+// on free loopback ports with a generated configuration in a private directory.
+// It accepts any stream key under rtmp://127.0.0.1:PORT/live, records each
+// publish to KEY.flv, and reports who is publishing on an HTTP status page.
+// What arrived is checked with ffprobe / ffmpeg. Stopped (SIGKILL, on the test's
+// death too) when the object goes away.
+
+#include "core/obs/child_process.hpp"
+#include "tests/support/temp_dir.hpp"
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orbweave::test {
+
+/// One stream as ffprobe reports it.
+struct probed_stream {
+    std::string codec_type; ///< "video" or "audio"
+    std::string codec_name; ///< "h264", "aac", ...
+    int width = 0;
+    int height = 0;
+    double frame_rate = 0; ///< r_frame_rate as a number (video)
+    int sample_rate = 0;   ///< audio
+    int channels = 0;      ///< audio
+};
+
+/// What ffprobe found; error holds its complaint (or a time-out) when it found nothing.
+struct probe_result {
+    std::vector<probed_stream> streams;
+    double duration = 0; ///< seconds, for a recording
+    std::string error;
+
+    /// The first stream of that type; nullptr when there is none.
+    const probed_stream* first(const std::string& codec_type) const;
+    const probed_stream* video() const { return first("video"); }
+    const probed_stream* audio() const { return first("audio"); }
+};
+
+/// Parses `ffprobe -show_streams -show_format -of json` output.
+probe_result parse_probe(const std::string& ffprobe_json);
+
+/// A free TCP port on 127.0.0.1 at the time of asking.
+int free_loopback_port();
+
+class rtmp_ingest {
+public:
+    /// Starts nginx and returns once both its RTMP and its HTTP port accept connections;
+    /// throws std::runtime_error (with nginx's error log) when it does not come up.
+    rtmp_ingest();
+    ~rtmp_ingest();
+    rtmp_ingest(const rtmp_ingest&) = delete;
+    rtmp_ingest& operator=(const rtmp_ingest&) = delete;
+
+    /// "rtmp://127.0.0.1:PORT/live": the server of an activate request.
+    std::string url() const;
+    /// url() + "/" + key: where a player finds the stream.
+    std::string stream_url(const std::string& key) const;
+    int rtmp_port() const { return rtmp_port_; }
+    int http_port() const { return http_port_; }
+
+    /// The status page (XML), fetched over loopback HTTP; nullopt when it cannot be read.
+    std::optional<std::string> statistics() const;
+    /// Whether someone publishes under key right now.
+    bool publishing(const std::string& key) const;
+    /// Polls the status page until key is published (true) or timeout passes (false).
+    bool wait_for_publishing(const std::string& key, std::chrono::milliseconds timeout) const;
+    /// Polls the status page until key is no longer published (true) or timeout passes (false).
+    bool wait_until_not_publishing(const std::string& key, std::chrono::milliseconds timeout) const;
+
+    /// ffprobe against the live stream; ffprobe is killed after timeout.
+    probe_result probe_live(const std::string& key, std::chrono::milliseconds timeout) const;
+    /// Where the publish of key is recorded.
+    std::filesystem::path recording(const std::string& key) const;
+    /// ffprobe against the recording of key (complete once the publish has ended).
+    probe_result probe_recording(const std::string& key, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+    /// One frame of the recording, at about `at` seconds, scaled to width x height, as 8-bit grey
+    /// pixels; empty when it cannot be decoded.
+    std::vector<std::uint8_t> recording_frame(const std::string& key, double at, int width, int height,
+                                              std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+
+    /// nginx's error log so far (for failure messages).
+    std::string error_log() const;
+
+private:
+    temp_dir directory_;
+    int rtmp_port_ = 0;
+    int http_port_ = 0;
+    std::unique_ptr<obs::child_process> process_;
+};
+
+/// Runs argv (stdout captured, stderr to a file) and returns its standard output; gives up and
+/// kills it after timeout. exit_code is set to the exit code, or -1 when it was killed.
+std::string run_program(const std::vector<std::string>& argv, std::chrono::milliseconds timeout,
+                        int* exit_code = nullptr, std::string* error_output = nullptr);
+
+} // namespace orbweave::test
