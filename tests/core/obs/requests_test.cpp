@@ -5,6 +5,11 @@
 #include "core/orbweave_client.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/stderr_capture.hpp"
+
+#include <csignal>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -134,6 +139,236 @@ TEST_F(Requests, AnAnswerMayComeLaterFromAnotherThreadAndOnlyOnce)
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->message["payload"]["status"], "Success");
     EXPECT_FALSE(service.wait_for_reply(*state, quiet));
+}
+
+/// Streams through the client to a real ingest.
+class Streams : public Requests {
+protected:
+    Streams() { app.on_permission(allow_all); }
+
+    /// The id of the listed source of kind at position index (outputs come first for audio).
+    std::string source_id(const std::string& kind, std::size_t index = 0)
+    {
+        Json entries = list(kind)["results"];
+        return entries.size() > index ? entries[index]["id"].get<std::string>() : std::string{};
+    }
+
+    /// Sends an activate request and returns the reply's payload.
+    Json activate(const std::string& id, const std::string& key, const std::string& server = "")
+    {
+        sim::activation request;
+        request.source_id = id;
+        request.profile = "medium";
+        request.server = server.empty() ? ingest.url() : server;
+        request.key = key;
+        auto state = service.activate(request);
+        EXPECT_TRUE(state);
+        auto reply = service.wait_for_reply(state.value_or(""), deadline);
+        EXPECT_TRUE(reply);
+        return reply ? reply->message["payload"] : Json{};
+    }
+
+    /// Sends a deactivate for id and returns the reply's payload, or null when none came.
+    Json deactivate(const std::string& id, std::chrono::milliseconds timeout = deadline)
+    {
+        auto state = service.deactivate(id);
+        EXPECT_TRUE(state);
+        auto reply = service.wait_for_reply(state.value_or(""), timeout);
+        return reply ? reply->message["payload"] : Json{};
+    }
+
+    bool listed_active(const std::string& kind, const std::string& id)
+    {
+        Json entries = list(kind)["results"];
+        for (const auto& entry : entries)
+            if (entry["id"] == id)
+                return entry["isActive"].get<bool>();
+        return false;
+    }
+
+    test::rtmp_ingest ingest;
+};
+
+TEST_F(Streams, AScreenStreamsAtTheProfilesSizeUntilDeactivated)
+{
+    std::string screen = source_id("screen");
+    ASSERT_FALSE(screen.empty());
+    EXPECT_EQ(activate(screen, "screen-key"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
+    ASSERT_TRUE(ingest.wait_for_publishing("screen-key", deadline));
+
+    auto probe = ingest.probe_live("screen-key", deadline);
+    ASSERT_TRUE(probe.video()) << probe.error;
+    EXPECT_EQ(probe.video()->codec_name, "h264");
+    EXPECT_EQ(probe.video()->width, 1280);
+    EXPECT_EQ(probe.video()->height, 720);
+    ASSERT_TRUE(probe.audio()) << probe.error;
+    EXPECT_EQ(probe.audio()->codec_name, "aac");
+    EXPECT_TRUE(listed_active("screen", screen));
+
+    EXPECT_EQ(deactivate(screen), Json({{"status", "Success"}}));
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("screen-key", deadline));
+    EXPECT_FALSE(listed_active("screen", screen));
+}
+
+TEST_F(Streams, TwoSourcesStreamAtOnceAndReactivatingKeepsOnlyTheNewStream)
+{
+    std::string screen = source_id("screen");
+    std::string speakers = source_id("audio");
+    ASSERT_EQ(activate(screen, "first"), Json({{"status", "Success"}}));
+    ASSERT_EQ(activate(speakers, "sound"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_for_publishing("first", deadline));
+    EXPECT_TRUE(ingest.wait_for_publishing("sound", deadline));
+    auto sound = ingest.probe_live("sound", deadline);
+    ASSERT_TRUE(sound.audio()) << sound.error;
+    EXPECT_EQ(sound.audio()->codec_name, "aac");
+
+    // The same screen again, to another key: the new stream replaces the old one.
+    ASSERT_EQ(activate(screen, "second"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_for_publishing("second", deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("first", deadline));
+    EXPECT_TRUE(ingest.publishing("sound"));
+    EXPECT_TRUE(listed_active("screen", screen));
+    EXPECT_TRUE(listed_active("audio", speakers));
+
+    // A deactivate without a payload stops everything.
+    auto state = service.deactivate_all();
+    ASSERT_TRUE(state);
+    auto reply = service.wait_for_reply(*state, deadline);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->message["payload"], Json({{"status", "Success"}}));
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("second", deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));
+}
+
+TEST_F(Streams, AStreamThatCannotReachItsServerFailsAndKeepsNothing)
+{
+    std::string screen = source_id("screen");
+    int closed_port = test::free_loopback_port();
+    test::stderr_capture log; // the workers inherit this process's standard error
+    Json reply = activate(screen, "nowhere", "rtmp://127.0.0.1:" + std::to_string(closed_port) + "/live");
+    EXPECT_EQ(reply["status"], "Failure");
+    EXPECT_FALSE(reply.value("error", "").empty());
+    EXPECT_EQ(log.count_lines_starting("Failed to start stream; attempting to fallback to software encoder"), 1);
+    EXPECT_EQ(log.text().find("\"key\":\"nowhere\""), std::string::npos) << "the stream key was logged";
+    EXPECT_FALSE(listed_active("screen", screen));
+    // No streaming was ever reported.
+    while (auto state = app.states().pop(std::chrono::milliseconds(0)))
+        EXPECT_NE(*state, state_type::streaming);
+}
+
+TEST_F(Streams, DeniedUnknownAndInactiveRequestsStartAndStopNothing)
+{
+    std::string screen = source_id("screen");
+    app.on_permission(nullptr); // denied
+    EXPECT_EQ(activate(screen, "denied"), Json({{"status", "Rejected"}}));
+    EXPECT_FALSE(ingest.publishing("denied"));
+
+    app.on_permission(allow_all);
+    Json unknown = activate(std::string(64, 'f'), "unknown");
+    EXPECT_EQ(unknown["status"], "Failure");
+
+    // Deactivating what does not stream gets no answer at all, and stops nothing.
+    ASSERT_EQ(activate(screen, "kept"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(deactivate(std::string(64, 'e'), quiet).is_null());
+    EXPECT_TRUE(ingest.publishing("kept"));
+}
+
+TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
+{
+    std::string screen = source_id("screen");
+    std::string speakers = source_id("audio");
+    ASSERT_EQ(activate(screen, "screen"), Json({{"status", "Success"}}));
+    ASSERT_EQ(activate(speakers, "sound"), Json({{"status", "Success"}}));
+    ASSERT_TRUE(ingest.wait_for_publishing("screen", deadline));
+    ASSERT_TRUE(ingest.wait_for_publishing("sound", deadline));
+
+    // Stream workers are the children started without a canvas; kill the first one started.
+    std::vector<int> stream_workers;
+    for (int pid : test::child_pids()) {
+        std::ifstream cmdline("/proc/" + std::to_string(pid) + "/cmdline");
+        std::string arguments((std::istreambuf_iterator<char>(cmdline)), std::istreambuf_iterator<char>());
+        if (arguments.find("--defer-video") != std::string::npos)
+            stream_workers.push_back(pid);
+    }
+    ASSERT_EQ(stream_workers.size(), 2u);
+    std::sort(stream_workers.begin(), stream_workers.end());
+    test::stderr_capture log;
+    ASSERT_EQ(::kill(stream_workers.front(), SIGKILL), 0);
+
+    EXPECT_TRUE(ingest.wait_until_not_publishing("screen", deadline));
+    auto still_listed = [&] { return listed_active("screen", screen); };
+    auto until = std::chrono::steady_clock::now() + deadline;
+    while (still_listed() && std::chrono::steady_clock::now() < until)
+        ;
+    EXPECT_FALSE(still_listed());
+    EXPECT_TRUE(listed_active("audio", speakers));
+    EXPECT_TRUE(ingest.publishing("sound"));
+    EXPECT_NE(log.text().find("ended: its media worker killed by signal"), std::string::npos) << log.text();
+
+    // The last stream's worker dying leaves the client connected, not streaming.
+    for (int pid : test::child_pids()) {
+        std::ifstream cmdline("/proc/" + std::to_string(pid) + "/cmdline");
+        std::string arguments((std::istreambuf_iterator<char>(cmdline)), std::istreambuf_iterator<char>());
+        if (arguments.find("--defer-video") != std::string::npos)
+            ::kill(pid, SIGKILL);
+    }
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));
+}
+
+/// Streams across outages of the link to the service.
+class Outages : public ::testing::Test {
+protected:
+    Outages() : app(service, false, [](client_options& options) { options.reconnect_delay_ms = 100; })
+    {
+        app.set_secret(service.issue_secret({"Ann", ""}));
+        app.on_permission(allow_all);
+        app.start();
+        EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+        EXPECT_TRUE(service.wait_for_connection(deadline));
+        auto listed = service.list("screen");
+        auto screens = service.wait_for_reply(listed.value_or(""), deadline);
+        EXPECT_TRUE(screens);
+        sim::activation request;
+        request.source_id = screens ? screens->message["payload"]["results"][0]["id"].get<std::string>() : "";
+        request.server = ingest.url();
+        request.key = "live";
+        auto state = service.activate(request);
+        auto reply = service.wait_for_reply(state.value_or(""), deadline);
+        EXPECT_TRUE(reply && reply->message["payload"]["status"] == "Success");
+        EXPECT_TRUE(ingest.wait_for_publishing("live", deadline));
+    }
+
+    test::rtmp_ingest ingest;
+    sim::service_sim service;
+    test::client_harness app;
+};
+
+TEST_F(Outages, AShortOutageKeepsTheStream)
+{
+    test::stderr_capture log;
+    service.stop();
+    EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline));
+    EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline)); // a second failed attempt
+    service.start();
+    EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline)); // "ready" with a stream running
+    EXPECT_TRUE(ingest.publishing("live"));
+    EXPECT_EQ(log.count_lines_starting("Stopping all current streams"), 0);
+}
+
+TEST_F(Outages, ALongOutageStopsTheStreamsOnTheSixthAttempt)
+{
+    test::stderr_capture log;
+    service.stop();
+    for (int failure = 1; failure <= 6; ++failure)
+        EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline)) << failure;
+    EXPECT_TRUE(ingest.wait_until_not_publishing("live", deadline));
+    EXPECT_EQ(log.count_lines_starting("Stopping all current streams due to disconnection lasting 400ms"), 1);
+    service.start();
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline)); // nothing left to stream
 }
 
 TEST(RequestsWithoutPermissionHandler, AreRejectedAtOnce)
