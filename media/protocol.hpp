@@ -9,6 +9,11 @@
 //                    -> {"ok":true,"result":[entry, ...]}
 //   {"op":"get_source_info","request":<activate request>}
 //                    -> {"ok":true,"result":<entry> or {}}
+//   {"op":"activate","request":<activate request>,"bitrate":<kbps>}
+//                    -> {"ok":true,"result":{"started":true} or {"started":false,"error":"..."}}
+//                       (media/output.hpp; a second activate replaces the running stream)
+//   {"op":"deactivate"} -> {"ok":true,"result":null}, the stream stopped
+//   {"event":"stopped","error":"..."}: a running stream stopped by itself
 //   {"op":"shutdown"} (or end of input)
 //                    -> {"ok":true,"result":{"leaks":<libobs allocations left>}}, exit 0
 //   anything failing -> {"ok":false,"error":"..."}; the worker carries on

@@ -280,21 +280,41 @@ TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
     ASSERT_NE(live.audio(), nullptr);
 }
 
-TEST_F(Streaming, AnUnreachableServerFailsWithinTheBoundAfterOneSoftwareRetry)
+TEST_F(Streaming, ServersThatTakeNoStreamFailWithinTheBoundAfterOneSoftwareRetry)
 {
-    // A loopback port nobody listens on: the connection is refused.
-    std::string server = "rtmp://127.0.0.1:" + std::to_string(test::free_loopback_port()) + "/live";
-    test::stderr_capture log;
-    auto media = stream_worker();
-    auto [result, took] = activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}}, server,
-                                                            new_key("refused")));
-    EXPECT_FALSE(json::bool_at(result, {"started"}));
-    std::string error = json::string_at(result, {"error"});
-    EXPECT_NE(error.find("rtmp connect failed"), std::string::npos) << error;
-    EXPECT_LT(took, activation_limit);
-    media->shutdown();
-    EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1) << log.text();
-    EXPECT_NE(log.text().find(std::string(software_fallback_line) + "\n"), std::string::npos);
+    struct bad_server {
+        const char* what;
+        std::string server;
+        std::string expected_error;
+    };
+    std::vector<bad_server> servers{
+        // A loopback port nobody listens on: the connection is refused.
+        {"closed port", "rtmp://127.0.0.1:" + std::to_string(test::free_loopback_port()) + "/live",
+         "rtmp connect failed"},
+        // The ingest itself, but an application it does not have.
+        {"unknown application", "rtmp://127.0.0.1:" + std::to_string(ingest_->rtmp_port()) + "/nowhere", "rtmp "},
+        {"no server at all", "", "rtmp "},
+    };
+    for (const auto& bad : servers) {
+        SCOPED_TRACE(bad.what);
+        std::string key = new_key("refused");
+        test::stderr_capture log;
+        auto media = stream_worker();
+        auto [result, took] =
+            activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}}, bad.server, key));
+        std::cout << "[ measured ] refused (" << bad.what << "): " << took.count() << " ms, "
+                  << json::string_at(result, {"error"}) << "\n";
+        EXPECT_FALSE(json::bool_at(result, {"started"}));
+        std::string error = json::string_at(result, {"error"});
+        EXPECT_EQ(error.rfind(bad.expected_error, 0), 0u) << error;
+        EXPECT_LT(took, activation_limit);
+        EXPECT_FALSE(ingest_->publishing(key));
+        // The worker carries on after a failed start.
+        EXPECT_FALSE(media->list_screens().empty());
+        media->shutdown();
+        EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1) << log.text();
+        EXPECT_NE(log.text().find(std::string(software_fallback_line) + "\n"), std::string::npos);
+    }
 }
 
 TEST_F(Streaming, UnknownSourcesAreRefusedWithAReason)
@@ -350,7 +370,8 @@ TEST_F(Streaming, ShuttingTheWorkerDownStopsTheStreamAndLeavesNoProcess)
     auto took = clock::now() - begun;
     std::cout << "[ measured ] shutdown while streaming: "
               << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms\n";
-    EXPECT_TRUE(leaks.has_value()) << "the worker did not answer shutdown (it was killed)";
+    ASSERT_TRUE(leaks.has_value()) << "the worker did not answer shutdown (it was killed)";
+    EXPECT_EQ(*leaks, 0) << "libobs objects of the stream were not released";
     EXPECT_LT(took, 10s);
     EXPECT_TRUE(process_gone(pid));
     EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
