@@ -6,6 +6,7 @@
 #include "core/obs/worker.hpp"
 #include "media/encoders.hpp"
 #include "media/output.hpp"
+#include "media/runtime.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/stderr_capture.hpp"
@@ -21,6 +22,7 @@
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <sstream>
 
 namespace orbweave::obs {
@@ -354,6 +356,38 @@ TEST_F(Streaming, ASecondActivationReplacesTheFirstStream)
     EXPECT_EQ(live.video()->height, 480);
 }
 
+TEST_F(Streaming, AStreamComesBackWhenItsIngestRestarts)
+{
+    std::string key = new_key("reconnect");
+    auto first = std::make_unique<test::rtmp_ingest>();
+    int port = first->rtmp_port();
+    auto media = stream_worker();
+    std::mutex mutex;
+    std::vector<Json> events;
+    media->set_event_handler([&](const Json& event) {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(event);
+    });
+    ASSERT_TRUE(json::bool_at(
+        activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}}, first->url(), key)).result,
+        {"started"}));
+
+    // The ingest goes away mid-stream and comes back on the same address: the stream
+    // reconnects by itself (every 3 s, without limit) and is not reported as stopped.
+    first.reset();
+    test::rtmp_ingest second(port);
+    EXPECT_TRUE(second.wait_for_publishing(key, 15s));
+    auto live = second.probe_live(key, 15s);
+    ASSERT_NE(live.video(), nullptr) << live.error;
+    EXPECT_EQ(live.video()->width, 852);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_TRUE(events.empty()) << json::dump(events);
+    }
+    media->shutdown();
+    EXPECT_TRUE(second.wait_until_not_publishing(key, 5s));
+}
+
 TEST_F(Streaming, ShuttingTheWorkerDownStopsTheStreamAndLeavesNoProcess)
 {
     std::string key = new_key("shutdown");
@@ -376,6 +410,23 @@ TEST_F(Streaming, ShuttingTheWorkerDownStopsTheStreamAndLeavesNoProcess)
     EXPECT_TRUE(process_gone(pid));
     EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
     media.reset();
+}
+
+// In this process: a catalogue entry can only name a screen that exists, so a source
+// that never reports a size is made up here.
+TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
+{
+    runtime_options options;
+    options.video.reset(); // as a stream worker starts
+    runtime libobs(options);
+    output stream;
+    Json request = activate_request("screen", "made-up", {{"profile", "medium"}}, "rtmp://127.0.0.1:1/live", "k");
+    auto begun = clock::now();
+    EXPECT_FALSE(stream.start(request, Json{{"index", 9}}, 1500));
+    auto took = clock::now() - begun;
+    EXPECT_EQ(stream.error(), "source has no size");
+    EXPECT_GE(took, source_size_limit);
+    EXPECT_LT(took, source_size_limit + 2s);
 }
 
 } // namespace

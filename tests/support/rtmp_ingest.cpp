@@ -196,13 +196,13 @@ std::string run_program(const std::vector<std::string>& argv, std::chrono::milli
     return output;
 }
 
-rtmp_ingest::rtmp_ingest() : directory_("orbweave-ingest")
+rtmp_ingest::rtmp_ingest(int rtmp_port) : directory_("orbweave-ingest")
 {
     namespace fs = std::filesystem;
     fs::path root = directory_.path();
     fs::create_directories(root / "records");
     fs::create_directories(root / "temp");
-    rtmp_port_ = free_loopback_port();
+    rtmp_port_ = rtmp_port > 0 ? rtmp_port : free_loopback_port();
     http_port_ = free_loopback_port();
     while (http_port_ == rtmp_port_)
         http_port_ = free_loopback_port();

@@ -53,7 +53,8 @@ class rtmp_ingest {
 public:
     /// Starts nginx and returns once both its RTMP and its HTTP port accept connections;
     /// throws std::runtime_error (with nginx's error log) when it does not come up.
-    rtmp_ingest();
+    /// rtmp_port 0 picks a free one; a given port lets a test restart an ingest in place.
+    explicit rtmp_ingest(int rtmp_port = 0);
     ~rtmp_ingest();
     rtmp_ingest(const rtmp_ingest&) = delete;
     rtmp_ingest& operator=(const rtmp_ingest&) = delete;
