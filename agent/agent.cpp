@@ -81,7 +81,8 @@ void agent::on_state(state_type::type state)
 void agent::on_permission(source_type::type kind, const std::string& name, const std::string& description,
                           request_type::type request_kind, const callback::request& request)
 {
-    std::string what = std::string(request_type::name(request_kind)) + " " + source_type::name(kind);
+    std::string what = std::string(request_type::name(request_kind)) + " " +
+                       (kind == source_type::none ? "unknown kind" : source_type::name(kind));
     if (!name.empty())
         what += " \"" + name + "\"";
     switch (options_.permissions.decide(kind)) {

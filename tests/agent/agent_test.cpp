@@ -255,6 +255,36 @@ TEST_F(AgentProcess, StopsCleanlyOnSigintEvenWhileTheServiceIsAway)
     EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
 }
 
+TEST_F(AgentProcess, AnswersRequestsByItsPolicy)
+{
+    std::string secret = service.issue_secret({"Ann", ""});
+    ASSERT_TRUE(secret_store(dir.file("state")).save(secret));
+
+    // Only screens are allowed: a window list is rejected without asking anyone.
+    auto agent = run({"--bitrate", "1000", "--allow", "screen", "--ask"}); // no terminal: asking denies
+    ASSERT_TRUE(output->wait_for_prefix("state connected", deadline));
+    ASSERT_TRUE(service.wait_for_connection(deadline));
+    auto state = service.list("window");
+    ASSERT_TRUE(state);
+    auto reply = service.wait_for_reply(*state, deadline);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->message["payload"], Json({{"status", "Rejected"}}));
+    EXPECT_TRUE(output->wait_for_prefix("denied list window", deadline));
+    stop(*agent);
+
+    // Everything is allowed: a kind this client does not know is answered, as a failure.
+    agent = run({"--bitrate", "1000", "--allow", "all"});
+    ASSERT_TRUE(output->wait_for_prefix("state connected", deadline));
+    ASSERT_TRUE(service.wait_for_connection(deadline));
+    state = service.list("printer");
+    ASSERT_TRUE(state);
+    reply = service.wait_for_reply(*state, deadline);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->message["payload"], Json({{"status", "Failure"}, {"results", nullptr}}));
+    EXPECT_TRUE(output->wait_for_prefix("allowed list unknown kind", deadline));
+    stop(*agent);
+}
+
 TEST_F(AgentProcess, BadArgumentsExitNonZeroWithAMessage)
 {
     obs::child_process::options options;
