@@ -366,7 +366,6 @@ bool output::start(const Json& request, const Json& entry, int bitrate)
         source = create_video_source(request, entry);
         if (source)
             source_size = wait_for_size(source.get(), deadline);
-        restart_capture = true;
         break;
     default:
         break;
@@ -376,7 +375,7 @@ bool output::start(const Json& request, const Json& entry, int bitrate)
         return false;
     }
     if (with_video && source_size.first == 0 && source_size.second == 0) {
-        error_ = "source has no size";
+        error_ = kind == source_type::window ? "window not found" : "source has no size";
         return false;
     }
 

@@ -247,6 +247,7 @@ TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
                                                             ingest_->url(), key),
                                    8000);
     ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    std::cout << "[ measured ] audio device activation: " << took.count() << " ms\n";
     auto live = ingest_->probe_live(key, 15s);
     ASSERT_TRUE(live.error.empty()) << live.error;
     ASSERT_NE(live.audio(), nullptr);
@@ -273,6 +274,7 @@ TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
     auto [result, took] = activate(*media, activate_request("window", entry->id, {{"profile", "medium"}},
                                                             ingest_->url(), key));
     ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    std::cout << "[ measured ] window activation: " << took.count() << " ms\n";
     auto live = ingest_->probe_live(key, 15s);
     ASSERT_TRUE(live.error.empty()) << live.error;
     ASSERT_NE(live.video(), nullptr);
