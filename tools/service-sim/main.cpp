@@ -4,6 +4,8 @@
 
 #include "tools/service-sim/service_sim.hpp"
 
+#include <boost/asio/ip/address.hpp>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -146,6 +148,11 @@ int main(int argc, char** argv)
         }
         if (cert_file.empty() != key_file.empty())
             throw std::runtime_error("--cert and --key go together");
+        // It hands out machine secrets to whoever connects: loopback only.
+        boost::system::error_code bad_address;
+        auto address = boost::asio::ip::make_address(options.address, bad_address);
+        if (bad_address || !address.is_loopback())
+            throw std::runtime_error("--address must be a loopback address, not " + options.address);
         if (!cert_file.empty() && !ca_dir.empty())
             throw std::runtime_error("--cert/--key and --ca-dir exclude each other");
     } catch (const std::exception& e) {
@@ -154,7 +161,10 @@ int main(int argc, char** argv)
     }
 
     // SIGINT and SIGTERM are read from a signalfd by the main loop; blocking them before
-    // any thread starts keeps every thread from taking them.
+    // any thread starts keeps every thread from taking them. A shell starts background
+    // jobs with SIGINT ignored, and an ignored signal never reaches the signalfd.
+    ::signal(SIGINT, SIG_DFL);
+    ::signal(SIGTERM, SIG_DFL);
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
