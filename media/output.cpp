@@ -9,6 +9,10 @@
 
 #include <xcb/xcb.h>
 
+#include <dirent.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <thread>
@@ -24,6 +28,8 @@ using clock = std::chrono::steady_clock;
 constexpr int no_video_size = 4;
 // How often a source's size is read again while it has none.
 constexpr auto size_poll_interval = 1ms;
+// How long an output whose connection was shut down may take to report that it stopped.
+constexpr auto interrupt_limit = 2s;
 
 const char* output_code_text(long long code)
 {
@@ -90,6 +96,57 @@ void clear_channel(obs_scene_t* scene)
 source_handle create_source(const char* id, const data_handle& settings)
 {
     return source_handle(obs_source_create(id, "source", settings.get(), nullptr));
+}
+
+/// This process's TCP sockets (IPv4 and IPv6): descriptor and inode.
+std::vector<std::pair<int, ino_t>> tcp_sockets()
+{
+    std::vector<std::pair<int, ino_t>> sockets;
+    DIR* directory = ::opendir("/proc/self/fd");
+    if (!directory)
+        return sockets;
+    int own = ::dirfd(directory);
+    while (dirent* item = ::readdir(directory)) {
+        char* end = nullptr;
+        long fd = std::strtol(item->d_name, &end, 10);
+        if (end == item->d_name || *end != '\0' || fd == own)
+            continue;
+        struct stat status;
+        if (::fstat(static_cast<int>(fd), &status) < 0 || !S_ISSOCK(status.st_mode))
+            continue;
+        int domain = 0, type = 0;
+        socklen_t length = sizeof domain;
+        if (::getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_DOMAIN, &domain, &length) < 0)
+            continue;
+        length = sizeof type;
+        if (::getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_TYPE, &type, &length) < 0)
+            continue;
+        if ((domain == AF_INET || domain == AF_INET6) && type == SOCK_STREAM)
+            sockets.emplace_back(static_cast<int>(fd), status.st_ino);
+    }
+    ::closedir(directory);
+    return sockets;
+}
+
+std::vector<ino_t> tcp_socket_inodes()
+{
+    std::vector<ino_t> inodes;
+    for (const auto& socket : tcp_sockets())
+        inodes.push_back(socket.second);
+    return inodes;
+}
+
+/// Shuts down the TCP sockets made since `before` was taken. libobs's RTMP output
+/// cannot be stopped while it connects (stopping joins its connect thread), and a
+/// server that accepts the connection and never answers holds that thread in a
+/// blocking read for half a minute; a shut-down socket ends the read at once, and
+/// the connection then fails the ordinary way. The worker carries one stream, so the
+/// new sockets are that stream's.
+void interrupt_connections_since(const std::vector<ino_t>& before)
+{
+    for (const auto& [fd, inode] : tcp_sockets())
+        if (std::find(before.begin(), before.end(), inode) == before.end())
+            ::shutdown(fd, SHUT_RDWR);
 }
 
 } // namespace
@@ -200,8 +257,11 @@ bool output::stop()
         stopped = watch_->changed.wait_for(lock, output_stop_limit, [this] { return watch_->stopped; });
         lock.unlock();
         if (!stopped) {
-            log::line("media: the stream did not stop in time; forcing it");
-            obs_output_force_stop(stream);
+            // A server that stopped reading holds the send thread in a full socket.
+            log::line("media: the stream did not stop in time; closing its connection");
+            interrupt_connections_since(sockets_before_);
+            lock.lock();
+            watch_->changed.wait_for(lock, interrupt_limit, [this] { return watch_->stopped; });
         }
     }
     return stopped;
@@ -453,6 +513,7 @@ bool output::attempt(const Json& request, const source_handle& source, callback:
     }
     observed->connect(stream.get());
 
+    sockets_before_ = tcp_socket_inodes();
     bool started = obs_output_start(stream.get());
     bool active = false;
     if (!started) {
@@ -464,16 +525,19 @@ bool output::attempt(const Json& request, const source_handle& source, callback:
         std::unique_lock<std::mutex> lock(observed->mutex);
         bool decided = observed->changed.wait_for(lock, output_start_limit,
                                                   [&] { return observed->activated || observed->stopped; });
-        if (observed->stopped) {
+        if (observed->stopped)
             error_ = describe_stop(observed->code, observed->last_error);
-        } else if (!decided) {
+        else if (!decided)
             error_ = "rtmp connect timed out";
-        } else {
+        else
             active = true;
-        }
-        lock.unlock();
-        if (!active && !observed->stopped) {
-            obs_output_force_stop(stream.get());
+        if (!decided) {
+            // Still connecting: end the connection so the output can be released promptly.
+            lock.unlock();
+            interrupt_connections_since(sockets_before_);
+            lock.lock();
+            if (!observed->changed.wait_for(lock, interrupt_limit, [&] { return observed->stopped; }))
+                log::line("media: the rtmp output is still connecting; releasing it may take a while");
         }
     }
     if (!active) {

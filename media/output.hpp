@@ -21,6 +21,9 @@
 #include <mutex>
 #include <string>
 #include <utility>
+#include <vector>
+
+#include <sys/types.h>
 
 namespace orbweave::obs {
 
@@ -106,6 +109,8 @@ private:
     scene_handle scene_;
 
     std::unique_ptr<watch> watch_;
+    // The process's TCP sockets before the output started: any other is the stream's.
+    std::vector<ino_t> sockets_before_;
     std::string error_;
     std::pair<int, int> frame_size_{0, 0};
     bool started_ = false;

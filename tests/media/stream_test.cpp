@@ -14,6 +14,10 @@
 #include <gtest/gtest.h>
 
 #include <X11/Xlib.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -319,6 +323,34 @@ TEST_F(Streaming, ServersThatTakeNoStreamFailWithinTheBoundAfterOneSoftwareRetry
         EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1) << log.text();
         EXPECT_NE(log.text().find(std::string(software_fallback_line) + "\n"), std::string::npos);
     }
+}
+
+TEST_F(Streaming, AServerThatNeverAnswersFailsWithinTheBound)
+{
+    // A loopback listener that accepts connections (the kernel completes them) and never speaks.
+    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 8), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    std::string server = "rtmp://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/live";
+
+    test::stderr_capture log;
+    auto media = stream_worker();
+    auto [result, took] =
+        activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}}, server, new_key("silent")));
+    std::cout << "[ measured ] silent server: " << took.count() << " ms, " << json::string_at(result, {"error"})
+              << "\n";
+    EXPECT_FALSE(json::bool_at(result, {"started"}));
+    EXPECT_EQ(json::string_at(result, {"error"}), "rtmp connect timed out");
+    EXPECT_LT(took, 2 * output_start_limit + 3s);
+    media->shutdown();
+    ::close(listener);
+    EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1);
 }
 
 TEST_F(Streaming, UnknownSourcesAreRefusedWithAReason)
