@@ -1,5 +1,7 @@
 #include "tools/wss/wss_server.hpp"
 
+#include "core/websocket/endpoint.hpp"
+
 #include "core/log.hpp"
 
 #include <websocketpp/config/asio.hpp>
@@ -17,25 +19,8 @@
 namespace orbweave::wss {
 namespace {
 
-// asio_tls with a short TLS shutdown. websocketpp starts the TLS shutdown while its own
-// read is still pending, so that read swallows the peer's close_notify and the shutdown
-// only ends at this time-out; the default (5 s) would delay every close that long.
-struct server_config : websocketpp::config::asio_tls {
-    using type = server_config;
-    using base = websocketpp::config::asio_tls;
-
-    struct transport_config : base::transport_config {
-        using concurrency_type = base::concurrency_type;
-        using alog_type = base::alog_type;
-        using elog_type = base::elog_type;
-        using request_type = base::request_type;
-        using response_type = base::response_type;
-        using socket_type = websocketpp::transport::asio::tls_socket::endpoint;
-        static const long timeout_socket_shutdown = 100;
-    };
-    using transport_type = websocketpp::transport::asio::endpoint<transport_config>;
-};
-
+// A short TLS shutdown, as on the client side, so closes are seen at once.
+using server_config = websocket::short_tls_shutdown<websocketpp::config::asio_tls, 100>;
 using server_type = websocketpp::server<server_config>;
 using hdl_type = websocketpp::connection_hdl;
 using clock_type = std::chrono::steady_clock;
@@ -93,6 +78,15 @@ struct wss_server::impl {
         std::lock_guard<std::mutex> lock(mutex);
         auto it = ids.find(hdl);
         return it == ids.end() ? 0 : it->second;
+    }
+
+    std::vector<connection_id> open_ids() const
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::vector<connection_id> all;
+        for (const auto& entry : open)
+            all.push_back(entry.first);
+        return all;
     }
 
     hdl_type hdl_of(connection_id id) const
@@ -278,13 +272,7 @@ void wss_server::close(connection_id connection, std::uint16_t code, const std::
 void wss_server::close_all(std::uint16_t code, const std::string& reason)
 {
     impl_->post([self = impl_.get(), code, reason] {
-        for (connection_id id : [self] {
-                 std::lock_guard<std::mutex> lock(self->mutex);
-                 std::vector<connection_id> all;
-                 for (const auto& entry : self->open)
-                     all.push_back(entry.first);
-                 return all;
-             }()) {
+        for (connection_id id : self->open_ids()) {
             websocketpp::lib::error_code ec;
             self->server.close(self->hdl_of(id), code, reason, ec);
         }
@@ -317,14 +305,7 @@ std::size_t wss_server::ping_count() const
     return impl_->pings.size();
 }
 
-std::vector<connection_id> wss_server::open_connections() const
-{
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    std::vector<connection_id> all;
-    for (const auto& entry : impl_->open)
-        all.push_back(entry.first);
-    return all;
-}
+std::vector<connection_id> wss_server::open_connections() const { return impl_->open_ids(); }
 
 void wss_server::stop()
 {

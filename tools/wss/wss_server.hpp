@@ -90,7 +90,7 @@ public:
     std::vector<connection_id> open_connections() const;
 
     /// Stops listening, closes every connection and joins the thread. Bounded (about 2 s at
-    /// worst, when a peer ignores the close); safe to call more than once.
+    /// worst, when a peer ignores the close); safe to call more than once, but not from a hook.
     void stop();
 
 private:
