@@ -166,6 +166,8 @@ TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsOnDeactivate)
     EXPECT_NEAR(live.video()->frame_rate, 30.0, 0.5);
     ASSERT_NE(live.audio(), nullptr);
     EXPECT_EQ(live.audio()->codec_name, "aac");
+    EXPECT_EQ(live.audio()->sample_rate, 44100);
+    EXPECT_EQ(live.audio()->channels, 2);
 
     EXPECT_TRUE(media->call(Json{{"op", "deactivate"}}).is_null());
     EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
