@@ -130,19 +130,6 @@ media_environment* current_environment = nullptr;
 
 } // namespace
 
-temp_directory::temp_directory(const std::string& prefix)
-{
-    std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
-    if (!::mkdtemp(pattern.data()))
-        throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    path_ = pattern;
-}
-
-temp_directory::~temp_directory()
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 xvfb_display::xvfb_display(std::vector<screen_size> screens) : screens_(std::move(screens))
 {
@@ -295,7 +282,7 @@ pulse_server::~pulse_server() = default;
 
 void media_environment::SetUp()
 {
-    directory_ = std::make_unique<temp_directory>("orbweave-media");
+    directory_ = std::make_unique<temp_dir>("orbweave-media");
     ::setenv("XDG_CACHE_HOME", (directory_->path() / "cache").c_str(), 1);
     display_ = std::make_unique<xvfb_display>(options_.screens);
     ::setenv("DISPLAY", display_->name().c_str(), 1);

@@ -8,6 +8,7 @@
 // Programs linking these fixtures also link libX11.
 
 #include "core/obs/child_process.hpp"
+#include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -18,19 +19,6 @@
 #include <vector>
 
 namespace orbweave::test {
-
-/// A private temporary directory, removed with its contents on destruction.
-class temp_directory {
-public:
-    explicit temp_directory(const std::string& prefix = "orbweave-test");
-    ~temp_directory();
-    temp_directory(const temp_directory&) = delete;
-    temp_directory& operator=(const temp_directory&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
 
 struct screen_size {
     int width;
@@ -127,7 +115,7 @@ public:
 
 private:
     options options_;
-    std::unique_ptr<temp_directory> directory_;
+    std::unique_ptr<temp_dir> directory_;
     std::unique_ptr<xvfb_display> display_;
     std::unique_ptr<window_manager> window_manager_;
     std::vector<std::unique_ptr<test_window>> windows_;

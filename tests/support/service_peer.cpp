@@ -8,22 +8,16 @@
 namespace orbweave::test {
 
 service_peer::service_peer(wss::tls_identity identity, std::uint16_t port)
-    : identity_(std::move(identity)), port_(port)
+    : identity_(std::move(identity)), port_(port), dir_("orbweave-peer")
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "orbweave-peer-XXXXXX").string();
-    if (!::mkdtemp(pattern.data()))
-        throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    dir_ = pattern;
-    identity_.write(dir_);
-    ca_file_ = dir_ + "/ca.pem";
+    identity_.write(dir_.path());
+    ca_file_ = dir_.file("ca.pem");
     start();
 }
 
 service_peer::~service_peer()
 {
     stop();
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
 }
 
 void service_peer::start()

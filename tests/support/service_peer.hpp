@@ -3,6 +3,7 @@
 // A TLS WebSocket peer on loopback that plays the service in the client's transport
 // tests: it records what the client sends and lets a test wait for it with deadlines.
 
+#include "tests/support/temp_dir.hpp"
 #include "tools/wss/wss_server.hpp"
 
 #include <chrono>
@@ -71,7 +72,7 @@ private:
 
     wss::tls_identity identity_;
     std::uint16_t port_;
-    std::string dir_;
+    temp_dir dir_;
     std::string ca_file_;
     std::unique_ptr<wss::wss_server> server_;
 

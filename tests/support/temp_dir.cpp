@@ -9,7 +9,7 @@ namespace orbweave::test {
 
 temp_dir::temp_dir(const std::string& prefix)
 {
-    std::string pattern = "/tmp/" + prefix + "-XXXXXX";
+    std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
     if (!mkdtemp(pattern.data()))
         throw std::system_error(errno, std::generic_category(), "mkdtemp");
     path_ = pattern;
@@ -23,7 +23,7 @@ temp_dir::~temp_dir()
 
 std::string temp_dir::file(const std::string& name) const
 {
-    return path_ + "/" + name;
+    return (path_ / name).string();
 }
 
 } // namespace orbweave::test

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 namespace orbweave::test {
 
-/// A fresh directory under /tmp, removed with everything in it on destruction.
+/// A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
 class temp_dir {
 public:
     explicit temp_dir(const std::string& prefix = "orbweave-test");
@@ -12,12 +13,12 @@ public:
     temp_dir(const temp_dir&) = delete;
     temp_dir& operator=(const temp_dir&) = delete;
 
-    const std::string& path() const { return path_; }
-    /// path() + "/" + name.
+    const std::filesystem::path& path() const { return path_; }
+    /// path() / name, as a string.
     std::string file(const std::string& name) const;
 
 private:
-    std::string path_;
+    std::filesystem::path path_;
 };
 
 } // namespace orbweave::test

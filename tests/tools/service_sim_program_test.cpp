@@ -1,4 +1,5 @@
 #include "tests/tools/wss_test_client.hpp"
+#include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -151,9 +152,8 @@ std::string read_text(const std::filesystem::path& path)
 
 TEST(ServiceSimProgram, ServesWithAGeneratedCaTakesConsoleCommandsAndOutlivesStdin)
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "orbweave-sim-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    std::filesystem::path dir = std::filesystem::path(pattern) / "ca";
+    test::temp_dir scratch("orbweave-sim");
+    std::filesystem::path dir = scratch.path() / "ca";
 
     sim_process program({"--port", "0", "--ca-dir", dir.string()});
     auto listening = program.wait_for_line("listening wss://127.0.0.1:", deadline);
@@ -204,7 +204,6 @@ TEST(ServiceSimProgram, ServesWithAGeneratedCaTakesConsoleCommandsAndOutlivesStd
     EXPECT_EQ(program.wait_for_exit(deadline), 0);
     for (const auto& line : program.lines())
         EXPECT_EQ(line.find(secret), std::string::npos) << "secret printed: " << line;
-    std::filesystem::remove_all(pattern);
 }
 
 } // namespace

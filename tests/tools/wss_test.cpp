@@ -1,6 +1,7 @@
 #include "tests/tools/wss_test_client.hpp"
 #include "tools/wss/tls_identity.hpp"
 #include "tools/wss/wss_server.hpp"
+#include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -114,9 +115,8 @@ TEST(TlsIdentity, UntrustedAndWrongHostCertificatesFailVerification)
 
 TEST(TlsIdentity, WrittenFilesFormAValidChainAndKeepTheKeyPrivate)
 {
-    std::string pattern = (std::filesystem::temp_directory_path() / "orbweave-identity-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    std::filesystem::path dir = std::filesystem::path(pattern) / "nested";
+    test::temp_dir scratch("orbweave-identity");
+    std::filesystem::path dir = scratch.path() / "nested";
     auto identity = wss::tls_identity::generate();
     identity.write(dir.string());
 
@@ -148,7 +148,6 @@ TEST(TlsIdentity, WrittenFilesFormAValidChainAndKeepTheKeyPrivate)
     X509_STORE_free(store);
     X509_free(leaf);
     X509_free(ca);
-    std::filesystem::remove_all(pattern);
 }
 
 TEST(WssServer, CarriesTextBothWaysAndReportsOpenAndClose)

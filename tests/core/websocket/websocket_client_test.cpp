@@ -292,7 +292,7 @@ TEST(TransportLiveness, ALinkClosedOrCutByTheServiceFailsOnce)
         service_peer peer;
         transport link(trusting(peer));
         link.start(peer.url());
-        ASSERT_FALSE(link.next("open").is_null());
+        expect_open(link, peer);
         auto lost = std::chrono::steady_clock::now();
         cut ? peer.drop_latest() : peer.close_latest();
         EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
