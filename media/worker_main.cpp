@@ -3,6 +3,9 @@
 //
 //   orbweave-media-worker [--defer-video | --canvas WxH@FPS]
 //
+// Besides the requests in media/protocol.hpp it answers {"op":"stats"} with read-only
+// frame counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
+//
 // --defer-video starts without a video canvas, for a stream worker that sets the
 // canvas once at its final size; --canvas sets the start-up canvas (default: the
 // listing worker's small placeholder). ORBWEAVE_OBS_LOG=error|warning|info|debug sets
@@ -106,6 +109,29 @@ int main(int argc, char** argv)
     loop.on("deactivate", [&stream](const Json&) {
         stream.reset();
         return Json();
+    });
+    // Read-only counters for benchmarks: frames the outputs sent and dropped (network),
+    // frames the canvas rendered and lagged (render late), frames the encoders skipped.
+    loop.on("stats", [](const Json&) {
+        struct totals {
+            long long frames = 0;
+            long long dropped = 0;
+        } sent;
+        obs_enum_outputs(
+            [](void* data, obs_output_t* output) {
+                auto* sum = static_cast<totals*>(data);
+                sum->frames += obs_output_get_total_frames(output);
+                sum->dropped += obs_output_get_frames_dropped(output);
+                return true;
+            },
+            &sent);
+        video_t* video = obs_get_video();
+        return Json{{"frames", sent.frames},
+                    {"dropped", sent.dropped},
+                    {"rendered", obs_get_total_frames()},
+                    {"lagged", obs_get_lagged_frames()},
+                    {"video_frames", video ? video_output_get_total_frames(video) : 0u},
+                    {"skipped", video ? video_output_get_skipped_frames(video) : 0u}};
     });
 
     bool asked = loop.run();
