@@ -1,0 +1,696 @@
+// Streaming figures, ours side by side with an ffmpeg pusher in the same run, on the
+// same screen content and the same private nginx-rtmp ingest. One line per figure:
+//
+//   activation_to_first_frame_ms ours=.. ffmpeg=.. ratio=..   (median of 5)
+//     ours: the simulator sends "activate" (screen 0, "medium") to the client over
+//     loopback TLS, until a player started before the request decodes the first frame;
+//     ffmpeg: spawning the reference pusher until the same player decodes its first frame.
+//   activation_client_in_ms, activation_worker_ready_ms, activation_reply_ms: where ours
+//     stands (medians, from the request) when the client has the request, when the new
+//     worker logs the request it builds the stream for (started, source and canvas made),
+//     and when the simulator has the "Success" reply (the output is active).
+//   worker_start_deferred_ms, worker_activate_op_ms: the stream worker driven directly,
+//     spawn to ready, and the activate request to its answer (medians).
+//   stream_cpu_s_per_s ours=.. ffmpeg=.. ratio=..: CPU seconds per second of the stream
+//     worker process and of the ffmpeg pusher, 1280x720 at 1500 kbps, each over 30 s of
+//     a moving test pattern.
+//   stream_frames_30s, stream_dropped_frames_30s, stream_lagged_frames_30s,
+//     stream_skipped_frames_30s: our stream over the same 30 s (the worker's "stats").
+//   agent_idle_cpu_s_per_s, agent_rss_kib, listing_worker_idle_cpu_s_per_s,
+//     listing_worker_rss_kib: orbweave-agent paired with the simulator and idle (10 s),
+//     after one list (which starts its listing worker).
+//
+// Everything is started here on a private display, PulseAudio, nginx and free ports, and
+// stopped at the end. Standard error of this program and everything it starts goes to a
+// log file while it runs; its tail is shown when something fails.
+
+#include "core/obs/child_process.hpp"
+#include "core/obs/worker.hpp"
+#include "core/orbweave_client.hpp"
+#include "tests/support/client_harness.hpp"
+#include "tests/support/line_reader.hpp"
+#include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "tools/service-sim/service_sim.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace orbweave;
+using namespace std::chrono_literals;
+using clock_type = std::chrono::steady_clock;
+
+constexpr int activation_runs = 5;
+constexpr auto deadline = 20s;
+constexpr auto warm_up = 2s;
+constexpr auto steady_window = 30s;
+constexpr auto idle_window = 10s;
+constexpr int width = 1280;
+constexpr int height = 720;
+
+FILE* out = stdout;  // figures
+FILE* note = stderr; // progress and failures (the real standard error)
+
+double ms_between(clock_type::time_point from, clock_type::time_point to)
+{
+    return std::chrono::duration<double, std::milli>(to - from).count();
+}
+
+double median(std::vector<double> values)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    std::size_t middle = values.size() / 2;
+    return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+void figure(const std::string& name, double value, const char* format = "%.0f")
+{
+    std::fprintf(out, "%s ", name.c_str());
+    std::fprintf(out, format, value);
+    std::fprintf(out, "\n");
+    std::fflush(out);
+}
+
+void side_by_side(const std::string& name, double ours, double theirs, const char* format)
+{
+    std::fprintf(out, "%s ours=", name.c_str());
+    std::fprintf(out, format, ours);
+    std::fprintf(out, " ffmpeg=");
+    std::fprintf(out, format, theirs);
+    std::fprintf(out, " ratio=%.2f\n", theirs > 0 ? ours / theirs : 0.0);
+    std::fflush(out);
+}
+
+void progress(const std::string& text)
+{
+    std::fprintf(note, "bench: %s\n", text.c_str());
+    std::fflush(note);
+}
+
+/// Polls check every period until it holds (true) or timeout passes (false).
+bool poll_until(const std::function<bool()>& check, std::chrono::milliseconds timeout,
+                std::chrono::milliseconds period = 10ms)
+{
+    auto end = clock_type::now() + timeout;
+    for (;;) {
+        if (check())
+            return true;
+        if (clock_type::now() >= end)
+            return false;
+        std::this_thread::sleep_for(period);
+    }
+}
+
+// ---- /proc --------------------------------------------------------------------------
+
+/// utime + stime of pid in seconds.
+double cpu_seconds(pid_t pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line))
+        throw std::runtime_error("cannot read /proc/" + std::to_string(pid) + "/stat");
+    // After "pid (comm) ": state is field 3, utime 14, stime 15.
+    std::istringstream fields(line.substr(line.rfind(')') + 2));
+    std::string field;
+    unsigned long long utime = 0, stime = 0;
+    for (int number = 3; number <= 15 && fields >> field; ++number) {
+        if (number == 14)
+            utime = std::stoull(field);
+        else if (number == 15)
+            stime = std::stoull(field);
+    }
+    return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+long rss_kib(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmRSS:", 0) == 0)
+            return std::stol(line.substr(6));
+    throw std::runtime_error("no VmRSS for " + std::to_string(pid));
+}
+
+/// Processes whose parent is parent and whose command line contains every word.
+std::vector<pid_t> children_running(pid_t parent, const std::vector<std::string>& words)
+{
+    std::vector<pid_t> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::ifstream stat(entry.path() / "stat");
+        std::string line;
+        if (!std::getline(stat, line) || line.rfind(')') == std::string::npos)
+            continue;
+        char state = 0;
+        int ppid = 0;
+        if (std::sscanf(line.c_str() + line.rfind(')') + 1, " %c %d", &state, &ppid) != 2 || ppid != parent)
+            continue;
+        std::ifstream cmdline_file(entry.path() / "cmdline");
+        std::string cmdline((std::istreambuf_iterator<char>(cmdline_file)), std::istreambuf_iterator<char>());
+        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+        bool all = std::all_of(words.begin(), words.end(),
+                               [&](const std::string& word) { return cmdline.find(word) != std::string::npos; });
+        if (all)
+            found.push_back(std::stoi(name));
+    }
+    return found;
+}
+
+/// CPU seconds per second of each pid over window.
+std::vector<double> cpu_rates(const std::vector<pid_t>& pids, std::chrono::milliseconds window)
+{
+    std::vector<double> before;
+    for (pid_t pid : pids)
+        before.push_back(cpu_seconds(pid));
+    auto start = clock_type::now();
+    std::this_thread::sleep_for(window); // the measuring window itself
+    double seconds = std::chrono::duration<double>(clock_type::now() - start).count();
+    std::vector<double> rates;
+    for (std::size_t i = 0; i < pids.size(); ++i)
+        rates.push_back((cpu_seconds(pids[i]) - before[i]) / seconds);
+    return rates;
+}
+
+// ---- standard error to a timestamped log ------------------------------------------------
+
+/// Moves this process's standard error (inherited by every child) into a pipe; a thread
+/// timestamps each line as it arrives and appends it to a file.
+class stderr_log {
+public:
+    explicit stderr_log(const std::string& path) : file_(path)
+    {
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC) < 0)
+            throw std::runtime_error("pipe2 failed");
+        saved_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+        ::dup2(fds[1], STDERR_FILENO);
+        ::close(fds[1]);
+        read_fd_ = fds[0];
+        note = ::fdopen(::fcntl(saved_, F_DUPFD_CLOEXEC, 3), "w");
+        reader_ = std::thread([this] { read_loop(); });
+    }
+
+    ~stderr_log()
+    {
+        // Children keep copies of the pipe's write end only while they live; ours goes now.
+        ::dup2(saved_, STDERR_FILENO);
+        stopping_ = true;
+        reader_.join();
+        ::close(read_fd_);
+        ::close(saved_);
+        if (note && note != stderr)
+            std::fclose(note);
+        note = stderr;
+    }
+
+    /// The time the first line matching arrived at or after since; nullopt when none did.
+    std::optional<clock_type::time_point> first(const std::function<bool(const std::string&)>& match,
+                                                clock_type::time_point since) const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& [at, line] : lines_)
+            if (at >= since && match(line))
+                return at;
+        return std::nullopt;
+    }
+
+    /// The last lines, for a failure message.
+    std::string tail(std::size_t count) const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::string text;
+        for (std::size_t i = lines_.size() > count ? lines_.size() - count : 0; i < lines_.size(); ++i)
+            text += "  " + lines_[i].second.substr(0, 300) + "\n";
+        return text;
+    }
+
+private:
+    void read_loop()
+    {
+        std::string buffer;
+        char chunk[8192];
+        for (;;) {
+            pollfd entry{read_fd_, POLLIN, 0};
+            int ready = ::poll(&entry, 1, 100);
+            if (ready < 0 && errno == EINTR)
+                continue;
+            if (ready == 0) {
+                if (stopping_)
+                    return;
+                continue;
+            }
+            ssize_t got = ::read(read_fd_, chunk, sizeof chunk);
+            if (got <= 0)
+                return;
+            auto now = clock_type::now();
+            buffer.append(chunk, static_cast<std::size_t>(got));
+            std::size_t end;
+            while ((end = buffer.find('\n')) != std::string::npos) {
+                std::string line = buffer.substr(0, end);
+                buffer.erase(0, end + 1);
+                file_ << line << '\n';
+                std::lock_guard<std::mutex> lock(mutex_);
+                lines_.emplace_back(now, std::move(line));
+            }
+            file_.flush();
+        }
+    }
+
+    std::ofstream file_;
+    int saved_ = -1;
+    int read_fd_ = -1;
+    std::atomic<bool> stopping_{false};
+    mutable std::mutex mutex_;
+    std::vector<std::pair<clock_type::time_point, std::string>> lines_;
+    std::thread reader_;
+};
+
+// ---- players and pushers ----------------------------------------------------------------
+
+std::string program_beside_us(const std::string& name)
+{
+    char self[4096];
+    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0)
+        return name;
+    std::string path(self, static_cast<std::size_t>(length));
+    return path.substr(0, path.rfind('/') + 1) + name;
+}
+
+/// ffmpeg playing key from the ingest, started before anyone publishes it: it decodes the
+/// first video frame, writes it (tiny, grey) to its standard output and exits. Probing is
+/// kept short, and the packets read while probing are kept (no "nobuffer", which would
+/// drop the first key frame and wait for the next one, two seconds later).
+class player {
+public:
+    player(const test::rtmp_ingest& ingest, const std::string& key)
+    {
+        obs::child_process::options options;
+        options.argv = {"ffmpeg", "-nostdin", "-loglevel", "error", "-rw_timeout", "20000000",
+                        "-analyzeduration", "200000", "-i", ingest.stream_url(key), "-map", "0:v:0",
+                        "-frames:v", "1", "-vf", "scale=32:18", "-pix_fmt", "gray", "-f", "rawvideo",
+                        "-flush_packets", "1", "pipe:1"};
+        options.pipe_stdout = true;
+        process_ = std::make_unique<obs::child_process>(options);
+        watcher_ = std::thread([this, end = clock_type::now() + 2 * deadline] { watch(end); });
+        // The player is waiting once nginx lists the stream it asked for.
+        std::string name = "<name>" + key + "</name>";
+        if (!poll_until([&] {
+                auto xml = ingest.statistics();
+                return xml && xml->find(name) != std::string::npos;
+            }, deadline)) {
+            process_->kill_and_wait();
+            watcher_.join();
+            throw std::runtime_error("the player did not reach the ingest");
+        }
+    }
+
+    /// When the first frame's bytes arrived; throws when none came in time.
+    clock_type::time_point wait_first_frame()
+    {
+        if (watcher_.joinable())
+            watcher_.join();
+        if (!first_frame_)
+            throw std::runtime_error("no frame reached the player in time (" + failure_ + ")");
+        return *first_frame_;
+    }
+
+    ~player()
+    {
+        // Done after one frame; one that is still waiting is stopped.
+        if (!process_->wait_for(2s))
+            process_->kill_and_wait();
+        if (watcher_.joinable())
+            watcher_.join();
+    }
+
+private:
+    /// Stamps the arrival of the first bytes on the player's standard output, from the start.
+    void watch(clock_type::time_point end)
+    {
+        for (;;) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - clock_type::now());
+            if (left.count() <= 0) {
+                failure_ = "time-out";
+                return;
+            }
+            pollfd entry{process_->stdout_fd(), POLLIN, 0};
+            int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
+            if (ready < 0 && errno == EINTR)
+                continue;
+            if (ready <= 0)
+                continue;
+            auto at = clock_type::now();
+            char bytes[64];
+            if (::read(process_->stdout_fd(), bytes, sizeof bytes) <= 0) {
+                failure_ = "the player ended without a frame";
+                return;
+            }
+            first_frame_ = at;
+            return;
+        }
+    }
+
+    std::unique_ptr<obs::child_process> process_;
+    std::optional<clock_type::time_point> first_frame_;
+    std::string failure_;
+    std::thread watcher_;
+};
+
+/// The reference: ffmpeg capturing the screen and the default PulseAudio source, x264
+/// veryfast and AAC, pushed to the ingest. 4:2:0 like ours (x11grab's BGR0 would otherwise
+/// make libx264 encode 4:4:4).
+std::unique_ptr<obs::child_process> start_ffmpeg_pusher(const std::string& url)
+{
+    obs::child_process::options options;
+    std::string display = std::getenv("DISPLAY");
+    options.argv = {"ffmpeg", "-nostdin", "-loglevel", "error", "-f", "x11grab", "-video_size",
+                    std::to_string(width) + "x" + std::to_string(height), "-framerate", "30", "-i",
+                    display + ".0", "-f", "pulse", "-i", "default", "-pix_fmt", "yuv420p", "-c:v", "libx264",
+                    "-preset", "veryfast", "-b:v", "1500k", "-maxrate", "1500k", "-bufsize", "1500k", "-g",
+                    "60", "-c:a", "aac", "-f", "flv", url};
+    return std::make_unique<obs::child_process>(options);
+}
+
+void stop_process(obs::child_process& process)
+{
+    process.kill(SIGINT);
+    if (!process.wait_for(5s))
+        process.kill_and_wait();
+}
+
+/// A moving test pattern covering screen 0; returns once the screen is seen to change.
+std::unique_ptr<obs::child_process> start_moving_content()
+{
+    obs::child_process::options options;
+    options.argv = {"ffplay", "-loglevel", "error", "-an", "-f", "lavfi", "-i",
+                    "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30", "-x",
+                    std::to_string(width), "-y", std::to_string(height), "-noborder", "-left", "0", "-top", "0"};
+    options.environment = {{"SDL_AUDIODRIVER", "dummy"}};
+    auto content = std::make_unique<obs::child_process>(options);
+    std::string display = std::getenv("DISPLAY");
+    bool changing = poll_until(
+        [&] {
+            // Three grabs a tenth of a second apart must all differ.
+            std::string hashes = test::run_program(
+                {"ffmpeg", "-nostdin", "-loglevel", "error", "-f", "x11grab", "-framerate", "10", "-video_size",
+                 std::to_string(width) + "x" + std::to_string(height), "-i", display + ".0", "-frames:v", "3",
+                 "-f", "framemd5", "-"},
+                10s);
+            std::vector<std::string> seen;
+            std::istringstream lines(hashes);
+            std::string line;
+            while (std::getline(lines, line))
+                if (!line.empty() && line[0] != '#')
+                    seen.push_back(line.substr(line.rfind(',') + 1));
+            return seen.size() == 3 && seen[0] != seen[1] && seen[1] != seen[2];
+        },
+        deadline, 100ms);
+    if (!changing)
+        throw std::runtime_error("the test pattern did not show on screen 0");
+    return content;
+}
+
+// ---- the benchmark ----------------------------------------------------------------------
+
+struct activation_times {
+    double first_frame = 0;
+    double client_in = 0;
+    double worker_ready = 0;
+    double reply = 0;
+};
+
+class bench {
+public:
+    bench(stderr_log& log)
+        : log_(log), app_(service_, false, [](client_options& options) {
+              options.keepalive_interval_ms = 5000; // production pace: keep the log quiet
+          })
+    {
+        app_.set_secret(service_.issue_secret({"Bench", ""}));
+        app_.on_permission([](callback::source_type::type, const std::string&, const std::string&,
+                              callback::request_type::type, const callback::request& request) {
+            request.answer(true);
+        });
+        app_.start();
+        if (!app_.wait_for_state(callback::state_type::connected, deadline) || !service_.wait_for_connection(deadline))
+            throw std::runtime_error("the client did not connect to the simulator");
+        // As the service does: list first, then activate what it listed.
+        auto state = service_.list("screen");
+        auto reply = state ? service_.wait_for_reply(*state, deadline) : std::nullopt;
+        if (!reply || json::string_at(reply->message, {"payload", "status"}) != "Success")
+            throw std::runtime_error("listing the screens failed");
+        screen_id_ = json::string_at(reply->message["payload"]["results"][0], {"id"});
+    }
+
+    void run()
+    {
+        activation();
+        steady_state();
+        agent_idle();
+    }
+
+private:
+    sim::activation request_for(const std::string& key) const
+    {
+        sim::activation request;
+        request.source_id = screen_id_;
+        request.profile = "medium";
+        request.server = ingest_.url();
+        request.key = key;
+        return request;
+    }
+
+    activation_times activate_ours(int run)
+    {
+        std::string key = "ours-" + std::to_string(run);
+        player watcher(ingest_, key);
+        auto sent = clock_type::now();
+        auto state = service_.activate(request_for(key));
+        if (!state)
+            throw std::runtime_error("the simulator could not send activate");
+        auto reply = service_.wait_for_reply(*state, deadline);
+        if (!reply || json::string_at(reply->message, {"payload", "status"}) != "Success")
+            throw std::runtime_error("activate was not answered Success: " + (reply ? reply->text : "no reply"));
+        activation_times times;
+        times.first_frame = ms_between(sent, watcher.wait_first_frame());
+        times.reply = ms_between(sent, reply->at);
+        auto client_in = log_.first(
+            [](const std::string& line) {
+                return line.rfind("In: ", 0) == 0 && line.find("\"activate\"") != std::string::npos;
+            },
+            sent);
+        auto worker_ready = log_.first(
+            [](const std::string& line) {
+                return line.rfind("{", 0) == 0 && line.find("\"activate\"") != std::string::npos;
+            },
+            sent);
+        times.client_in = client_in ? ms_between(sent, *client_in) : -1;
+        times.worker_ready = worker_ready ? ms_between(sent, *worker_ready) : -1;
+
+        auto stop = service_.deactivate(screen_id_);
+        if (!stop || !service_.wait_for_reply(*stop, deadline))
+            throw std::runtime_error("deactivate was not answered");
+        return times;
+    }
+
+    double activate_ffmpeg(int run)
+    {
+        std::string key = "ffmpeg-" + std::to_string(run);
+        player watcher(ingest_, key);
+        auto spawned = clock_type::now();
+        auto pusher = start_ffmpeg_pusher(ingest_.stream_url(key));
+        double first_frame = ms_between(spawned, watcher.wait_first_frame());
+        stop_process(*pusher);
+        return first_frame;
+    }
+
+    void activation()
+    {
+        progress("activation, " + std::to_string(activation_runs) + " runs each");
+        std::vector<double> ours, theirs, client_in, worker_ready, reply;
+        for (int run = 0; run < activation_runs; ++run) {
+            activation_times times = activate_ours(run);
+            ours.push_back(times.first_frame);
+            client_in.push_back(times.client_in);
+            worker_ready.push_back(times.worker_ready);
+            reply.push_back(times.reply);
+            theirs.push_back(activate_ffmpeg(run));
+        }
+        side_by_side("activation_to_first_frame_ms", median(ours), median(theirs), "%.0f");
+        figure("activation_client_in_ms", median(client_in));
+        figure("activation_worker_ready_ms", median(worker_ready));
+        figure("activation_reply_ms", median(reply));
+
+        // The stream worker alone, as the client drives it.
+        std::vector<double> starts, activations;
+        for (int run = 0; run < activation_runs; ++run) {
+            std::string key = "direct-" + std::to_string(run);
+            obs::worker::options options;
+            options.defer_video = true;
+            auto spawned = clock_type::now();
+            obs::worker stream(options);
+            auto ready = clock_type::now();
+            Json started = stream.call(activate_request(key));
+            auto answered = clock_type::now();
+            if (!json::bool_at(started, {"started"}))
+                throw std::runtime_error("the worker did not start the stream: " + json::dump(started));
+            starts.push_back(ms_between(spawned, ready));
+            activations.push_back(ms_between(ready, answered));
+        }
+        figure("worker_start_deferred_ms", median(starts));
+        figure("worker_activate_op_ms", median(activations));
+    }
+
+    Json activate_request(const std::string& key) const
+    {
+        return Json{{"op", "activate"},
+                    {"request", service_.activate_message(request_for(key), "bench")},
+                    {"bitrate", 1500}};
+    }
+
+    void steady_state()
+    {
+        progress("steady state, 30 s each on a moving pattern");
+        auto content = start_moving_content();
+
+        // Ours: the stream worker exactly as the client starts it, driven directly so its
+        // counters can be read.
+        obs::worker::options options;
+        options.defer_video = true;
+        obs::worker stream(options);
+        Json started = stream.call(activate_request("steady-ours"));
+        if (!json::bool_at(started, {"started"}))
+            throw std::runtime_error("the worker did not start the stream: " + json::dump(started));
+        std::this_thread::sleep_for(warm_up); // past the start-up burst
+        Json before = stream.call(Json{{"op", "stats"}});
+        auto rates = cpu_rates({stream.pid(), content->pid()}, steady_window);
+        Json after = stream.call(Json{{"op", "stats"}});
+        if (!ingest_.publishing("steady-ours"))
+            throw std::runtime_error("our stream was not publishing at the end of the window");
+        stream.shutdown();
+        double ours = rates[0];
+        double content_ours = rates[1];
+
+        auto pusher = start_ffmpeg_pusher(ingest_.stream_url("steady-ffmpeg"));
+        if (!ingest_.wait_for_publishing("steady-ffmpeg", deadline))
+            throw std::runtime_error("the ffmpeg pusher did not publish");
+        std::this_thread::sleep_for(warm_up);
+        rates = cpu_rates({pusher->pid(), content->pid()}, steady_window);
+        if (!ingest_.publishing("steady-ffmpeg"))
+            throw std::runtime_error("the ffmpeg pusher was not publishing at the end of the window");
+        stop_process(*pusher);
+
+        side_by_side("stream_cpu_s_per_s", ours, rates[0], "%.2f");
+        auto delta = [&](const char* key) {
+            return static_cast<double>(json::at(after, {key}).get<long long>() -
+                                       json::at(before, {key}).get<long long>());
+        };
+        figure("stream_frames_30s", delta("frames"));
+        figure("stream_dropped_frames_30s", delta("dropped"));
+        figure("stream_lagged_frames_30s", delta("lagged"));
+        figure("stream_skipped_frames_30s", delta("skipped"));
+        figure("test_pattern_cpu_s_per_s", (content_ours + rates[1]) / 2, "%.2f");
+    }
+
+    void agent_idle()
+    {
+        progress("agent idle, 10 s");
+        sim::options options;
+        options.auto_claim = sim::owner{"Bench", ""};
+        sim::service_sim service(options);
+        test::temp_dir state("orbweave-bench-agent");
+        service.identity().write(state.path());
+
+        obs::child_process::options spawn;
+        spawn.argv = {program_beside_us("orbweave-agent"), "--service", service.url(), "--ca-file",
+                      state.file("ca.pem"), "--state-dir", state.file("state"), "--allow", "screen",
+                      "--bitrate", "1500"};
+        spawn.pipe_stdout = true;
+        obs::child_process agent(spawn);
+        test::line_reader lines(agent.stdout_fd());
+        if (!lines.wait_for_prefix("state connected", deadline))
+            throw std::runtime_error("the agent did not pair");
+        if (!service.wait_for_connection(deadline))
+            throw std::runtime_error("the simulator saw no connection");
+        auto listed = service.list("screen");
+        if (!listed || !service.wait_for_reply(*listed, deadline))
+            throw std::runtime_error("the agent did not answer list");
+
+        std::vector<pid_t> pids{agent.pid()};
+        auto workers = children_running(agent.pid(), {"orbweave-media-worker"});
+        if (!workers.empty())
+            pids.push_back(workers.front());
+        auto rates = cpu_rates(pids, idle_window);
+        figure("agent_idle_cpu_s_per_s", rates[0], "%.3f");
+        figure("agent_rss_kib", static_cast<double>(rss_kib(agent.pid())));
+        if (pids.size() > 1) {
+            figure("listing_worker_idle_cpu_s_per_s", rates[1], "%.3f");
+            figure("listing_worker_rss_kib", static_cast<double>(rss_kib(pids[1])));
+        }
+        agent.kill(SIGTERM);
+        if (!agent.wait_for(15s))
+            agent.kill_and_wait();
+    }
+
+    stderr_log& log_;
+    test::rtmp_ingest ingest_;
+    sim::service_sim service_;
+    test::client_harness app_;
+    std::string screen_id_;
+};
+
+} // namespace
+
+int main()
+{
+    test::temp_dir directory("orbweave-bench-streaming");
+    std::string log_path = directory.file("bench.log");
+    int status = 0;
+    {
+        stderr_log log(log_path);
+        test::media_environment::options settings;
+        settings.screens = {{width, height}};
+        settings.windows = {};
+        test::media_environment environment(settings);
+        try {
+            environment.SetUp();
+            bench(log).run();
+        } catch (const std::exception& error) {
+            std::fprintf(note, "bench_streaming: %s\nlast lines of the log:\n%s", error.what(), log.tail(30).c_str());
+            status = 1;
+        }
+        environment.TearDown();
+    }
+    return status;
+}
