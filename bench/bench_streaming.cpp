@@ -8,7 +8,8 @@
 //   activation_client_in_ms, activation_worker_ready_ms, activation_reply_ms: where ours
 //     stands (medians, from the request) when the client has the request, when the new
 //     worker logs the request it builds the stream for (started, source and canvas made),
-//     and when the simulator has the "Success" reply (the output is active).
+//     and when the simulator has the "Success" reply (the output is active); then from
+//     that reply to the first decoded frame (encoder delay, ingest, player).
 //   worker_start_deferred_ms, worker_activate_op_ms: the stream worker driven directly,
 //     spawn to ready, and the activate request to its answer (medians).
 //   stream_cpu_s_per_s ours=.. ffmpeg=.. ratio=..: CPU seconds per second of the stream
@@ -309,8 +310,9 @@ std::string program_beside_us(const std::string& name)
 
 /// ffmpeg playing key from the ingest, started before anyone publishes it: it decodes the
 /// first video frame, writes it (tiny, grey) to its standard output and exits. Probing is
-/// kept short, and the packets read while probing are kept (no "nobuffer", which would
-/// drop the first key frame and wait for the next one, two seconds later).
+/// kept short (200 ms of stream), and the packets read while probing are kept: with
+/// "-fflags nobuffer" the first key frame is dropped and the player waits for the next one,
+/// two seconds later.
 class player {
 public:
     player(const test::rtmp_ingest& ingest, const std::string& key)
@@ -538,19 +540,21 @@ private:
     void activation()
     {
         progress("activation, " + std::to_string(activation_runs) + " runs each");
-        std::vector<double> ours, theirs, client_in, worker_ready, reply;
+        std::vector<double> ours, theirs, client_in, worker_ready, reply, after_reply;
         for (int run = 0; run < activation_runs; ++run) {
             activation_times times = activate_ours(run);
             ours.push_back(times.first_frame);
             client_in.push_back(times.client_in);
             worker_ready.push_back(times.worker_ready);
             reply.push_back(times.reply);
+            after_reply.push_back(times.first_frame - times.reply);
             theirs.push_back(activate_ffmpeg(run));
         }
         side_by_side("activation_to_first_frame_ms", median(ours), median(theirs), "%.0f");
-        figure("activation_client_in_ms", median(client_in));
+        figure("activation_client_in_ms", median(client_in), "%.1f");
         figure("activation_worker_ready_ms", median(worker_ready));
         figure("activation_reply_ms", median(reply));
+        figure("activation_reply_to_first_frame_ms", median(after_reply));
 
         // The stream worker alone, as the client drives it.
         std::vector<double> starts, activations;
