@@ -71,6 +71,7 @@ worker_manager::activation worker_manager::activate(const Json& request, const e
     // The new stream runs before an earlier one of the same source stops.
     std::shared_ptr<work_descriptor> replaced = std::move(work_[id]);
     work_[id] = std::move(descriptor);
+    publish_active_ids();
     replaced.reset();
     return {true, {}};
 }
@@ -82,16 +83,16 @@ void worker_manager::deactivate(const websocket::connection& connection, const J
         clear();
     } else {
         std::string id = source_id(request);
-        std::shared_ptr<work_descriptor> stopping;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            auto found = work_.find(id);
-            if (found == work_.end())
-                return; // not streaming: no answer at all
-            stopping = std::move(found->second);
-            work_.erase(found);
-            stopping.reset(); // stops the stream while the map is still locked
-        }
+        if (!is_active(id))
+            return; // not streaming: no answer at all, and no wait for a start in progress
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto found = work_.find(id);
+        if (found == work_.end())
+            return;
+        std::shared_ptr<work_descriptor> stopping = std::move(found->second);
+        work_.erase(found);
+        publish_active_ids();
+        stopping.reset(); // stops the stream while the map is still locked
     }
     connection.send(websocket::reply_to(request, {{"status", "Success"}}));
 }
@@ -99,30 +100,45 @@ void worker_manager::deactivate(const websocket::connection& connection, const J
 void worker_manager::clear()
 {
     std::lock_guard<std::mutex> lock(mutex_);
+    auto stopping = std::move(work_);
     work_.clear();
+    publish_active_ids();
+    stopping.clear(); // stops the streams while the map is still locked
+}
+
+void worker_manager::publish_active_ids()
+{
+    std::set<std::string> ids;
+    for (const auto& entry : work_)
+        ids.insert(entry.first);
+    std::lock_guard<std::mutex> lock(view_mutex_);
+    active_ids_.swap(ids);
+}
+
+bool worker_manager::is_active(const std::string& id) const
+{
+    std::lock_guard<std::mutex> lock(view_mutex_);
+    return active_ids_.count(id) > 0;
 }
 
 bool worker_manager::is_empty() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return work_.empty();
+    std::lock_guard<std::mutex> lock(view_mutex_);
+    return active_ids_.empty();
 }
 
 std::vector<std::string> worker_manager::active_ids() const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::string> ids;
-    for (const auto& entry : work_)
-        ids.push_back(entry.first);
-    return ids;
+    std::lock_guard<std::mutex> lock(view_mutex_);
+    return {active_ids_.begin(), active_ids_.end()};
 }
 
 template <class Entry>
 std::vector<Entry> worker_manager::mark_active(std::vector<Entry> entries) const
 {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(view_mutex_);
     for (auto& entry : entries)
-        entry.is_active = work_.count(entry.id) > 0;
+        entry.is_active = active_ids_.count(entry.id) > 0;
     return entries;
 }
 
@@ -197,6 +213,7 @@ void worker_manager::reap_loop()
             // Only the stream that died: the id may have been restarted since.
             if (found != work_.end() && found->second.get() == descriptor) {
                 work_.erase(found);
+                publish_active_ids();
                 removed = true;
             }
             now_empty = work_.empty();

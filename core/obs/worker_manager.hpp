@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,12 +90,19 @@ private:
     template <class Result>
     Result with_listing_worker(const std::function<Result(worker&)>& use);
     void on_worker_died(const std::string& id, const work_descriptor* descriptor, const std::string& reason);
+    /// Copies the map's keys to the view; called with mutex_ held after every change.
+    void publish_active_ids();
+    bool is_active(const std::string& id) const;
     void reap_loop();
 
     const options options_;
 
     mutable std::mutex mutex_; // guards work_; held through a whole start or stop
     std::map<std::string, std::shared_ptr<work_descriptor>> work_;
+    // What is streaming, for readers that must not wait for a start or stop in
+    // progress (the network thread, listings).
+    mutable std::mutex view_mutex_;
+    std::set<std::string> active_ids_;
 
     std::mutex listing_mutex_;
     std::unique_ptr<worker> listing_worker_;
