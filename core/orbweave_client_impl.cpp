@@ -229,46 +229,46 @@ websocket::connection orbweave_client_impl::current_connection()
     return current_connection_;
 }
 
-void orbweave_client_impl::set_state_change_handler(state_callback handler)
+template <class Callback>
+void orbweave_client_impl::replace_callback(Callback& field, Callback handler)
 {
     lock_guard lock(mutex_);
-    state_change_handler_ = std::move(handler);
+    field = std::move(handler);
+}
+
+void orbweave_client_impl::set_state_change_handler(state_callback handler)
+{
+    replace_callback(state_change_handler_, std::move(handler));
 }
 
 void orbweave_client_impl::set_secret_handler(secret_callback handler)
 {
-    lock_guard lock(mutex_);
-    secret_handler_ = std::move(handler);
+    replace_callback(secret_handler_, std::move(handler));
 }
 
 void orbweave_client_impl::set_new_code_handler(new_code_callback handler)
 {
-    lock_guard lock(mutex_);
-    new_code_handler_ = std::move(handler);
+    replace_callback(new_code_handler_, std::move(handler));
 }
 
 void orbweave_client_impl::set_ready_handler(ready_callback handler)
 {
-    lock_guard lock(mutex_);
-    ready_handler_ = std::move(handler);
+    replace_callback(ready_handler_, std::move(handler));
 }
 
 void orbweave_client_impl::set_permission_handler(permission_callback handler)
 {
-    lock_guard lock(mutex_);
-    permission_handler_ = std::move(handler);
+    replace_callback(permission_handler_, std::move(handler));
 }
 
 void orbweave_client_impl::set_reset_handler(reset_callback handler)
 {
-    lock_guard lock(mutex_);
-    reset_handler_ = std::move(handler);
+    replace_callback(reset_handler_, std::move(handler));
 }
 
 void orbweave_client_impl::set_profile_handler(profile_callback handler)
 {
-    lock_guard lock(mutex_);
-    profile_handler_ = std::move(handler);
+    replace_callback(profile_handler_, std::move(handler));
 }
 
 void orbweave_client_impl::signal_on_state_change(state_type::type state)

@@ -67,6 +67,8 @@ private:
     void initialize();
     void start_thread();
     void release_transport();
+    template <class Callback>
+    void replace_callback(Callback& field, Callback handler);
     void on_fail();
 
     const std::string url_;
