@@ -17,6 +17,7 @@
 //     a moving test pattern.
 //   stream_frames_30s, stream_dropped_frames_30s, stream_lagged_frames_30s,
 //     stream_skipped_frames_30s: our stream over the same 30 s (the worker's "stats").
+//   test_pattern_cpu_s_per_s, machine_load_1m: what else ran meanwhile (2 cores here).
 //   agent_idle_cpu_s_per_s, agent_rss_kib, listing_worker_idle_cpu_s_per_s,
 //     listing_worker_rss_kib: orbweave-agent paired with the simulator and idle (10 s),
 //     after one list (which starts its listing worker).
@@ -629,6 +630,11 @@ private:
         figure("stream_lagged_frames_30s", delta("lagged"));
         figure("stream_skipped_frames_30s", delta("skipped"));
         figure("test_pattern_cpu_s_per_s", (content_ours + rates[1]) / 2, "%.2f");
+        // Other work on the machine skews both figures (and lags our renders): say how busy it was.
+        std::ifstream load("/proc/loadavg");
+        double one_minute = 0;
+        if (load >> one_minute)
+            figure("machine_load_1m", one_minute, "%.2f");
     }
 
     void agent_idle()
