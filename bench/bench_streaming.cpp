@@ -161,33 +161,6 @@ long rss_kib(pid_t pid)
     throw std::runtime_error("no VmRSS for " + std::to_string(pid));
 }
 
-/// Processes whose parent is parent and whose command line contains every word.
-std::vector<pid_t> children_running(pid_t parent, const std::vector<std::string>& words)
-{
-    std::vector<pid_t> found;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        std::string name = entry.path().filename().string();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        std::ifstream stat(entry.path() / "stat");
-        std::string line;
-        if (!std::getline(stat, line) || line.rfind(')') == std::string::npos)
-            continue;
-        char state = 0;
-        int ppid = 0;
-        if (std::sscanf(line.c_str() + line.rfind(')') + 1, " %c %d", &state, &ppid) != 2 || ppid != parent)
-            continue;
-        std::ifstream cmdline_file(entry.path() / "cmdline");
-        std::string cmdline((std::istreambuf_iterator<char>(cmdline_file)), std::istreambuf_iterator<char>());
-        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
-        bool all = std::all_of(words.begin(), words.end(),
-                               [&](const std::string& word) { return cmdline.find(word) != std::string::npos; });
-        if (all)
-            found.push_back(std::stoi(name));
-    }
-    return found;
-}
-
 /// CPU seconds per second of each pid over window.
 std::vector<double> cpu_rates(const std::vector<pid_t>& pids, std::chrono::milliseconds window)
 {
@@ -662,7 +635,7 @@ private:
             throw std::runtime_error("the agent did not answer list");
 
         std::vector<pid_t> pids{agent.pid()};
-        auto workers = children_running(agent.pid(), {"orbweave-media-worker"});
+        auto workers = test::children_running(agent.pid(), {"orbweave-media-worker"});
         if (!workers.empty())
             pids.push_back(workers.front());
         auto rates = cpu_rates(pids, idle_window);

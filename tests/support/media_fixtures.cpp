@@ -11,6 +11,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -314,10 +315,9 @@ media_environment& media_environment::current()
     return *current_environment;
 }
 
-std::vector<int> child_pids()
+std::vector<int> children_running(int parent, const std::vector<std::string>& words)
 {
-    std::vector<int> children;
-    int self = ::getpid();
+    std::vector<int> found;
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         std::string name = entry.path().filename().string();
         if (name.find_first_not_of("0123456789") != std::string::npos)
@@ -331,11 +331,22 @@ std::vector<int> child_pids()
         if (close == std::string::npos)
             continue;
         char state = 0;
-        int parent = 0;
-        if (std::sscanf(line.c_str() + close + 1, " %c %d", &state, &parent) == 2 && parent == self)
-            children.push_back(std::stoi(name));
+        int ppid = 0;
+        if (std::sscanf(line.c_str() + close + 1, " %c %d", &state, &ppid) != 2 || ppid != parent)
+            continue;
+        std::ifstream cmdline_file(entry.path() / "cmdline");
+        std::string cmdline((std::istreambuf_iterator<char>(cmdline_file)), std::istreambuf_iterator<char>());
+        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+        if (std::all_of(words.begin(), words.end(),
+                        [&](const std::string& word) { return cmdline.find(word) != std::string::npos; }))
+            found.push_back(std::stoi(name));
     }
-    return children;
+    return found;
+}
+
+std::vector<int> child_pids()
+{
+    return children_running(::getpid());
 }
 
 } // namespace orbweave::test

@@ -122,7 +122,9 @@ private:
     std::unique_ptr<pulse_server> pulse_;
 };
 
-/// Processes whose parent is this process (read from /proc), for checks that nothing is left behind.
+/// Processes whose parent is parent and whose command line contains every word (from /proc).
+std::vector<int> children_running(int parent, const std::vector<std::string>& words = {});
+/// Processes whose parent is this process, for checks that nothing is left behind.
 std::vector<int> child_pids();
 
 } // namespace orbweave::test

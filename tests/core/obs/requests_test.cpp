@@ -8,8 +8,9 @@
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/stderr_capture.hpp"
 
+#include <unistd.h>
+
 #include <csignal>
-#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -286,13 +287,7 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     ASSERT_TRUE(ingest.wait_for_publishing("sound", deadline));
 
     // Stream workers are the children started without a canvas; kill the first one started.
-    std::vector<int> stream_workers;
-    for (int pid : test::child_pids()) {
-        std::ifstream cmdline("/proc/" + std::to_string(pid) + "/cmdline");
-        std::string arguments((std::istreambuf_iterator<char>(cmdline)), std::istreambuf_iterator<char>());
-        if (arguments.find("--defer-video") != std::string::npos)
-            stream_workers.push_back(pid);
-    }
+    std::vector<int> stream_workers = test::children_running(::getpid(), {"--defer-video"});
     ASSERT_EQ(stream_workers.size(), 2u);
     std::sort(stream_workers.begin(), stream_workers.end());
     test::stderr_capture log;
@@ -309,12 +304,8 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     EXPECT_NE(log.text().find("ended: its media worker killed by signal"), std::string::npos) << log.text();
 
     // The last stream's worker dying leaves the client connected, not streaming.
-    for (int pid : test::child_pids()) {
-        std::ifstream cmdline("/proc/" + std::to_string(pid) + "/cmdline");
-        std::string arguments((std::istreambuf_iterator<char>(cmdline)), std::istreambuf_iterator<char>());
-        if (arguments.find("--defer-video") != std::string::npos)
-            ::kill(pid, SIGKILL);
-    }
+    for (int pid : test::children_running(::getpid(), {"--defer-video"}))
+        ::kill(pid, SIGKILL);
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));
 }
