@@ -256,33 +256,27 @@ TEST(TransportDispatch, HandlersMaySendAndPingFromInsideHandle)
     EXPECT_EQ(peer.pings().at(0).payload, "ping!");
 }
 
-TEST(TransportLiveness, AMissingPongEndsInOneFail)
+TEST(TransportLiveness, AMissingPongEndsInOneFailAndAnsweredPingsKeepTheLinkUp)
 {
-    service_peer peer;
-    peer.answer_pings(false);
-    client_options options = trusting(peer);
-    options.pong_timeout_ms = 100;
-    transport link(options);
-    link.on_open = [](const connection& c, const Json&) { c.ping(); };
-    link.start(peer.url());
-    ASSERT_FALSE(link.next("open").is_null());
-    EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
-    // The dead link is closed by the client; that close is not a second failure.
-    EXPECT_TRUE(peer.wait_for_disconnect(deadline));
-    EXPECT_TRUE(link.next("fail", quiet).is_null());
-}
-
-TEST(TransportLiveness, AnsweredPingsKeepTheLinkUp)
-{
-    service_peer peer;
-    client_options options = trusting(peer);
-    options.pong_timeout_ms = 100;
-    transport link(options);
-    link.on_open = [](const connection& c, const Json&) { c.ping(); };
-    link.start(peer.url());
-    ASSERT_FALSE(link.next("open").is_null());
-    EXPECT_TRUE(peer.wait_for_pings(1, deadline));
-    EXPECT_TRUE(link.next("fail", quiet).is_null());
+    for (bool answered : {false, true}) {
+        SCOPED_TRACE(answered ? "pongs answered" : "pongs withheld");
+        service_peer peer;
+        peer.answer_pings(answered);
+        client_options options = trusting(peer);
+        options.pong_timeout_ms = 100;
+        transport link(options);
+        link.on_open = [](const connection& c, const Json&) { c.ping(); };
+        link.start(peer.url());
+        ASSERT_FALSE(link.next("open").is_null());
+        if (answered) {
+            EXPECT_TRUE(peer.wait_for_pings(1, deadline));
+        } else {
+            EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
+            // The dead link is closed by the client; that close is not a second failure.
+            EXPECT_TRUE(peer.wait_for_disconnect(deadline));
+        }
+        EXPECT_TRUE(link.next("fail", quiet).is_null());
+    }
 }
 
 TEST(TransportLiveness, ALinkClosedOrCutByTheServiceFailsOnce)
