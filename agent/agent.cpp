@@ -17,6 +17,7 @@ agent::agent(options options, std::function<void(const std::string&)> print, int
 
 agent::~agent()
 {
+    // The client stops first: an answer typed while the prompt closes then finds it stopped.
     stop();
     prompt_.reset();
 }
@@ -36,7 +37,6 @@ bool agent::start(const std::function<bool()>& cancelled)
     }
     print_("bitrate " + std::to_string(bitrate_.load()) + " kbps");
 
-    answers_ = std::make_unique<serial_executor>();
     client_options settings;
     settings.transport.ca_file = options_.ca_file;
     client_ = orbweave_client::create(options_.service_url, settings);
@@ -67,7 +67,6 @@ void agent::stop()
 {
     if (!client_)
         return;
-    answers_.reset(); // answers still queued are dropped: the link is going away
     client_->stop();
     client_->join();
     client_.reset();
@@ -88,7 +87,7 @@ void agent::on_permission(source_type::type kind, const std::string& name, const
     switch (options_.permissions.decide(kind)) {
     case permission_policy::decision::allow:
         print_("allowed " + what);
-        answer(request, true);
+        request.answer(true);
         return;
     case permission_policy::decision::ask:
         if (prompt_) {
@@ -101,15 +100,9 @@ void agent::on_permission(source_type::type kind, const std::string& name, const
         [[fallthrough]];
     case permission_policy::decision::deny:
         print_("denied " + what);
-        answer(request, false);
+        request.answer(false);
         return;
     }
-}
-
-void agent::answer(const callback::request& request, bool allowed)
-{
-    if (!answers_ || !answers_->post([request, allowed] { request.answer(allowed); }))
-        request.answer(false);
 }
 
 } // namespace orbweave::agent

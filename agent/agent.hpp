@@ -2,7 +2,6 @@
 
 #include "agent/agent_options.hpp"
 #include "agent/secret_store.hpp"
-#include "agent/serial_executor.hpp"
 #include "agent/terminal_prompt.hpp"
 #include "core/orbweave_client.hpp"
 
@@ -33,9 +32,6 @@ public:
 
 private:
     void on_state(callback::state_type::type state);
-    /// Delivers an answer off the network thread: an allowed activation starts a
-    /// stream, which takes seconds the link must not wait for.
-    void answer(const callback::request& request, bool allowed);
     void on_permission(callback::source_type::type kind, const std::string& name, const std::string& description,
                        callback::request_type::type request_kind, const callback::request& request);
 
@@ -43,7 +39,6 @@ private:
     std::function<void(const std::string&)> print_;
     secret_store secrets_;
     std::unique_ptr<terminal_prompt> prompt_;
-    std::unique_ptr<serial_executor> answers_;
     std::unique_ptr<orbweave_client> client_;
     std::atomic<std::int32_t> bitrate_{0};
 };

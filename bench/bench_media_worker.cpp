@@ -1,7 +1,7 @@
 // Media worker figures, each the median of 10 runs, in milliseconds:
-//   worker_start_ms         spawn to {"ready":true}
+//   worker_start_ms         spawn to its start-up reply
 //   worker_shutdown_ms      shutdown request to the process reaped
-//   list_screens_ms, list_windows_ms, list_audios_ms, list_videos_ms, get_source_info_ms
+//   list_screens_ms, list_windows_ms, list_audios_ms, list_videos_ms
 //
 // With DISPLAY set the current display (and PulseAudio) are used; otherwise a private
 // Xvfb, openbox with two windows and PulseAudio are started first.
@@ -79,8 +79,6 @@ int main()
         print("list_windows_ms", median_ms([&] { worker.list_windows(); }));
         print("list_audios_ms", median_ms([&] { worker.list_audios(); }));
         print("list_videos_ms", median_ms([&] { worker.list_videos(); }));
-        Json request{{"payload", {{"source", {{"type", "screen"}, {"id", worker.list_screens().at(0).id}}}}}};
-        print("get_source_info_ms", median_ms([&] { worker.get_source_info(request); }));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "bench: %s\n", error.what());
         if (environment)

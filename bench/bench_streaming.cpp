@@ -450,7 +450,8 @@ public:
         auto reply = state ? service_.wait_for_reply(*state, deadline) : std::nullopt;
         if (!reply || json::string_at(reply->message, {"payload", "status"}) != "Success")
             throw std::runtime_error("listing the screens failed");
-        screen_id_ = json::string_at(reply->message["payload"]["results"][0], {"id"});
+        screen_entry_ = reply->message["payload"]["results"][0];
+        screen_id_ = json::string_at(screen_entry_, {"id"});
     }
 
     void run()
@@ -492,7 +493,8 @@ private:
             sent);
         auto worker_ready = log_.first(
             [](const std::string& line) {
-                return line.rfind("{", 0) == 0 && line.find("\"activate\"") != std::string::npos;
+                // The worker logs the stream order it starts.
+                return line.rfind("{", 0) == 0 && line.find("\"request\":{\"payload\"") != std::string::npos;
             },
             sent);
         times.client_in = client_in ? ms_between(sent, *client_in) : -1;
@@ -543,10 +545,10 @@ private:
             auto spawned = clock_type::now();
             obs::worker stream(options);
             auto ready = clock_type::now();
-            Json started = stream.call(activate_request(key));
+            obs::pipe::stream_result started = stream.stream(order_for(key));
             auto answered = clock_type::now();
-            if (!json::bool_at(started, {"started"}))
-                throw std::runtime_error("the worker did not start the stream: " + json::dump(started));
+            if (!started.started)
+                throw std::runtime_error("the worker did not start the stream: " + started.error);
             starts.push_back(ms_between(spawned, ready));
             activations.push_back(ms_between(ready, answered));
         }
@@ -554,11 +556,13 @@ private:
         figure("worker_activate_op_ms", median(activations));
     }
 
-    Json activate_request(const std::string& key) const
+    /// The stream order the client sends a stream worker for screen 0.
+    obs::pipe::stream_order order_for(const std::string& key) const
     {
-        return Json{{"op", "activate"},
-                    {"request", service_.activate_message(request_for(key), "bench")},
-                    {"bitrate", 1500}};
+        auto source = obs::source_entry_from_json(screen_entry_);
+        if (!source)
+            throw std::runtime_error("the listed screen is not a catalogue entry");
+        return {*source, obs::activate_request::parse(service_.activate_message(request_for(key), "bench")), 1500};
     }
 
     void steady_state()
@@ -571,9 +575,9 @@ private:
         obs::worker::options options;
         options.defer_video = true;
         obs::worker stream(options);
-        Json started = stream.call(activate_request("steady-ours"));
-        if (!json::bool_at(started, {"started"}))
-            throw std::runtime_error("the worker did not start the stream: " + json::dump(started));
+        obs::pipe::stream_result started = stream.stream(order_for("steady-ours"));
+        if (!started.started)
+            throw std::runtime_error("the worker did not start the stream: " + started.error);
         std::this_thread::sleep_for(warm_up); // past the start-up burst
         Json before = stream.call(Json{{"op", "stats"}});
         auto rates = cpu_rates({stream.pid(), content->pid()}, steady_window);
@@ -655,6 +659,7 @@ private:
     sim::service_sim service_;
     test::client_harness app_;
     std::string screen_id_;
+    Json screen_entry_;
 };
 
 } // namespace

@@ -36,20 +36,22 @@ orbweave_client_impl::~orbweave_client_impl()
         stop();
         join();
     }
-    work_manager_.reset();
 }
 
 void orbweave_client_impl::initialize()
 {
+    io_service_ = std::make_unique<boost::asio::io_service>();
+    keep_running_ = std::make_unique<boost::asio::io_service::work>(*io_service_);
+    loop_ = std::make_shared<network_loop>(*io_service_);
     websocket_client_ = std::make_unique<websocket::websocket_client>(options_.transport);
-    work_manager_ = std::make_unique<obs::worker_manager>(options_.media);
-    work_manager_->set_stream_lost_handler([this](const std::string&, bool now_empty) {
+    work_manager_ = std::make_unique<obs::worker_manager>(
+        [loop = loop_](std::function<void()> task) { loop->post(std::move(task)); }, options_.media);
+    work_manager_->set_stream_ended_handler([this](const std::string& id, const std::string& reason, bool now_empty) {
+        log::line("The stream of source " + id + " ended: " + reason);
         if (now_empty)
             signal_on_state_change(state_type::connected);
     });
-    io_service_ = std::make_unique<boost::asio::io_service>();
-    reconnect_timer_.reset();
-    current_connection_ = {};
+    disconnection_counter_ = 0;
 
     // Every message the client serves, in one place.
     auto& transport = *websocket_client_;
@@ -81,21 +83,19 @@ void orbweave_client_impl::start()
         thread_finished_cv_.wait(lifecycle, [this] { return thread_finished_; });
         thread_.join();
     }
-
-    {
-        lock_guard lock(mutex_);
-        initialize();
-        websocket_client_->start(io_service_.get(), url_);
-        thread_finished_ = false;
-        stopped_ = false;
-        try {
-            thread_ = std::thread(&orbweave_client_impl::start_thread, this);
-        } catch (...) {
-            thread_finished_ = true;
-            throw;
-        }
-        running_ = true;
+    release_run();
+    initialize();
+    websocket_client_->start(io_service_.get(), url_);
+    thread_finished_ = false;
+    stopped_ = false;
+    try {
+        thread_ = std::thread(&orbweave_client_impl::start_thread, this);
+    } catch (...) {
+        thread_finished_ = true;
+        loop_->close();
+        throw;
     }
+    running_ = true;
 }
 
 void orbweave_client_impl::start_thread()
@@ -116,8 +116,12 @@ void orbweave_client_impl::start_thread()
             log::line("Unexpected error on the network thread");
         }
         // Whatever went wrong, the link is treated as lost and tried again.
-        signal_on_state_change(state_type::disconnected);
-        reconnect();
+        try {
+            signal_on_state_change(state_type::disconnected);
+            reconnect();
+        } catch (...) {
+            log::line("The network thread could not schedule a reconnection");
+        }
     }
 
     std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
@@ -127,19 +131,28 @@ void orbweave_client_impl::start_thread()
 
 void orbweave_client_impl::stop()
 {
-    {
-        std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
-        lock_guard lock(mutex_);
-        if (running_ && !stopped_) {
-            work_manager_->clear();
-            if (io_service_) {
-                websocket_client_->stop();
-                io_service_->stop();
-            }
-            stopped_ = true;
-        }
+    std::unique_lock<std::mutex> lifecycle(lifecycle_mutex_);
+    if (!running_) {
+        // Never started: there is no network thread to report on.
+        lifecycle.unlock();
+        signal_on_state_change(state_type::disconnected);
+        return;
     }
+    if (stopped_)
+        return;
+    stopped_ = true;
+    // Answers and reports from other threads are dropped from here on.
+    loop_->close();
+    io_service_->post([this] { finish_run(); });
+}
+
+void orbweave_client_impl::finish_run()
+{
+    work_manager_->clear();
     signal_on_state_change(state_type::disconnected);
+    websocket_client_->stop();
+    keep_running_.reset();
+    io_service_->stop();
 }
 
 void orbweave_client_impl::join()
@@ -149,30 +162,37 @@ void orbweave_client_impl::join()
         return;
     // Wait without holding any lock the network thread or stop() may need.
     thread_finished_cv_.wait(lifecycle, [this] { return thread_finished_; });
-    if (thread_.joinable())
-        thread_.join();
-    release_transport();
+    thread_.join();
+    release_run();
 }
 
-void orbweave_client_impl::release_transport()
+void orbweave_client_impl::release_run()
 {
-    // The loop has ended; dropping the transport closes its sockets, so the
-    // service sees this machine leave now rather than at the next start().
-    lock_guard lock(mutex_);
+    // The streams stop first (the workers shut down in parallel, each bounded); then
+    // dropping the transport closes its sockets, so the service sees this machine
+    // leave now rather than at the next start().
+    work_manager_.reset();
     reconnect_timer_.reset();
     current_connection_ = {};
     websocket_client_.reset();
+    loop_.reset();
+    keep_running_.reset();
     io_service_.reset();
 }
 
 void orbweave_client_impl::stop_streaming()
 {
+    std::shared_ptr<network_loop> loop;
     {
-        lock_guard lock(mutex_);
-        if (work_manager_)
-            work_manager_->clear();
+        std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
+        loop = loop_;
     }
-    signal_on_state_change(state_type::connected);
+    bool posted = loop && loop->post([this] {
+        work_manager_->clear();
+        signal_on_state_change(state_type::connected);
+    });
+    if (!posted) // not running: nothing streams, and there is no network thread to report on
+        signal_on_state_change(state_type::connected);
 }
 
 void orbweave_client_impl::on_fail()
@@ -320,6 +340,20 @@ void orbweave_client_impl::signal_on_permission(callback::source_type::type type
         permission_handler_(type, name, description, kind, request);
     else
         request.answer(false);
+}
+
+void orbweave_client_impl::ask_permission(callback::source_type::type type, const std::string& name,
+                                          const std::string& description, callback::request_type::type kind,
+                                          std::function<void(bool)> on_answer)
+{
+    // The request holds the run's loop, not the client: once the client stops, the loop
+    // is closed (or gone) and an answer finds nothing to act on.
+    callback::request request(
+        [loop = std::weak_ptr<network_loop>(loop_), on_answer = std::move(on_answer)](bool allowed) {
+            if (auto open = loop.lock())
+                open->post([on_answer, allowed] { on_answer(allowed); });
+        });
+    signal_on_permission(type, name, description, kind, request);
 }
 
 } // namespace orbweave

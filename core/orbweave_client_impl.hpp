@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/network_loop.hpp"
 #include "core/obs/worker_manager.hpp"
 #include "core/orbweave_client.hpp"
 #include "core/websocket/connection.hpp"
@@ -20,6 +21,12 @@ namespace orbweave {
 
 /// The one implementation of orbweave_client. The protocol handlers hold a
 /// pointer to it and reach the application through its signal_on_ operations.
+///
+/// Threads: every handler, timer and application callback runs on the network
+/// thread. Other threads (the application's, the work manager's, the worker pipe
+/// readers) reach it only by posting to the run's network_loop, which stop()
+/// closes, so nothing they send arrives after stop(). The client's mutex guards the
+/// callbacks and is held while each one runs; start(), stop() and join() never take it.
 class orbweave_client_impl final : public orbweave_client {
 public:
     orbweave_client_impl(std::string url, client_options options);
@@ -49,6 +56,11 @@ public:
     void signal_on_permission(callback::source_type::type type, const std::string& name,
                               const std::string& description, callback::request_type::type kind,
                               const callback::request& request);
+    /// Asks the application for permission on the network thread. on_answer runs on the
+    /// network thread with the answer, once, whichever thread answers; an answer given
+    /// after stop() does nothing.
+    void ask_permission(callback::source_type::type type, const std::string& name, const std::string& description,
+                        callback::request_type::type kind, std::function<void(bool allowed)> on_answer);
 
     /// Schedules the next connection attempt after a lost link.
     void reconnect();
@@ -66,7 +78,10 @@ public:
 private:
     void initialize();
     void start_thread();
-    void release_transport();
+    /// Runs on the network thread as the last task of a run.
+    void finish_run();
+    /// Drops what a run used, once its thread has ended: streams stop, sockets close.
+    void release_run();
     template <class Callback>
     void replace_callback(Callback& field, Callback handler);
     void on_fail();
@@ -77,6 +92,9 @@ private:
     bool running_ = false;
     std::atomic<std::int32_t> disconnection_counter_{0};
     std::unique_ptr<boost::asio::io_service> io_service_;
+    // Keeps the loop running between events until finish_run().
+    std::unique_ptr<boost::asio::io_service::work> keep_running_;
+    std::shared_ptr<network_loop> loop_;
     std::thread thread_;
 
     state_callback state_change_handler_;
@@ -92,7 +110,7 @@ private:
     websocket::connection current_connection_;
     std::unique_ptr<obs::worker_manager> work_manager_;
 
-    // Serialises start(), stop() and join(); never held while a callback runs.
+    // Serialises start(), stop() and join(); they take no other lock of the client.
     std::mutex lifecycle_mutex_;
     std::condition_variable thread_finished_cv_;
     bool thread_finished_ = true;

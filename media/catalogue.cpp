@@ -1,6 +1,5 @@
 #include "media/catalogue.hpp"
 
-#include "core/callback.hpp"
 #include "media/unique_handle.hpp"
 
 #include <cstdio>
@@ -129,24 +128,6 @@ std::vector<video_entry> list_videos()
         videos.emplace_back(name, name, device, name);
     });
     return videos;
-}
-
-Json get_source_info(const Json& request)
-{
-    std::string type = json::string_at(request, {"payload", "source", "type"});
-    std::string id = json::string_at(request, {"payload", "source", "id"});
-    switch (callback::source_type::map(type)) {
-    case callback::source_type::screen:
-        return get_source_info(list_screens(), id);
-    case callback::source_type::window:
-        return get_source_info(list_windows(), id);
-    case callback::source_type::audio:
-        return get_source_info(list_audios(), id);
-    case callback::source_type::video:
-        return get_source_info(list_videos(), id);
-    default:
-        return Json::object();
-    }
 }
 
 } // namespace orbweave::obs

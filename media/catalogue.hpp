@@ -45,10 +45,6 @@ std::vector<window_entry> list_windows();
 std::vector<audio_entry> list_audios();
 std::vector<video_entry> list_videos();
 
-/// The entry an activate request names ("payload"."source"."type" and "id"), as JSON;
-/// an empty object when the type is unknown or no entry has the id.
-Json get_source_info(const Json& request);
-
 namespace detail {
 /// Width and height from an xshm screen item name such as "Screen 1 (1024x768 @ 1280,0)".
 bool size_from_screen_label(const std::string& label, unsigned long& width, unsigned long& height);

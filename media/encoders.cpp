@@ -23,11 +23,6 @@ const char* qpmax_suffix(profile_type::type level)
 
 } // namespace
 
-profile_type::type profile_from_request(const Json& request)
-{
-    return profile_type::parse(json::string_at(request, {"payload", "options", "profile"}));
-}
-
 int bitrate_cap(profile_type::type level)
 {
     switch (level) {
@@ -46,14 +41,10 @@ std::pair<int, int> default_frame_size(profile_type::type level)
     return {854, 480};
 }
 
-std::pair<int, int> target_frame_size(const Json& request)
+std::pair<int, int> target_frame_size(const activate_request& request)
 {
-    auto size = default_frame_size(profile_from_request(request));
-    if (json::is_number_at(request, {"payload", "options", "width"}))
-        size.first = json::int_at(request, {"payload", "options", "width"});
-    if (json::is_number_at(request, {"payload", "options", "height"}))
-        size.second = json::int_at(request, {"payload", "options", "height"});
-    return size;
+    auto size = default_frame_size(request.profile);
+    return {request.width.value_or(size.first), request.height.value_or(size.second)};
 }
 
 std::pair<int, int> scale_dimensions(int width, int height, int max_width, int max_height)
@@ -86,12 +77,15 @@ video_encoder_plan plan_video_encoder(bool software, profile_type::type level, i
     settings["bitrate"] = chosen;
 
     if (use_software) {
-        std::string options = "deblock=0:0 level=3.1 me=hex merange=16 min-keyint=60 mixed-refs=1 profile=main "
-                              "qcomp=0.6 qpmin=1 qpstep=4 no-scenecut";
-        options += qpmax_suffix(level);
+        std::string options = std::string(x264_options) + qpmax_suffix(level);
         settings["preset"] = level == profile_type::extreme ? "faster" : "veryfast";
         settings["x264opts"] = options;
+        // x264 ignores a false "cbr" and would run its default, CBR with filler data,
+        // padding a still screen to the full bitrate; average bitrate is what it meant.
+        settings["rate_control"] = "ABR";
         settings["use_bufsize"] = true;
+        // Written with the capital S, as always: not a key the plug-in reads, so its
+        // default buffer applies.
         settings["buffer_Size"] = chosen;
         plan.id = software_encoder_id;
     } else {
@@ -128,8 +122,7 @@ data_handle to_obs_data(const Json& object)
     return data;
 }
 
-encoder_handle create_video_encoder(const Json&, callback::source_type::type, bool software,
-                                    profile_type::type level, int bitrate)
+encoder_handle create_video_encoder(bool software, profile_type::type level, int bitrate)
 {
     video_encoder_plan plan = plan_video_encoder(software, level, bitrate, hardware_encoder_id());
     data_handle settings = to_obs_data(plan.settings);
@@ -139,7 +132,7 @@ encoder_handle create_video_encoder(const Json&, callback::source_type::type, bo
     return encoder;
 }
 
-encoder_handle create_audio_encoder(const Json&)
+encoder_handle create_audio_encoder()
 {
     data_handle settings(obs_data_create());
     encoder_handle encoder(obs_audio_encoder_create(audio_encoder_id, "audio_encoder", settings.get(), 0, nullptr));

@@ -4,9 +4,9 @@
 // decisions (level, frame size, encoder id and settings) are pure functions;
 // create_video_encoder and create_audio_encoder turn them into libobs objects.
 
-#include "core/callback.hpp"
 #include "core/encode_profile.hpp"
 #include "core/json.hpp"
+#include "core/obs/requests.hpp"
 #include "media/unique_handle.hpp"
 
 #include <string>
@@ -26,22 +26,26 @@ inline constexpr unsigned stream_fps = 30;
 inline constexpr const char* software_encoder_id = "obs_x264";
 inline constexpr const char* audio_encoder_id = "ffmpeg_aac";
 
-/// The level named at "payload"."options"."profile" (exact, case-sensitive); low otherwise.
-profile_type::type profile_from_request(const Json& request);
-
 /// The level's bitrate cap in kbps: 600, 1500, 2500, 3500.
 int bitrate_cap(profile_type::type level);
 
 /// The level's default frame size: 854x480, 1280x720, 1920x1080, 3840x2160.
 std::pair<int, int> default_frame_size(profile_type::type level);
 
-/// The level's default frame size, with "payload"."options"."width"/"height" replacing
-/// either dimension when it is a JSON number. "fps" is ignored: streams run at 30.
-std::pair<int, int> target_frame_size(const Json& request);
+/// The request's level's default frame size, with the requested width and height
+/// replacing either dimension when given.
+std::pair<int, int> target_frame_size(const activate_request& request);
 
 /// (width, height) shrunk to fit inside (max_width, max_height) keeping its aspect
 /// ratio, never enlarged; rounded half away from zero.
 std::pair<int, int> scale_dimensions(int width, int height, int max_width, int max_height);
+
+/// The x264 options of every software stream, before the level's " qpmax=N".
+/// "scenecut=0" keeps key frames at the fixed interval: the plug-in takes name=value
+/// pairs only and drops a bare "no-scenecut" with a warning.
+inline constexpr const char* x264_options =
+    "deblock=0:0 level=3.1 me=hex merange=16 min-keyint=60 mixed-refs=1 profile=main qcomp=0.6 qpmin=1 "
+    "qpstep=4 scenecut=0";
 
 /// Which video encoder to create and with what settings.
 struct video_encoder_plan {
@@ -60,11 +64,10 @@ std::string hardware_encoder_id();
 /// A libobs settings object holding the members of a JSON object (ints, bools, strings, doubles).
 data_handle to_obs_data(const Json& object);
 
-/// The H.264 encoder for a stream, attached to the global video output. request and type are not read.
-encoder_handle create_video_encoder(const Json& request, callback::source_type::type type, bool software,
-                                    profile_type::type level, int bitrate);
+/// The H.264 encoder for a stream, attached to the global video output.
+encoder_handle create_video_encoder(bool software, profile_type::type level, int bitrate);
 
-/// The AAC encoder (its own default bitrate), attached to the global audio output. request is not read.
-encoder_handle create_audio_encoder(const Json& request);
+/// The AAC encoder (its own default bitrate), attached to the global audio output.
+encoder_handle create_audio_encoder();
 
 } // namespace orbweave::obs

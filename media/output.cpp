@@ -4,17 +4,12 @@
 #include "media/catalogue.hpp"
 #include "media/encoders.hpp"
 #include "media/runtime.hpp"
+#include "media/tcp_sockets.hpp"
+#include "media/x11_window.hpp"
 
 #include <obs.h>
 
-#include <xcb/xcb.h>
-
-#include <dirent.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <thread>
 
 namespace orbweave::obs {
@@ -96,57 +91,6 @@ void clear_channel(obs_scene_t* scene)
 source_handle create_source(const char* id, const data_handle& settings)
 {
     return source_handle(obs_source_create(id, "source", settings.get(), nullptr));
-}
-
-/// This process's TCP sockets (IPv4 and IPv6): descriptor and inode.
-std::vector<std::pair<int, ino_t>> tcp_sockets()
-{
-    std::vector<std::pair<int, ino_t>> sockets;
-    DIR* directory = ::opendir("/proc/self/fd");
-    if (!directory)
-        return sockets;
-    int own = ::dirfd(directory);
-    while (dirent* item = ::readdir(directory)) {
-        char* end = nullptr;
-        long fd = std::strtol(item->d_name, &end, 10);
-        if (end == item->d_name || *end != '\0' || fd == own)
-            continue;
-        struct stat status;
-        if (::fstat(static_cast<int>(fd), &status) < 0 || !S_ISSOCK(status.st_mode))
-            continue;
-        int domain = 0, type = 0;
-        socklen_t length = sizeof domain;
-        if (::getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_DOMAIN, &domain, &length) < 0)
-            continue;
-        length = sizeof type;
-        if (::getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_TYPE, &type, &length) < 0)
-            continue;
-        if ((domain == AF_INET || domain == AF_INET6) && type == SOCK_STREAM)
-            sockets.emplace_back(static_cast<int>(fd), status.st_ino);
-    }
-    ::closedir(directory);
-    return sockets;
-}
-
-std::vector<ino_t> tcp_socket_inodes()
-{
-    std::vector<ino_t> inodes;
-    for (const auto& socket : tcp_sockets())
-        inodes.push_back(socket.second);
-    return inodes;
-}
-
-/// Shuts down the TCP sockets made since `before` was taken. libobs's RTMP output
-/// cannot be stopped while it connects (stopping joins its connect thread), and a
-/// server that accepts the connection and never answers holds that thread in a
-/// blocking read for half a minute; a shut-down socket ends the read at once, and
-/// the connection then fails the ordinary way. The worker carries one stream, so the
-/// new sockets are that stream's.
-void interrupt_connections_since(const std::vector<ino_t>& before)
-{
-    for (const auto& [fd, inode] : tcp_sockets())
-        if (std::find(before.begin(), before.end(), inode) == before.end())
-            ::shutdown(fd, SHUT_RDWR);
 }
 
 } // namespace
@@ -283,48 +227,45 @@ void output::release()
     }
 }
 
-source_handle output::create_screen_source(const Json&, const Json& entry)
+source_handle output::create_screen_source(const screen_entry& entry)
 {
     data_handle settings(obs_data_create());
-    obs_data_set_int(settings.get(), "screen", json::int_at(entry, {"index"}));
+    obs_data_set_int(settings.get(), "screen", entry.index);
     return create_source(capture_id::screen, settings);
 }
 
-source_handle output::create_window_source(const Json&, const Json& entry)
+source_handle output::create_window_source(const window_entry& entry)
 {
     // The value the window list offers: "XID\r\ntitle\r\nclass".
-    std::string window = std::to_string(json::int_at(entry, {"pid"})) + "\r\n" +
-                         json::string_at(entry, {"description"}) + "\r\n" + json::string_at(entry, {"name"});
+    std::string window = std::to_string(entry.pid) + "\r\n" + entry.description + "\r\n" + entry.name;
     data_handle settings(obs_data_create());
     obs_data_set_string(settings.get(), "capture_window", window.c_str());
     return create_source(capture_id::window, settings);
 }
 
-source_handle output::create_audio_source(const Json&, const Json& entry)
+source_handle output::create_audio_source(const audio_entry& entry)
 {
     data_handle settings(obs_data_create());
-    obs_data_set_string(settings.get(), "device_id", json::string_at(entry, {"device_id"}).c_str());
-    return create_source(json::bool_at(entry, {"input"}) ? capture_id::audio_input : capture_id::audio_output,
-                         settings);
+    obs_data_set_string(settings.get(), "device_id", entry.device_id.c_str());
+    return create_source(entry.input ? capture_id::audio_input : capture_id::audio_output, settings);
 }
 
-source_handle output::create_video_source(const Json&, const Json& entry)
+source_handle output::create_video_source(const video_entry& entry)
 {
     data_handle settings(obs_data_create());
-    obs_data_set_string(settings.get(), "device_id", json::string_at(entry, {"device"}).c_str());
+    obs_data_set_string(settings.get(), "device_id", entry.device.c_str());
     return create_source(capture_id::camera, settings);
 }
 
-service_handle output::create_service(const Json& request)
+service_handle output::create_service(const std::string& server, const std::string& key)
 {
     data_handle settings(obs_data_create());
-    obs_data_set_string(settings.get(), "key", json::string_at(request, {"payload", "service", "key"}).c_str());
-    obs_data_set_string(settings.get(), "server",
-                        json::string_at(request, {"payload", "service", "server"}).c_str());
+    obs_data_set_string(settings.get(), "key", key.c_str());
+    obs_data_set_string(settings.get(), "server", server.c_str());
     return service_handle(obs_service_create(rtmp_service_id, "rtmp_service", settings.get(), nullptr));
 }
 
-output_handle output::create_output(const Json&)
+output_handle output::create_output()
 {
     output_handle stream(obs_output_create("rtmp_output", "rtmp_output", nullptr, nullptr));
     if (stream)
@@ -358,22 +299,6 @@ void output::set_scene_bounds(obs_scene_t* scene, int width, int height)
         &bounds);
 }
 
-std::pair<int, int> output::window_size(long long xid)
-{
-    // A connection of our own: X errors (a window that is gone) come back as values.
-    xcb_connection_t* connection = xcb_connect(nullptr, nullptr);
-    std::pair<int, int> size{0, 0};
-    if (xcb_connection_has_error(connection) == 0 && xid > 0) {
-        xcb_get_geometry_reply_t* geometry = xcb_get_geometry_reply(
-            connection, xcb_get_geometry(connection, static_cast<xcb_drawable_t>(xid)), nullptr);
-        if (geometry)
-            size = {geometry->width, geometry->height};
-        std::free(geometry);
-    }
-    xcb_disconnect(connection);
-    return size;
-}
-
 bool output::ensure_video(int width, int height)
 {
     if (canvas_is(width, height))
@@ -381,7 +306,7 @@ bool output::ensure_video(int width, int height)
     return initialize_video(static_cast<unsigned>(width), static_cast<unsigned>(height), stream_fps);
 }
 
-bool output::start(const Json& request, const Json& entry, int bitrate)
+bool output::start(const pipe::stream_order& order)
 {
     using callback::source_type;
     error_.clear();
@@ -389,12 +314,8 @@ bool output::start(const Json& request, const Json& entry, int bitrate)
         error_ = "stream already started";
         return false;
     }
-    std::string kind_text = json::string_at(request, {"payload", "source", "type"});
-    source_type::type kind = source_type::map(kind_text);
-    if (kind_text.empty() || kind == source_type::none) {
-        error_ = "unknown source type";
-        return false;
-    }
+    const source_entry& entry = order.source;
+    source_type::type kind = entry_kind(entry);
     bool with_audio = kind != source_type::audio;
     bool with_video = kind != source_type::audio;
     bool software = kind == source_type::audio || kind == source_type::video;
@@ -408,27 +329,20 @@ bool output::start(const Json& request, const Json& entry, int bitrate)
     source_handle source;
     std::pair<int, int> source_size{no_video_size, no_video_size};
     bool restart_capture = false;
-    switch (kind) {
-    case source_type::screen:
-        source = create_screen_source(request, entry);
+    if (auto* screen = std::get_if<screen_entry>(&entry)) {
+        source = create_screen_source(*screen);
         if (source)
             source_size = wait_for_size(source.get(), deadline);
         restart_capture = true;
-        break;
-    case source_type::window:
-        source_size = window_size(json::int_at(entry, {"pid"}));
-        break;
-    case source_type::audio:
-        source = create_audio_source(request, entry);
-        break;
-    case source_type::video:
+    } else if (auto* window = std::get_if<window_entry>(&entry)) {
+        source_size = x11_window_size(window->pid);
+    } else if (auto* audio = std::get_if<audio_entry>(&entry)) {
+        source = create_audio_source(*audio);
+    } else if (auto* camera = std::get_if<video_entry>(&entry)) {
         ensure_video(no_video_size, no_video_size);
-        source = create_video_source(request, entry);
+        source = create_video_source(*camera);
         if (source)
             source_size = wait_for_size(source.get(), deadline);
-        break;
-    default:
-        break;
     }
     if (kind != source_type::window && !source) {
         error_ = "cannot create the capture source";
@@ -439,9 +353,7 @@ bool output::start(const Json& request, const Json& entry, int bitrate)
         return false;
     }
 
-    auto target = target_frame_size(request);
-    // "fps" may be sent; streams run at 30 frames per second whatever it says.
-    [[maybe_unused]] bool has_fps = json::is_number_at(request, {"payload", "options", "fps"});
+    auto target = target_frame_size(order.request);
     frame_size_ = with_video ? scale_dimensions(source_size.first, source_size.second, target.first, target.second)
                              : std::pair<int, int>{no_video_size, no_video_size};
     frame_size_ = encodable_size(frame_size_);
@@ -450,8 +362,8 @@ bool output::start(const Json& request, const Json& entry, int bitrate)
                  std::to_string(frame_size_.second);
         return false;
     }
-    if (kind == source_type::window) {
-        source = create_window_source(request, entry);
+    if (auto* window = std::get_if<window_entry>(&entry)) {
+        source = create_window_source(*window);
         if (!source) {
             error_ = "cannot create the capture source";
             return false;
@@ -461,19 +373,19 @@ bool output::start(const Json& request, const Json& entry, int bitrate)
         obs_source_update(source.get(), nullptr);
     }
 
-    if (attempt(request, source, kind, with_audio, software, bitrate))
+    if (attempt(order, source, kind, with_audio, software))
         return true;
     log::line(software_fallback_line);
     std::string first_error = error_;
-    if (attempt(request, source, kind, with_audio, true, bitrate))
+    if (attempt(order, source, kind, with_audio, true))
         return true;
     if (error_.empty())
         error_ = first_error;
     return false;
 }
 
-bool output::attempt(const Json& request, const source_handle& source, callback::source_type::type kind,
-                     bool with_audio, bool software, int bitrate)
+bool output::attempt(const pipe::stream_order& order, const source_handle& source, callback::source_type::type kind,
+                     bool with_audio, bool software)
 {
     using callback::source_type;
     error_.clear();
@@ -488,14 +400,14 @@ bool output::attempt(const Json& request, const source_handle& source, callback:
     }
     obs_set_output_source(0, obs_scene_get_source(scene.get()));
 
-    profile_type::type level = profile_from_request(request);
-    log::line(json::dump(json::redacted(request)));
+    // The whole order, stream key hidden, once per attempt.
+    log::line(json::dump(json::redacted(order.to_json())));
     set_scene_bounds(scene.get(), frame_size_.first, frame_size_.second);
 
-    encoder_handle video = create_video_encoder(request, kind, software, level, bitrate);
-    encoder_handle audio = create_audio_encoder(request);
-    service_handle service = create_service(request);
-    output_handle stream = create_output(request);
+    encoder_handle video = create_video_encoder(software, order.request.profile, order.bitrate);
+    encoder_handle audio = create_audio_encoder();
+    service_handle service = create_service(order.request.server, order.request.key);
+    output_handle stream = create_output();
     if (!video || !audio || !service || !stream) {
         clear_channel(scene.get());
         error_ = !video ? "cannot create the video encoder"
@@ -546,8 +458,6 @@ bool output::attempt(const Json& request, const source_handle& source, callback:
         return false;
     }
 
-    // The new stream runs: keep it, letting go of whatever was held before.
-    release();
     video_encoder_ = std::move(video);
     audio_encoder_ = std::move(audio);
     service_ = std::move(service);
@@ -556,34 +466,6 @@ bool output::attempt(const Json& request, const source_handle& source, callback:
     watch_ = std::move(observed);
     started_ = true;
     return true;
-}
-
-Json activate_stream(std::unique_ptr<output>& current, const Json& request, int bitrate,
-                     output::stopped_handler on_stopped)
-{
-    using callback::source_type;
-    auto refuse = [](const std::string& error) { return Json{{"started", false}, {"error", error}}; };
-    source_type::type kind = source_type::map(json::string_at(request, {"payload", "source", "type"}));
-    if (kind == source_type::none)
-        return refuse("unknown source type");
-    // Window capture crashes when it is created (listing creates one too) before the
-    // graphics context exists; a worker started without a canvas gets a small one first,
-    // which the stream then resets to its own size (a reset at 30 fps costs ~30 ms).
-    obs_video_info video{};
-    if (kind == source_type::window && !obs_get_video_info(&video))
-        initialize_video(no_video_size, no_video_size, stream_fps);
-    Json entry = get_source_info(request);
-    if (!entry.is_object() || entry.empty())
-        return refuse("source not found");
-
-    current.reset();
-    auto stream = std::make_unique<output>();
-    if (on_stopped)
-        stream->set_stopped_handler(std::move(on_stopped));
-    if (!stream->start(request, entry, bitrate))
-        return refuse(stream->error());
-    current = std::move(stream);
-    return Json{{"started", true}};
 }
 
 } // namespace orbweave::obs

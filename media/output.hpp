@@ -4,14 +4,14 @@
 // a scene, an H.264 and an AAC encoder, the RTMP service holding the server
 // address and stream key, and the RTMP output pushing them to the server.
 //
-// start() builds the stream from an activate request and the source's catalogue
-// entry and returns only once the output has reported itself active (connected
-// to the ingest and sending) or has failed; a failed first attempt is retried
-// once with the software encoder. Destroying the object stops the stream.
+// start() builds the stream from a stream order (the source's catalogue entry and
+// what the activate request asks) and returns only once the output has reported
+// itself active (connected to the ingest and sending) or has failed; a failed
+// first attempt is retried once with the software encoder. Destroying the object
+// stops the stream.
 
 #include "core/callback.hpp"
-#include "core/encode_profile.hpp"
-#include "core/json.hpp"
+#include "core/obs/pipe_protocol.hpp"
 #include "media/unique_handle.hpp"
 
 #include <chrono>
@@ -52,10 +52,10 @@ public:
     output(const output&) = delete;
     output& operator=(const output&) = delete;
 
-    /// Builds and starts the stream for request and the source's catalogue entry.
-    /// bitrate is the measured uplink bitrate (kbps). True once the output is active;
-    /// false with error() set otherwise. Called at most once per object.
-    bool start(const Json& request, const Json& entry, int bitrate);
+    /// Builds and starts the stream the order describes; its bitrate is the measured
+    /// uplink bitrate (kbps). True once the output is active; false with error() set
+    /// otherwise. Called at most once per object.
+    bool start(const pipe::stream_order& order);
 
     /// Why the last start failed: a short reason.
     const std::string& error() const { return error_; }
@@ -74,28 +74,25 @@ public:
     /// not report stopping within output_stop_limit and was forced.
     bool stop();
 
-    // The pieces of a stream, each an owning handle; request is not read by the sources.
-    static source_handle create_screen_source(const Json& request, const Json& entry);
-    static source_handle create_window_source(const Json& request, const Json& entry);
-    static source_handle create_audio_source(const Json& request, const Json& entry);
-    static source_handle create_video_source(const Json& request, const Json& entry);
-    static service_handle create_service(const Json& request);
-    static output_handle create_output(const Json& request);
+    // The pieces of a stream, each an owning handle.
+    static source_handle create_screen_source(const screen_entry& entry);
+    static source_handle create_window_source(const window_entry& entry);
+    static source_handle create_audio_source(const audio_entry& entry);
+    static source_handle create_video_source(const video_entry& entry);
+    static service_handle create_service(const std::string& server, const std::string& key);
+    static output_handle create_output();
     /// Attaches the encoders and the service to the output. Always true.
     static bool prepare_output(const encoder_handle& video, const encoder_handle& audio,
                                const service_handle& service, const output_handle& output);
     /// Bounds every item of the scene to width x height, scaled to fit inside.
     static void set_scene_bounds(obs_scene_t* scene, int width, int height);
 
-    /// The window's size as X reports it for the window id xid; (0, 0) when there is no such window.
-    static std::pair<int, int> window_size(long long xid);
-
 private:
     struct watch;
 
     /// One attempt with the prepared source; true when the output became active.
-    bool attempt(const Json& request, const source_handle& source, callback::source_type::type kind,
-                 bool with_audio, bool software, int bitrate);
+    bool attempt(const pipe::stream_order& order, const source_handle& source, callback::source_type::type kind,
+                 bool with_audio, bool software);
     /// Makes sure the canvas is width x height at the stream frame rate.
     bool ensure_video(int width, int height);
     void release();
@@ -115,12 +112,5 @@ private:
     std::pair<int, int> frame_size_{0, 0};
     bool started_ = false;
 };
-
-/// The worker's "activate": looks the source up in this worker's own catalogue, stops
-/// the stream current carries (if any: one canvas, one stream), starts a new one and
-/// keeps it in current when it runs. {"started": true}, or {"started": false, "error":
-/// "<short reason>"}. on_stopped goes to the new stream (output::set_stopped_handler).
-Json activate_stream(std::unique_ptr<output>& current, const Json& request, int bitrate,
-                     output::stopped_handler on_stopped);
 
 } // namespace orbweave::obs

@@ -1,5 +1,7 @@
 #include "media/protocol.hpp"
 
+#include "core/obs/pipe_protocol.hpp"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,30 +49,29 @@ bool request_loop::next_line(std::string& line)
 
 bool request_loop::run()
 {
-    std::string line;
-    while (next_line(line)) {
-        if (line.find_first_not_of(" \t\r") == std::string::npos)
+    std::string text;
+    while (next_line(text)) {
+        if (text.find_first_not_of(" \t\r") == std::string::npos)
             continue;
-        Json request = json::parse(line);
-        if (!request.is_object()) {
-            writer_.send({{"ok", false}, {"error", "request is not a JSON object"}});
+        pipe::request_line request = pipe::request_line::parse(text);
+        if (!request.body.is_object()) {
+            writer_.send(pipe::error_reply("request is not a JSON object"));
             continue;
         }
-        std::string op = json::string_at(request, {"op"});
-        if (op == "shutdown")
+        if (request.op == pipe::op::shutdown)
             return true;
-        auto found = handlers_.find(op);
+        auto found = handlers_.find(request.op);
         if (found == handlers_.end()) {
-            writer_.send({{"ok", false}, {"error", "unknown op: " + op}});
+            writer_.send(pipe::error_reply("unknown op: " + request.op));
             continue;
         }
         Json reply;
         try {
-            reply = {{"ok", true}, {"result", found->second(request)}};
+            reply = pipe::ok_reply(found->second(request.body));
         } catch (const std::exception& error) {
-            reply = {{"ok", false}, {"error", error.what()}};
+            reply = pipe::error_reply(error.what());
         } catch (...) {
-            reply = {{"ok", false}, {"error", "unknown error"}};
+            reply = pipe::error_reply("unknown error");
         }
         if (!writer_.send(reply))
             return false;

@@ -1,10 +1,9 @@
 // orbweave-media-worker: hosts one libobs instance for the client and serves
-// its requests over stdin/stdout (one JSON object per line each way).
+// its requests over stdin/stdout (one JSON object per line each way; the
+// requests are in core/obs/pipe_protocol.hpp). "stats" answers read-only frame
+// counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
 //   orbweave-media-worker [--defer-video | --canvas WxH@FPS]
-//
-// Besides the requests in media/protocol.hpp it answers {"op":"stats"} with read-only
-// frame counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
 // --defer-video starts without a video canvas, for a stream worker that sets the
 // canvas once at its final size; --canvas sets the start-up canvas (default: the
@@ -12,6 +11,7 @@
 // how much of libobs's log reaches standard error (default warning).
 
 #include "core/log.hpp"
+#include "core/obs/pipe_protocol.hpp"
 #include "media/catalogue.hpp"
 #include "media/output.hpp"
 #include "media/protocol.hpp"
@@ -29,6 +29,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -83,36 +85,38 @@ int main(int argc, char** argv)
         runtime = std::make_unique<obs::runtime>(options);
     } catch (const std::exception& error) {
         log::line("media worker: start-up failed: ", error.what());
-        writer.send({{"ready", false}, {"error", error.what()}});
+        writer.send(obs::pipe::error_reply(error.what()));
         return 1;
     }
-    writer.send({{"ready", true}});
+    writer.send(obs::pipe::ok_reply(nullptr));
 
+    namespace op = obs::pipe::op;
     obs::request_loop loop(STDIN_FILENO, writer);
-    loop.on("list_screens", [](const Json&) { return obs::to_json(obs::list_screens()); });
-    loop.on("list_windows", [](const Json&) { return obs::to_json(obs::list_windows()); });
-    loop.on("list_audios", [](const Json&) { return obs::to_json(obs::list_audios()); });
-    loop.on("list_videos", [](const Json&) { return obs::to_json(obs::list_videos()); });
-    loop.on("get_source_info", [](const Json& request) {
-        const Json& activate = json::at(request, {"request"});
-        return obs::get_source_info(activate);
-    });
+    loop.on(op::list_screens, [](const Json&) { return obs::to_json(obs::list_screens()); });
+    loop.on(op::list_windows, [](const Json&) { return obs::to_json(obs::list_windows()); });
+    loop.on(op::list_audios, [](const Json&) { return obs::to_json(obs::list_audios()); });
+    loop.on(op::list_videos, [](const Json&) { return obs::to_json(obs::list_videos()); });
 
-    // The stream this worker carries, if any. Stopped before libobs shuts down.
+    // The one stream this worker carries, once started. Stopped before libobs shuts down.
     std::unique_ptr<obs::output> stream;
-    loop.on("activate", [&stream, &writer](const Json& request) {
-        return obs::activate_stream(stream, json::at(request, {"request"}), json::int_at(request, {"bitrate"}),
-                                    [&writer](const std::string& error) {
-                                        writer.send({{"event", "stopped"}, {"error", error}});
-                                    });
-    });
-    loop.on("deactivate", [&stream](const Json&) {
-        stream.reset();
-        return Json();
+    loop.on(op::stream, [&stream, &writer](const Json& request) {
+        std::optional<obs::pipe::stream_order> order = obs::pipe::stream_order::from_json(json::at(request, {"order"}));
+        if (!order)
+            throw std::invalid_argument("the stream order names no source");
+        if (stream)
+            throw std::logic_error("this worker already carries a stream");
+        auto started = std::make_unique<obs::output>();
+        started->set_stopped_handler([&writer](const std::string& error) {
+            writer.send(obs::pipe::event_line(obs::pipe::stopped_event, error));
+        });
+        if (!started->start(*order))
+            return obs::pipe::stream_result{false, started->error()}.to_json();
+        stream = std::move(started);
+        return obs::pipe::stream_result{true, {}}.to_json();
     });
     // Read-only counters for benchmarks: frames the outputs sent and dropped (network),
     // frames the canvas rendered and lagged (render late), frames the encoders skipped.
-    loop.on("stats", [](const Json&) {
+    loop.on(op::stats, [](const Json&) {
         struct totals {
             long long frames = 0;
             long long dropped = 0;
@@ -138,6 +142,6 @@ int main(int argc, char** argv)
     stream.reset();
     runtime.reset();
     if (asked)
-        writer.send({{"ok", true}, {"result", {{"leaks", bnum_allocs()}}}});
+        writer.send(obs::pipe::ok_reply({{"leaks", bnum_allocs()}}));
     return 0;
 }

@@ -2,6 +2,8 @@
 
 #include "core/system_info.hpp"
 
+#include <iterator>
+
 namespace orbweave::obs {
 
 namespace {
@@ -134,6 +136,43 @@ video_entry video_entry::from_json(const Json& value)
     entry.is_active = json::bool_at(value, {"isActive"});
     entry.id = json::string_at(value, {"id"});
     return entry;
+}
+
+callback::source_type::type entry_kind(const source_entry& entry)
+{
+    using callback::source_type;
+    static constexpr source_type::type kinds[] = {source_type::screen, source_type::window, source_type::audio,
+                                                  source_type::video};
+    static_assert(std::size(kinds) == std::variant_size_v<source_entry>);
+    return kinds[entry.index()];
+}
+
+const std::string& entry_name(const source_entry& entry)
+{
+    return std::visit([](const auto& e) -> const std::string& { return e.name; }, entry);
+}
+
+const std::string& entry_description(const source_entry& entry)
+{
+    return std::visit([](const auto& e) -> const std::string& { return e.description; }, entry);
+}
+
+Json to_json(const source_entry& entry)
+{
+    return std::visit([](const auto& e) { return e.to_json(); }, entry);
+}
+
+std::optional<source_entry> source_entry_from_json(const Json& value)
+{
+    using callback::source_type;
+    switch (source_type::map(json::string_at(value, {"type"}))) {
+    case source_type::screen: return screen_entry::from_json(value);
+    case source_type::window: return window_entry::from_json(value);
+    case source_type::audio: return audio_entry::from_json(value);
+    case source_type::video: return video_entry::from_json(value);
+    case source_type::none: break;
+    }
+    return std::nullopt;
 }
 
 } // namespace orbweave::obs

@@ -4,10 +4,13 @@
 // The media worker process builds them with libobs; the parent reads them back
 // from the worker's replies, so each converts to and from its JSON form.
 
+#include "core/callback.hpp"
 #include "core/json.hpp"
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace orbweave::obs {
@@ -103,16 +106,28 @@ std::vector<Entry> entries_from_json(const Json& array)
     return entries;
 }
 
-/// The JSON form of the first entry whose id is id; an empty object when none is.
+/// One catalogue entry of any kind; the alternative tells the kind.
+using source_entry = std::variant<screen_entry, window_entry, audio_entry, video_entry>;
+
+/// The kind of source the entry is.
+callback::source_type::type entry_kind(const source_entry& entry);
+/// The entry's name and description, as a permission prompt shows them.
+const std::string& entry_name(const source_entry& entry);
+const std::string& entry_description(const source_entry& entry);
+
+/// The entry in its JSON form (its "type" names the kind).
+Json to_json(const source_entry& entry);
+/// An entry read back from its JSON form; none when "type" names no kind.
+std::optional<source_entry> source_entry_from_json(const Json& value);
+
+/// The first entry whose id is id.
 template <class Entry>
-Json get_source_info(const std::vector<Entry>& entries, const std::string& id)
+std::optional<source_entry> find_entry(const std::vector<Entry>& entries, const std::string& id)
 {
-    for (const auto& entry : entries) {
-        Json rendered = entry.to_json();
-        if (rendered["id"] == id)
-            return rendered;
-    }
-    return Json::object();
+    for (const auto& entry : entries)
+        if (entry.id == id)
+            return source_entry(entry);
+    return std::nullopt;
 }
 
 } // namespace orbweave::obs

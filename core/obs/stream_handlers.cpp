@@ -1,6 +1,7 @@
 #include "core/obs/stream_handlers.hpp"
 
 #include "core/log.hpp"
+#include "core/obs/requests.hpp"
 #include "core/orbweave_client_impl.hpp"
 #include "core/websocket/connection.hpp"
 
@@ -12,20 +13,25 @@ using callback::state_type;
 
 namespace {
 
-// Answers may come from an application thread long after the request: a link
-// that has gone since must not take that thread down.
-void send_reply(const websocket::connection& connection, const Json& reply)
+// A reply may go out long after its request: a link that has gone since is
+// logged, not thrown into the network loop.
+void send_reply(const websocket::connection& connection, const websocket::envelope& to, Json payload)
 {
     try {
-        connection.send(reply);
+        connection.send(to.reply(std::move(payload)));
     } catch (const std::exception& error) {
-        log::line("Could not send the reply to " + json::dump(json::at(reply, {"id"})) + ": ", error.what());
+        log::line("Could not send the reply to " + json::dump(to.id) + ": ", error.what());
     }
 }
 
 Json status(const char* text)
 {
     return Json{{"status", text}};
+}
+
+Json failure(const std::string& error)
+{
+    return Json{{"status", "Failure"}, {"error", error}};
 }
 
 } // namespace
@@ -35,42 +41,24 @@ list_handler::list_handler(orbweave_client_impl* client)
 {
 }
 
-Json list_handler::make_result(source_type::type type)
-{
-    Json results;
-    std::string outcome = "Failure";
-    auto& manager = client_->work_manager();
-    switch (type) {
-    case source_type::screen: results = to_json(manager.list_screens()); break;
-    case source_type::window: results = to_json(manager.list_windows()); break;
-    case source_type::audio: results = to_json(manager.list_audios()); break;
-    case source_type::video: results = to_json(manager.list_videos()); break;
-    case source_type::none: break;
-    }
-    if (type != source_type::none)
-        outcome = "Success";
-    return Json{{"status", outcome}, {"results", results}};
-}
-
 void list_handler::handle(const websocket::connection& connection, const Json& message)
 {
-    source_type::type type = source_type::map(json::string_at(message, {"payload", "type"}));
-    callback::request request([this, connection, message, type](bool allowed) {
-        if (!allowed) {
-            send_reply(connection, websocket::reply_to(message, status("Rejected")));
-            return;
-        }
-        Json result;
-        try {
-            result = make_result(type);
-        } catch (const std::exception& error) {
-            // The catalogue could not be read (its worker failed): say so rather than stay silent.
-            log::line("Listing failed: ", error.what());
-            result = Json{{"status", "Failure"}, {"results", nullptr}, {"error", error.what()}};
-        }
-        send_reply(connection, websocket::reply_to(message, result));
+    source_type::type kind = source_type::map(json::string_at(message, {"payload", "type"}));
+    auto to = websocket::envelope::of(message);
+    client_->ask_permission(kind, "", "", request_type::list, [client = client_, connection, to, kind](bool allowed) {
+        if (!allowed)
+            return send_reply(connection, to, status("Rejected"));
+        if (kind == source_type::none)
+            return send_reply(connection, to, Json{{"status", "Failure"}, {"results", nullptr}});
+        client->work_manager().list(kind, [connection, to](const worker_manager::listing& listed) {
+            if (!listed.error.empty()) {
+                // The catalogue could not be read (its worker failed): say so rather than stay silent.
+                log::line("Listing failed: ", listed.error);
+                return send_reply(connection, to, {{"status", "Failure"}, {"results", nullptr}, {"error", listed.error}});
+            }
+            send_reply(connection, to, {{"status", "Success"}, {"results", listed.entries}});
+        });
     });
-    client_->signal_on_permission(type, "", "", request_type::list, request);
 }
 
 activate_handler::activate_handler(orbweave_client_impl* client)
@@ -80,36 +68,39 @@ activate_handler::activate_handler(orbweave_client_impl* client)
 
 void activate_handler::handle(const websocket::connection& connection, const Json& message)
 {
-    source_type::type type = source_type::map(json::string_at(message, {"payload", "source", "type"}));
-    Json entry;
-    try {
-        entry = client_->work_manager().get_source_info(message);
-    } catch (const std::exception& error) {
-        log::line("Could not look the source up: ", error.what());
-    }
-    std::string name = json::string_at(entry, {"name"});
-    std::string description = json::string_at(entry, {"description"});
-    encode_profile profile = client_->signal_on_profile();
+    activate_request request = activate_request::parse(message);
+    auto to = websocket::envelope::of(message);
+    if (request.source.kind == source_type::none)
+        return send_reply(connection, to, failure("unknown source type"));
 
-    callback::request request([client = client_, connection, message, profile](bool allowed) {
-        if (!allowed) {
-            send_reply(connection, websocket::reply_to(message, status("Rejected")));
-            return;
+    // The user is asked about the source as this machine names it, so it is looked up first.
+    client_->work_manager().find_source(request.source, [client = client_, connection, to,
+                                                          request](const worker_manager::lookup& found) {
+        if (!found.entry) {
+            std::string error = found.error.empty() ? "source not found" : found.error;
+            log::line("The stream did not start: ", error);
+            return send_reply(connection, to, failure(error));
         }
-        auto& manager = client->work_manager();
-        bool was_empty = manager.is_empty();
-        auto outcome = manager.activate(message, profile);
-        if (!outcome.started) {
-            // Nothing was kept: the service must not wait for a stream that never comes.
-            log::line("The stream did not start: ", outcome.error);
-            send_reply(connection, websocket::reply_to(message, {{"status", "Failure"}, {"error", outcome.error}}));
-            return;
-        }
-        send_reply(connection, websocket::reply_to(message, status("Success")));
-        if (was_empty)
-            client->signal_on_state_change(state_type::streaming);
+        encode_profile profile = client->signal_on_profile();
+        const source_entry& entry = *found.entry;
+        client->ask_permission(
+            request.source.kind, entry_name(entry), entry_description(entry), request_type::activate,
+            [client, connection, to, request, entry, profile](bool allowed) {
+                if (!allowed)
+                    return send_reply(connection, to, status("Rejected"));
+                client->work_manager().activate(
+                    request, entry, profile.bitrate, [client, connection, to](const worker_manager::activation& outcome) {
+                        if (!outcome.started) {
+                            // Nothing was kept: the service must not wait for a stream that never comes.
+                            log::line("The stream did not start: ", outcome.error);
+                            return send_reply(connection, to, failure(outcome.error));
+                        }
+                        send_reply(connection, to, status("Success"));
+                        if (outcome.first)
+                            client->signal_on_state_change(state_type::streaming);
+                    });
+            });
     });
-    client_->signal_on_permission(type, name, description, request_type::activate, request);
 }
 
 deactivate_handler::deactivate_handler(orbweave_client_impl* client)
@@ -119,8 +110,11 @@ deactivate_handler::deactivate_handler(orbweave_client_impl* client)
 
 void deactivate_handler::handle(const websocket::connection& connection, const Json& message)
 {
-    client_->work_manager().deactivate(connection, message);
-    if (client_->work_manager().is_empty())
+    worker_manager::deactivation outcome = client_->work_manager().deactivate(deactivate_request::parse(message));
+    // A source that is not streaming gets no answer at all.
+    if (outcome.known)
+        send_reply(connection, websocket::envelope::of(message), status("Success"));
+    if (outcome.now_empty)
         client_->signal_on_state_change(state_type::connected);
 }
 

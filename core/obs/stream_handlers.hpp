@@ -2,7 +2,8 @@
 
 // The service's requests for this machine's sources: "list" a kind, "activate"
 // (stream) one, "deactivate" one or all. Listing and activation need the
-// application's permission, which may come later and from any thread.
+// application's permission, which may come later and from any thread; the media
+// work runs on the work manager's threads. Every reply is sent on the network thread.
 
 #include "core/callback.hpp"
 #include "core/websocket/message_handler.hpp"
@@ -17,9 +18,6 @@ class list_handler final : public websocket::message_handler {
 public:
     explicit list_handler(orbweave_client_impl* client);
     void handle(const websocket::connection& connection, const Json& message) override;
-
-    /// {"status": "Success", "results": [entries]}, or "Failure" with null results for an unknown kind.
-    Json make_result(callback::source_type::type type);
 
 private:
     orbweave_client_impl* client_;

@@ -75,16 +75,16 @@ worker::worker(const options& options) : options_(options)
     std::string reason;
     {
         std::unique_lock<std::mutex> lock(state_mutex_);
-        std::optional<Json> ready = wait_reply(lock, options_.start_timeout);
+        std::optional<pipe::worker_line> ready = wait_reply(lock, options_.start_timeout);
         if (!ready)
             reason = dead_ ? death_reason_ : "no answer within the start-up time";
-        else if (!json::bool_at(*ready, {"ready"}))
-            reason = json::string_at(*ready, {"error"});
+        else if (!ready->ok)
+            reason = ready->error.empty() ? "unknown reason" : ready->error;
         if (!reason.empty())
             stopping_ = true;
     }
     if (!reason.empty()) {
-        log::line("media worker failed to start: ", reason.empty() ? "unknown reason" : reason);
+        log::line("media worker failed to start: ", reason);
         process_->kill_and_wait();
         ::shutdown(process_->stdout_fd(), SHUT_RDWR);
         reader_.join();
@@ -106,17 +106,18 @@ worker::~worker()
     }
 }
 
-std::optional<Json> worker::wait_reply(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds timeout)
+std::optional<pipe::worker_line> worker::wait_reply(std::unique_lock<std::mutex>& lock,
+                                                    std::chrono::milliseconds timeout)
 {
     state_changed_.wait_for(lock, timeout, [this] { return reply_.has_value() || dead_; });
     if (!reply_)
         return std::nullopt;
-    std::optional<Json> reply = std::move(reply_);
+    std::optional<pipe::worker_line> reply = std::move(reply_);
     reply_.reset();
     return reply;
 }
 
-Json worker::exchange(const Json& request, std::chrono::milliseconds timeout)
+pipe::worker_line worker::exchange(const Json& request, std::chrono::milliseconds timeout)
 {
     {
         std::lock_guard<std::mutex> lock(state_mutex_);
@@ -127,7 +128,7 @@ Json worker::exchange(const Json& request, std::chrono::milliseconds timeout)
     // A failed send means the worker is going away; the reader then reports why.
     bool sent = send_line(process_->stdin_fd(), json::dump(request) + "\n");
     std::unique_lock<std::mutex> lock(state_mutex_);
-    std::optional<Json> reply = wait_reply(lock, sent ? timeout : std::chrono::milliseconds(gone_limit));
+    std::optional<pipe::worker_line> reply = wait_reply(lock, sent ? timeout : std::chrono::milliseconds(gone_limit));
     if (reply)
         return *reply;
     if (dead_)
@@ -147,12 +148,19 @@ Json worker::call(const Json& request)
         if (stopping_)
             throw std::runtime_error("media worker is shut down");
     }
-    Json reply = exchange(request, options_.call_timeout);
-    if (!json::bool_at(reply, {"ok"})) {
-        std::string error = json::string_at(reply, {"error"});
-        throw std::runtime_error(error.empty() ? "media worker request failed" : error);
+    pipe::worker_line reply = exchange(request, options_.call_timeout);
+    if (!reply.ok)
+        throw std::runtime_error(reply.error.empty() ? "media worker request failed" : reply.error);
+    return std::move(reply.result);
+}
+
+void worker::abort()
+{
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        stopping_ = true;
     }
-    return json::at(reply, {"result"});
+    process_->kill(SIGKILL);
 }
 
 std::optional<long> worker::shutdown()
@@ -167,9 +175,9 @@ std::optional<long> worker::shutdown()
     auto deadline = std::chrono::steady_clock::now() + options_.shutdown_timeout;
     std::optional<long> leaks;
     try {
-        Json reply = exchange(Json{{"op", "shutdown"}}, options_.shutdown_timeout);
-        if (json::bool_at(reply, {"ok"}) && json::is_number_at(reply, {"result", "leaks"}))
-            leaks = json::at(reply, {"result", "leaks"}).get<long>();
+        pipe::worker_line reply = exchange(Json{{"op", pipe::op::shutdown}}, options_.shutdown_timeout);
+        if (reply.ok && json::is_number_at(reply.result, {"leaks"}))
+            leaks = json::int_at(reply.result, {"leaks"});
     } catch (const std::exception& error) {
         log::line("media worker: ", error.what());
     }
@@ -201,27 +209,8 @@ void worker::read_loop()
         buffer.append(chunk, static_cast<std::size_t>(got));
         std::size_t end;
         while ((end = buffer.find('\n')) != std::string::npos) {
-            Json line = json::parse(std::string_view(buffer).substr(0, end));
+            on_line(std::string_view(buffer).substr(0, end));
             buffer.erase(0, end + 1);
-            if (!line.is_object()) {
-                log::line("media worker: ignoring a line that is not a JSON object");
-                continue;
-            }
-            if (line.contains("event")) {
-                std::function<void(const Json&)> handler;
-                {
-                    std::lock_guard<std::mutex> lock(state_mutex_);
-                    handler = event_handler_;
-                }
-                if (handler)
-                    handler(line);
-                continue;
-            }
-            {
-                std::lock_guard<std::mutex> lock(state_mutex_);
-                reply_ = std::move(line);
-            }
-            state_changed_.notify_all();
         }
     }
 
@@ -237,10 +226,53 @@ void worker::read_loop()
         handler = exit_handler_;
     }
     mark_dead(reason);
-    if (!expected) {
+    if (expected)
+        return;
+    if (!handler) {
         log::line("media worker " + std::to_string(process_->pid()) + " ended: " + reason);
-        if (handler)
-            handler(reason);
+        return;
+    }
+    // Application code on our thread: nothing may leave it.
+    try {
+        handler(reason);
+    } catch (const std::exception& error) {
+        log::line("media worker: the exit handler failed: ", error.what());
+    } catch (...) {
+        log::line("media worker: the exit handler failed");
+    }
+}
+
+void worker::on_line(std::string_view text)
+{
+    pipe::worker_line line = pipe::worker_line::parse(text);
+    switch (line.type) {
+    case pipe::worker_line::kind::invalid:
+        log::line("media worker: ignoring a line that is not a JSON object");
+        return;
+    case pipe::worker_line::kind::event: {
+        std::function<void(const std::string&, const std::string&)> handler;
+        {
+            std::lock_guard<std::mutex> lock(state_mutex_);
+            handler = event_handler_;
+        }
+        if (!handler)
+            return;
+        try {
+            handler(line.event, line.error);
+        } catch (const std::exception& error) {
+            log::line("media worker: the event handler failed: ", error.what());
+        } catch (...) {
+            log::line("media worker: the event handler failed");
+        }
+        return;
+    }
+    case pipe::worker_line::kind::reply:
+        {
+            std::lock_guard<std::mutex> lock(state_mutex_);
+            reply_ = std::move(line);
+        }
+        state_changed_.notify_all();
+        return;
     }
 }
 
@@ -256,7 +288,7 @@ void worker::mark_dead(const std::string& reason)
     state_changed_.notify_all();
 }
 
-void worker::set_event_handler(std::function<void(const Json& event)> handler)
+void worker::set_event_handler(std::function<void(const std::string& event, const std::string& reason)> handler)
 {
     std::lock_guard<std::mutex> lock(state_mutex_);
     event_handler_ = std::move(handler);
@@ -281,28 +313,27 @@ pid_t worker::pid() const
 
 std::vector<screen_entry> worker::list_screens()
 {
-    return entries_from_json<screen_entry>(call(Json{{"op", "list_screens"}}));
+    return entries_from_json<screen_entry>(call(Json{{"op", pipe::op::list_screens}}));
 }
 
 std::vector<window_entry> worker::list_windows()
 {
-    return entries_from_json<window_entry>(call(Json{{"op", "list_windows"}}));
+    return entries_from_json<window_entry>(call(Json{{"op", pipe::op::list_windows}}));
 }
 
 std::vector<audio_entry> worker::list_audios()
 {
-    return entries_from_json<audio_entry>(call(Json{{"op", "list_audios"}}));
+    return entries_from_json<audio_entry>(call(Json{{"op", pipe::op::list_audios}}));
 }
 
 std::vector<video_entry> worker::list_videos()
 {
-    return entries_from_json<video_entry>(call(Json{{"op", "list_videos"}}));
+    return entries_from_json<video_entry>(call(Json{{"op", pipe::op::list_videos}}));
 }
 
-Json worker::get_source_info(const Json& request)
+pipe::stream_result worker::stream(const pipe::stream_order& order)
 {
-    Json result = call(Json{{"op", "get_source_info"}, {"request", request}});
-    return result.is_object() ? result : Json::object();
+    return pipe::stream_result::from_json(call(Json{{"op", pipe::op::stream}, {"order", order.to_json()}}));
 }
 
 } // namespace orbweave::obs

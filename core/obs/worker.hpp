@@ -2,12 +2,13 @@
 
 // The parent's handle on one media worker process (orbweave-media-worker), which
 // hosts one libobs instance. Requests go to the worker as one JSON object per line
-// and replies come back in order; lines carrying an "event" key are unsolicited
-// and go to the event handler instead.
+// and replies come back in order; event lines are unsolicited and go to the event
+// handler instead (core/obs/pipe_protocol.hpp).
 
 #include "core/json.hpp"
 #include "core/obs/child_process.hpp"
 #include "core/obs/entries.hpp"
+#include "core/obs/pipe_protocol.hpp"
 
 #include <chrono>
 #include <condition_variable>
@@ -50,8 +51,8 @@ public:
     std::vector<window_entry> list_windows();
     std::vector<audio_entry> list_audios();
     std::vector<video_entry> list_videos();
-    /// The catalogue entry an activate request names; an empty object when there is none.
-    Json get_source_info(const Json& request);
+    /// Starts the one stream this worker carries and returns once it runs or has failed.
+    pipe::stream_result stream(const pipe::stream_order& order);
 
     /// Sends request and returns the reply's "result". Calls are serialised; an error reply
     /// throws std::runtime_error with its text, and a worker that has died (or dies while
@@ -62,9 +63,13 @@ public:
     /// (none when the worker was already gone or did not answer). Later calls throw.
     std::optional<long> shutdown();
 
-    /// Called on the reader thread for each {"event": ...} line. The handler must not
-    /// call into this worker (the reply it would wait for is read by that very thread).
-    void set_event_handler(std::function<void(const Json& event)> handler);
+    /// Kills the worker now, as a cancelled start does: a call waiting on it throws at once,
+    /// and its end is expected (the exit handler is not called).
+    void abort();
+
+    /// Called on the reader thread for each event line with its name and reason. The handler
+    /// must not call into this worker (the reply it would wait for is read by that very thread).
+    void set_event_handler(std::function<void(const std::string& event, const std::string& reason)> handler);
     /// Called once, on the reader thread, when the worker process ends without being asked
     /// to, with the reason ("killed by signal SIGKILL"). It must not destroy the worker;
     /// hand that to another thread.
@@ -79,9 +84,10 @@ public:
     static std::string default_executable();
 
 private:
-    Json exchange(const Json& request, std::chrono::milliseconds timeout);
-    std::optional<Json> wait_reply(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds timeout);
+    pipe::worker_line exchange(const Json& request, std::chrono::milliseconds timeout);
+    std::optional<pipe::worker_line> wait_reply(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds timeout);
     void read_loop();
+    void on_line(std::string_view text);
     void mark_dead(const std::string& reason);
 
     options options_;
@@ -92,11 +98,11 @@ private:
 
     mutable std::mutex state_mutex_;
     std::condition_variable state_changed_;
-    std::optional<Json> reply_;
+    std::optional<pipe::worker_line> reply_;
     bool dead_ = false;
     bool stopping_ = false;
     std::string death_reason_;
-    std::function<void(const Json&)> event_handler_;
+    std::function<void(const std::string&, const std::string&)> event_handler_;
     std::function<void(const std::string&)> exit_handler_;
 };
 

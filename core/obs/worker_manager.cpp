@@ -1,19 +1,26 @@
 #include "core/obs/worker_manager.hpp"
 
 #include "core/log.hpp"
-#include "core/websocket/connection.hpp"
-#include "core/websocket/message_handler.hpp"
+
+#include <algorithm>
 
 namespace orbweave::obs {
 
-namespace {
+using callback::source_type;
 
-std::string source_id(const Json& request)
-{
-    return json::string_at(request, {"payload", "source", "id"});
-}
+/// One stream from its activation to the end of its worker.
+struct worker_manager::stream {
+    enum class phase { starting, running, stopping };
 
-} // namespace
+    std::string id;
+    std::uint64_t generation = 0;
+    phase state = phase::starting;
+    /// Why a start was cancelled ("deactivated while starting").
+    std::string cancel_reason;
+    /// The stream's worker while it exists; abort() reaches it to cancel a start.
+    worker* process = nullptr;
+    std::thread thread;
+};
 
 worker::options worker_manager::stream_worker_options()
 {
@@ -22,206 +29,269 @@ worker::options worker_manager::stream_worker_options()
     return stream;
 }
 
-worker_manager::worker_manager()
-    : worker_manager(options{})
-{
-}
+worker_manager::worker_manager(post_function post) : worker_manager(std::move(post), options{}) {}
 
-worker_manager::worker_manager(options options)
-    : options_(std::move(options)), reaper_(&worker_manager::reap_loop, this)
+worker_manager::worker_manager(post_function post, options options)
+    : options_(std::move(options)), post_(std::move(post)), listing_thread_(std::make_unique<serial_executor>())
 {
 }
 
 worker_manager::~worker_manager()
 {
-    clear();
     {
-        std::lock_guard<std::mutex> lock(reap_mutex_);
-        reaper_stopping_ = true;
+        std::lock_guard<std::mutex> lock(mutex_);
+        closing_ = true;
+        for (auto& [generation, record] : streams_) {
+            if (record->state == stream::phase::starting)
+                cancel_locked(*record, "the client is stopping");
+            record->state = stream::phase::stopping;
+        }
     }
-    reap_changed_.notify_all();
-    reaper_.join();
-    std::lock_guard<std::mutex> lock(listing_mutex_);
+    changed_.notify_all();
+    // The stream threads shut their workers down meanwhile, all at once.
+    listing_thread_.reset();
     listing_worker_.reset();
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return streams_.empty(); });
+    }
+    join_finished();
 }
 
-worker_manager::activation worker_manager::activate(const Json& request, const encode_profile& profile)
+void worker_manager::activate(activate_request request, source_entry source, int bitrate,
+                              std::function<void(const activation&)> done)
 {
-    std::string id = source_id(request);
+    join_finished();
     std::lock_guard<std::mutex> lock(mutex_);
+    if (closing_)
+        return;
+    for (auto& [generation, record] : streams_)
+        if (record->id == request.source.id && record->state == stream::phase::starting)
+            cancel_locked(*record, "superseded by a later activation");
 
-    auto descriptor = std::make_shared<work_descriptor>();
-    descriptor->owner = this;
-    const work_descriptor* watched = descriptor.get();
+    auto record = std::make_shared<stream>();
+    record->id = request.source.id;
+    record->generation = next_generation_++;
+    streams_.emplace(record->generation, record);
+    // The thread waits for this lock before it reads its record.
+    record->thread = std::thread(&worker_manager::run_stream, this, record, std::move(request), std::move(source),
+                                 bitrate, std::move(done));
+}
+
+void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request request, source_entry source,
+                                int bitrate, std::function<void(const activation&)> done)
+{
+    activation outcome;
+    std::unique_ptr<worker> process;
     try {
-        descriptor->stream_worker = std::make_unique<worker>(options_.stream);
+        process = std::make_unique<worker>(options_.stream);
+        std::uint64_t generation = record->generation;
         // Watched from the start: a death right after the start is still noticed.
-        descriptor->stream_worker->set_exit_handler(
-            [this, id, watched](const std::string& reason) { on_worker_died(id, watched, reason); });
-        Json result = descriptor->stream_worker->call(
-            Json{{"op", "activate"}, {"request", request}, {"bitrate", profile.bitrate}});
-        if (!json::bool_at(result, {"started"})) {
-            std::string error = json::string_at(result, {"error"});
-            return {false, error.empty() ? "the stream did not start" : error};
+        process->set_exit_handler(
+            [this, generation](const std::string& reason) { on_stream_ended(generation, "its media worker " + reason); });
+        process->set_event_handler([this, generation](const std::string& event, const std::string& reason) {
+            if (event == pipe::stopped_event)
+                on_stream_ended(generation, reason);
+        });
+        bool cancelled;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            cancelled = record->state == stream::phase::stopping;
+            if (!cancelled)
+                record->process = process.get();
+        }
+        if (!cancelled) {
+            pipe::stream_result result = process->stream({std::move(source), std::move(request), bitrate});
+            outcome.started = result.started;
+            outcome.error = result.error;
         }
     } catch (const std::exception& error) {
-        return {false, error.what()};
+        outcome.error = error.what();
     }
 
-    // The new stream runs before an earlier one of the same source stops.
-    std::shared_ptr<work_descriptor> replaced = std::move(work_[id]);
-    work_[id] = std::move(descriptor);
-    publish_active_ids();
-    replaced.reset();
-    return {true, {}};
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (record->state == stream::phase::stopping) {
+            outcome = {false, record->cancel_reason, false};
+        } else if (outcome.started) {
+            outcome.first = !any_running_locked();
+            record->state = stream::phase::running;
+            // The new stream runs before an earlier one of the same source stops.
+            for (auto& [generation, other] : streams_)
+                if (other != record && other->id == record->id && other->state == stream::phase::running)
+                    other->state = stream::phase::stopping;
+            changed_.notify_all();
+        } else {
+            record->state = stream::phase::stopping;
+            if (outcome.error.empty())
+                outcome.error = "the stream did not start";
+        }
+        post_([done = std::move(done), outcome] { done(outcome); });
+
+        // The stream runs until it is deactivated, replaced, cleared or ends by itself.
+        changed_.wait(lock, [&] { return record->state == stream::phase::stopping; });
+        record->process = nullptr;
+    }
+    // Stops the stream: an orderly shut-down, bounded, then SIGKILL.
+    process.reset();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        streams_.erase(record->generation);
+        finished_.push_back(std::move(record->thread));
+    }
+    changed_.notify_all();
 }
 
-void worker_manager::deactivate(const websocket::connection& connection, const Json& request)
+void worker_manager::on_stream_ended(std::uint64_t generation, const std::string& reason)
 {
-    const Json& payload = json::at(request, {"payload"});
-    if (!payload.is_object()) {
-        clear();
-    } else {
-        std::string id = source_id(request);
-        if (!is_active(id))
-            return; // not streaming: no answer at all, and no wait for a start in progress
-        std::lock_guard<std::mutex> lock(mutex_);
-        auto found = work_.find(id);
-        if (found == work_.end())
-            return;
-        std::shared_ptr<work_descriptor> stopping = std::move(found->second);
-        work_.erase(found);
-        publish_active_ids();
-        stopping.reset(); // stops the stream while the map is still locked
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = streams_.find(generation);
+    // Only the stream that ended: its id may have been started again since.
+    if (found == streams_.end() || found->second->state != stream::phase::running)
+        return;
+    found->second->state = stream::phase::stopping;
+    changed_.notify_all();
+    if (ended_handler_)
+        post_([handler = ended_handler_, id = found->second->id, reason, now_empty = !any_running_locked()] {
+            handler(id, reason, now_empty);
+        });
+}
+
+void worker_manager::cancel_locked(stream& record, const std::string& reason)
+{
+    record.state = stream::phase::stopping;
+    record.cancel_reason = reason;
+    // A start cannot be interrupted inside the worker; ending the worker ends the start.
+    if (record.process)
+        record.process->abort();
+    changed_.notify_all();
+}
+
+worker_manager::deactivation worker_manager::deactivate(const deactivate_request& request)
+{
+    deactivation outcome;
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& [generation, record] : streams_) {
+        if (record->state == stream::phase::stopping || (!request.all && record->id != request.id))
+            continue;
+        outcome.known = true;
+        if (record->state == stream::phase::starting)
+            cancel_locked(*record, "deactivated while starting");
+        record->state = stream::phase::stopping;
     }
-    connection.send(websocket::reply_to(request, {{"status", "Success"}}));
+    changed_.notify_all();
+    outcome.known = outcome.known || request.all;
+    outcome.now_empty = !any_running_locked();
+    return outcome;
 }
 
 void worker_manager::clear()
 {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto stopping = std::move(work_);
-    work_.clear();
-    publish_active_ids();
-    stopping.clear(); // stops the streams while the map is still locked
+    deactivate({true, {}});
 }
 
-void worker_manager::publish_active_ids()
+bool worker_manager::any_running_locked() const
 {
-    std::set<std::string> ids;
-    for (const auto& entry : work_)
-        ids.insert(entry.first);
-    std::lock_guard<std::mutex> lock(view_mutex_);
-    active_ids_.swap(ids);
-}
-
-bool worker_manager::is_active(const std::string& id) const
-{
-    std::lock_guard<std::mutex> lock(view_mutex_);
-    return active_ids_.count(id) > 0;
+    return std::any_of(streams_.begin(), streams_.end(),
+                       [](const auto& item) { return item.second->state == stream::phase::running; });
 }
 
 bool worker_manager::is_empty() const
 {
-    std::lock_guard<std::mutex> lock(view_mutex_);
-    return active_ids_.empty();
+    std::lock_guard<std::mutex> lock(mutex_);
+    return !any_running_locked();
 }
 
 std::vector<std::string> worker_manager::active_ids() const
 {
-    std::lock_guard<std::mutex> lock(view_mutex_);
-    return {active_ids_.begin(), active_ids_.end()};
+    std::vector<std::string> ids;
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [generation, record] : streams_)
+        if (record->state == stream::phase::running && std::find(ids.begin(), ids.end(), record->id) == ids.end())
+            ids.push_back(record->id);
+    return ids;
 }
 
-template <class Entry>
-std::vector<Entry> worker_manager::mark_active(std::vector<Entry> entries) const
+void worker_manager::join_finished()
 {
-    std::lock_guard<std::mutex> lock(view_mutex_);
-    for (auto& entry : entries)
-        entry.is_active = active_ids_.count(entry.id) > 0;
-    return entries;
+    std::vector<std::thread> finished;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        finished.swap(finished_);
+    }
+    for (auto& thread : finished)
+        thread.join();
 }
 
-template <class Result>
-Result worker_manager::with_listing_worker(const std::function<Result(worker&)>& use)
+void worker_manager::set_stream_ended_handler(ended_handler handler)
 {
-    std::lock_guard<std::mutex> lock(listing_mutex_);
+    std::lock_guard<std::mutex> lock(mutex_);
+    ended_handler_ = std::move(handler);
+}
+
+worker& worker_manager::listing_worker()
+{
     // Started on first use, and again after it died, so a crashed plug-in costs one request.
     if (!listing_worker_ || !listing_worker_->alive())
         listing_worker_ = std::make_unique<worker>(options_.listing);
-    return use(*listing_worker_);
+    return *listing_worker_;
 }
 
-std::vector<screen_entry> worker_manager::list_screens()
+template <class Entry>
+Json worker_manager::marked(const std::vector<Entry>& entries) const
 {
-    return mark_active(with_listing_worker<std::vector<screen_entry>>([](worker& w) { return w.list_screens(); }));
-}
-
-std::vector<window_entry> worker_manager::list_windows()
-{
-    return mark_active(with_listing_worker<std::vector<window_entry>>([](worker& w) { return w.list_windows(); }));
-}
-
-std::vector<audio_entry> worker_manager::list_audios()
-{
-    return mark_active(with_listing_worker<std::vector<audio_entry>>([](worker& w) { return w.list_audios(); }));
-}
-
-std::vector<video_entry> worker_manager::list_videos()
-{
-    return mark_active(with_listing_worker<std::vector<video_entry>>([](worker& w) { return w.list_videos(); }));
-}
-
-Json worker_manager::get_source_info(const Json& request)
-{
-    return with_listing_worker<Json>([&](worker& w) { return w.get_source_info(request); });
-}
-
-void worker_manager::set_stream_lost_handler(std::function<void(const std::string&, bool)> handler)
-{
-    std::lock_guard<std::mutex> lock(reap_mutex_);
-    stream_lost_handler_ = std::move(handler);
-}
-
-void worker_manager::on_worker_died(const std::string& id, const work_descriptor* descriptor, const std::string& reason)
-{
-    log::line("The stream of source " + id + " ended: its media worker " + reason);
-    {
-        std::lock_guard<std::mutex> lock(reap_mutex_);
-        to_reap_.emplace_back(id, descriptor);
+    std::vector<std::string> active = active_ids();
+    Json array = Json::array();
+    for (Entry entry : entries) {
+        entry.is_active = std::find(active.begin(), active.end(), entry.id) != active.end();
+        array.push_back(entry.to_json());
     }
-    reap_changed_.notify_all();
+    return array;
 }
 
-void worker_manager::reap_loop()
+Json worker_manager::list_now(source_type::type kind)
 {
-    std::unique_lock<std::mutex> lock(reap_mutex_);
-    for (;;) {
-        reap_changed_.wait(lock, [this] { return reaper_stopping_ || !to_reap_.empty(); });
-        if (to_reap_.empty())
-            return;
-        auto [id, descriptor] = to_reap_.front();
-        to_reap_.pop_front();
-        auto handler = stream_lost_handler_;
-        lock.unlock();
+    switch (kind) {
+    case source_type::screen: return marked(listing_worker().list_screens());
+    case source_type::window: return marked(listing_worker().list_windows());
+    case source_type::audio: return marked(listing_worker().list_audios());
+    case source_type::video: return marked(listing_worker().list_videos());
+    case source_type::none: break;
+    }
+    return Json::array();
+}
 
-        bool removed = false;
-        bool now_empty = false;
-        {
-            std::lock_guard<std::mutex> work_lock(mutex_);
-            auto found = work_.find(id);
-            // Only the stream that died: the id may have been restarted since.
-            if (found != work_.end() && found->second.get() == descriptor) {
-                work_.erase(found);
-                publish_active_ids();
-                removed = true;
-            }
-            now_empty = work_.empty();
+void worker_manager::list(source_type::type kind, std::function<void(const listing&)> done)
+{
+    listing_thread_->post([this, kind, done = std::move(done)] {
+        listing result;
+        try {
+            result.entries = list_now(kind);
+        } catch (const std::exception& error) {
+            result.error = error.what();
         }
-        if (removed && handler)
-            handler(id, now_empty);
-        lock.lock();
-    }
+        post_([done, result = std::move(result)] { done(result); });
+    });
+}
+
+void worker_manager::find_source(source_ref source, std::function<void(const lookup&)> done)
+{
+    listing_thread_->post([this, source = std::move(source), done = std::move(done)] {
+        lookup result;
+        try {
+            worker& catalogue = listing_worker();
+            switch (source.kind) {
+            case source_type::screen: result.entry = find_entry(catalogue.list_screens(), source.id); break;
+            case source_type::window: result.entry = find_entry(catalogue.list_windows(), source.id); break;
+            case source_type::audio: result.entry = find_entry(catalogue.list_audios(), source.id); break;
+            case source_type::video: result.entry = find_entry(catalogue.list_videos(), source.id); break;
+            case source_type::none: break;
+            }
+        } catch (const std::exception& error) {
+            result.error = error.what();
+        }
+        post_([done, result = std::move(result)] { done(result); });
+    });
 }
 
 } // namespace orbweave::obs

@@ -1,30 +1,32 @@
 #pragma once
 
-#include "core/encode_profile.hpp"
-#include "core/json.hpp"
 #include "core/obs/entries.hpp"
+#include "core/obs/requests.hpp"
 #include "core/obs/worker.hpp"
+#include "core/serial_executor.hpp"
 
 #include <condition_variable>
-#include <deque>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-namespace orbweave::websocket {
-class connection;
-}
-
 namespace orbweave::obs {
 
-/// The registry of running streams, keyed by the service's source id. Each
-/// stream runs in a media worker process of its own; one more worker, started
-/// when first needed and again if it dies, serves every listing.
+/// The registry of streams, keyed by the service's source id, and the media work
+/// behind it. Each stream runs in a media worker process of its own, owned by a
+/// thread of its own from spawning to shut-down; one more worker, started when
+/// first needed and again if it dies, serves every listing on the listing thread.
+///
+/// Every operation returns at once. Slow work (spawning, starting, stopping,
+/// listing) runs on the manager's threads and reports through the post function,
+/// which the client points at its network loop. The registry lock is held only to
+/// mark a stream starting, running or stopping, never across media work.
 class worker_manager {
 public:
     struct options {
@@ -34,87 +36,107 @@ public:
         worker::options stream = stream_worker_options();
     };
 
+    /// Runs a task on the owner's thread, or drops it once the owner has stopped. It is
+    /// called with the registry lock held (so reports keep their order) and must only queue.
+    using post_function = std::function<void(std::function<void()>)>;
+
     /// What became of an activation.
     struct activation {
         bool started = false;
         /// Why the stream did not start.
         std::string error;
+        /// No other stream ran when this one started: the client now streams.
+        bool first = false;
     };
 
-    /// One running stream.
-    struct work_descriptor {
-        std::unique_ptr<worker> stream_worker;
-        std::string name;
-        worker_manager* owner = nullptr;
+    /// What a deactivation found.
+    struct deactivation {
+        /// The request named a stream that runs or starts (or all streams): it is answered.
+        bool known = false;
+        /// No stream runs any more.
+        bool now_empty = false;
     };
+
+    /// One kind's catalogue, marked active where streaming; entries is null on error.
+    struct listing {
+        Json entries;
+        std::string error;
+    };
+
+    /// A source looked up in the catalogue.
+    struct lookup {
+        std::optional<source_entry> entry;
+        std::string error;
+    };
+
+    /// A stream that ended by itself: its source id, why, and whether none runs now.
+    using ended_handler = std::function<void(const std::string& id, const std::string& reason, bool now_empty)>;
 
     static worker::options stream_worker_options();
 
-    worker_manager();
-    explicit worker_manager(options options);
-    /// Stops every stream, then the listing worker.
+    explicit worker_manager(post_function post);
+    worker_manager(post_function post, options options);
+    /// Cancels starts, stops every stream and the listing worker, all at once (each
+    /// bounded by its shut-down time), and joins every thread.
     ~worker_manager();
 
     worker_manager(const worker_manager&) = delete;
     worker_manager& operator=(const worker_manager&) = delete;
 
-    /// Starts a stream of the source the request names, in a new worker. A stream
-    /// already running for the same source id is stopped once the new one runs.
-    /// Nothing is kept when the stream does not start.
-    activation activate(const Json& request, const encode_profile& profile);
-    /// Stops the stream the request names and answers "Success"; without a payload
-    /// object stops every stream. An id that is not streaming gets no answer.
-    void deactivate(const websocket::connection& connection, const Json& request);
-    /// Stops and removes every stream.
+    /// Starts a stream of source in a new worker; done gets the outcome through post.
+    /// A start of the same source still in progress is cancelled; a stream of it that
+    /// runs is stopped once the new one runs.
+    void activate(activate_request request, source_entry source, int bitrate,
+                  std::function<void(const activation&)> done);
+    /// Stops the stream the request names (cancelling it if it is still starting),
+    /// or every stream; the workers stop in the background.
+    deactivation deactivate(const deactivate_request& request);
+    /// Stops every stream in the background.
     void clear();
     /// Whether no stream runs.
     bool is_empty() const;
     /// The source ids streaming now.
     std::vector<std::string> active_ids() const;
 
-    /// The listing worker's entries, marked active when streaming.
-    std::vector<screen_entry> list_screens();
-    std::vector<window_entry> list_windows();
-    std::vector<audio_entry> list_audios();
-    std::vector<video_entry> list_videos();
-    /// The catalogue entry the request names; an empty object when there is none.
-    Json get_source_info(const Json& request);
+    /// Lists one kind on the listing thread; done gets the result through post.
+    void list(callback::source_type::type kind, std::function<void(const listing&)> done);
+    /// Looks a source up on the listing thread; done gets the result through post.
+    void find_source(source_ref source, std::function<void(const lookup&)> done);
 
-    /// Called, outside every lock of the manager, when a stream ends because its
-    /// worker process died; now_empty tells whether any stream is left.
-    void set_stream_lost_handler(std::function<void(const std::string& id, bool now_empty)> handler);
+    /// Set before the first activation; called through post.
+    void set_stream_ended_handler(ended_handler handler);
 
 private:
+    struct stream;
+
+    void run_stream(std::shared_ptr<stream> record, activate_request request, source_entry source, int bitrate,
+                    std::function<void(const activation&)> done);
+    void on_stream_ended(std::uint64_t generation, const std::string& reason);
+    void cancel_locked(stream& record, const std::string& reason);
+    bool any_running_locked() const;
+    void join_finished();
+    worker& listing_worker();
     template <class Entry>
-    std::vector<Entry> mark_active(std::vector<Entry> entries) const;
-    template <class Result>
-    Result with_listing_worker(const std::function<Result(worker&)>& use);
-    void on_worker_died(const std::string& id, const work_descriptor* descriptor, const std::string& reason);
-    /// Copies the map's keys to the view; called with mutex_ held after every change.
-    void publish_active_ids();
-    bool is_active(const std::string& id) const;
-    void reap_loop();
+    Json marked(const std::vector<Entry>& entries) const;
+    Json list_now(callback::source_type::type kind);
 
     const options options_;
+    const post_function post_;
 
-    mutable std::mutex mutex_; // guards work_; held through a whole start or stop
-    std::map<std::string, std::shared_ptr<work_descriptor>> work_;
-    // What is streaming, for readers that must not wait for a start or stop in
-    // progress (the network thread, listings).
-    mutable std::mutex view_mutex_;
-    std::set<std::string> active_ids_;
+    mutable std::mutex mutex_; // the registry below; never held across media work
+    std::condition_variable changed_;
+    // Every stream whose thread runs, by generation: a source id can have a stream
+    // stopping, one running and one starting at the same time.
+    std::map<std::uint64_t, std::shared_ptr<stream>> streams_;
+    std::uint64_t next_generation_ = 1;
+    bool closing_ = false;
+    // Threads of streams that have ended, joined by the next activation or the destructor.
+    std::vector<std::thread> finished_;
+    ended_handler ended_handler_;
 
-    std::mutex listing_mutex_;
+    // Used only on the listing thread (and by the destructor once that has ended).
     std::unique_ptr<worker> listing_worker_;
-
-    // Streams whose worker died wait here to be removed by the reaper thread,
-    // since a worker cannot be destroyed on its own reader thread.
-    std::mutex reap_mutex_;
-    std::condition_variable reap_changed_;
-    std::deque<std::pair<std::string, const work_descriptor*>> to_reap_;
-    bool reaper_stopping_ = false;
-    std::function<void(const std::string&, bool)> stream_lost_handler_;
-    std::thread reaper_;
+    std::unique_ptr<serial_executor> listing_thread_;
 };
 
 } // namespace orbweave::obs

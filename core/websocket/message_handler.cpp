@@ -2,9 +2,14 @@
 
 namespace orbweave::websocket {
 
-Json reply_to(const Json& request, Json payload)
+envelope envelope::of(const Json& message)
 {
-    return Json{{"id", json::at(request, {"id"})}, {"state", json::at(request, {"state"})}, {"payload", std::move(payload)}};
+    return {json::at(message, {"id"}), json::at(message, {"state"})};
+}
+
+Json envelope::reply(Json payload) const
+{
+    return Json{{"id", id}, {"state", state}, {"payload", std::move(payload)}};
 }
 
 message_handler::message_handler(std::string id)

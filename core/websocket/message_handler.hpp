@@ -10,8 +10,15 @@ namespace orbweave::websocket {
 
 class connection;
 
-/// A reply to request: its "id" and "state" copied unchanged (null when absent), and payload.
-Json reply_to(const Json& request, Json payload);
+/// The "id" and "state" of a message, which its reply copies unchanged (null when absent).
+struct envelope {
+    Json id;
+    Json state;
+
+    static envelope of(const Json& message);
+    /// {"id", "state", "payload": payload}.
+    Json reply(Json payload) const;
+};
 
 /// Serves one message id. Handlers run on the network thread, one message at a
 /// time, under the transport's recursive mutex; they may send from inside handle().

@@ -41,6 +41,9 @@ void websocket_client::restart(const std::string& url)
 
 void websocket_client::queue_connection(const std::string& url)
 {
+    // One link at a time: an earlier one still open is closed before the next is made.
+    close_current("replaced by a new connection");
+
     // The library asks for the TLS context while it creates the connection, before
     // the connection knows its URI, so the host to verify is taken from the URL here.
     websocketpp::uri uri(url);
@@ -57,7 +60,19 @@ void websocket_client::queue_connection(const std::string& url)
     connection->set_open_handshake_timeout(options_.open_handshake_timeout_ms);
     connection->set_close_handshake_timeout(options_.close_handshake_timeout_ms);
     connection->set_pong_timeout(options_.pong_timeout_ms);
+    current_ = connection->get_handle();
     endpoint_->connect(connection);
+}
+
+void websocket_client::close_current(const std::string& reason)
+{
+    std::error_code ec;
+    endpoint_type::connection_ptr open = endpoint_->get_con_from_hdl(current_, ec);
+    if (ec || !open || open->get_state() != websocketpp::session::state::open)
+        return;
+    // Its close must not count as a second failure.
+    mark_failed(current_);
+    open->close(websocketpp::close::status::going_away, reason, ec);
 }
 
 timer_ptr websocket_client::add_timer(long milliseconds, std::function<void(const std::error_code&)> callback)
@@ -136,11 +151,30 @@ void websocket_client::dispatch_local(const char* id, connection_hdl handle)
 void websocket_client::dispatch(const connection& connection, const Json& message)
 {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    auto found = handlers_.find(json::string_at(message, {"id"}));
-    if (found != handlers_.end())
-        found->second->handle(connection, message);
-    else if (fallback_)
-        fallback_->handle(connection, message);
+    std::string id = json::string_at(message, {"id"});
+    auto found = handlers_.find(id);
+    message_handler* handler = found != handlers_.end() ? found->second.get() : fallback_.get();
+    if (!handler)
+        return;
+    // One failing handler must not take the link down with it: an exception leaving
+    // here would stop the library reading this connection. The link is closed and
+    // reported as failed instead, and the client reconnects as after any close.
+    std::string failure;
+    try {
+        handler->handle(connection, message);
+        return;
+    } catch (const std::exception& error) {
+        failure = error.what();
+    } catch (...) {
+        failure = "unknown error";
+    }
+    log::line("The handler of \"" + id + "\" failed: ", failure);
+    if (id == "fail" || connection.handle().expired() || !mark_failed(connection.handle()))
+        return;
+    std::error_code ignored;
+    endpoint_->close(connection.handle(), websocketpp::close::status::internal_endpoint_error, "handler failed",
+                     ignored);
+    dispatch_local("fail", connection.handle());
 }
 
 } // namespace orbweave::websocket

@@ -31,7 +31,9 @@ struct client_options {
 /// JSON message dispatched by its "id": frames from the service as they come,
 /// and the local events {"id":"open"} when a link opens and {"id":"fail"} when
 /// an attempt fails, a pong does not come back in time, or an open link closes.
-/// "fail" is dispatched at most once per connection.
+/// "fail" is dispatched at most once per connection. A handler that throws has
+/// its connection closed and reported as "fail"; a new connection closes the
+/// previous one first, so at most one link is open.
 class websocket_client {
 public:
     explicit websocket_client(client_options options = {});
@@ -69,6 +71,7 @@ private:
     void dispatch_local(const char* id, connection_hdl handle);
     void dispatch(const connection& connection, const Json& message);
     bool mark_failed(const connection_hdl& handle);
+    void close_current(const std::string& reason);
 
     client_options options_;
     std::shared_ptr<endpoint_type> endpoint_;
@@ -77,6 +80,8 @@ private:
     std::unique_ptr<message_handler> fallback_;
     // The host of the connection being created; read by on_tls_init.
     std::string connecting_host_;
+    // The latest connection queued.
+    connection_hdl current_;
     // Connections that already dispatched "fail"; touched only on the io thread.
     std::set<connection_hdl, std::owner_less<connection_hdl>> failed_;
 };

@@ -1,4 +1,6 @@
 #include "core/obs/entries.hpp"
+#include "core/obs/pipe_protocol.hpp"
+#include "core/obs/requests.hpp"
 #include "core/system_info.hpp"
 
 #include <gtest/gtest.h>
@@ -21,18 +23,6 @@ TEST(SystemInfo, IdentityFactsHaveTheShapesTheServiceExpects)
     EXPECT_FALSE(system_info::machine_name().empty());
     EXPECT_TRUE(is_hex64(system_info::fingerprint()));
     EXPECT_EQ(system_info::fingerprint(), system_info::fingerprint());
-}
-
-TEST(SystemInfo, FingerprintIsTheHashOfSerialThenFamilyAndName)
-{
-    EXPECT_EQ(system_info::fingerprint(),
-              detail::unique_hash(system_info::os_uuid(), system_info::os_name() + system_info::machine_name()));
-    // Two machines with the same name and no serial share a fingerprint; a rename changes it.
-    EXPECT_EQ(detail::unique_hash("", "Machost"), detail::unique_hash("", "Machost"));
-    EXPECT_NE(detail::unique_hash("", "Machost"), detail::unique_hash("", "Machost2"));
-    // The serial and the text are fed one after the other, not separated.
-    EXPECT_EQ(detail::unique_hash("ab", "c"), detail::unique_hash("a", "bc"));
-    EXPECT_NE(detail::unique_hash("serial-1", "x"), detail::unique_hash("serial-2", "x"));
 }
 
 TEST(SystemInfo, HashMatchesKnownBlake2bVector)
@@ -84,10 +74,73 @@ TEST(Entries, JsonFormsCarryTheServicesKeysAndRoundTrip)
 
     std::vector<obs::window_entry> windows{window, obs::window_entry("first", "dup", 7),
                                            obs::window_entry("second", "dup", 7)};
-    EXPECT_EQ(obs::get_source_info(windows, window.id), window.to_json());
-    EXPECT_EQ(obs::get_source_info(windows, create_unique_hash("Window7"))["name"], "first");
-    EXPECT_EQ(obs::get_source_info(windows, "nope"), Json::object());
+    auto found = obs::find_entry(windows, create_unique_hash("Window7"));
+    ASSERT_TRUE(found);
+    EXPECT_EQ(obs::entry_name(*found), "first");
+    EXPECT_EQ(obs::entry_kind(*found), callback::source_type::window);
+    EXPECT_FALSE(obs::find_entry(windows, "nope"));
     EXPECT_EQ(obs::to_json(windows).size(), 3u);
+}
+
+Json activate_message(const Json& payload)
+{
+    return Json{{"id", "activate"}, {"state", "s1"}, {"payload", payload}};
+}
+
+TEST(Requests, AnActivateIsReadOnceWithTheProtocolsLenientRules)
+{
+    auto full = obs::activate_request::parse(activate_message(
+        {{"source", {{"type", "SCREEN"}, {"id", "abc"}}},
+         {"options", {{"profile", "high"}, {"width", 1280.7}, {"height", "720"}, {"fps", 60}}},
+         {"service", {{"server", "rtmp://127.0.0.1/live"}, {"key", "k"}}}}));
+    EXPECT_EQ(full.source.kind, callback::source_type::screen); // kinds in any letter case
+    EXPECT_EQ(full.source.id, "abc");
+    EXPECT_EQ(full.profile, profile_type::high);
+    EXPECT_EQ(full.width, 1280);       // numbers truncate
+    EXPECT_EQ(full.height, std::nullopt); // only JSON numbers count
+    EXPECT_EQ(full.server, "rtmp://127.0.0.1/live");
+    EXPECT_EQ(full.key, "k");
+
+    // Levels compare exactly; anything else, or nothing, is low. Missing parts read empty.
+    for (const Json& profile : {Json("High"), Json(2), Json()}) {
+        auto request = obs::activate_request::parse(activate_message({{"options", {{"profile", profile}}}}));
+        EXPECT_EQ(request.profile, profile_type::low) << profile;
+        EXPECT_EQ(request.source.kind, callback::source_type::none);
+        EXPECT_EQ(request.server, "");
+    }
+    EXPECT_EQ(obs::activate_request::parse(Json("not an object")).source.id, "");
+
+    // The pipe form reads back to the same request.
+    auto again = obs::activate_request::parse(full.to_json());
+    EXPECT_EQ(again.to_json(), full.to_json());
+
+    auto one = obs::deactivate_request::parse(Json{{"id", "deactivate"}, {"payload", {{"source", {{"id", "x"}}}}}});
+    EXPECT_FALSE(one.all);
+    EXPECT_EQ(one.id, "x");
+    EXPECT_TRUE(obs::deactivate_request::parse(Json{{"id", "deactivate"}}).all);
+    EXPECT_TRUE(obs::deactivate_request::parse(Json{{"id", "deactivate"}, {"payload", "all"}}).all);
+}
+
+TEST(Requests, AStreamOrderCrossesThePipeIntact)
+{
+    obs::pipe::stream_order order{obs::audio_entry("Mic", "USB Mic", "alsa_input.usb", true),
+                                  obs::activate_request::parse(activate_message({{"options", {{"profile", "medium"}}}})),
+                                  2500};
+    auto back = obs::pipe::stream_order::from_json(Json::parse(json::dump(order.to_json())));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->to_json(), order.to_json());
+    ASSERT_TRUE(std::holds_alternative<obs::audio_entry>(back->source));
+    EXPECT_TRUE(std::get<obs::audio_entry>(back->source).input);
+    EXPECT_FALSE(obs::pipe::stream_order::from_json(Json{{"source", {{"type", "printer"}}}}));
+
+    auto reply = obs::pipe::worker_line::parse(R"({"ok":false,"error":"no"})");
+    EXPECT_EQ(reply.type, obs::pipe::worker_line::kind::reply);
+    EXPECT_FALSE(reply.ok);
+    EXPECT_EQ(reply.error, "no");
+    auto event = obs::pipe::worker_line::parse(R"({"event":"stopped","error":"rtmp disconnected"})");
+    EXPECT_EQ(event.type, obs::pipe::worker_line::kind::event);
+    EXPECT_EQ(event.event, obs::pipe::stopped_event);
+    EXPECT_EQ(obs::pipe::worker_line::parse("[1]").type, obs::pipe::worker_line::kind::invalid);
 }
 
 } // namespace

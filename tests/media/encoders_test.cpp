@@ -45,9 +45,9 @@ test::media_environment::options display_only()
 [[maybe_unused]] auto* const display = ::testing::AddGlobalTestEnvironment(new test::media_environment(display_only()));
 [[maybe_unused]] auto* const libobs = ::testing::AddGlobalTestEnvironment(new libobs_environment);
 
-Json activate_with_options(const Json& options)
+activate_request with_options(const Json& options)
 {
-    return Json{{"id", "activate"}, {"payload", {{"source", {{"type", "screen"}}}, {"options", options}}}};
+    return activate_request::parse(Json{{"payload", {{"options", options}}}});
 }
 
 struct read_back {
@@ -113,36 +113,45 @@ TEST(VideoEncoderObjects, CarryTheChosenIdAndSettings)
 {
     // This machine's hardware encoder, if any, decides what 5000 kbps gets.
     std::string hardware = hardware_encoder_id();
-    Json screen = activate_with_options({{"profile", "high"}});
 
-    auto at_threshold = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::high, 5000));
+    auto at_threshold = inspect(create_video_encoder(false, profile_type::high, 5000));
     EXPECT_EQ(at_threshold.id, hardware.empty() ? "obs_x264" : hardware);
     EXPECT_EQ(at_threshold.settings["bitrate"], hardware.empty() ? 2500 : 3000);
 
-    auto below = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::high, 4999));
+    auto below = inspect(create_video_encoder(false, profile_type::high, 4999));
     EXPECT_EQ(below.id, "obs_x264");
     EXPECT_EQ(below.settings["bitrate"], 2500);
     EXPECT_TRUE(below.on_global_video);
 
     for (int measured : {0, -1}) {
-        auto floor = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::low, measured));
+        auto floor = inspect(create_video_encoder(false, profile_type::low, measured));
         EXPECT_EQ(floor.id, "obs_x264");
         EXPECT_EQ(floor.settings["bitrate"], 600);
         EXPECT_EQ(floor.settings["buffer_Size"], 600);
     }
 
-    auto extreme = inspect(create_video_encoder(screen, callback::source_type::screen, false, profile_type::extreme, 3000));
+    auto extreme = inspect(create_video_encoder(false, profile_type::extreme, 3000));
     EXPECT_EQ(extreme.id, "obs_x264");
     EXPECT_EQ(extreme.settings["preset"], "faster");
     EXPECT_EQ(extreme.settings["bitrate"], 3000);
     EXPECT_EQ(extreme.settings["keyint_sec"], 2);
     EXPECT_EQ(extreme.settings["cbr"], false);
+    EXPECT_EQ(extreme.settings["rate_control"], "ABR");
     EXPECT_EQ(extreme.settings["use_bufsize"], true);
     EXPECT_EQ(extreme.settings["x264opts"],
               "deblock=0:0 level=3.1 me=hex merange=16 min-keyint=60 mixed-refs=1 profile=main qcomp=0.6 "
-              "qpmin=1 qpstep=4 no-scenecut qpmax=30");
+              "qpmin=1 qpstep=4 scenecut=0 qpmax=30");
 
-    auto camera = inspect(create_video_encoder(screen, callback::source_type::video, true, profile_type::medium, 8000));
+    // Every key we set is one the plug-in reads (it has a default for it), but the two
+    // kept as they have always been written: a false "cbr" and "buffer_Size".
+    data_handle defaults(obs_encoder_defaults("obs_x264"));
+    for (const auto& [key, value] : extreme.settings.items()) {
+        if (key == "cbr" || key == "buffer_Size")
+            continue;
+        EXPECT_TRUE(obs_data_has_default_value(defaults.get(), key.c_str())) << key << " is not an x264 setting";
+    }
+
+    auto camera = inspect(create_video_encoder(true, profile_type::medium, 8000));
     EXPECT_EQ(camera.id, "obs_x264");
     EXPECT_EQ(camera.settings["bitrate"], 1500);
     EXPECT_EQ(camera.settings["preset"], "veryfast");
@@ -162,29 +171,20 @@ TEST(VideoEncoderObjects, UnregisteredHardwareIdsAreNotOffered)
 
 TEST(AudioEncoderObject, IsAacOnTheGlobalAudio)
 {
-    encoder_handle encoder = create_audio_encoder(Json::object());
+    encoder_handle encoder = create_audio_encoder();
     ASSERT_TRUE(encoder);
     EXPECT_STREQ(obs_encoder_get_id(encoder.get()), "ffmpeg_aac");
     EXPECT_EQ(obs_encoder_audio(encoder.get()), obs_get_audio());
 }
 
-TEST(StreamLevel, ComesFromTheRequestExactly)
-{
-    EXPECT_EQ(profile_from_request(activate_with_options({{"profile", "medium"}})), profile_type::medium);
-    EXPECT_EQ(profile_from_request(activate_with_options({{"profile", "extreme"}})), profile_type::extreme);
-    EXPECT_EQ(profile_from_request(activate_with_options({{"profile", "High"}})), profile_type::low);
-    EXPECT_EQ(profile_from_request(activate_with_options({{"profile", 2}})), profile_type::low);
-    EXPECT_EQ(profile_from_request(Json::object()), profile_type::low);
-}
-
 TEST(StreamFrameSize, LevelDefaultWithNumericOverrides)
 {
     using size = std::pair<int, int>;
-    EXPECT_EQ(target_frame_size(activate_with_options({{"profile", "high"}})), size(1920, 1080));
-    EXPECT_EQ(target_frame_size(activate_with_options(Json::object())), size(854, 480));
-    EXPECT_EQ(target_frame_size(activate_with_options({{"profile", "extreme"}, {"width", "1280"}})), size(3840, 2160));
-    EXPECT_EQ(target_frame_size(activate_with_options({{"profile", "medium"}, {"height", 600}})), size(1280, 600));
-    EXPECT_EQ(target_frame_size(activate_with_options({{"width", 640}, {"height", 360}, {"fps", 60}})), size(640, 360));
+    EXPECT_EQ(target_frame_size(with_options({{"profile", "high"}})), size(1920, 1080));
+    EXPECT_EQ(target_frame_size(with_options(Json::object())), size(854, 480));
+    EXPECT_EQ(target_frame_size(with_options({{"profile", "extreme"}, {"width", "1280"}})), size(3840, 2160));
+    EXPECT_EQ(target_frame_size(with_options({{"profile", "medium"}, {"height", 600}})), size(1280, 600));
+    EXPECT_EQ(target_frame_size(with_options({{"width", 640}, {"height", 360}, {"fps", 60}})), size(640, 360));
 }
 
 TEST(ScaleDimensions, FitsInsideWithoutEnlarging)

@@ -40,15 +40,12 @@ using clock = std::chrono::steady_clock;
 // An activation may take: 5 s for the source's size, then two attempts of 10 s each.
 constexpr auto activation_limit = 26s;
 
-Json activate_request(const std::string& type, const std::string& id, const Json& options,
-                      const std::string& server, const std::string& key)
+/// What the client sends a stream worker for source, the request's options and ingest.
+pipe::stream_order order_for(source_entry source, const Json& options, const std::string& server,
+                             const std::string& key, int bitrate = 1500)
 {
-    return Json{{"id", "activate-1"},
-                {"state", 7},
-                {"payload",
-                 {{"source", {{"type", type}, {"id", id}}},
-                  {"options", options},
-                  {"service", {{"server", server}, {"key", key}}}}}};
+    Json message{{"payload", {{"options", options}, {"service", {{"server", server}, {"key", key}}}}}};
+    return {std::move(source), activate_request::parse(message), bitrate};
 }
 
 bool process_gone(pid_t pid)
@@ -66,14 +63,14 @@ std::unique_ptr<worker> stream_worker()
 }
 
 struct activation {
-    Json result;
+    pipe::stream_result result;
     std::chrono::milliseconds took;
 };
 
-activation activate(worker& media, const Json& request, int bitrate = 1500)
+activation activate(worker& media, const pipe::stream_order& order)
 {
     auto begun = clock::now();
-    Json result = media.call(Json{{"op", "activate"}, {"request", request}, {"bitrate", bitrate}});
+    pipe::stream_result result = media.stream(order);
     return {result, std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begun)};
 }
 
@@ -142,16 +139,16 @@ std::vector<screen_entry>* Streaming::screens_ = nullptr;
 std::vector<window_entry>* Streaming::windows_ = nullptr;
 std::vector<audio_entry>* Streaming::audios_ = nullptr;
 
-TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsOnDeactivate)
+TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsWithItsWorker)
 {
     std::string key = new_key("screen-medium");
     std::string secret_key = key; // must never appear in the worker's log
     test::stderr_capture log;
     auto media = stream_worker();
-    Json request = activate_request("screen", screen(0).id, {{"profile", "medium"}}, ingest_->url(), key);
+    auto order = order_for(screen(0), {{"profile", "medium"}}, ingest_->url(), key);
 
-    auto [result, took] = activate(*media, request);
-    ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    auto [result, took] = activate(*media, order);
+    ASSERT_TRUE(result.started) << result.error;
     std::cout << "[ measured ] screen 1280x720 activation (request to started): " << took.count() << " ms\n";
     RecordProperty("activation_ms", static_cast<int>(took.count()));
     // "started" means sending: the ingest already has the publisher.
@@ -169,7 +166,9 @@ TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsOnDeactivate)
     EXPECT_EQ(live.audio()->sample_rate, 44100);
     EXPECT_EQ(live.audio()->channels, 2);
 
-    EXPECT_TRUE(media->call(Json{{"op", "deactivate"}}).is_null());
+    // A worker carries one stream for its life.
+    EXPECT_THROW(media->stream(order), std::runtime_error);
+    EXPECT_TRUE(media->shutdown());
     EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
 
     // The recording holds both tracks, and the screen's picture rather than a black frame.
@@ -186,10 +185,9 @@ TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsOnDeactivate)
     auto [darkest, brightest] = std::minmax_element(frame.begin(), frame.end());
     EXPECT_GT(*brightest - *darkest, 40) << "the picture is flat: the screen was not captured";
 
-    media->shutdown();
     std::string text = log.text();
-    // The request is logged whole, with the stream key masked.
-    EXPECT_NE(text.find(json::dump(json::redacted(request))), std::string::npos);
+    // The order is logged whole, with the stream key masked.
+    EXPECT_NE(text.find(json::dump(json::redacted(order.to_json()))), std::string::npos);
     EXPECT_NE(text.find("\"key\":\"***\""), std::string::npos);
     EXPECT_EQ(text.find(secret_key), std::string::npos) << "the stream key reached the log";
     EXPECT_EQ(log.count_lines_starting(software_fallback_line), 0);
@@ -213,20 +211,18 @@ class StreamSize : public Streaming, public ::testing::WithParamInterface<size_c
 TEST_P(StreamSize, VideoArrivesAtTheLevelsSizeFittedToTheSource)
 {
     const size_case& c = GetParam();
+    auto order = order_for(screen(c.screen), c.options, ingest_->url(), new_key(c.name));
+    auto target = target_frame_size(order.request);
     auto [width, height] = scale_dimensions(static_cast<int>(screen(c.screen).width),
-                                            static_cast<int>(screen(c.screen).height),
-                                            target_frame_size(Json{{"payload", {{"options", c.options}}}}).first,
-                                            target_frame_size(Json{{"payload", {{"options", c.options}}}}).second);
+                                            static_cast<int>(screen(c.screen).height), target.first, target.second);
     // Encoded frames are a multiple of 4 wide and of 2 high.
     ASSERT_EQ(width & ~3, c.width);
     ASSERT_EQ(height & ~1, c.height);
 
-    std::string key = new_key(c.name);
     auto media = stream_worker();
-    auto [result, took] = activate(*media, activate_request("screen", screen(c.screen).id, c.options,
-                                                            ingest_->url(), key));
-    ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
-    auto live = ingest_->probe_live(key, 15s);
+    auto [result, took] = activate(*media, order);
+    ASSERT_TRUE(result.started) << result.error;
+    auto live = ingest_->probe_live(order.request.key, 15s);
     ASSERT_TRUE(live.error.empty()) << live.error;
     ASSERT_NE(live.video(), nullptr);
     EXPECT_EQ(live.video()->codec_name, "h264");
@@ -249,10 +245,8 @@ TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
 {
     std::string key = new_key("microphone");
     auto media = stream_worker();
-    auto [result, took] = activate(*media, activate_request("audio", microphone().id, {{"profile", "high"}},
-                                                            ingest_->url(), key),
-                                   8000);
-    ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    auto [result, took] = activate(*media, order_for(microphone(), {{"profile", "high"}}, ingest_->url(), key, 8000));
+    ASSERT_TRUE(result.started) << result.error;
     std::cout << "[ measured ] audio device activation: " << took.count() << " ms\n";
     auto live = ingest_->probe_live(key, 15s);
     ASSERT_TRUE(live.error.empty()) << live.error;
@@ -277,9 +271,8 @@ TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
 
     std::string key = new_key("window");
     auto media = stream_worker();
-    auto [result, took] = activate(*media, activate_request("window", entry->id, {{"profile", "medium"}},
-                                                            ingest_->url(), key));
-    ASSERT_TRUE(json::bool_at(result, {"started"})) << json::dump(result);
+    auto [result, took] = activate(*media, order_for(*entry, {{"profile", "medium"}}, ingest_->url(), key));
+    ASSERT_TRUE(result.started) << result.error;
     std::cout << "[ measured ] window activation: " << took.count() << " ms\n";
     auto live = ingest_->probe_live(key, 15s);
     ASSERT_TRUE(live.error.empty()) << live.error;
@@ -310,13 +303,10 @@ TEST_F(Streaming, ServersThatTakeNoStreamFailWithinTheBoundAfterOneSoftwareRetry
         std::string key = new_key("refused");
         test::stderr_capture log;
         auto media = stream_worker();
-        auto [result, took] =
-            activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}}, bad.server, key));
-        std::cout << "[ measured ] refused (" << bad.what << "): " << took.count() << " ms, "
-                  << json::string_at(result, {"error"}) << "\n";
-        EXPECT_FALSE(json::bool_at(result, {"started"}));
-        std::string error = json::string_at(result, {"error"});
-        EXPECT_EQ(error.rfind(bad.expected_error, 0), 0u) << error;
+        auto [result, took] = activate(*media, order_for(screen(0), {{"profile", "low"}}, bad.server, key));
+        std::cout << "[ measured ] refused (" << bad.what << "): " << took.count() << " ms, " << result.error << "\n";
+        EXPECT_FALSE(result.started);
+        EXPECT_EQ(result.error.rfind(bad.expected_error, 0), 0u) << result.error;
         EXPECT_LT(took, activation_limit);
         EXPECT_FALSE(ingest_->publishing(key));
         // The worker carries on after a failed start.
@@ -343,53 +333,14 @@ TEST_F(Streaming, AServerThatNeverAnswersFailsWithinTheBound)
 
     test::stderr_capture log;
     auto media = stream_worker();
-    auto [result, took] =
-        activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}}, server, new_key("silent")));
-    std::cout << "[ measured ] silent server: " << took.count() << " ms, " << json::string_at(result, {"error"})
-              << "\n";
-    EXPECT_FALSE(json::bool_at(result, {"started"}));
-    EXPECT_EQ(json::string_at(result, {"error"}), "rtmp connect timed out");
+    auto [result, took] = activate(*media, order_for(screen(0), {{"profile", "low"}}, server, new_key("silent")));
+    std::cout << "[ measured ] silent server: " << took.count() << " ms, " << result.error << "\n";
+    EXPECT_FALSE(result.started);
+    EXPECT_EQ(result.error, "rtmp connect timed out");
     EXPECT_LT(took, 2 * output_start_limit + 3s);
     media->shutdown();
     ::close(listener);
     EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1);
-}
-
-TEST_F(Streaming, UnknownSourcesAreRefusedWithAReason)
-{
-    test::stderr_capture log;
-    auto media = stream_worker();
-    auto unknown_id = activate(*media, activate_request("screen", "no-such-screen", {{"profile", "medium"}},
-                                                        ingest_->url(), new_key("unknown")));
-    EXPECT_EQ(unknown_id.result, Json({{"started", false}, {"error", "source not found"}}));
-    auto unknown_type = activate(*media, activate_request("hologram", screen(0).id, {{"profile", "medium"}},
-                                                          ingest_->url(), new_key("unknown")));
-    EXPECT_EQ(unknown_type.result, Json({{"started", false}, {"error", "unknown source type"}}));
-    // Nothing was tried, so there is nothing to fall back from; the worker still serves.
-    EXPECT_FALSE(media->list_screens().empty());
-    media->shutdown();
-    EXPECT_EQ(log.count_lines_starting(software_fallback_line), 0);
-}
-
-TEST_F(Streaming, ASecondActivationReplacesTheFirstStream)
-{
-    std::string first = new_key("first");
-    std::string second = new_key("second");
-    auto media = stream_worker();
-    ASSERT_TRUE(json::bool_at(activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}},
-                                                                ingest_->url(), first))
-                                  .result,
-                              {"started"}));
-    ASSERT_TRUE(json::bool_at(activate(*media, activate_request("screen", screen(1).id, {{"profile", "low"}},
-                                                                ingest_->url(), second))
-                                  .result,
-                              {"started"}));
-    EXPECT_TRUE(ingest_->wait_until_not_publishing(first, 5s));
-    EXPECT_TRUE(ingest_->publishing(second));
-    auto live = ingest_->probe_live(second, 15s);
-    ASSERT_NE(live.video(), nullptr) << live.error;
-    EXPECT_EQ(live.video()->width, 640); // 1024x768 fitted into 854x480
-    EXPECT_EQ(live.video()->height, 480);
 }
 
 TEST_F(Streaming, AStreamComesBackWhenItsIngestRestarts)
@@ -399,14 +350,12 @@ TEST_F(Streaming, AStreamComesBackWhenItsIngestRestarts)
     int port = first->rtmp_port();
     auto media = stream_worker();
     std::mutex mutex;
-    std::vector<Json> events;
-    media->set_event_handler([&](const Json& event) {
+    std::vector<std::string> events;
+    media->set_event_handler([&](const std::string& event, const std::string& reason) {
         std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(event);
+        events.push_back(event + ": " + reason);
     });
-    ASSERT_TRUE(json::bool_at(
-        activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}}, first->url(), key)).result,
-        {"started"}));
+    ASSERT_TRUE(activate(*media, order_for(screen(0), {{"profile", "low"}}, first->url(), key)).result.started);
 
     // The ingest goes away mid-stream and comes back on the same address: the stream
     // reconnects by itself (every 3 s, without limit) and is not reported as stopped.
@@ -418,7 +367,7 @@ TEST_F(Streaming, AStreamComesBackWhenItsIngestRestarts)
     EXPECT_EQ(live.video()->width, 852);
     {
         std::lock_guard<std::mutex> lock(mutex);
-        EXPECT_TRUE(events.empty()) << json::dump(events);
+        EXPECT_TRUE(events.empty()) << events.front();
     }
     media->shutdown();
     EXPECT_TRUE(second.wait_until_not_publishing(key, 5s));
@@ -429,10 +378,7 @@ TEST_F(Streaming, ShuttingTheWorkerDownStopsTheStreamAndLeavesNoProcess)
     std::string key = new_key("shutdown");
     auto media = stream_worker();
     pid_t pid = media->pid();
-    ASSERT_TRUE(json::bool_at(activate(*media, activate_request("screen", screen(0).id, {{"profile", "low"}},
-                                                                ingest_->url(), key))
-                                  .result,
-                              {"started"}));
+    ASSERT_TRUE(activate(*media, order_for(screen(0), {{"profile", "low"}}, ingest_->url(), key)).result.started);
     ASSERT_TRUE(ingest_->publishing(key));
 
     auto begun = clock::now();
@@ -456,9 +402,9 @@ TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
     options.video.reset(); // as a stream worker starts
     runtime libobs(options);
     output stream;
-    Json request = activate_request("screen", "made-up", {{"profile", "medium"}}, "rtmp://127.0.0.1:1/live", "k");
+    screen_entry made_up(9, "Display 10", "", 0, 0, 0, 0);
     auto begun = clock::now();
-    EXPECT_FALSE(stream.start(request, Json{{"index", 9}}, 1500));
+    EXPECT_FALSE(stream.start(order_for(made_up, {{"profile", "medium"}}, "rtmp://127.0.0.1:1/live", "k")));
     auto took = clock::now() - begun;
     EXPECT_EQ(stream.error(), "source has no size");
     EXPECT_GE(took, source_size_limit);

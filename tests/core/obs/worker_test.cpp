@@ -26,13 +26,6 @@ using namespace std::chrono_literals;
 
 [[maybe_unused]] auto* const environment = ::testing::AddGlobalTestEnvironment(new test::media_environment);
 
-Json activate_request(const std::string& type, const std::string& id)
-{
-    return Json{{"id", "activate"},
-                {"state", 1},
-                {"payload", {{"source", {{"type", type}, {"id", id}}}, {"options", {{"profile", "medium"}}}}}};
-}
-
 bool process_gone(pid_t pid)
 {
     auto children = test::child_pids();
@@ -132,28 +125,6 @@ TEST_F(Catalogue, ListsNoCameraWithoutVideoDevices)
     EXPECT_TRUE(worker_->list_videos().empty());
 }
 
-TEST_F(Catalogue, FindsEveryListedEntryAgainByTypeAndId)
-{
-    auto check = [&](const Json& listed, const std::string& type) {
-        for (const auto& entry : listed) {
-            std::string id = entry["id"];
-            EXPECT_EQ(worker_->get_source_info(activate_request(type, id)), entry) << type << " " << id;
-            std::string upper = type;
-            std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-            EXPECT_EQ(worker_->get_source_info(activate_request(upper, id)), entry) << upper << " " << id;
-        }
-    };
-    check(to_json(worker_->list_screens()), "screen");
-    check(to_json(worker_->list_windows()), "window");
-    check(to_json(worker_->list_audios()), "audio");
-
-    std::string screen_id = worker_->list_screens().at(0).id;
-    EXPECT_EQ(worker_->get_source_info(activate_request("screen", "no-such-id")), Json::object());
-    EXPECT_EQ(worker_->get_source_info(activate_request("camera", screen_id)), Json::object());
-    EXPECT_EQ(worker_->get_source_info(activate_request("window", screen_id)), Json::object());
-    EXPECT_EQ(worker_->get_source_info(Json::object()), Json::object());
-}
-
 TEST_F(Catalogue, AnErrorReachesTheCallerAndTheWorkerStaysUsable)
 {
     try {
@@ -220,7 +191,6 @@ TEST(WorkerProcess, AKilledWorkerFailsCallsAtOnce)
     EXPECT_EQ(reason.get(), "killed by signal SIGKILL");
     EXPECT_FALSE(victim.alive());
     EXPECT_THROW(victim.list_screens(), std::runtime_error);
-    EXPECT_THROW(victim.get_source_info(activate_request("screen", "x")), std::runtime_error);
     EXPECT_FALSE(victim.shutdown());
     EXPECT_TRUE(process_gone(pid));
 }
@@ -279,7 +249,7 @@ TEST(WorkerProcess, StandardOutputCarriesOnlyProtocolLines)
     for (std::size_t start = 0, end; (end = output.find('\n', start)) != std::string::npos; start = end + 1)
         lines.push_back(json::parse(output.substr(start, end - start)));
     ASSERT_EQ(lines.size(), 5u) << output;
-    EXPECT_EQ(lines[0], Json({{"ready", true}}));
+    EXPECT_EQ(lines[0], Json({{"ok", true}, {"result", nullptr}}));
     EXPECT_EQ(lines[1]["result"].size(), 2u);
     EXPECT_TRUE(json::bool_at(lines[2], {"ok"}));
     EXPECT_FALSE(json::bool_at(lines[3], {"ok"}));
@@ -305,31 +275,31 @@ protected:
 
 TEST_F(ScriptedWorker, EventLinesGoToTheEventHandlerNotToTheCall)
 {
-    std::string path = script("echo '{\"ready\":true}'\n"
+    std::string path = script("echo '{\"ok\":true}'\n"
                               "while read line; do\n"
-                              "  echo '{\"event\":\"stopped\",\"source\":\"abc\"}'\n"
+                              "  echo '{\"event\":\"stopped\",\"error\":\"rtmp disconnected\"}'\n"
                               "  echo '{\"ok\":true,\"result\":[]}'\n"
                               "done\n");
     ::setenv("ORBWEAVE_MEDIA_WORKER", path.c_str(), 1);
     worker scripted; // found through ORBWEAVE_MEDIA_WORKER
     ::unsetenv("ORBWEAVE_MEDIA_WORKER");
-    std::promise<Json> event;
+    std::promise<std::string> event;
     bool first = true; // only touched on the reader thread
-    scripted.set_event_handler([&](const Json& line) {
+    scripted.set_event_handler([&](const std::string& name, const std::string& reason) {
         if (std::exchange(first, false))
-            event.set_value(line);
+            event.set_value(name + ": " + reason);
     });
     EXPECT_TRUE(scripted.list_screens().empty());
     auto got = event.get_future();
     ASSERT_EQ(got.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(got.get(), Json({{"event", "stopped"}, {"source", "abc"}}));
+    EXPECT_EQ(got.get(), "stopped: rtmp disconnected");
     EXPECT_TRUE(scripted.list_windows().empty()) << "replies fell out of step";
 }
 
 TEST_F(ScriptedWorker, AWorkerThatIgnoresShutdownIsKilled)
 {
     worker::options options;
-    options.executable = script("echo '{\"ready\":true}'\nexec sleep 600\n");
+    options.executable = script("echo '{\"ok\":true}'\nexec sleep 600\n");
     options.shutdown_timeout = 300ms;
     pid_t pid;
     {
@@ -342,7 +312,7 @@ TEST_F(ScriptedWorker, AWorkerThatIgnoresShutdownIsKilled)
 TEST_F(ScriptedWorker, DyingDuringACallFailsThatCall)
 {
     worker::options options;
-    options.executable = script("echo '{\"ready\":true}'\nread line\nexit 4\n");
+    options.executable = script("echo '{\"ok\":true}'\nread line\nexit 4\n");
     worker scripted(options);
     try {
         scripted.list_screens();

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <thread>
 
-namespace orbweave::agent {
+namespace orbweave {
 
 /// Runs tasks one at a time, in order, on a thread of its own.
 class serial_executor {
@@ -30,4 +30,4 @@ private:
     std::thread thread_;
 };
 
-} // namespace orbweave::agent
+} // namespace orbweave

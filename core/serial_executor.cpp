@@ -1,8 +1,8 @@
-#include "agent/serial_executor.hpp"
+#include "core/serial_executor.hpp"
 
 #include "core/log.hpp"
 
-namespace orbweave::agent {
+namespace orbweave {
 
 serial_executor::serial_executor()
     : thread_(&serial_executor::run, this)
@@ -44,12 +44,15 @@ void serial_executor::run()
             task = std::move(tasks_.front());
             tasks_.pop_front();
         }
+        // Nothing may leave the thread: one failed task must not end the others.
         try {
             task();
         } catch (const std::exception& error) {
-            log::line("A permission answer failed: ", error.what());
+            log::line("A background task failed: ", error.what());
+        } catch (...) {
+            log::line("A background task failed");
         }
     }
 }
 
-} // namespace orbweave::agent
+} // namespace orbweave

@@ -1,0 +1,92 @@
+#pragma once
+
+// The pipe between the client and a media worker process: one JSON object per
+// line each way. The client sends requests and the worker answers each in order;
+// the worker may also send unsolicited event lines between replies.
+//
+//   start-up          -> {"ok":true} | {"ok":false,"error":"..."}
+//   {"op":"list_screens"|"list_windows"|"list_audios"|"list_videos"}
+//                     -> {"ok":true,"result":[entry, ...]}
+//   {"op":"stream","order":<stream_order>}
+//                     -> {"ok":true,"result":{"started":true} | {"started":false,"error":"..."}}
+//                        (once per worker: a stream worker carries one stream for its life)
+//   {"op":"stats"}    -> {"ok":true,"result":{frame counters}} (read-only, for benchmarks)
+//   {"op":"shutdown"} or end of input
+//                     -> {"ok":true,"result":{"leaks":<libobs allocations left>}}, exit 0
+//   anything failing  -> {"ok":false,"error":"..."}; the worker carries on
+//   event             <- {"event":"stopped","error":"..."}: the stream ended by itself
+//
+// Each side reads a line into one of the types below where it arrives.
+
+#include "core/json.hpp"
+#include "core/obs/entries.hpp"
+#include "core/obs/requests.hpp"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace orbweave::obs::pipe {
+
+namespace op {
+inline constexpr const char* list_screens = "list_screens";
+inline constexpr const char* list_windows = "list_windows";
+inline constexpr const char* list_audios = "list_audios";
+inline constexpr const char* list_videos = "list_videos";
+inline constexpr const char* stream = "stream";
+inline constexpr const char* stats = "stats";
+inline constexpr const char* shutdown = "shutdown";
+} // namespace op
+
+/// The event a worker sends when its stream ends without being asked to.
+inline constexpr const char* stopped_event = "stopped";
+
+/// A stream worker's one job: the catalogue entry the client looked up, what the
+/// request asks of it, and the measured uplink bitrate (kbps).
+struct stream_order {
+    source_entry source;
+    activate_request request;
+    int bitrate = 0;
+
+    Json to_json() const;
+    /// none when the source entry is missing or names no kind.
+    static std::optional<stream_order> from_json(const Json& value);
+};
+
+/// What became of a stream order.
+struct stream_result {
+    bool started = false;
+    /// Why it did not start: a short reason.
+    std::string error;
+
+    Json to_json() const;
+    static stream_result from_json(const Json& value);
+};
+
+/// A request line as the worker reads it.
+struct request_line {
+    std::string op;
+    Json body; ///< the whole object (null when the line is not a JSON object)
+
+    static request_line parse(std::string_view text);
+};
+
+/// A line from a worker as the client reads it: a reply or an event.
+struct worker_line {
+    enum class kind { reply, event, invalid };
+    kind type = kind::invalid;
+    bool ok = false;      ///< reply: whether the request succeeded
+    Json result;          ///< reply: the result when ok
+    std::string error;    ///< reply: why not ok; event: its reason
+    std::string event;    ///< event: its name
+
+    static worker_line parse(std::string_view text);
+};
+
+/// {"ok":true,"result":result} and {"ok":false,"error":error}.
+Json ok_reply(Json result);
+Json error_reply(const std::string& error);
+/// {"event":name,"error":error}.
+Json event_line(const char* name, const std::string& error);
+
+} // namespace orbweave::obs::pipe

@@ -1,0 +1,62 @@
+#include "media/tcp_sockets.hpp"
+
+#include <dirent.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+namespace orbweave::obs {
+
+namespace {
+
+/// This process's TCP sockets: descriptor and inode.
+std::vector<std::pair<int, ino_t>> tcp_sockets()
+{
+    std::vector<std::pair<int, ino_t>> sockets;
+    DIR* directory = ::opendir("/proc/self/fd");
+    if (!directory)
+        return sockets;
+    int own = ::dirfd(directory);
+    while (dirent* item = ::readdir(directory)) {
+        char* end = nullptr;
+        long fd = std::strtol(item->d_name, &end, 10);
+        if (end == item->d_name || *end != '\0' || fd == own)
+            continue;
+        struct stat status;
+        if (::fstat(static_cast<int>(fd), &status) < 0 || !S_ISSOCK(status.st_mode))
+            continue;
+        int domain = 0, type = 0;
+        socklen_t length = sizeof domain;
+        if (::getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_DOMAIN, &domain, &length) < 0)
+            continue;
+        length = sizeof type;
+        if (::getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_TYPE, &type, &length) < 0)
+            continue;
+        if ((domain == AF_INET || domain == AF_INET6) && type == SOCK_STREAM)
+            sockets.emplace_back(static_cast<int>(fd), status.st_ino);
+    }
+    ::closedir(directory);
+    return sockets;
+}
+
+} // namespace
+
+std::vector<ino_t> tcp_socket_inodes()
+{
+    std::vector<ino_t> inodes;
+    for (const auto& socket : tcp_sockets())
+        inodes.push_back(socket.second);
+    return inodes;
+}
+
+void interrupt_connections_since(const std::vector<ino_t>& before)
+{
+    for (const auto& [fd, inode] : tcp_sockets())
+        if (std::find(before.begin(), before.end(), inode) == before.end())
+            ::shutdown(fd, SHUT_RDWR);
+}
+
+} // namespace orbweave::obs

@@ -1,0 +1,22 @@
+#pragma once
+
+// This process's TCP sockets, found through /proc/self/fd. libobs's RTMP output
+// cannot be stopped while it connects (stopping joins its connect thread), and a
+// server that accepts the connection and never answers holds that thread in a
+// blocking read for half a minute; shutting the stream's socket down ends the read
+// at once, and the connection then fails the ordinary way.
+
+#include <sys/types.h>
+
+#include <vector>
+
+namespace orbweave::obs {
+
+/// The inodes of this process's TCP sockets (IPv4 and IPv6).
+std::vector<ino_t> tcp_socket_inodes();
+
+/// Shuts down every TCP socket of this process not in before. A worker carries one
+/// stream, so the sockets made since it started connecting are that stream's.
+void interrupt_connections_since(const std::vector<ino_t>& before);
+
+} // namespace orbweave::obs
