@@ -10,6 +10,7 @@
 #include <obs.h>
 
 #include <algorithm>
+#include <optional>
 #include <thread>
 
 namespace orbweave::obs {
@@ -102,6 +103,10 @@ struct output::watch {
     bool activated = false;
     bool stopped = false;
     bool stop_requested = false;
+    // Since when libobs has been reconnecting (none while connected).
+    std::optional<clock::time_point> reconnecting_since;
+    bool watchdog_closing = false;
+    std::string gave_up; // why the watchdog ended the stream
     long long code = 0;
     std::string last_error;
     stopped_handler on_stopped;
@@ -112,6 +117,8 @@ struct output::watch {
         signal_handler_t* signals = obs_output_get_signal_handler(output);
         signal_handler_connect(signals, "activate", &watch::on_activate, this);
         signal_handler_connect(signals, "stop", &watch::on_stop, this);
+        signal_handler_connect(signals, "reconnect", &watch::on_reconnect, this);
+        signal_handler_connect(signals, "reconnect_success", &watch::on_reconnect_success, this);
         connected = output;
     }
 
@@ -123,6 +130,8 @@ struct output::watch {
         signal_handler_t* signals = obs_output_get_signal_handler(connected);
         signal_handler_disconnect(signals, "activate", &watch::on_activate, this);
         signal_handler_disconnect(signals, "stop", &watch::on_stop, this);
+        signal_handler_disconnect(signals, "reconnect", &watch::on_reconnect, this);
+        signal_handler_disconnect(signals, "reconnect_success", &watch::on_reconnect_success, this);
         connected = nullptr;
     }
 
@@ -132,6 +141,27 @@ struct output::watch {
         {
             std::lock_guard<std::mutex> lock(self->mutex);
             self->activated = true;
+        }
+        self->changed.notify_all();
+    }
+
+    static void on_reconnect(void* data, calldata_t*) noexcept
+    {
+        auto* self = static_cast<watch*>(data);
+        {
+            std::lock_guard<std::mutex> lock(self->mutex);
+            if (!self->reconnecting_since)
+                self->reconnecting_since = clock::now();
+        }
+        self->changed.notify_all();
+    }
+
+    static void on_reconnect_success(void* data, calldata_t*) noexcept
+    {
+        auto* self = static_cast<watch*>(data);
+        {
+            std::lock_guard<std::mutex> lock(self->mutex);
+            self->reconnecting_since.reset();
         }
         self->changed.notify_all();
     }
@@ -150,7 +180,7 @@ struct output::watch {
             // A stream that was sending and stops without being asked to.
             if (self->activated && !self->stop_requested && self->on_stopped) {
                 handler = std::move(self->on_stopped);
-                reason = describe_stop(self->code, self->last_error);
+                reason = self->gave_up.empty() ? describe_stop(self->code, self->last_error) : self->gave_up;
             }
         } catch (...) {
             // Called from libobs (C): nothing may escape.
@@ -165,7 +195,7 @@ struct output::watch {
     }
 };
 
-output::output() = default;
+output::output(std::chrono::milliseconds outage_limit) : outage_limit_(outage_limit) {}
 
 output::~output()
 {
@@ -211,8 +241,47 @@ bool output::stop()
     return stopped;
 }
 
+void output::watch_outage()
+{
+    std::unique_lock<std::mutex> lock(watch_->mutex);
+    for (;;) {
+        if (watch_->watchdog_closing || watch_->stopped)
+            return;
+        if (!watch_->reconnecting_since) {
+            watch_->changed.wait(lock);
+            continue;
+        }
+        auto until = *watch_->reconnecting_since + outage_limit_;
+        if (clock::now() >= until)
+            break;
+        watch_->changed.wait_until(lock, until);
+    }
+    watch_->gave_up = "rtmp disconnected: the ingest did not come back within " +
+                      std::to_string(outage_limit_.count()) + " ms";
+    lock.unlock();
+    log::line("media: ", watch_->gave_up);
+    // Not a stop we were asked for: the "stop" signal reports it as the stream's end,
+    // or, should libobs not send one for an output between attempts, we do.
+    obs_output_force_stop(output_.get());
+    stopped_handler handler;
+    lock.lock();
+    if (!watch_->stop_requested)
+        handler = std::move(watch_->on_stopped);
+    lock.unlock();
+    if (handler)
+        handler(watch_->gave_up);
+}
+
 void output::release()
 {
+    if (watchdog_.joinable()) {
+        {
+            std::lock_guard<std::mutex> lock(watch_->mutex);
+            watch_->watchdog_closing = true;
+        }
+        watch_->changed.notify_all();
+        watchdog_.join();
+    }
     stop();
     if (watch_)
         watch_->disconnect();
@@ -465,6 +534,7 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
     scene_ = std::move(scene);
     watch_ = std::move(observed);
     started_ = true;
+    watchdog_ = std::thread([this] { watch_outage(); });
     return true;
 }
 

@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -37,14 +38,19 @@ inline constexpr std::chrono::seconds source_size_limit{5};
 inline constexpr std::chrono::seconds output_start_limit{10};
 /// How long a stopping output may take to report that it stopped.
 inline constexpr std::chrono::seconds output_stop_limit{10};
+/// How long a stream may keep reconnecting to an ingest that has gone before it ends
+/// (libobs itself would retry without end, and the service would see a source that
+/// streams nowhere). Ingest restarts and short network drops stay well inside it.
+inline constexpr std::chrono::seconds ingest_outage_limit{60};
 
 class output {
 public:
-    /// Called once, on a libobs thread, when an active stream stops without being asked
-    /// to (its retries used up or the output failing), with the reason.
+    /// Called once, on a libobs thread or the outage watchdog's, when an active stream stops
+    /// without being asked to (its ingest gone for longer than the outage limit, or the
+    /// output failing), with the reason.
     using stopped_handler = std::function<void(const std::string& error)>;
 
-    output();
+    explicit output(std::chrono::milliseconds outage_limit = ingest_outage_limit);
     /// Stops the stream (waiting at most output_stop_limit for the output to stop) and
     /// releases everything it holds.
     ~output();
@@ -95,6 +101,8 @@ private:
                  bool with_audio, bool software);
     /// Makes sure the canvas is width x height at the stream frame rate.
     bool ensure_video(int width, int height);
+    /// The watchdog's thread: ends the stream once it has been reconnecting for the outage limit.
+    void watch_outage();
     void release();
 
     // Declared in this order; released in reverse order of declaration after the output.
@@ -106,6 +114,8 @@ private:
     scene_handle scene_;
 
     std::unique_ptr<watch> watch_;
+    std::chrono::milliseconds outage_limit_;
+    std::thread watchdog_;
     // The process's TCP sockets before the output started: any other is the stream's.
     std::vector<ino_t> sockets_before_;
     std::string error_;

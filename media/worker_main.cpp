@@ -3,11 +3,12 @@
 // requests are in core/obs/pipe_protocol.hpp). "stats" answers read-only frame
 // counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
-//   orbweave-media-worker [--defer-video | --canvas WxH@FPS]
+//   orbweave-media-worker [--defer-video | --canvas WxH@FPS] [--ingest-outage-limit-ms N]
 //
 // --defer-video starts without a video canvas, for a stream worker that sets the
 // canvas once at its final size; --canvas sets the start-up canvas (default: the
-// listing worker's small placeholder). ORBWEAVE_OBS_LOG=error|warning|info|debug sets
+// listing worker's small placeholder); --ingest-outage-limit-ms sets how long a stream may
+// keep reconnecting to a vanished ingest before it ends (default 60 s). ORBWEAVE_OBS_LOG=error|warning|info|debug sets
 // how much of libobs's log reaches standard error (default warning).
 
 #include "core/log.hpp"
@@ -65,11 +66,16 @@ int main(int argc, char** argv)
     ::signal(SIGPIPE, SIG_IGN);
 
     obs::runtime_options options;
+    std::chrono::milliseconds outage_limit = obs::ingest_outage_limit;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         obs::canvas canvas;
+        long long milliseconds = 0;
         if (arg == "--defer-video")
             options.video.reset();
+        else if (arg == "--ingest-outage-limit-ms" && i + 1 < argc &&
+                 std::sscanf(argv[i + 1], "%lld", &milliseconds) == 1 && milliseconds > 0)
+            outage_limit = std::chrono::milliseconds(milliseconds), ++i;
         else if (arg == "--canvas" && i + 1 < argc &&
                  std::sscanf(argv[i + 1], "%ux%u@%u", &canvas.width, &canvas.height, &canvas.fps) == 3)
             options.video = canvas, ++i;
@@ -99,13 +105,13 @@ int main(int argc, char** argv)
 
     // The one stream this worker carries, once started. Stopped before libobs shuts down.
     std::unique_ptr<obs::output> stream;
-    loop.on(op::stream, [&stream, &writer](const Json& request) {
+    loop.on(op::stream, [&stream, &writer, outage_limit](const Json& request) {
         std::optional<obs::pipe::stream_order> order = obs::pipe::stream_order::from_json(json::at(request, {"order"}));
         if (!order)
             throw std::invalid_argument("the stream order names no source");
         if (stream)
             throw std::logic_error("this worker already carries a stream");
-        auto started = std::make_unique<obs::output>();
+        auto started = std::make_unique<obs::output>(outage_limit);
         started->set_stopped_handler([&writer](const std::string& error) {
             writer.send(obs::pipe::event_line(obs::pipe::stopped_event, error));
         });

@@ -35,6 +35,9 @@ public:
         std::chrono::milliseconds call_timeout{60000};
         /// How long an orderly shutdown may take before the worker is killed.
         std::chrono::milliseconds shutdown_timeout{10000};
+        /// How long a stream may keep reconnecting to a vanished ingest before it ends;
+        /// zero keeps the worker's own default (60 s).
+        std::chrono::milliseconds ingest_outage_limit{0};
     };
 
     /// Starts a listing worker and returns once it is ready; throws

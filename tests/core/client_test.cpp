@@ -206,6 +206,35 @@ TEST(KeepAlive, PingsGoToTheLatestLinkAtTheInterval)
     EXPECT_LE(on_second, static_cast<std::size_t>(elapsed / interval) + 2);
 }
 
+TEST(Dispatch, AHandlerThatThrowsCostsOnlyItsLinkAndTheClientReconnects)
+{
+    sim::service_sim service;
+    client_harness app(service);
+    std::atomic<int> codes{0};
+    // The application's code callback fails on the first code: the "code" handler throws.
+    app.client().set_new_code_handler([&](std::string) {
+        if (codes++ == 0)
+            throw std::runtime_error("the interface fell over");
+    });
+    test::stderr_capture log;
+    app.start();
+
+    auto first = service.wait_for_connection(deadline);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(service.wait_for_disconnect(deadline), first) << "the failed link was not closed";
+    auto second = service.wait_for_connection(deadline);
+    ASSERT_TRUE(second) << "the client did not reconnect";
+    ASSERT_TRUE(service.wait_for_code(deadline));
+    ASSERT_TRUE(service.wait_for_code(deadline));
+    // The new link works: the second code reached the application (an identify is the barrier).
+    auto barrier = service.identify();
+    ASSERT_TRUE(barrier);
+    ASSERT_TRUE(service.wait_for_reply(*barrier, deadline));
+    EXPECT_EQ(codes.load(), 2);
+    EXPECT_EQ(service.connections(), std::vector<wss::connection_id>{*second});
+    EXPECT_EQ(log.count_lines_starting("The handler of \"code\" failed: the interface fell over"), 1);
+}
+
 TEST(Lifecycle, AnyOrderOfStartStopAndJoinIsSafe)
 {
     sim::service_sim service;

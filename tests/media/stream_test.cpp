@@ -14,9 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <X11/Xlib.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <signal.h>
 
@@ -27,7 +24,10 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <condition_variable>
+#include <cstdio>
 #include <sstream>
+#include <thread>
 
 namespace orbweave::obs {
 namespace {
@@ -319,17 +319,8 @@ TEST_F(Streaming, ServersThatTakeNoStreamFailWithinTheBoundAfterOneSoftwareRetry
 
 TEST_F(Streaming, AServerThatNeverAnswersFailsWithinTheBound)
 {
-    // A loopback listener that accepts connections (the kernel completes them) and never speaks.
-    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(listener, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(listener, 8), 0);
-    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    std::string server = "rtmp://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/live";
+    test::silent_server silent;
+    std::string server = silent.url();
 
     test::stderr_capture log;
     auto media = stream_worker();
@@ -339,7 +330,6 @@ TEST_F(Streaming, AServerThatNeverAnswersFailsWithinTheBound)
     EXPECT_EQ(result.error, "rtmp connect timed out");
     EXPECT_LT(took, 2 * output_start_limit + 3s);
     media->shutdown();
-    ::close(listener);
     EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1);
 }
 
@@ -392,6 +382,117 @@ TEST_F(Streaming, ShuttingTheWorkerDownStopsTheStreamAndLeavesNoProcess)
     EXPECT_TRUE(process_gone(pid));
     EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
     media.reset();
+}
+
+/// Flips the X root window between black and white every 700 ms: hard cuts 21 frames apart
+/// (beyond the encoder's look-ahead, so none is taken for a flash).
+class hard_cuts {
+public:
+    hard_cuts()
+        : thread_([this] {
+              Display* display = XOpenDisplay(nullptr);
+              if (!display)
+                  return;
+              Window root = DefaultRootWindow(display);
+              std::unique_lock<std::mutex> lock(mutex_);
+              for (bool white = true; !stop_; white = !white) {
+                  XSetWindowBackground(display, root, white ? WhitePixel(display, 0) : BlackPixel(display, 0));
+                  XClearWindow(display, root);
+                  XFlush(display);
+                  changed_.wait_for(lock, 700ms, [this] { return stop_; });
+              }
+              XSetWindowBackground(display, root, BlackPixel(display, 0));
+              XClearWindow(display, root);
+              XCloseDisplay(display);
+          })
+    {
+    }
+    ~hard_cuts()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+struct video_frame {
+    double time;
+    long long bytes;
+    bool key;
+    char type; ///< 'I', 'P' or 'B'
+};
+
+/// The video frames of the first `seconds` of a live stream, as ffprobe decodes them.
+std::vector<video_frame> video_frames(const std::string& url, int seconds)
+{
+    std::string text = test::run_program({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                          "frame=key_frame,pts_time,pkt_size,pict_type", "-of", "csv=p=0",
+                                          "-read_intervals", "%+" + std::to_string(seconds), url},
+                                         std::chrono::seconds(seconds + 20));
+    std::vector<video_frame> frames;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        video_frame frame{};
+        int key = 0;
+        if (std::sscanf(line.c_str(), "%d,%lf,%lld,%c", &key, &frame.time, &frame.bytes, &frame.type) == 4) {
+            frame.key = key != 0;
+            frames.push_back(frame);
+        }
+    }
+    return frames;
+}
+
+TEST_F(Streaming, X264SettingsTakeEffect)
+{
+    test::stderr_capture log;
+    ::setenv("ORBWEAVE_OBS_LOG", "info", 1);
+    auto still_worker = stream_worker();
+    auto cut_worker = stream_worker();
+    ::unsetenv("ORBWEAVE_OBS_LOG");
+
+    // A still screen at medium (1500 kbps) costs what it needs, not filler up to the target.
+    std::string still = new_key("still");
+    ASSERT_TRUE(activate(*still_worker, order_for(screen(1), {{"profile", "medium"}}, ingest_->url(), still))
+                    .result.started);
+    auto frames = video_frames(ingest_->stream_url(still), 4);
+    ASSERT_GT(frames.size(), 60u);
+    long long bytes = 0;
+    for (std::size_t i = 1; i < frames.size(); ++i) // past the first key frame
+        bytes += frames[i].bytes;
+    double kbps = bytes * 8.0 / 1000.0 / (frames.back().time - frames.front().time);
+    std::cout << "[ measured ] still screen streamed at 1500 kbps: " << kbps << " kbps\n";
+    EXPECT_LT(kbps, 300) << "a still screen is padded towards the full bitrate";
+    still_worker->shutdown();
+
+    // Hard cuts: intra frames come only with the key frames, every 2 s (60 frames), never at a cut.
+    hard_cuts cuts;
+    std::string cut = new_key("cuts");
+    ASSERT_TRUE(activate(*cut_worker, order_for(screen(0), {{"profile", "low"}}, ingest_->url(), cut)).result.started);
+    frames = video_frames(ingest_->stream_url(cut), 7);
+    std::vector<double> intra;
+    for (const auto& frame : frames) {
+        if (frame.type == 'I' || frame.key)
+            intra.push_back(frame.time);
+        EXPECT_EQ(frame.key, frame.type == 'I') << "at " << frame.time;
+    }
+    ASSERT_GE(intra.size(), 3u);
+    for (std::size_t i = 1; i < intra.size(); ++i)
+        EXPECT_NEAR(intra[i] - intra[i - 1], 2.0, 0.05) << "an intra frame at " << intra[i];
+    cut_worker->shutdown();
+
+    // The plug-in took every option we gave it, and runs the rate control we meant.
+    EXPECT_EQ(log.text().find("ignoring invalid x264 option"), std::string::npos);
+    EXPECT_EQ(log.text().find("x264 param:"), std::string::npos);
+    EXPECT_NE(log.text().find("rate_control: ABR"), std::string::npos);
 }
 
 // In this process: a catalogue entry can only name a screen that exists, so a source

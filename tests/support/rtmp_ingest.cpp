@@ -154,6 +154,43 @@ int free_loopback_port()
     return ntohs(address.sin_port);
 }
 
+silent_server::silent_server()
+{
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0 ||
+        ::listen(listener_, 8) < 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) < 0)
+        throw std::runtime_error("cannot listen on loopback");
+    port_ = ntohs(address.sin_port);
+}
+
+silent_server::~silent_server()
+{
+    for (int fd : accepted_)
+        ::close(fd);
+    ::close(listener_);
+}
+
+std::string silent_server::url() const
+{
+    return "rtmp://127.0.0.1:" + std::to_string(port_) + "/live";
+}
+
+bool silent_server::wait_for_client(std::chrono::milliseconds timeout)
+{
+    pollfd entry{listener_, POLLIN, 0};
+    if (::poll(&entry, 1, static_cast<int>(timeout.count())) <= 0)
+        return false;
+    int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0)
+        return false;
+    accepted_.push_back(fd); // held open, and never answered
+    return true;
+}
+
 std::string run_program(const std::vector<std::string>& argv, std::chrono::milliseconds timeout, int* exit_code,
                         std::string* error_output)
 {

@@ -49,6 +49,26 @@ probe_result parse_probe(const std::string& ffprobe_json);
 /// A free TCP port on 127.0.0.1 at the time of asking.
 int free_loopback_port();
 
+/// An "ingest" on 127.0.0.1 that accepts connections (the kernel completes them) and
+/// never says a word: a stream start to it hangs until the client gives up.
+class silent_server {
+public:
+    silent_server();
+    ~silent_server();
+    silent_server(const silent_server&) = delete;
+    silent_server& operator=(const silent_server&) = delete;
+
+    /// "rtmp://127.0.0.1:PORT/live".
+    std::string url() const;
+    /// Whether a client has connected (and is waiting for an answer) by the deadline.
+    bool wait_for_client(std::chrono::milliseconds timeout);
+
+private:
+    int listener_ = -1;
+    int port_ = 0;
+    std::vector<int> accepted_;
+};
+
 class rtmp_ingest {
 public:
     /// Starts nginx and returns once both its RTMP and its HTTP port accept connections;

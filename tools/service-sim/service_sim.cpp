@@ -138,6 +138,12 @@ void service_sim::event(const std::string& line) const
         options_.on_event(line);
 }
 
+std::vector<wss::ping_record> service_sim::pings() const
+{
+    std::lock_guard<std::mutex> server_lock(server_mutex_);
+    return server_ ? server_->pings() : std::vector<wss::ping_record>{};
+}
+
 void service_sim::send_to(wss::connection_id id, const Json& message)
 {
     std::string text = json::dump(message);

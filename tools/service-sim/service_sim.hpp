@@ -123,6 +123,8 @@ public:
 
     /// Every frame received, in order.
     std::vector<received> messages() const;
+    /// Every keep-alive ping received, in order (answered with a pong unless told otherwise).
+    std::vector<wss::ping_record> pings() const;
     /// The first received frame that matches and that no earlier wait returned.
     std::optional<received> wait_for(std::function<bool(const received&)> match, duration timeout);
     /// The next reply carrying this "state".

@@ -28,6 +28,32 @@ using callback::state_type;
 
 constexpr auto deadline = 20s;
 constexpr auto quiet = 300ms;
+// How long a stream may reconnect to a vanished ingest in these tests.
+constexpr auto outage_limit = 1s;
+
+/// Polls condition (an outside fact such as a process being gone) until it holds or the time is up.
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = deadline)
+{
+    auto until = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= until)
+            return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+std::vector<int> stream_workers()
+{
+    // Stream workers are the children started without a canvas.
+    return test::children_running(::getpid(), {"--defer-video"});
+}
+
+/// The client's options in these tests: fast timings, and streams that give a vanished ingest a second.
+void test_timings(client_options& options)
+{
+    options.media.stream.ingest_outage_limit = outage_limit;
+}
 
 void allow_all(source_type::type, const std::string&, const std::string&, request_type::type,
                const callback::request& request)
@@ -37,7 +63,7 @@ void allow_all(source_type::type, const std::string&, const std::string&, reques
 
 class Requests : public ::testing::Test {
 protected:
-    Requests() : app(service)
+    Requests() : app(service, false, test_timings)
     {
         app.set_secret(service.issue_secret({"Ann", ""}));
         app.start();
@@ -310,10 +336,142 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));
 }
 
+TEST_F(Streams, AHangingStartNeitherStallsTheLinkNorOutlivesADeactivate)
+{
+    std::string screen = source_id("screen");
+    std::string speakers = source_id("audio");
+    ASSERT_EQ(activate(speakers, "sound"), Json({{"status", "Success"}}));
+    ASSERT_TRUE(app.wait_for_state(state_type::streaming, deadline));
+
+    // The screen's start hangs on an ingest that accepts the connection and never answers.
+    test::silent_server silent;
+    sim::activation hanging;
+    hanging.source_id = screen;
+    hanging.server = silent.url();
+    hanging.key = "hangs";
+    auto hanging_state = service.activate(hanging);
+    ASSERT_TRUE(hanging_state);
+    ASSERT_TRUE(silent.wait_for_client(deadline));
+    std::size_t pings_before = service.pings().size();
+
+    // Meanwhile the link serves as ever: the other stream is stopped and answered at once...
+    EXPECT_EQ(deactivate(speakers), Json({{"status", "Success"}}));
+    EXPECT_FALSE(service.wait_for_reply(*hanging_state, 0ms)) << "the hanging start was answered first";
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));
+    // ...and keep-alive pings keep coming at their interval, each answered in time.
+    ASSERT_TRUE(eventually([&] { return service.pings().size() >= pings_before + 20; }));
+    auto pings = service.pings();
+    for (std::size_t i = pings_before + 1; i < pings.size(); ++i)
+        EXPECT_LT(pings[i].at - pings[i - 1].at, 1000ms) << "the network thread stalled before ping " << i;
+
+    // Deactivating the source while it still starts cancels the start; both are answered.
+    EXPECT_EQ(deactivate(screen), Json({{"status", "Success"}}));
+    auto cancelled = service.wait_for_reply(*hanging_state, deadline);
+    ASSERT_TRUE(cancelled);
+    EXPECT_EQ(cancelled->message["payload"],
+              Json({{"status", "Failure"}, {"error", "deactivated while starting"}}));
+    // Nothing streams afterwards.
+    EXPECT_TRUE(eventually([] { return stream_workers().empty(); })) << "a stream worker is left";
+    EXPECT_FALSE(listed_active("screen", screen));
+
+    // The link never dropped: no reconnection, no disconnected report.
+    EXPECT_FALSE(service.wait_for_connection(0ms));
+    while (auto state = app.states().pop(0ms))
+        EXPECT_NE(*state, state_type::disconnected);
+}
+
+TEST_F(Streams, AStreamWhoseIngestIsGoneForGoodIsRemoved)
+{
+    auto vanishing = std::make_unique<test::rtmp_ingest>();
+    std::string screen = source_id("screen");
+    ASSERT_EQ(activate(screen, "lost", vanishing->url()), Json({{"status", "Success"}}));
+    ASSERT_TRUE(app.wait_for_state(state_type::streaming, deadline));
+
+    test::stderr_capture log;
+    vanishing.reset(); // stopped, and not started again
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_FALSE(listed_active("screen", screen));
+    EXPECT_EQ(log.count_lines_starting("The stream of source "), 1) << log.text();
+    EXPECT_EQ(log.count_lines_starting("The stream of source " + screen + " ended: rtmp disconnected"), 1)
+        << log.text();
+    EXPECT_TRUE(eventually([] { return stream_workers().empty(); })) << "its worker is left";
+}
+
+TEST(LateAnswers, AnAnswerAfterStopOrFromAnEarlierRunStartsNothing)
+{
+    sim::service_sim service;
+    test::rtmp_ingest ingest;
+    auto app = std::make_unique<test::client_harness>(service, false, test_timings);
+    app->set_secret(service.issue_secret({"Ann", ""}));
+    std::mutex mutex;
+    std::vector<callback::request> kept; // activations, answered by the test
+    app->on_permission([&](source_type::type, const std::string&, const std::string&, request_type::type kind,
+                           const callback::request& request) {
+        if (kind == request_type::list)
+            return request.answer(true);
+        std::lock_guard<std::mutex> lock(mutex);
+        kept.push_back(request);
+    });
+    auto asked = [&](std::size_t count) {
+        return eventually([&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return kept.size() >= count;
+        });
+    };
+    auto activate = [&](const std::string& key) {
+        auto listed = service.list("screen");
+        auto screens = service.wait_for_reply(listed.value_or(""), deadline);
+        EXPECT_TRUE(screens);
+        sim::activation request;
+        request.source_id = screens ? screens->message["payload"]["results"][0]["id"].get<std::string>() : "";
+        request.server = ingest.url();
+        request.key = key;
+        return service.activate(request).value_or("");
+    };
+
+    app->start();
+    ASSERT_TRUE(app->wait_for_state(state_type::connected, deadline));
+    std::string first = activate("first");
+    ASSERT_TRUE(asked(1));
+
+    // Answered after stop(): the client has gone away meanwhile, and nothing starts.
+    app->client().stop();
+    kept[0].answer(true);
+    app->client().join();
+    EXPECT_TRUE(stream_workers().empty());
+
+    // After stop, join and start, an answer to the earlier run's request does nothing either,
+    // while this run's requests are served as usual.
+    app->start();
+    ASSERT_TRUE(app->wait_for_state(state_type::connected, deadline));
+    std::string second = activate("second");
+    ASSERT_TRUE(asked(2));
+    kept[0].answer(true);
+    kept[1].answer(false);
+    auto rejected = service.wait_for_reply(second, deadline);
+    ASSERT_TRUE(rejected);
+    EXPECT_EQ(rejected->message["payload"], Json({{"status", "Rejected"}}));
+    EXPECT_FALSE(service.wait_for_reply(first, 0ms)) << "the earlier run's request was answered";
+    EXPECT_TRUE(stream_workers().empty());
+    EXPECT_FALSE(ingest.publishing("first"));
+
+    // Answered once the client is gone altogether: nothing happens, and nothing crashes.
+    std::string third = activate("third");
+    ASSERT_TRUE(asked(3));
+    app.reset();
+    kept[2].answer(true);
+    EXPECT_TRUE(stream_workers().empty());
+}
+
 /// Streams across outages of the link to the service.
 class Outages : public ::testing::Test {
 protected:
-    Outages() : app(service, false, [](client_options& options) { options.reconnect_delay_ms = 100; })
+    Outages()
+        : app(service, false, [](client_options& options) {
+              test_timings(options);
+              options.reconnect_delay_ms = 100;
+          })
     {
         app.set_secret(service.issue_secret({"Ann", ""}));
         app.on_permission(allow_all);
