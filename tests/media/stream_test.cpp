@@ -166,9 +166,16 @@ TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsWithItsWorker)
     EXPECT_EQ(live.audio()->sample_rate, 44100);
     EXPECT_EQ(live.audio()->channels, 2);
 
-    // A worker carries one stream for its life.
+    // A worker carries one stream for its life, and shutting it down ends the stream
+    // with every libobs object released and no process left.
     EXPECT_THROW(media->stream(order), std::runtime_error);
-    EXPECT_TRUE(media->shutdown());
+    pid_t pid = media->pid();
+    auto begun = clock::now();
+    auto leaks = media->shutdown();
+    EXPECT_LT(clock::now() - begun, 10s);
+    ASSERT_TRUE(leaks) << "the worker did not answer shutdown (it was killed)";
+    EXPECT_EQ(*leaks, 0) << "libobs objects of the stream were not released";
+    EXPECT_TRUE(process_gone(pid));
     EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
 
     // The recording holds both tracks, and the screen's picture rather than a black frame.
@@ -361,27 +368,6 @@ TEST_F(Streaming, AStreamComesBackWhenItsIngestRestarts)
     }
     media->shutdown();
     EXPECT_TRUE(second.wait_until_not_publishing(key, 5s));
-}
-
-TEST_F(Streaming, ShuttingTheWorkerDownStopsTheStreamAndLeavesNoProcess)
-{
-    std::string key = new_key("shutdown");
-    auto media = stream_worker();
-    pid_t pid = media->pid();
-    ASSERT_TRUE(activate(*media, order_for(screen(0), {{"profile", "low"}}, ingest_->url(), key)).result.started);
-    ASSERT_TRUE(ingest_->publishing(key));
-
-    auto begun = clock::now();
-    auto leaks = media->shutdown();
-    auto took = clock::now() - begun;
-    std::cout << "[ measured ] shutdown while streaming: "
-              << std::chrono::duration_cast<std::chrono::milliseconds>(took).count() << " ms\n";
-    ASSERT_TRUE(leaks.has_value()) << "the worker did not answer shutdown (it was killed)";
-    EXPECT_EQ(*leaks, 0) << "libobs objects of the stream were not released";
-    EXPECT_LT(took, 10s);
-    EXPECT_TRUE(process_gone(pid));
-    EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
-    media.reset();
 }
 
 /// Flips the X root window between black and white every 700 ms: hard cuts 21 frames apart

@@ -60,11 +60,6 @@ void client_harness::on_permission(orbweave_client::permission_callback answer)
 
 client_harness::~client_harness()
 {
-    stop_and_join();
-}
-
-void client_harness::stop_and_join()
-{
     client_->stop();
     client_->join();
 }

@@ -29,7 +29,6 @@ public:
 
     orbweave_client& client() { return *client_; }
     void start() { client_->start(); }
-    void stop_and_join();
 
     /// The next reported state equal to state; false at the deadline.
     bool wait_for_state(callback::state_type::type state, std::chrono::milliseconds timeout);

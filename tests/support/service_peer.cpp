@@ -64,13 +64,6 @@ void service_peer::stop()
         server_->stop();
 }
 
-void service_peer::restart()
-{
-    stop();
-    server_.reset();
-    start();
-}
-
 std::string service_peer::url(const std::string& path) const
 {
     return "wss://127.0.0.1:" + std::to_string(port_) + path;
@@ -110,12 +103,6 @@ std::vector<std::string> service_peer::frames() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
     return frames_;
-}
-
-std::size_t service_peer::connection_count() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return opened_.size();
 }
 
 std::vector<wss::ping_record> service_peer::pings() const

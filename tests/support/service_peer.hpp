@@ -46,8 +46,6 @@ public:
 
     /// Every text frame received so far.
     std::vector<std::string> frames() const;
-    /// Connections opened so far, over the peer's whole life.
-    std::size_t connection_count() const;
     std::vector<wss::ping_record> pings() const;
 
     /// Sends text to the latest open connection; false when none is open.
@@ -63,8 +61,6 @@ public:
 
     /// Closes everything and stops listening.
     void stop();
-    /// Listens again on the same port with the same identity (after stop()).
-    void restart();
 
 private:
     void start();

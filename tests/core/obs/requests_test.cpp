@@ -27,7 +27,6 @@ using callback::state_type;
 [[maybe_unused]] auto* const environment = ::testing::AddGlobalTestEnvironment(new test::media_environment);
 
 constexpr auto deadline = 20s;
-constexpr auto quiet = 300ms;
 // How long a stream may reconnect to a vanished ingest in these tests.
 constexpr auto outage_limit = 1s;
 
@@ -63,6 +62,14 @@ void allow_all(source_type::type, const std::string&, const std::string&, reques
 
 class Requests : public ::testing::Test {
 protected:
+    /// Returns once the client has handled everything sent before: an identify round trip.
+    void barrier()
+    {
+        auto state = service.identify();
+        ASSERT_TRUE(state);
+        ASSERT_TRUE(service.wait_for_reply(*state, deadline));
+    }
+
     Requests() : app(service, false, test_timings)
     {
         app.set_secret(service.issue_secret({"Ann", ""}));
@@ -142,32 +149,6 @@ TEST_F(Requests, ListRepliesEchoIdAndStateAndAreRejectedWhenDenied)
     EXPECT_EQ(allowed->message["payload"]["status"], "Success");
 }
 
-TEST_F(Requests, AnAnswerMayComeLaterFromAnotherThreadAndOnlyOnce)
-{
-    std::mutex mutex;
-    std::vector<callback::request> pending;
-    app.on_permission([&](source_type::type, const std::string&, const std::string&, request_type::type,
-                          const callback::request& request) {
-        std::lock_guard<std::mutex> lock(mutex);
-        pending.push_back(request);
-    });
-    auto state = service.list("screen");
-    ASSERT_TRUE(state);
-    ASSERT_TRUE(app.permissions().pop(deadline));
-    EXPECT_FALSE(service.wait_for_reply(*state, quiet)); // nothing until the user answers
-
-    std::thread user([&] {
-        std::lock_guard<std::mutex> lock(mutex);
-        pending.at(0).answer(true);
-        pending.at(0).answer(false); // a second answer is ignored
-    });
-    user.join();
-    auto reply = service.wait_for_reply(*state, deadline);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->message["payload"]["status"], "Success");
-    EXPECT_FALSE(service.wait_for_reply(*state, quiet));
-}
-
 /// Streams through the client to a real ingest.
 class Streams : public Requests {
 protected:
@@ -196,11 +177,11 @@ protected:
     }
 
     /// Sends a deactivate for id and returns the reply's payload, or null when none came.
-    Json deactivate(const std::string& id, std::chrono::milliseconds timeout = deadline)
+    Json deactivate(const std::string& id)
     {
         auto state = service.deactivate(id);
         EXPECT_TRUE(state);
-        auto reply = service.wait_for_reply(state.value_or(""), timeout);
+        auto reply = service.wait_for_reply(state.value_or(""), deadline);
         return reply ? reply->message["payload"] : Json{};
     }
 
@@ -216,21 +197,14 @@ protected:
     test::rtmp_ingest ingest;
 };
 
-TEST_F(Streams, AScreenStreamsAtTheProfilesSizeUntilDeactivated)
+TEST_F(Streams, AScreenStreamsUntilDeactivated)
 {
     std::string screen = source_id("screen");
     ASSERT_FALSE(screen.empty());
     EXPECT_EQ(activate(screen, "screen-key"), Json({{"status", "Success"}}));
     EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
+    // What arrives (codecs, sizes) is the stream tests' business; here, that it runs.
     ASSERT_TRUE(ingest.wait_for_publishing("screen-key", deadline));
-
-    auto probe = ingest.probe_live("screen-key", deadline);
-    ASSERT_TRUE(probe.video()) << probe.error;
-    EXPECT_EQ(probe.video()->codec_name, "h264");
-    EXPECT_EQ(probe.video()->width, 1280);
-    EXPECT_EQ(probe.video()->height, 720);
-    ASSERT_TRUE(probe.audio()) << probe.error;
-    EXPECT_EQ(probe.audio()->codec_name, "aac");
     EXPECT_TRUE(listed_active("screen", screen));
 
     EXPECT_EQ(deactivate(screen), Json({{"status", "Success"}}));
@@ -247,9 +221,6 @@ TEST_F(Streams, TwoSourcesStreamAtOnceAndReactivatingKeepsOnlyTheNewStream)
     ASSERT_EQ(activate(speakers, "sound"), Json({{"status", "Success"}}));
     EXPECT_TRUE(ingest.wait_for_publishing("first", deadline));
     EXPECT_TRUE(ingest.wait_for_publishing("sound", deadline));
-    auto sound = ingest.probe_live("sound", deadline);
-    ASSERT_TRUE(sound.audio()) << sound.error;
-    EXPECT_EQ(sound.audio()->codec_name, "aac");
 
     // The same screen again, to another key: the new stream replaces the old one.
     ASSERT_EQ(activate(screen, "second"), Json({{"status", "Success"}}));
@@ -299,7 +270,10 @@ TEST_F(Streams, DeniedUnknownAndInactiveRequestsStartAndStopNothing)
 
     // Deactivating what does not stream gets no answer at all, and stops nothing.
     ASSERT_EQ(activate(screen, "kept"), Json({{"status", "Success"}}));
-    EXPECT_TRUE(deactivate(std::string(64, 'e'), quiet).is_null());
+    auto unknown_state = service.deactivate(std::string(64, 'e'));
+    ASSERT_TRUE(unknown_state);
+    barrier();
+    EXPECT_FALSE(service.wait_for_reply(*unknown_state, 0ms));
     EXPECT_TRUE(ingest.publishing("kept"));
 }
 

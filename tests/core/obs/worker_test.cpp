@@ -137,20 +137,6 @@ TEST_F(Catalogue, AnErrorReachesTheCallerAndTheWorkerStaysUsable)
     EXPECT_TRUE(worker_->alive());
 }
 
-TEST(WorkerProcess, IdsAreStableAcrossWorkers)
-{
-    Json first, second;
-    {
-        worker one;
-        first = {to_json(one.list_screens()), to_json(one.list_windows()), to_json(one.list_audios())};
-    }
-    {
-        worker two;
-        second = {to_json(two.list_screens()), to_json(two.list_windows()), to_json(two.list_audios())};
-    }
-    EXPECT_EQ(first, second);
-}
-
 TEST(WorkerProcess, ShutsDownCleanlyWithoutLeaksOrLeftovers)
 {
     pid_t pid;
