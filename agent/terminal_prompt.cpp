@@ -28,6 +28,8 @@ void deliver(const callback::request& request, bool allowed)
         request.answer(allowed);
     } catch (const std::exception& error) {
         log::line("Could not deliver an answer to the service: ", error.what());
+    } catch (...) {
+        log::line("Could not deliver an answer to the service");
     }
 }
 

@@ -60,9 +60,4 @@ void request::answer(bool allowed) const
     state_->answer(allowed);
 }
 
-bool request::answered() const
-{
-    return state_ && state_->answered.load();
-}
-
 } // namespace orbweave::callback

@@ -42,10 +42,8 @@ public:
     request() = default;
     explicit request(std::function<void(bool)> answer);
 
-    /// Delivers the user's decision: true allows, false denies.
+    /// Delivers the user's decision: true allows, false denies. Returns at once.
     void answer(bool allowed) const;
-    /// Whether a decision has been delivered.
-    bool answered() const;
     /// Whether there is an answer function at all.
     explicit operator bool() const { return state_ && state_->answer; }
 

@@ -202,11 +202,6 @@ output::~output()
     release();
 }
 
-bool output::active() const
-{
-    return output_ && (obs_output_active(output_.get()) || obs_output_reconnecting(output_.get()));
-}
-
 void output::set_stopped_handler(stopped_handler handler)
 {
     if (!watch_)
@@ -268,8 +263,13 @@ void output::watch_outage()
     if (!watch_->stop_requested)
         handler = std::move(watch_->on_stopped);
     lock.unlock();
-    if (handler)
+    if (!handler)
+        return;
+    try {
         handler(watch_->gave_up);
+    } catch (...) {
+        log::line("media: the stopped handler failed");
+    }
 }
 
 void output::release()

@@ -66,13 +66,6 @@ public:
     /// Why the last start failed: a short reason.
     const std::string& error() const { return error_; }
 
-    /// Whether the stream is connected and sending (or reconnecting after a drop).
-    bool active() const;
-
-    /// The frame size the stream was started with (0 x 0 before): the source's size fitted
-    /// into the requested one, width trimmed to a multiple of 4 and height to even.
-    std::pair<int, int> frame_size() const { return frame_size_; }
-
     /// Installs the handler for a stream that stops on its own; call before or after start().
     void set_stopped_handler(stopped_handler handler);
 

@@ -3,6 +3,7 @@
 #include "core/log.hpp"
 
 #include <algorithm>
+#include <system_error>
 
 namespace orbweave::obs {
 
@@ -74,8 +75,13 @@ void worker_manager::activate(activate_request request, source_entry source, int
     record->generation = next_generation_++;
     streams_.emplace(record->generation, record);
     // The thread waits for this lock before it reads its record.
-    record->thread = std::thread(&worker_manager::run_stream, this, record, std::move(request), std::move(source),
-                                 bitrate, std::move(done));
+    try {
+        record->thread = std::thread(&worker_manager::run_stream, this, record, std::move(request), std::move(source),
+                                     bitrate, done);
+    } catch (const std::system_error& error) {
+        streams_.erase(record->generation);
+        report([done, reason = std::string("cannot start a thread: ") + error.what()] { done({false, reason, false}); });
+    }
 }
 
 void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request request, source_entry source,
@@ -126,7 +132,7 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
             if (outcome.error.empty())
                 outcome.error = "the stream did not start";
         }
-        post_([done = std::move(done), outcome] { done(outcome); });
+        report([done = std::move(done), outcome] { done(outcome); });
 
         // The stream runs until it is deactivated, replaced, cleared or ends by itself.
         changed_.wait(lock, [&] { return record->state == stream::phase::stopping; });
@@ -152,7 +158,7 @@ void worker_manager::on_stream_ended(std::uint64_t generation, const std::string
     found->second->state = stream::phase::stopping;
     changed_.notify_all();
     if (ended_handler_)
-        post_([handler = ended_handler_, id = found->second->id, reason, now_empty = !any_running_locked()] {
+        report([handler = ended_handler_, id = found->second->id, reason, now_empty = !any_running_locked()] {
             handler(id, reason, now_empty);
         });
 }
@@ -270,7 +276,7 @@ void worker_manager::list(source_type::type kind, std::function<void(const listi
         } catch (const std::exception& error) {
             result.error = error.what();
         }
-        post_([done, result = std::move(result)] { done(result); });
+        report([done, result = std::move(result)] { done(result); });
     });
 }
 
@@ -290,8 +296,20 @@ void worker_manager::find_source(source_ref source, std::function<void(const loo
         } catch (const std::exception& error) {
             result.error = error.what();
         }
-        post_([done, result = std::move(result)] { done(result); });
+        report([done, result = std::move(result)] { done(result); });
     });
+}
+
+void worker_manager::report(std::function<void()> task) const noexcept
+{
+    // Called on the manager's own threads, whose loops must not end on an exception.
+    try {
+        post_(std::move(task));
+    } catch (const std::exception& error) {
+        log::line("The work manager could not report: ", error.what());
+    } catch (...) {
+        log::line("The work manager could not report");
+    }
 }
 
 } // namespace orbweave::obs

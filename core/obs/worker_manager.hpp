@@ -112,6 +112,8 @@ private:
     void run_stream(std::shared_ptr<stream> record, activate_request request, source_entry source, int bitrate,
                     std::function<void(const activation&)> done);
     void on_stream_ended(std::uint64_t generation, const std::string& reason);
+    /// Hands a result to the owner's thread through post_; never throws.
+    void report(std::function<void()> task) const noexcept;
     void cancel_locked(stream& record, const std::string& reason);
     bool any_running_locked() const;
     void join_finished();

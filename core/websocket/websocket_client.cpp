@@ -86,11 +86,6 @@ void websocket_client::register_message_handler(std::unique_ptr<message_handler>
     handlers_[id] = std::move(handler);
 }
 
-void websocket_client::set_fallback_handler(std::unique_ptr<message_handler>&& handler)
-{
-    fallback_ = std::move(handler);
-}
-
 void websocket_client::stop()
 {
     endpoint_->stop();
@@ -153,9 +148,9 @@ void websocket_client::dispatch(const connection& connection, const Json& messag
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     std::string id = json::string_at(message, {"id"});
     auto found = handlers_.find(id);
-    message_handler* handler = found != handlers_.end() ? found->second.get() : fallback_.get();
-    if (!handler)
-        return;
+    if (found == handlers_.end())
+        return; // an unknown id, or none: only the "In: " line records it
+    message_handler* handler = found->second.get();
     // One failing handler must not take the link down with it: an exception leaving
     // here would stop the library reading this connection. The link is closed and
     // reported as failed instead, and the client reconnects as after any close.

@@ -51,8 +51,6 @@ public:
     timer_ptr add_timer(long milliseconds, std::function<void(const std::error_code&)> callback);
     /// Stores handler under its id, replacing (destroying) any earlier one.
     void register_message_handler(std::unique_ptr<message_handler>&& handler);
-    /// Receives messages whose id has no handler.
-    void set_fallback_handler(std::unique_ptr<message_handler>&& handler);
     /// Stops the endpoint's io service; its loop returns as soon as it can.
     void stop();
 
@@ -77,7 +75,6 @@ private:
     std::shared_ptr<endpoint_type> endpoint_;
     std::recursive_mutex mutex_;
     std::map<std::string, std::unique_ptr<message_handler>> handlers_;
-    std::unique_ptr<message_handler> fallback_;
     // The host of the connection being created; read by on_tls_init.
     std::string connecting_host_;
     // The latest connection queued.
