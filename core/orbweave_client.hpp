@@ -30,8 +30,11 @@ struct client_options {
 
 /// The service connection as the front ends see it. start(), stop() and join()
 /// may be called in any order and any number of times; stop(), join() and
-/// start() again reconnects. Callbacks run with the client's recursive mutex
-/// held, on the network thread or on the thread answering a permission request.
+/// start() again reconnects. Callbacks run on the client's network thread only,
+/// with the client's recursive mutex held; the one exception is stop() (and
+/// stop_streaming()) on a client that is not running, which reports on the caller's
+/// thread since there is no network thread. A permission request may be answered
+/// from any thread and returns at once; answers after stop() do nothing.
 class orbweave_client {
 public:
     using state_callback = std::function<void(callback::state_type::type)>;
@@ -51,11 +54,12 @@ public:
     virtual ~orbweave_client() = default;
     /// Registers the handlers and connects on a new network thread.
     virtual void start() = 0;
-    /// Stops every stream and the network loop, and reports `disconnected`.
+    /// Stops every stream and the network loop, and reports `disconnected`; returns
+    /// without waiting (join() waits).
     virtual void stop() = 0;
-    /// Stops every stream and reports `connected`; the link stays up.
+    /// Stops every stream and reports `connected`; the link stays up. Returns at once.
     virtual void stop_streaming() = 0;
-    /// Waits for the network thread to end (after stop()).
+    /// Waits for the network thread to end and for every media worker to be gone (after stop()).
     virtual void join() = 0;
 
     virtual void set_state_change_handler(state_callback handler) = 0;

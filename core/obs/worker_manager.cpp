@@ -18,6 +18,8 @@ struct worker_manager::stream {
     phase state = phase::starting;
     /// Why a start was cancelled ("deactivated while starting").
     std::string cancel_reason;
+    /// Why the stream ended by itself while it was still being marked running.
+    std::string ended_early;
     /// The stream's worker while it exists; abort() reaches it to cancel a start.
     worker* process = nullptr;
     std::thread thread;
@@ -132,7 +134,10 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
             if (outcome.error.empty())
                 outcome.error = "the stream did not start";
         }
+        // Reported under the lock, so the owner hears of the start before any end of it.
         report([done = std::move(done), outcome] { done(outcome); });
+        if (outcome.started && !record->ended_early.empty())
+            end_locked(*record, record->ended_early);
 
         // The stream runs until it is deactivated, replaced, cleared or ends by itself.
         changed_.wait(lock, [&] { return record->state == stream::phase::stopping; });
@@ -153,12 +158,21 @@ void worker_manager::on_stream_ended(std::uint64_t generation, const std::string
     std::lock_guard<std::mutex> lock(mutex_);
     auto found = streams_.find(generation);
     // Only the stream that ended: its id may have been started again since.
-    if (found == streams_.end() || found->second->state != stream::phase::running)
+    if (found == streams_.end())
         return;
-    found->second->state = stream::phase::stopping;
+    stream& record = *found->second;
+    if (record.state == stream::phase::starting)
+        record.ended_early = reason; // acted on once it counts as running, should its start succeed
+    else if (record.state == stream::phase::running)
+        end_locked(record, reason);
+}
+
+void worker_manager::end_locked(stream& record, const std::string& reason)
+{
+    record.state = stream::phase::stopping;
     changed_.notify_all();
     if (ended_handler_)
-        report([handler = ended_handler_, id = found->second->id, reason, now_empty = !any_running_locked()] {
+        report([handler = ended_handler_, id = record.id, reason, now_empty = !any_running_locked()] {
             handler(id, reason, now_empty);
         });
 }

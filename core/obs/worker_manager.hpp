@@ -115,6 +115,8 @@ private:
     /// Hands a result to the owner's thread through post_; never throws.
     void report(std::function<void()> task) const noexcept;
     void cancel_locked(stream& record, const std::string& reason);
+    /// A running stream ended by itself: it stops, and the owner hears of it.
+    void end_locked(stream& record, const std::string& reason);
     bool any_running_locked() const;
     void join_finished();
     worker& listing_worker();
