@@ -269,16 +269,17 @@ Json worker_manager::marked(const std::vector<Entry>& entries) const
     return array;
 }
 
-Json worker_manager::list_now(source_type::type kind)
+template <class Use>
+auto worker_manager::with_catalogue(source_type::type kind, Use use) -> decltype(use(std::vector<screen_entry>{}))
 {
     switch (kind) {
-    case source_type::screen: return marked(listing_worker().list_screens());
-    case source_type::window: return marked(listing_worker().list_windows());
-    case source_type::audio: return marked(listing_worker().list_audios());
-    case source_type::video: return marked(listing_worker().list_videos());
+    case source_type::screen: return use(listing_worker().list_screens());
+    case source_type::window: return use(listing_worker().list_windows());
+    case source_type::audio: return use(listing_worker().list_audios());
+    case source_type::video: return use(listing_worker().list_videos());
     case source_type::none: break;
     }
-    return Json::array();
+    return {};
 }
 
 void worker_manager::list(source_type::type kind, std::function<void(const listing&)> done)
@@ -286,7 +287,7 @@ void worker_manager::list(source_type::type kind, std::function<void(const listi
     listing_thread_->post([this, kind, done = std::move(done)] {
         listing result;
         try {
-            result.entries = list_now(kind);
+            result.entries = with_catalogue(kind, [this](const auto& entries) { return marked(entries); });
         } catch (const std::exception& error) {
             result.error = error.what();
         }
@@ -299,14 +300,7 @@ void worker_manager::find_source(source_ref source, std::function<void(const loo
     listing_thread_->post([this, source = std::move(source), done = std::move(done)] {
         lookup result;
         try {
-            worker& catalogue = listing_worker();
-            switch (source.kind) {
-            case source_type::screen: result.entry = find_entry(catalogue.list_screens(), source.id); break;
-            case source_type::window: result.entry = find_entry(catalogue.list_windows(), source.id); break;
-            case source_type::audio: result.entry = find_entry(catalogue.list_audios(), source.id); break;
-            case source_type::video: result.entry = find_entry(catalogue.list_videos(), source.id); break;
-            case source_type::none: break;
-            }
+            result.entry = with_catalogue(source.kind, [&](const auto& entries) { return find_entry(entries, source.id); });
         } catch (const std::exception& error) {
             result.error = error.what();
         }

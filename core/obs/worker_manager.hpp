@@ -122,7 +122,9 @@ private:
     worker& listing_worker();
     template <class Entry>
     Json marked(const std::vector<Entry>& entries) const;
-    Json list_now(callback::source_type::type kind);
+    /// use(the listing worker's entries of kind); a default result for no kind.
+    template <class Use>
+    auto with_catalogue(callback::source_type::type kind, Use use) -> decltype(use(std::vector<screen_entry>{}));
 
     const options options_;
     const post_function post_;

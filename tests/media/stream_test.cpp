@@ -48,13 +48,6 @@ pipe::stream_order order_for(source_entry source, const Json& options, const std
     return {std::move(source), activate_request::parse(message), bitrate};
 }
 
-bool process_gone(pid_t pid)
-{
-    auto children = test::child_pids();
-    return std::find(children.begin(), children.end(), pid) == children.end() && ::kill(pid, 0) == -1 &&
-           errno == ESRCH;
-}
-
 std::unique_ptr<worker> stream_worker()
 {
     worker::options options;
@@ -175,7 +168,7 @@ TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsWithItsWorker)
     EXPECT_LT(clock::now() - begun, 10s);
     ASSERT_TRUE(leaks) << "the worker did not answer shutdown (it was killed)";
     EXPECT_EQ(*leaks, 0) << "libobs objects of the stream were not released";
-    EXPECT_TRUE(process_gone(pid));
+    EXPECT_TRUE(test::process_gone(pid));
     EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
 
     // The recording holds both tracks, and the screen's picture rather than a black frame.

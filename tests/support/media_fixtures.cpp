@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -347,6 +348,13 @@ std::vector<int> children_running(int parent, const std::vector<std::string>& wo
 std::vector<int> child_pids()
 {
     return children_running(::getpid());
+}
+
+bool process_gone(int pid)
+{
+    auto children = child_pids();
+    return std::find(children.begin(), children.end(), pid) == children.end() && ::kill(pid, 0) == -1 &&
+           errno == ESRCH;
 }
 
 } // namespace orbweave::test

@@ -4,6 +4,7 @@
 
 #include "core/orbweave_client.hpp"
 #include "tests/support/client_harness.hpp"
+#include "tests/support/eventually.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/stderr_capture.hpp"
@@ -30,16 +31,9 @@ constexpr auto deadline = 20s;
 // How long a stream may reconnect to a vanished ingest in these tests.
 constexpr auto outage_limit = 1s;
 
-/// Polls condition (an outside fact such as a process being gone) until it holds or the time is up.
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = deadline)
+bool eventually(const std::function<bool()>& condition)
 {
-    auto until = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= until)
-            return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
+    return test::eventually(condition, deadline);
 }
 
 std::vector<int> stream_workers()

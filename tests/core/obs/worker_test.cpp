@@ -26,13 +26,6 @@ using namespace std::chrono_literals;
 
 [[maybe_unused]] auto* const environment = ::testing::AddGlobalTestEnvironment(new test::media_environment);
 
-bool process_gone(pid_t pid)
-{
-    auto children = test::child_pids();
-    return std::find(children.begin(), children.end(), pid) == children.end() && ::kill(pid, 0) == -1 &&
-           errno == ESRCH;
-}
-
 // One listing worker for the catalogue cases.
 class Catalogue : public ::testing::Test {
 protected:
@@ -152,7 +145,7 @@ TEST(WorkerProcess, ShutsDownCleanlyWithoutLeaksOrLeftovers)
     }
     ASSERT_TRUE(leaks) << "no shutdown reply";
     EXPECT_EQ(*leaks, 0) << "libobs leaked allocations";
-    EXPECT_TRUE(process_gone(pid));
+    EXPECT_TRUE(test::process_gone(pid));
 
     // The configuration directory is under the user's cache directory.
     EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::path(std::getenv("XDG_CACHE_HOME")) / "orbweave" / "obs"));
@@ -162,7 +155,7 @@ TEST(WorkerProcess, ShutsDownCleanlyWithoutLeaksOrLeftovers)
         worker idle;
         pid = idle.pid();
     }
-    EXPECT_TRUE(process_gone(pid));
+    EXPECT_TRUE(test::process_gone(pid));
 }
 
 TEST(WorkerProcess, AKilledWorkerFailsCallsAtOnce)
@@ -178,7 +171,7 @@ TEST(WorkerProcess, AKilledWorkerFailsCallsAtOnce)
     EXPECT_FALSE(victim.alive());
     EXPECT_THROW(victim.list_screens(), std::runtime_error);
     EXPECT_FALSE(victim.shutdown());
-    EXPECT_TRUE(process_gone(pid));
+    EXPECT_TRUE(test::process_gone(pid));
 }
 
 TEST(WorkerProcess, StartFailuresThrowWorkerFailedToInitialize)
@@ -292,7 +285,7 @@ TEST_F(ScriptedWorker, AWorkerThatIgnoresShutdownIsKilled)
         worker stuck(options);
         pid = stuck.pid();
     }
-    EXPECT_TRUE(process_gone(pid));
+    EXPECT_TRUE(test::process_gone(pid));
 }
 
 TEST_F(ScriptedWorker, DyingDuringACallFailsThatCall)

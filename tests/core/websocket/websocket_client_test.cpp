@@ -1,5 +1,6 @@
 #include "core/websocket/websocket_client.hpp"
 #include "tests/support/blocking_queue.hpp"
+#include "tests/support/eventually.hpp"
 #include "tests/support/service_peer.hpp"
 #include "tests/support/stderr_capture.hpp"
 
@@ -58,19 +59,14 @@ public:
 
     /// Whether the connection of the last "fail" is gone: websocketpp lets go of it only
     /// after its close handler ran, so any second "fail" for it would have come by then.
-    bool failed_link_released(std::chrono::milliseconds timeout = deadline)
+    bool failed_link_released()
     {
-        auto until = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            {
+        return test::eventually(
+            [this] {
                 std::lock_guard<std::mutex> lock(mutex_);
-                if (last_fail_.handle().expired())
-                    return true;
-            }
-            if (std::chrono::steady_clock::now() >= until)
-                return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+                return last_fail_.handle().expired();
+            },
+            deadline);
     }
 
 private:
