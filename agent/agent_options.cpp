@@ -1,7 +1,5 @@
 #include "agent/agent_options.hpp"
 
-#include "core/orbweave_client.hpp"
-#include "core/websocket/tls.hpp"
 
 #include <cstdlib>
 #include <sstream>
@@ -44,20 +42,6 @@ void parse_allow(const std::string& list, permission_policy& policy)
         throw std::invalid_argument("--allow needs a comma-separated list of screen, window, audio, video or all");
 }
 
-std::int32_t parse_bitrate(const std::string& text)
-{
-    std::size_t used = 0;
-    long value = 0;
-    try {
-        value = std::stol(text, &used);
-    } catch (const std::exception&) {
-        used = 0;
-    }
-    if (used != text.size() || text.empty() || value <= 0 || value > 1000000)
-        throw std::invalid_argument("--bitrate needs a whole number of kbps between 1 and 1000000, not '" + text + "'");
-    return static_cast<std::int32_t>(value);
-}
-
 } // namespace
 
 std::string default_state_dir()
@@ -72,48 +56,18 @@ std::string default_state_dir()
 options parse_options(const std::vector<std::string>& arguments)
 {
     options result;
-    result.service_url = default_service_url;
-    result.ca_file = websocket::ca_file_from_environment();
-
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        std::string name = arguments[i];
-        std::string value;
-        bool inline_value = false;
-        if (auto equals = name.find('='); name.rfind("--", 0) == 0 && equals != std::string::npos) {
-            value = name.substr(equals + 1);
-            name = name.substr(0, equals);
-            inline_value = true;
-        }
-        auto take_value = [&]() -> std::string {
-            if (inline_value)
-                return value;
-            if (i + 1 >= arguments.size())
-                throw std::invalid_argument(name + " needs a value");
-            return arguments[++i];
-        };
-
-        if (name == "--help" || name == "-h")
-            result.show_help = true;
-        else if (name == "--version")
-            result.show_version = true;
-        else if (name == "--service")
-            result.service_url = take_value();
-        else if (name == "--ca-file")
-            result.ca_file = take_value();
-        else if (name == "--state-dir")
-            result.state_dir = take_value();
-        else if (name == "--allow")
-            parse_allow(take_value(), result.permissions);
-        else if (name == "--ask")
-            result.permissions.ask = true;
-        else if (name == "--bitrate")
-            result.bitrate = parse_bitrate(take_value());
-        else
-            throw std::invalid_argument("unknown argument '" + arguments[i] + "' (see --help)");
-    }
-
-    if (result.service_url.rfind("wss://", 0) != 0)
-        throw std::invalid_argument("--service needs a wss:// URL, not '" + result.service_url + "'");
+    static_cast<command_line::common_options&>(result) =
+        command_line::parse(arguments, [&](const std::string& name, const command_line::value_reader& value) {
+            if (name == "--state-dir")
+                result.state_dir = value();
+            else if (name == "--allow")
+                parse_allow(value(), result.permissions);
+            else if (name == "--ask")
+                result.permissions.ask = true;
+            else
+                return false;
+            return true;
+        });
     if (result.state_dir.empty())
         result.state_dir = default_state_dir();
     return result;
@@ -128,18 +82,13 @@ devices and cameras, without a desktop. Prints the pairing code and state
 changes on standard output; the protocol log goes to standard error.
 
 Options:
-  --service URL     the service's client endpoint (default )" +
-           std::string(default_service_url) + R"()
-  --ca-file FILE    also trust this CA certificate (or set ORBWEAVE_CA_FILE)
-  --state-dir DIR   where the machine's secret is kept
+)" + command_line::common_usage() +
+           R"(  --state-dir DIR   where the machine's secret is kept
                     (default $XDG_CONFIG_HOME/orbweave or ~/.config/orbweave)
   --allow KINDS     kinds the service may use without asking: a comma list of
                     screen, window, audio, video, or all (default: none)
   --ask             ask on the terminal for kinds not allowed; without a
                     terminal they are denied
-  --bitrate KBPS    stream bitrate; skips the bandwidth probe
-  --help            show this text
-  --version         show the version
 )";
 }
 

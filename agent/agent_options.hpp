@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/callback.hpp"
+#include "core/command_line.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -23,15 +24,10 @@ struct permission_policy {
     decision decide(callback::source_type::type kind) const;
 };
 
-struct options {
-    std::string service_url;
-    std::string ca_file;
+/// The common options (service, CA, bitrate, help, version) and the agent's own.
+struct options : command_line::common_options {
     std::string state_dir;
     permission_policy permissions;
-    /// Set: use this bitrate (kbps) and skip the bandwidth probe.
-    std::optional<std::int32_t> bitrate;
-    bool show_help = false;
-    bool show_version = false;
 };
 
 /// The options for a command line; std::invalid_argument with a message for the

@@ -11,8 +11,10 @@
 
 namespace orbweave {
 
-/// The production endpoint of the service's client link.
-inline constexpr const char* default_service_url = "wss://orbweave.live/api/client";
+/// The service's client endpoint when none is given: the build setting
+/// ORBWEAVE_SERVICE_URL, whose default names a host under the reserved .invalid
+/// domain, so an unconfigured build contacts no one.
+inline constexpr const char* default_service_url = ORBWEAVE_SERVICE_URL;
 
 /// Timing of the link to the service. The defaults are the production values;
 /// tests run the same code with delays of a few milliseconds.

@@ -1,4 +1,5 @@
 #include "agent/agent_options.hpp"
+#include "core/orbweave_client.hpp"
 #include "agent/secret_store.hpp"
 #include "agent/terminal_prompt.hpp"
 #include "core/obs/child_process.hpp"
@@ -33,7 +34,7 @@ std::string agent_program()
 TEST(AgentOptions, DefaultsAllowNothingAndUseTheProductionService)
 {
     options parsed = parse_options({});
-    EXPECT_EQ(parsed.service_url, "wss://orbweave.live/api/client");
+    EXPECT_EQ(parsed.service_url, orbweave::default_service_url); // the build's ORBWEAVE_SERVICE_URL
     EXPECT_FALSE(parsed.bitrate);
     for (auto kind : {source_type::screen, source_type::window, source_type::audio, source_type::video,
                       source_type::none})
