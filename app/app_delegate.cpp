@@ -1,0 +1,174 @@
+#include "app/app_delegate.hpp"
+
+#include "core/bandwidth_probe.hpp"
+#include "core/log.hpp"
+
+namespace orbweave::app {
+
+using callback::request_type;
+using callback::source_type;
+using callback::state_type;
+
+decision decide(const preferences& preferences, source_type::type kind, request_type::type request)
+{
+    if (!preferences::permission_key(kind))
+        return decision::deny;
+    switch (preferences.permission_value(kind)) {
+    case static_cast<unsigned>(permission::always_allow): return decision::allow;
+    case static_cast<unsigned>(permission::ask):
+        return request == request_type::list ? decision::allow : decision::ask;
+    default: return decision::deny;
+    }
+}
+
+app_delegate::app_delegate(event_bus& bus, preferences& preferences, settings settings)
+    : bus_(bus), preferences_(preferences), settings_(std::move(settings)),
+      connector_(std::make_unique<serial_executor>())
+{
+    if (settings_.bitrate)
+        bitrate_ = *settings_.bitrate;
+    init_client();
+    // The client's callbacks post these; the work runs here, on the GUI thread, never
+    // inside a callback (it stops and joins the client).
+    bus_.observe(events::reset, this, [this](const QVariant&) { sign_out(); });
+    bus_.observe(events::deactivate, this, [this](const QVariant&) { client_->stop_streaming(); });
+}
+
+app_delegate::~app_delegate()
+{
+    shutdown();
+}
+
+void app_delegate::set_state(int state)
+{
+    bus_.post(events::state_changed, state);
+}
+
+void app_delegate::init_client()
+{
+    client_ = orbweave_client::create(settings_.service_url, settings_.client);
+    client_->set_state_change_handler([this](state_type::type state) { set_state(state); });
+    client_->set_secret_handler([this] { return preferences_.secret().toStdString(); });
+    client_->set_new_code_handler(
+        [this](std::string code) { bus_.post(events::code_changed, QString::fromStdString(code)); });
+    client_->set_reset_handler([this] { bus_.post(events::reset); });
+    client_->set_ready_handler([this](callback::msg::ready& ready) {
+        preferences_.set_user(QString::fromStdString(ready.secret), QString::fromStdString(ready.displayName),
+                              QString::fromStdString(ready.avatar));
+        bus_.post(events::user_changed);
+    });
+    client_->set_permission_handler([this](source_type::type kind, const std::string& name,
+                                           const std::string& description, request_type::type request_kind,
+                                           const callback::request& request) {
+        on_permission(kind, name, description, request_kind, request);
+    });
+    client_->set_profile_handler([this] {
+        return encode_profile{static_cast<profile_type::type>(preferences_.profile()), bitrate_.load()};
+    });
+}
+
+void app_delegate::on_permission(source_type::type kind, const std::string& name, const std::string& description,
+                                 request_type::type request_kind, const callback::request& request)
+{
+    switch (decide(preferences_, kind, request_kind)) {
+    case decision::allow: request.answer(true); return;
+    case decision::deny: request.answer(false); return;
+    case decision::ask: break;
+    }
+    std::shared_ptr<prompter> asking;
+    {
+        std::lock_guard<std::mutex> lock(prompter_mutex_);
+        asking = prompter_;
+    }
+    if (!asking) {
+        log::line("No way to ask the user; the request is refused");
+        request.answer(false);
+        return;
+    }
+    asking->ask(kind, name, description, request);
+}
+
+void app_delegate::set_prompter(std::shared_ptr<prompter> prompter)
+{
+    std::lock_guard<std::mutex> lock(prompter_mutex_);
+    prompter_ = std::move(prompter);
+}
+
+void app_delegate::start()
+{
+    set_state(state_type::disconnected);
+    connect_service();
+}
+
+std::future<bool> app_delegate::connect_service()
+{
+    std::uint32_t generation;
+    {
+        std::lock_guard<std::mutex> lock(lock_);
+        generation = current_connect_;
+    }
+    auto started = std::make_shared<std::promise<bool>>();
+    std::future<bool> result = started->get_future();
+    bool queued = connector_ && connector_->post([this, generation, started] {
+        if (bitrate_ == 0) {
+            probe_options probe;
+            probe.ca_file = settings_.client.transport.ca_file;
+            probe.cancelled = [this] { return quitting_.load(); };
+            bitrate_ = recommended_bitrate(settings_.service_url, probe);
+        }
+        std::lock_guard<std::mutex> lock(lock_);
+        // A disconnect since this connect was asked for: it is stale.
+        bool current = generation == current_connect_ && !quitting_;
+        if (current)
+            client_->start();
+        started->set_value(current);
+    });
+    if (!queued)
+        started->set_value(false);
+    return result;
+}
+
+void app_delegate::disconnect_service()
+{
+    std::shared_ptr<prompter> asking;
+    {
+        std::lock_guard<std::mutex> lock(prompter_mutex_);
+        asking = prompter_;
+    }
+    if (asking)
+        asking->refuse_all();
+    bus_.post(events::code_changed, QVariant());
+    set_state(state_type::disconnected);
+    std::lock_guard<std::mutex> lock(lock_);
+    ++current_connect_;
+    client_->stop();
+    client_->join();
+}
+
+void app_delegate::sign_out()
+{
+    preferences_.reset();
+    disconnect_service();
+    connect_service();
+}
+
+void app_delegate::shutdown()
+{
+    if (quitting_.exchange(true))
+        return;
+    std::shared_ptr<prompter> asking;
+    {
+        std::lock_guard<std::mutex> lock(prompter_mutex_);
+        asking = prompter_;
+    }
+    if (asking)
+        asking->refuse_all();
+    // A connect still measuring gives up at once; then nothing can start the client again.
+    connector_.reset();
+    std::lock_guard<std::mutex> lock(lock_);
+    ++current_connect_;
+    client_->stop();
+    client_->join();
+}
+
+} // namespace orbweave::app

@@ -1,0 +1,96 @@
+#pragma once
+
+// The one owner of the service connection in the desktop app: creates the client
+// with the handlers that tie it to the shell, connects (after measuring the uplink
+// once) and disconnects it, turns its callbacks into application events, and
+// decides permission requests from the user's preferences.
+
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "core/orbweave_client.hpp"
+#include "core/serial_executor.hpp"
+
+#include <QObject>
+
+#include <atomic>
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace orbweave::app {
+
+/// Asks the user about one request and answers it, exactly once, from any thread.
+class prompter {
+public:
+    virtual ~prompter() = default;
+    virtual void ask(callback::source_type::type kind, const std::string& name, const std::string& description,
+                     const callback::request& request) = 0;
+    /// Answers every open prompt with a refusal (sign-out, quit).
+    virtual void refuse_all() = 0;
+};
+
+/// What the preferences decide for a request.
+enum class decision { allow, deny, ask };
+
+/// The permission rule: a kind outside screen..video is refused without reading any
+/// key; always-allow grants; ask grants a list request and prompts for anything else;
+/// deny and any other value refuse.
+decision decide(const preferences& preferences, callback::source_type::type kind, callback::request_type::type request);
+
+class app_delegate : public QObject {
+public:
+    struct settings {
+        std::string service_url;
+        /// Set: stream at this bitrate and skip the bandwidth probe.
+        std::optional<std::int32_t> bitrate;
+        client_options client;
+    };
+
+    app_delegate(event_bus& bus, preferences& preferences, settings settings);
+    /// Stops and joins the client.
+    ~app_delegate() override;
+
+    /// Launch: the interface starts disconnected, then the client connects.
+    void start();
+    /// Measures the uplink once per process (on the connector thread, never the caller's),
+    /// then starts the client, unless a disconnect came first. The future tells whether
+    /// this connect started it.
+    std::future<bool> connect_service();
+    /// Refuses open prompts, clears the code, reports disconnected, and stops and joins the
+    /// client; a connect still measuring will not start it. Not from a client callback.
+    void disconnect_service();
+    /// Signing out (the user's, or the service's reset): every preference goes, then the
+    /// client reconnects unpaired. On the GUI thread.
+    void sign_out();
+    /// Quitting: open prompts refused, the client stopped and joined (streams end, no
+    /// media worker left).
+    void shutdown();
+
+    void set_prompter(std::shared_ptr<prompter> prompter);
+    orbweave_client& client() { return *client_; }
+    std::int32_t bitrate() const { return bitrate_; }
+
+private:
+    void set_state(int state);
+    void init_client();
+    void on_permission(callback::source_type::type kind, const std::string& name, const std::string& description,
+                       callback::request_type::type request_kind, const callback::request& request);
+
+    event_bus& bus_;
+    preferences& preferences_;
+    const settings settings_;
+    std::unique_ptr<orbweave_client> client_;
+    std::atomic<std::int32_t> bitrate_{0};
+    std::atomic<bool> quitting_{false};
+    // Serialises start against stop and join, and guards the connection generation.
+    std::mutex lock_;
+    std::uint32_t current_connect_ = 0;
+    std::mutex prompter_mutex_;
+    std::shared_ptr<prompter> prompter_;
+    std::unique_ptr<serial_executor> connector_;
+};
+
+} // namespace orbweave::app

@@ -1,0 +1,68 @@
+// orbweave: the desktop app. Lives in the tray (next to come), keeps the link to the
+// service, and asks the user before the service may use a source.
+
+#include "app/app_delegate.hpp"
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "app/quit_signals.hpp"
+#include "core/command_line.hpp"
+#include "core/system_info.hpp"
+
+#include <QApplication>
+
+#include <iostream>
+#include <stdexcept>
+
+namespace {
+
+std::string usage()
+{
+    return "Usage: orbweave [options]\n\n"
+           "Lets the live-production service use this computer's screens, windows, audio\n"
+           "devices and cameras, with your consent. The protocol log goes to standard error.\n\n"
+           "Options:\n" +
+           orbweave::command_line::common_usage();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    using namespace orbweave;
+
+    command_line::common_options options;
+    try {
+        options = command_line::parse(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const std::invalid_argument& error) {
+        std::cerr << "orbweave: " << error.what() << "\n";
+        return 2;
+    }
+    if (options.show_help) {
+        std::cout << usage();
+        return 0;
+    }
+    if (options.show_version) {
+        std::cout << "orbweave " << client_version << "\n";
+        return 0;
+    }
+
+    QApplication application(argc, argv);
+    QApplication::setApplicationName("orbweave");
+    QApplication::setApplicationVersion(client_version);
+    QApplication::setDesktopFileName("org.orbweave.Client");
+    // The app lives on in the tray when its window closes; only Quit or a signal end it.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    app::event_bus bus;
+    app::preferences preferences;
+    app::app_delegate::settings settings;
+    settings.service_url = options.service_url;
+    settings.bitrate = options.bitrate;
+    settings.client.transport.ca_file = options.ca_file;
+    app::app_delegate delegate(bus, preferences, settings);
+
+    app::quit_signals on_signal([] { QApplication::quit(); });
+    QObject::connect(&application, &QCoreApplication::aboutToQuit, [&delegate] { delegate.shutdown(); });
+    delegate.start();
+    return application.exec();
+}

@@ -1,0 +1,297 @@
+#include "app/app_delegate.hpp"
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "core/obs/child_process.hpp"
+#include "core/orbweave_client.hpp"
+#include "tests/support/client_harness.hpp"
+#include "tests/support/line_reader.hpp"
+#include "tests/support/service_peer.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "tools/service-sim/service_sim.hpp"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+namespace orbweave::app {
+namespace {
+
+using namespace std::chrono_literals;
+using callback::request_type;
+using callback::source_type;
+
+constexpr auto deadline = 5s;
+
+// One QCoreApplication for the program: the event bus delivers through its loop.
+class qt_environment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        static int argc = 1;
+        static char name[] = "app_test";
+        static char* argv[] = {name, nullptr};
+        application_ = std::make_unique<QCoreApplication>(argc, argv);
+    }
+    void TearDown() override { application_.reset(); }
+
+private:
+    std::unique_ptr<QCoreApplication> application_;
+};
+[[maybe_unused]] auto* const qt = ::testing::AddGlobalTestEnvironment(new qt_environment);
+
+/// Runs this thread's event loop until condition holds or the time is up.
+bool pump_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout = deadline)
+{
+    auto until = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= until)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    }
+    return true;
+}
+
+/// Every event of the listed names, as this thread's observer receives them.
+struct recorder : QObject {
+    recorder(event_bus& bus, std::initializer_list<const char*> names)
+    {
+        for (const char* name : names)
+            bus.observe(name, this, [this, name](const QVariant& payload) { seen.push_back({name, payload}); });
+    }
+    bool wait_for(const std::string& name, const QVariant& payload)
+    {
+        return pump_until([&] {
+            for (std::size_t i = taken; i < seen.size(); ++i)
+                if (seen[i].first == name && seen[i].second == payload) {
+                    taken = i + 1;
+                    return true;
+                }
+            return false;
+        });
+    }
+    std::vector<std::pair<std::string, QVariant>> seen;
+    std::size_t taken = 0;
+};
+
+TEST(Preferences, DefaultsCorruptValuesAndReset)
+{
+    test::temp_dir dir;
+    preferences fresh(QString::fromStdString(dir.file("orbweave.conf")));
+    for (auto kind : {source_type::screen, source_type::window, source_type::audio, source_type::video})
+        EXPECT_EQ(fresh.permission_value(kind), 2u) << kind;
+    EXPECT_EQ(fresh.profile(), 1u);
+    EXPECT_EQ(fresh.secret(), "");
+    EXPECT_EQ(fresh.username(), "");
+    EXPECT_FALSE(fresh.has_set_permissions());
+    EXPECT_FALSE(fresh.ignore_audio_device_events());
+
+    fresh.set_user("s3cr3t", "Ann", "https://avatars.invalid/ann.png");
+    fresh.set_permission(source_type::window, 0);
+    fresh.set_profile(3);
+    fresh.set_has_set_permissions(true);
+    struct stat file {};
+    ASSERT_EQ(::stat(dir.file("orbweave.conf").c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600u) << "the file holds the secret";
+
+    // Another reader of the same file sees the values, under their own names.
+    preferences again(QString::fromStdString(dir.file("orbweave.conf")));
+    EXPECT_EQ(again.secret(), "s3cr3t");
+    EXPECT_EQ(again.username(), "Ann");
+    EXPECT_EQ(again.permission_value(source_type::window), 0u);
+    EXPECT_EQ(again.profile(), 3u);
+    QSettings raw(QString::fromStdString(dir.file("orbweave.conf")), QSettings::IniFormat);
+    EXPECT_EQ(raw.value("clientPermissionWindow").toString(), "0");
+    EXPECT_EQ(raw.value("clientHasSetPermissions").toString(), "true");
+
+    // Values that are not what their key holds read as the defaults.
+    raw.setValue("clientPermissionAudio", "banana");
+    raw.setValue("clientProfile", "-1");
+    raw.setValue("clientHasSetPermissions", "maybe");
+    raw.sync();
+    preferences corrupt(QString::fromStdString(dir.file("orbweave.conf")));
+    EXPECT_EQ(corrupt.permission_value(source_type::audio), 2u);
+    EXPECT_EQ(corrupt.profile(), 1u);
+    EXPECT_FALSE(corrupt.has_set_permissions());
+
+    corrupt.reset();
+    EXPECT_FALSE(std::filesystem::exists(dir.file("orbweave.conf")));
+    EXPECT_EQ(corrupt.secret(), "");
+    EXPECT_EQ(corrupt.permission_value(source_type::window), 2u);
+}
+
+TEST(Permissions, TheRuleOverEveryKindAndValue)
+{
+    test::temp_dir dir;
+    preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
+    for (auto kind : {source_type::screen, source_type::window, source_type::audio, source_type::video}) {
+        SCOPED_TRACE(source_type::name(kind));
+        stored.set_permission(kind, 2);
+        EXPECT_EQ(decide(stored, kind, request_type::activate), decision::allow);
+        stored.set_permission(kind, 1);
+        EXPECT_EQ(decide(stored, kind, request_type::list), decision::deny);
+        stored.set_permission(kind, 0);
+        EXPECT_EQ(decide(stored, kind, request_type::list), decision::allow); // no prompt to list
+        EXPECT_EQ(decide(stored, kind, request_type::activate), decision::ask);
+        stored.set_permission(kind, 3);
+        EXPECT_EQ(decide(stored, kind, request_type::activate), decision::deny);
+    }
+    for (int kind : {0, 5})
+        EXPECT_EQ(decide(stored, static_cast<source_type::type>(kind), request_type::list), decision::deny);
+}
+
+TEST(EventBus, ObserversRunInTheirOwnThreadAndGoWithTheirObject)
+{
+    event_bus bus;
+    auto observer = std::make_unique<QObject>();
+    std::vector<int> states;
+    Qt::HANDLE ran_on = nullptr;
+    bus.observe(events::state_changed, observer.get(), [&](const QVariant& payload) {
+        states.push_back(payload.toInt());
+        ran_on = QThread::currentThreadId();
+    });
+    std::thread poster([&] { bus.post(events::state_changed, 3); });
+    poster.join();
+    EXPECT_TRUE(states.empty()) << "delivered on the posting thread";
+    ASSERT_TRUE(pump_until([&] { return !states.empty(); }));
+    EXPECT_EQ(states, std::vector<int>{3});
+    EXPECT_EQ(ran_on, QThread::currentThreadId());
+
+    bus.post(events::code_changed, QString("ABCD2345")); // nobody observes it
+    observer.reset();
+    bus.post(events::state_changed, 1);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(states, std::vector<int>{3});
+}
+
+/// The app's non-visual half against the simulator, with preferences in a private folder.
+class Wiring : public ::testing::Test {
+protected:
+    Wiring()
+        : stored(QString::fromStdString(dir.file("orbweave.conf"))),
+          events(bus, {events::state_changed, events::code_changed, events::user_changed})
+    {
+        service.identity().write(dir.path());
+        settings.service_url = service.url();
+        settings.client = test::fast_client_options(dir.file("ca.pem"));
+    }
+
+    test::temp_dir dir;
+    sim::service_sim service;
+    event_bus bus;
+    preferences stored;
+    recorder events;
+    app_delegate::settings settings;
+};
+
+TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
+{
+    settings.bitrate = 2500;
+    app_delegate delegate(bus, stored, settings);
+    delegate.start();
+    EXPECT_TRUE(events.wait_for(events::state_changed, 2)); // the disconnected look first
+
+    auto code = service.wait_for_code(deadline);
+    ASSERT_TRUE(code);
+    EXPECT_TRUE(events.wait_for(events::code_changed, QString::fromStdString(*code)));
+    auto secret = service.claim(*code, {"Ann Example", "https://avatars.invalid/ann.png"});
+    ASSERT_TRUE(secret);
+    EXPECT_TRUE(events.wait_for(events::state_changed, 1)); // reported before the owner's details
+    EXPECT_TRUE(events.wait_for(events::user_changed, QVariant()));
+    EXPECT_EQ(stored.secret().toStdString(), *secret);
+    EXPECT_EQ(stored.username(), "Ann Example");
+    EXPECT_EQ(stored.avatar(), "https://avatars.invalid/ann.png");
+    EXPECT_EQ(delegate.bitrate(), 2500) << "--bitrate skips the probe";
+
+    // The service undoes the pairing: everything stored goes, and the client asks anew.
+    stored.set_profile(3);
+    ASSERT_TRUE(service.reset());
+    EXPECT_TRUE(events.wait_for(events::code_changed, QVariant()));
+    auto request = service.wait_for([](const sim::received& r) {
+        return r.message == Json({{"id", "code"}, {"url", "/api/client/connect"}, {"method", "GET"}});
+    }, deadline);
+    EXPECT_TRUE(request);
+    EXPECT_EQ(stored.secret(), "");
+    EXPECT_EQ(stored.profile(), 1u);
+    EXPECT_TRUE(service.wait_for_code(deadline));
+}
+
+TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)
+{
+    test::temp_dir dir;
+    test::service_peer peer;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    peer.set_http_handler([released](const wss::http_request&) -> wss::http_response {
+        released.wait_for(deadline); // a slow uplink measurement
+        return {200, R"({"bytes":1048576,"duration":1000})", "application/json"};
+    });
+    event_bus bus;
+    preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
+    app_delegate::settings settings;
+    settings.service_url = peer.url();
+    settings.client = test::fast_client_options(peer.ca_file());
+    app_delegate delegate(bus, stored, settings);
+
+    std::future<bool> first = delegate.connect_service();
+    delegate.disconnect_service(); // while the first is still measuring
+    release.set_value();
+    EXPECT_FALSE(first.get()) << "a stale connect started the client";
+    EXPECT_EQ(delegate.bitrate(), 4194) << "its measurement is kept";
+
+    EXPECT_TRUE(delegate.connect_service().get());
+    EXPECT_TRUE(peer.wait_for_connection(deadline));
+}
+
+TEST(Program, OptionsAndAnOrderlyEndOnSigterm)
+{
+    auto run = [](std::vector<std::string> args, std::string* out = nullptr) {
+        obs::child_process::options options;
+        options.argv = {ORBWEAVE_APP_PROGRAM};
+        options.argv.insert(options.argv.end(), args.begin(), args.end());
+        options.pipe_stdout = true;
+        obs::child_process program(options);
+        test::line_reader lines(program.stdout_fd());
+        while (auto line = lines.next(deadline))
+            if (out)
+                *out += *line + "\n";
+        auto status = program.wait_for(deadline);
+        return status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+    };
+    std::string version, help;
+    EXPECT_EQ(run({"--version"}, &version), 0);
+    EXPECT_EQ(version, "orbweave 0.9.4.0\n");
+    EXPECT_EQ(run({"--help"}, &help), 0);
+    EXPECT_NE(help.find("--service URL"), std::string::npos);
+    EXPECT_EQ(run({"--frobnicate"}), 2);
+    EXPECT_EQ(run({"--service", "http://127.0.0.1/"}), 2);
+
+    // Against the simulator, with no display of its own: it connects, and SIGTERM ends it in order.
+    test::temp_dir home;
+    sim::service_sim service;
+    service.identity().write(home.path());
+    obs::child_process::options options;
+    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"), "--bitrate",
+                    "1500"};
+    options.environment = {{"QT_QPA_PLATFORM", "offscreen"}, {"XDG_CONFIG_HOME", home.path().string()}};
+    options.quiet = true;
+    obs::child_process program(options);
+    ASSERT_TRUE(service.wait_for_code_request(deadline)) << "the app did not connect";
+    program.kill(SIGTERM);
+    auto status = program.wait_for(deadline);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_TRUE(service.wait_for_disconnect(deadline));
+}
+
+} // namespace
+} // namespace orbweave::app
