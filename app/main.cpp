@@ -3,10 +3,12 @@
 
 #include "app/app_delegate.hpp"
 #include "app/event_bus.hpp"
+#include "app/notification_prompter.hpp"
 #include "app/preferences.hpp"
 #include "app/quit_signals.hpp"
 #include "core/command_line.hpp"
 #include "core/system_info.hpp"
+#include "ui/permission_dialog.hpp"
 
 #include <QApplication>
 
@@ -60,6 +62,9 @@ int main(int argc, char** argv)
     settings.bitrate = options.bitrate;
     settings.client.transport.ca_file = options.ca_file;
     app::app_delegate delegate(bus, preferences, settings);
+    // Consent through the desktop's notifications, or a dialog where they cannot ask.
+    delegate.set_prompter(std::make_shared<app::notification_prompter>(QDBusConnection::sessionBus(),
+                                                                       &ui::ask_with_dialog));
 
     app::quit_signals on_signal([] { QApplication::quit(); });
     QObject::connect(&application, &QCoreApplication::aboutToQuit, [&delegate] { delegate.shutdown(); });

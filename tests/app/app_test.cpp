@@ -9,7 +9,7 @@
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QFile>
 #include <QThread>
 
@@ -32,20 +32,22 @@ using callback::source_type;
 
 constexpr auto deadline = 5s;
 
-// One QCoreApplication for the program: the event bus delivers through its loop.
+// One application for the program, on the offscreen platform: the event bus delivers
+// through its loop, and the dialogs need widgets.
 class qt_environment : public ::testing::Environment {
 public:
     void SetUp() override
     {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
         static int argc = 1;
         static char name[] = "app_test";
         static char* argv[] = {name, nullptr};
-        application_ = std::make_unique<QCoreApplication>(argc, argv);
+        application_ = std::make_unique<QApplication>(argc, argv);
     }
     void TearDown() override { application_.reset(); }
 
 private:
-    std::unique_ptr<QCoreApplication> application_;
+    std::unique_ptr<QApplication> application_;
 };
 [[maybe_unused]] auto* const qt = ::testing::AddGlobalTestEnvironment(new qt_environment);
 

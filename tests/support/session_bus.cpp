@@ -1,0 +1,24 @@
+#include "tests/support/session_bus.hpp"
+
+#include "tests/support/line_reader.hpp"
+
+#include <stdexcept>
+
+namespace orbweave::test {
+
+session_bus::session_bus()
+{
+    obs::child_process::options options;
+    options.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address"};
+    options.pipe_stdout = true;
+    daemon_ = std::make_unique<obs::child_process>(options);
+    line_reader output(daemon_->stdout_fd());
+    auto address = output.next(std::chrono::seconds(10));
+    if (!address || address->empty())
+        throw std::runtime_error("dbus-daemon did not say where it listens");
+    address_ = *address;
+}
+
+session_bus::~session_bus() = default;
+
+} // namespace orbweave::test
