@@ -148,6 +148,8 @@ void app_delegate::disconnect_service()
 void app_delegate::sign_out()
 {
     preferences_.reset();
+    if (autostart_)
+        autostart_->set_enabled(false);
     disconnect_service();
     connect_service();
 }

@@ -5,6 +5,7 @@
 // once) and disconnects it, turns its callbacks into application events, and
 // decides permission requests from the user's preferences.
 
+#include "app/autostart.hpp"
 #include "app/event_bus.hpp"
 #include "app/preferences.hpp"
 #include "core/orbweave_client.hpp"
@@ -70,6 +71,8 @@ public:
     void shutdown();
 
     void set_prompter(std::shared_ptr<prompter> prompter);
+    /// The launch-at-login entry, turned off by a sign-out.
+    void set_autostart(autostart* entry) { autostart_ = entry; }
     orbweave_client& client() { return *client_; }
     std::int32_t bitrate() const { return bitrate_; }
 
@@ -91,6 +94,7 @@ private:
     std::mutex prompter_mutex_;
     std::shared_ptr<prompter> prompter_;
     std::unique_ptr<serial_executor> connector_;
+    autostart* autostart_ = nullptr;
 };
 
 } // namespace orbweave::app

@@ -2,10 +2,12 @@
 // service, and asks the user before the service may use a source.
 
 #include "app/app_delegate.hpp"
+#include "app/autostart.hpp"
 #include "app/event_bus.hpp"
 #include "app/notification_prompter.hpp"
 #include "app/preferences.hpp"
 #include "app/quit_signals.hpp"
+#include "app/single_instance.hpp"
 #include "core/command_line.hpp"
 #include "core/system_info.hpp"
 #include "ui/permission_dialog.hpp"
@@ -56,13 +58,20 @@ int main(int argc, char** argv)
     QApplication::setQuitOnLastWindowClosed(false);
 
     app::event_bus bus;
+    // A second launch shows the running app and ends here.
+    app::single_instance instance(bus);
+    if (instance.started_as() == app::single_instance::role::second)
+        return 0;
+
     app::preferences preferences;
+    app::autostart launch_at_login(bus, QCoreApplication::applicationFilePath());
     app::app_delegate::settings settings;
     settings.service_url = options.service_url;
     settings.bitrate = options.bitrate;
     settings.client.transport.ca_file = options.ca_file;
     app::app_delegate delegate(bus, preferences, settings);
     // Consent through the desktop's notifications, or a dialog where they cannot ask.
+    delegate.set_autostart(&launch_at_login);
     delegate.set_prompter(std::make_shared<app::notification_prompter>(QDBusConnection::sessionBus(),
                                                                        &ui::ask_with_dialog));
 

@@ -1,0 +1,109 @@
+// Desktop integration: the launch-at-login entry, and one app per session.
+
+#include "app/autostart.hpp"
+#include "app/event_bus.hpp"
+#include "core/obs/child_process.hpp"
+#include "tests/support/session_bus.hpp"
+#include "tests/support/stderr_capture.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "tools/service-sim/service_sim.hpp"
+
+#include <QCoreApplication>
+#include <QFile>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+
+namespace orbweave::app {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr auto deadline = 5s;
+
+bool pump_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout = deadline)
+{
+    auto until = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= until)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    }
+    return true;
+}
+
+std::string read(const std::string& path)
+{
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+TEST(LaunchAtLogin, TheEntryIsWrittenOnceRemovedAndWatched)
+{
+    test::temp_dir config;
+    std::string path = config.file("autostart/org.orbweave.Client.desktop");
+    event_bus bus;
+    QObject observer;
+    int changes = 0;
+    bus.observe(events::launch_at_login_changed, &observer, [&](const QVariant&) { ++changes; });
+    autostart entry(bus, "/opt/Orb Weave/orbweave", QString::fromStdString(path));
+
+    EXPECT_FALSE(entry.enabled());
+    entry.set_enabled(false); // off with no entry: nothing to do
+    entry.set_enabled(true);
+    entry.set_enabled(true);
+    EXPECT_TRUE(entry.enabled());
+    std::string text = read(path);
+    EXPECT_EQ(text.find("[Desktop Entry]\n"), 0u);
+    EXPECT_NE(text.find("\nExec=\"/opt/Orb Weave/orbweave\"\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nType=Application\n"), std::string::npos);
+    ASSERT_TRUE(pump_until([&] { return changes > 0; })) << "our own change is announced too";
+
+    // Someone else turns it off by editing the entry, then removes it: both are seen.
+    int before = changes;
+    std::ofstream(path, std::ios::app) << "Hidden=true\n";
+    ASSERT_TRUE(pump_until([&] { return changes > before; }, 1s));
+    EXPECT_FALSE(entry.enabled());
+    before = changes;
+    QFile::remove(QString::fromStdString(path));
+    ASSERT_TRUE(pump_until([&] { return changes > before; }, 1s));
+    EXPECT_FALSE(entry.enabled());
+
+    // X-GNOME-Autostart-enabled=false counts as off as well.
+    std::ofstream(path) << "[Desktop Entry]\nType=Application\nExec=orbweave\nX-GNOME-Autostart-enabled=false\n";
+    EXPECT_FALSE(entry.enabled());
+}
+
+TEST(SingleInstance, ASecondLaunchShowsTheFirstAndEnds)
+{
+    test::session_bus bus;
+    test::temp_dir home;
+    sim::service_sim service;
+    service.identity().write(home.path());
+    auto launch = [&] {
+        obs::child_process::options options;
+        options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
+                        "--bitrate", "1500"};
+        options.environment = {{"QT_QPA_PLATFORM", "offscreen"},
+                               {"XDG_CONFIG_HOME", home.path().string()},
+                               {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
+        return std::make_unique<obs::child_process>(options);
+    };
+    test::stderr_capture log; // the programs inherit our standard error
+    auto first = launch();
+    ASSERT_TRUE(service.wait_for_code_request(deadline));
+
+    auto second = launch();
+    auto status = second->wait_for(deadline);
+    ASSERT_TRUE(status) << "the second launch kept running";
+    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(service.connections().size(), 1u) << "the second launch connected";
+
+    first->kill(SIGTERM);
+    ASSERT_TRUE(first->wait_for(deadline));
+    EXPECT_EQ(log.count_lines_starting("Activated by another launch"), 1) << log.text();
+}
+
+} // namespace
+} // namespace orbweave::app
