@@ -21,8 +21,8 @@ decision decide(const preferences& preferences, source_type::type kind, request_
     }
 }
 
-app_delegate::app_delegate(event_bus& bus, preferences& preferences, settings settings)
-    : bus_(bus), preferences_(preferences), settings_(std::move(settings)),
+app_delegate::app_delegate(event_bus& bus, preferences& preferences, secret_keeper& secrets, settings settings)
+    : bus_(bus), preferences_(preferences), secrets_(secrets), settings_(std::move(settings)),
       connector_(std::make_unique<serial_executor>())
 {
     if (settings_.bitrate)
@@ -48,13 +48,13 @@ void app_delegate::init_client()
 {
     client_ = orbweave_client::create(settings_.service_url, settings_.client);
     client_->set_state_change_handler([this](state_type::type state) { set_state(state); });
-    client_->set_secret_handler([this] { return preferences_.secret().toStdString(); });
+    client_->set_secret_handler([this] { return secrets_.secret(); });
     client_->set_new_code_handler(
         [this](std::string code) { bus_.post(events::code_changed, QString::fromStdString(code)); });
     client_->set_reset_handler([this] { bus_.post(events::reset); });
     client_->set_ready_handler([this](callback::msg::ready& ready) {
-        preferences_.set_user(QString::fromStdString(ready.secret), QString::fromStdString(ready.displayName),
-                              QString::fromStdString(ready.avatar));
+        secrets_.store(ready.secret);
+        preferences_.set_owner(QString::fromStdString(ready.displayName), QString::fromStdString(ready.avatar));
         bus_.post(events::user_changed);
     });
     client_->set_permission_handler([this](source_type::type kind, const std::string& name,
@@ -147,6 +147,7 @@ void app_delegate::disconnect_service()
 
 void app_delegate::sign_out()
 {
+    secrets_.erase();
     preferences_.reset();
     if (autostart_)
         autostart_->set_enabled(false);

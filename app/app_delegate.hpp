@@ -8,6 +8,7 @@
 #include "app/autostart.hpp"
 #include "app/event_bus.hpp"
 #include "app/preferences.hpp"
+#include "app/secret_keeper.hpp"
 #include "core/orbweave_client.hpp"
 #include "core/serial_executor.hpp"
 
@@ -50,11 +51,12 @@ public:
         client_options client;
     };
 
-    app_delegate(event_bus& bus, preferences& preferences, settings settings);
+    app_delegate(event_bus& bus, preferences& preferences, secret_keeper& secrets, settings settings);
     /// Stops and joins the client.
     ~app_delegate() override;
 
-    /// Launch: the interface starts disconnected, then the client connects.
+    /// Launch: the interface starts disconnected, then the client connects. Call it once
+    /// the secret is loaded.
     void start();
     /// Measures the uplink once per process (on the connector thread, never the caller's),
     /// then starts the client, unless a disconnect came first. The future tells whether
@@ -84,6 +86,7 @@ private:
 
     event_bus& bus_;
     preferences& preferences_;
+    secret_keeper& secrets_;
     const settings settings_;
     std::unique_ptr<orbweave_client> client_;
     std::atomic<std::int32_t> bitrate_{0};

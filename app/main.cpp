@@ -7,6 +7,7 @@
 #include "app/notification_prompter.hpp"
 #include "app/preferences.hpp"
 #include "app/quit_signals.hpp"
+#include "app/secret_keeper.hpp"
 #include "app/single_instance.hpp"
 #include "core/command_line.hpp"
 #include "core/system_info.hpp"
@@ -64,12 +65,13 @@ int main(int argc, char** argv)
         return 0;
 
     app::preferences preferences;
+    app::secret_keeper secrets(preferences);
     app::autostart launch_at_login(bus, QCoreApplication::applicationFilePath());
     app::app_delegate::settings settings;
     settings.service_url = options.service_url;
     settings.bitrate = options.bitrate;
     settings.client.transport.ca_file = options.ca_file;
-    app::app_delegate delegate(bus, preferences, settings);
+    app::app_delegate delegate(bus, preferences, secrets, settings);
     // Consent through the desktop's notifications, or a dialog where they cannot ask.
     delegate.set_autostart(&launch_at_login);
     delegate.set_prompter(std::make_shared<app::notification_prompter>(QDBusConnection::sessionBus(),
@@ -77,6 +79,7 @@ int main(int argc, char** argv)
 
     app::quit_signals on_signal([] { QApplication::quit(); });
     QObject::connect(&application, &QCoreApplication::aboutToQuit, [&delegate] { delegate.shutdown(); });
-    delegate.start();
+    // The client presents the stored secret, so it connects once that is read.
+    secrets.load([&delegate] { delegate.start(); });
     return application.exec();
 }

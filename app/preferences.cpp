@@ -86,9 +86,8 @@ QString preferences::avatar() const
     return string_at(keys::avatar);
 }
 
-void preferences::set_user(const QString& secret, const QString& username, const QString& avatar)
+void preferences::set_owner(const QString& username, const QString& avatar)
 {
-    store(keys::secret, secret);
     store(keys::username, username);
     store(keys::avatar, avatar);
 }

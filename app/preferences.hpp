@@ -39,12 +39,13 @@ public:
 
     explicit preferences(const QString& path = default_path());
 
+    /// The secret, when no keyring keeps it (secret_keeper decides).
     QString secret() const;
     void set_secret(const QString& secret);
     QString username() const;
     QString avatar() const;
-    /// The owner's details from a pairing: secret, username and avatar, in that order.
-    void set_user(const QString& secret, const QString& username, const QString& avatar);
+    /// The owner's details from a pairing.
+    void set_owner(const QString& username, const QString& avatar);
 
     /// The key of a source kind's permission; none for a kind outside screen..video.
     static std::optional<const char*> permission_key(callback::source_type::type kind);

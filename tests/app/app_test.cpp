@@ -1,9 +1,14 @@
 #include "app/app_delegate.hpp"
 #include "app/event_bus.hpp"
 #include "app/preferences.hpp"
+#include "app/secret_keeper.hpp"
 #include "core/obs/child_process.hpp"
 #include "core/orbweave_client.hpp"
 #include "tests/support/client_harness.hpp"
+#include "tests/support/eventually.hpp"
+#include "tests/support/keyring.hpp"
+#include "tests/support/session_bus.hpp"
+#include "tests/support/stderr_capture.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/service_peer.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -20,6 +25,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <thread>
 
@@ -32,21 +38,32 @@ using callback::source_type;
 
 constexpr auto deadline = 5s;
 
-// One application for the program, on the offscreen platform: the event bus delivers
-// through its loop, and the dialogs need widgets.
+// One application for the program, on the offscreen platform (the event bus delivers
+// through its loop, and the dialogs need widgets), and a private session bus with an
+// unlocked keyring, so no test ever reaches the desktop's own.
 class qt_environment : public ::testing::Environment {
 public:
     void SetUp() override
     {
+        bus_ = std::make_unique<test::session_bus>();
+        keyring_ = std::make_unique<test::keyring>(bus_->address());
+        qputenv("DBUS_SESSION_BUS_ADDRESS", QByteArray::fromStdString(bus_->address()));
         qputenv("QT_QPA_PLATFORM", "offscreen");
         static int argc = 1;
         static char name[] = "app_test";
         static char* argv[] = {name, nullptr};
         application_ = std::make_unique<QApplication>(argc, argv);
     }
-    void TearDown() override { application_.reset(); }
+    void TearDown() override
+    {
+        application_.reset();
+        keyring_.reset();
+        bus_.reset();
+    }
 
 private:
+    std::unique_ptr<test::session_bus> bus_;
+    std::unique_ptr<test::keyring> keyring_;
     std::unique_ptr<QApplication> application_;
 };
 [[maybe_unused]] auto* const qt = ::testing::AddGlobalTestEnvironment(new qt_environment);
@@ -97,7 +114,8 @@ TEST(Preferences, DefaultsCorruptValuesAndReset)
     EXPECT_FALSE(fresh.has_set_permissions());
     EXPECT_FALSE(fresh.ignore_audio_device_events());
 
-    fresh.set_user("s3cr3t", "Ann", "https://avatars.invalid/ann.png");
+    fresh.set_secret("s3cr3t");
+    fresh.set_owner("Ann", "https://avatars.invalid/ann.png");
     fresh.set_permission(source_type::window, 0);
     fresh.set_profile(3);
     fresh.set_has_set_permissions(true);
@@ -179,7 +197,7 @@ TEST(EventBus, ObserversRunInTheirOwnThreadAndGoWithTheirObject)
 class Wiring : public ::testing::Test {
 protected:
     Wiring()
-        : stored(QString::fromStdString(dir.file("orbweave.conf"))),
+        : stored(QString::fromStdString(dir.file("orbweave.conf"))), secrets(stored),
           events(bus, {events::state_changed, events::code_changed, events::user_changed})
     {
         service.identity().write(dir.path());
@@ -191,14 +209,29 @@ protected:
     sim::service_sim service;
     event_bus bus;
     preferences stored;
+    secret_keeper secrets;
     recorder events;
     app_delegate::settings settings;
 };
 
+/// What a keeper starting now reads back.
+std::string loaded_secret(preferences& stored)
+{
+    secret_keeper reader(stored);
+    bool ready = false;
+    reader.load([&] { ready = true; });
+    EXPECT_TRUE(pump_until([&] { return ready; }));
+    EXPECT_TRUE(reader.in_keyring());
+    return reader.secret();
+}
+
 TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
 {
     settings.bitrate = 2500;
-    app_delegate delegate(bus, stored, settings);
+    app_delegate delegate(bus, stored, secrets, settings);
+    bool loaded = false;
+    secrets.load([&] { loaded = true; });
+    ASSERT_TRUE(pump_until([&] { return loaded; }));
     delegate.start();
     EXPECT_TRUE(events.wait_for(events::state_changed, 2)); // the disconnected look first
 
@@ -209,7 +242,11 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
     ASSERT_TRUE(secret);
     EXPECT_TRUE(events.wait_for(events::state_changed, 1)); // reported before the owner's details
     EXPECT_TRUE(events.wait_for(events::user_changed, QVariant()));
-    EXPECT_EQ(stored.secret().toStdString(), *secret);
+    // The secret is in the keyring, and nowhere in the preferences file.
+    EXPECT_TRUE(pump_until([&] { return loaded_secret(stored) == *secret; }));
+    EXPECT_EQ(stored.secret(), "");
+    std::ifstream file(stored.path().toStdString());
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}).find(*secret), std::string::npos);
     EXPECT_EQ(stored.username(), "Ann Example");
     EXPECT_EQ(stored.avatar(), "https://avatars.invalid/ann.png");
     EXPECT_EQ(delegate.bitrate(), 2500) << "--bitrate skips the probe";
@@ -222,7 +259,8 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
         return r.message == Json({{"id", "code"}, {"url", "/api/client/connect"}, {"method", "GET"}});
     }, deadline);
     EXPECT_TRUE(request);
-    EXPECT_EQ(stored.secret(), "");
+    EXPECT_EQ(secrets.secret(), "");
+    EXPECT_TRUE(pump_until([&] { return loaded_secret(stored).empty(); })) << "the keyring kept it";
     EXPECT_EQ(stored.profile(), 1u);
     EXPECT_TRUE(service.wait_for_code(deadline));
 }
@@ -239,10 +277,11 @@ TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)
     });
     event_bus bus;
     preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
+    secret_keeper secrets(stored);
     app_delegate::settings settings;
     settings.service_url = peer.url();
     settings.client = test::fast_client_options(peer.ca_file());
-    app_delegate delegate(bus, stored, settings);
+    app_delegate delegate(bus, stored, secrets, settings);
 
     std::future<bool> first = delegate.connect_service();
     delegate.disconnect_service(); // while the first is still measuring
@@ -277,22 +316,39 @@ TEST(Program, OptionsAndAnOrderlyEndOnSigterm)
     EXPECT_EQ(run({"--frobnicate"}), 2);
     EXPECT_EQ(run({"--service", "http://127.0.0.1/"}), 2);
 
-    // Against the simulator, with no display of its own: it connects, and SIGTERM ends it in order.
+    // Against the simulator, on a session bus where no keyring answers: it pairs, keeps the
+    // secret in its preferences file (this user's alone) and says so, and SIGTERM ends it in order.
     test::temp_dir home;
+    test::session_bus no_keyring;
     sim::service_sim service;
     service.identity().write(home.path());
     obs::child_process::options options;
     options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"), "--bitrate",
                     "1500"};
-    options.environment = {{"QT_QPA_PLATFORM", "offscreen"}, {"XDG_CONFIG_HOME", home.path().string()}};
-    options.quiet = true;
+    options.environment = {{"QT_QPA_PLATFORM", "offscreen"},
+                           {"XDG_CONFIG_HOME", home.path().string()},
+                           {"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()}};
+    test::stderr_capture log;
     obs::child_process program(options);
-    ASSERT_TRUE(service.wait_for_code_request(deadline)) << "the app did not connect";
+    auto code = service.wait_for_code(deadline);
+    ASSERT_TRUE(code) << "the app did not connect";
+    auto secret = service.claim(*code, {"Ann", ""});
+    ASSERT_TRUE(secret);
+    std::string conf = home.file("orbweave/orbweave.conf");
+    ASSERT_TRUE(test::eventually([&] {
+        std::ifstream file(conf);
+        return std::string(std::istreambuf_iterator<char>(file), {}).find(*secret) != std::string::npos;
+    }, deadline));
+    struct stat file_mode {};
+    ASSERT_EQ(::stat(conf.c_str(), &file_mode), 0);
+    EXPECT_EQ(file_mode.st_mode & 0777, 0600u);
     program.kill(SIGTERM);
     auto status = program.wait_for(deadline);
     ASSERT_TRUE(status);
     EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
     EXPECT_TRUE(service.wait_for_disconnect(deadline));
+    EXPECT_EQ(log.count_lines_starting("No keyring answers"), 1) << log.text();
+    EXPECT_EQ(log.text().find(*secret), std::string::npos) << "the secret reached the log";
 }
 
 } // namespace
