@@ -6,7 +6,7 @@
 #include "core/orbweave_client.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
-#include "tests/support/keyring.hpp"
+#include "tests/app/qt_support.hpp"
 #include "tests/support/session_bus.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/line_reader.hpp"
@@ -38,47 +38,8 @@ using callback::source_type;
 
 constexpr auto deadline = 5s;
 
-// One application for the program, on the offscreen platform (the event bus delivers
-// through its loop, and the dialogs need widgets), and a private session bus with an
-// unlocked keyring, so no test ever reaches the desktop's own.
-class qt_environment : public ::testing::Environment {
-public:
-    void SetUp() override
-    {
-        bus_ = std::make_unique<test::session_bus>();
-        keyring_ = std::make_unique<test::keyring>(bus_->address());
-        qputenv("DBUS_SESSION_BUS_ADDRESS", QByteArray::fromStdString(bus_->address()));
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-        static int argc = 1;
-        static char name[] = "app_test";
-        static char* argv[] = {name, nullptr};
-        application_ = std::make_unique<QApplication>(argc, argv);
-    }
-    void TearDown() override
-    {
-        application_.reset();
-        keyring_.reset();
-        bus_.reset();
-    }
-
-private:
-    std::unique_ptr<test::session_bus> bus_;
-    std::unique_ptr<test::keyring> keyring_;
-    std::unique_ptr<QApplication> application_;
-};
-[[maybe_unused]] auto* const qt = ::testing::AddGlobalTestEnvironment(new qt_environment);
-
-/// Runs this thread's event loop until condition holds or the time is up.
-bool pump_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout = deadline)
-{
-    auto until = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= until)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    }
-    return true;
-}
+[[maybe_unused]] auto* const qt = ::testing::AddGlobalTestEnvironment(new test::qt_environment);
+using test::pump_until;
 
 /// Every event of the listed names, as this thread's observer receives them.
 struct recorder : QObject {

@@ -11,6 +11,8 @@
 #include <QCoreApplication>
 #include <QFile>
 
+#include "tests/app/qt_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -19,19 +21,10 @@
 namespace orbweave::app {
 namespace {
 
+using test::pump_until;
+
 using namespace std::chrono_literals;
 constexpr auto deadline = 5s;
-
-bool pump_until(const std::function<bool()>& condition, std::chrono::milliseconds timeout = deadline)
-{
-    auto until = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= until)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    }
-    return true;
-}
 
 std::string read(const std::string& path)
 {

@@ -1,0 +1,105 @@
+// Consent end to end: the app's client wiring and notification prompts, the service
+// simulator, real media workers under Xvfb and PulseAudio, and nginx-rtmp. With a
+// kind set to "ask", an activation waits for the user's click on the notification.
+
+#include "app/app_delegate.hpp"
+#include "app/notification_prompter.hpp"
+#include "tests/app/notification_server.hpp"
+#include "tests/app/qt_support.hpp"
+#include "tests/support/client_harness.hpp"
+#include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "tools/service-sim/service_sim.hpp"
+
+#include <gtest/gtest.h>
+
+namespace orbweave::app {
+namespace {
+
+using namespace std::chrono_literals;
+using callback::source_type;
+using test::pump_until;
+
+constexpr auto deadline = 20s;
+
+auto* const qt = static_cast<test::qt_environment*>(::testing::AddGlobalTestEnvironment(new test::qt_environment));
+[[maybe_unused]] auto* const media = ::testing::AddGlobalTestEnvironment(new test::media_environment);
+
+TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRejects)
+{
+    test::temp_dir dir;
+    sim::service_sim service;
+    test::rtmp_ingest ingest;
+    service.identity().write(dir.path());
+
+    preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
+    stored.set_permission(source_type::screen, static_cast<unsigned>(permission::ask));
+    secret_keeper secrets(stored);
+    event_bus bus;
+    app_delegate::settings settings;
+    settings.service_url = service.url();
+    settings.bitrate = 1500;
+    settings.client = test::fast_client_options(dir.file("ca.pem"));
+    app_delegate delegate(bus, stored, secrets, settings);
+
+    auto desktop = QDBusConnection::connectToBus(QString::fromStdString(qt->bus_address()), "desktop");
+    notification_server notifications(desktop, {"actions", "body"});
+    delegate.set_prompter(std::make_shared<notification_prompter>());
+
+    bool loaded = false;
+    secrets.load([&] { loaded = true; });
+    ASSERT_TRUE(pump_until([&] { return loaded; }));
+    delegate.start();
+    auto code = service.wait_for_code(deadline);
+    ASSERT_TRUE(code);
+    ASSERT_TRUE(service.claim(*code, {"Ann", ""}));
+
+    // Listing an "ask" kind needs no prompt.
+    std::optional<sim::received> listed;
+    auto list_state = service.list("screen");
+    ASSERT_TRUE(pump_until([&] { return (listed = service.wait_for_reply(*list_state, 0ms)).has_value(); }, deadline));
+    ASSERT_EQ(listed->message["payload"]["status"], "Success");
+    std::string screen = listed->message["payload"]["results"][0]["id"];
+    EXPECT_TRUE(notifications.notified.empty());
+
+    auto activate = [&](const std::string& key) {
+        sim::activation request;
+        request.source_id = screen;
+        request.server = ingest.url();
+        request.key = key;
+        return service.activate(request).value_or("");
+    };
+    auto reply_to = [&](const std::string& state) {
+        std::optional<sim::received> reply;
+        EXPECT_TRUE(pump_until([&] { return (reply = service.wait_for_reply(state, 0ms)).has_value(); }, deadline));
+        return reply ? reply->message["payload"] : Json();
+    };
+
+    // Allowed from the notification: the stream reaches the ingest.
+    std::string allowed = activate("approved");
+    ASSERT_TRUE(pump_until([&] { return notifications.notified.size() == 1; }, deadline));
+    EXPECT_EQ(notifications.notified[0].summary, "Requesting Permission");
+    EXPECT_EQ(notifications.notified[0].body, "Display 1\n1280x720");
+    EXPECT_FALSE(service.wait_for_reply(allowed, 0ms)) << "answered before the user was";
+    notifications.invoke(101, "allow");
+    EXPECT_EQ(reply_to(allowed), Json({{"status", "Success"}}));
+    ASSERT_TRUE(ingest.wait_for_publishing("approved", deadline));
+    auto probe = ingest.probe_live("approved", deadline);
+    ASSERT_TRUE(probe.video()) << probe.error;
+    EXPECT_EQ(probe.video()->codec_name, "h264");
+
+    // Denied: rejected, and nothing more streams.
+    std::string denied = activate("refused");
+    ASSERT_TRUE(pump_until([&] { return notifications.notified.size() == 2; }, deadline));
+    notifications.invoke(102, "deny");
+    EXPECT_EQ(reply_to(denied), Json({{"status", "Rejected"}}));
+    EXPECT_FALSE(ingest.publishing("refused"));
+
+    delegate.shutdown();
+    EXPECT_TRUE(ingest.wait_until_not_publishing("approved", deadline));
+    QDBusConnection::disconnectFromBus("desktop");
+}
+
+} // namespace
+} // namespace orbweave::app
