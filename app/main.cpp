@@ -10,10 +10,14 @@
 #include "app/secret_keeper.hpp"
 #include "app/single_instance.hpp"
 #include "core/command_line.hpp"
+#include "core/log.hpp"
 #include "core/system_info.hpp"
 #include "ui/permission_dialog.hpp"
 
 #include <QApplication>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
 
 #include <iostream>
 #include <stdexcept>
@@ -27,6 +31,17 @@ std::string usage()
            "devices and cameras, with your consent. The protocol log goes to standard error.\n\n"
            "Options:\n" +
            orbweave::command_line::common_usage();
+}
+
+/// The virtual output device's server: beside this program first, then on PATH. It lives
+/// on its own and leaves alone an output that exists already; a missing one is not fatal.
+void start_audio_server()
+{
+    const QString name = QStringLiteral("orbweave-audio-server");
+    QString beside = QFileInfo(QCoreApplication::applicationFilePath()).absolutePath() + "/" + name;
+    QString program = QFileInfo(beside).isExecutable() ? beside : QStandardPaths::findExecutable(name);
+    if (program.isEmpty() || !QProcess::startDetached(program, {}))
+        orbweave::log::line("orbweave-audio-server was not found; there is no virtual audio output");
 }
 
 } // namespace
@@ -64,6 +79,7 @@ int main(int argc, char** argv)
     if (instance.started_as() == app::single_instance::role::second)
         return 0;
 
+    start_audio_server();
     app::preferences preferences;
     app::secret_keeper secrets(preferences);
     app::autostart launch_at_login(bus, QCoreApplication::applicationFilePath());

@@ -288,7 +288,8 @@ TEST(Program, OptionsAndAnOrderlyEndOnSigterm)
                     "1500"};
     options.environment = {{"QT_QPA_PLATFORM", "offscreen"},
                            {"XDG_CONFIG_HOME", home.path().string()},
-                           {"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()}};
+                           {"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()},
+                           {"PULSE_SERVER", "unix:" + home.file("no-sound-server")}};
     test::stderr_capture log;
     obs::child_process program(options);
     auto code = service.wait_for_code(deadline);

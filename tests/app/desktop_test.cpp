@@ -80,7 +80,8 @@ TEST(SingleInstance, ASecondLaunchShowsTheFirstAndEnds)
                         "--bitrate", "1500"};
         options.environment = {{"QT_QPA_PLATFORM", "offscreen"},
                                {"XDG_CONFIG_HOME", home.path().string()},
-                               {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
+                               {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
+                               {"PULSE_SERVER", "unix:" + home.file("no-sound-server")}};
         return std::make_unique<obs::child_process>(options);
     };
     test::stderr_capture log; // the programs inherit our standard error

@@ -1,0 +1,87 @@
+// orbweave-audio-server against a private PulseAudio, checked with pactl.
+
+#include "core/obs/child_process.hpp"
+#include "tests/support/line_reader.hpp"
+#include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/stderr_capture.hpp"
+#include "tests/support/temp_dir.hpp"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+
+namespace orbweave {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr auto deadline = 10s;
+
+std::string pactl(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> argv{"pactl"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return test::run_program(argv, deadline);
+}
+
+std::unique_ptr<obs::child_process> start_server()
+{
+    obs::child_process::options options;
+    options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    options.pipe_stdout = true;
+    return std::make_unique<obs::child_process>(options);
+}
+
+TEST(AudioServer, MakesTheVirtualOutputLoopsItBackAndRemovesItOnSigterm)
+{
+    test::temp_dir dir;
+    test::pulse_server pulse(dir.path());
+    ::setenv("PULSE_SERVER", pulse.server().c_str(), 1);
+    std::string before_modules = pactl({"list", "modules", "short"});
+    std::string default_sink = pactl({"get-default-sink"});
+    while (!default_sink.empty() && default_sink.back() == '\n')
+        default_sink.pop_back();
+    ASSERT_FALSE(default_sink.empty());
+
+    auto server = start_server();
+    test::line_reader output(server->stdout_fd());
+    ASSERT_EQ(output.next(deadline), "ready orbweave_virtual");
+    std::string sinks = pactl({"list", "sinks"});
+    EXPECT_NE(sinks.find("Description: Orbweave Virtual Audio Driver"), std::string::npos) << sinks;
+    EXPECT_NE(sinks.find("device.vendor.name = \"ORBVirtualAudio\""), std::string::npos) << sinks;
+    std::string modules = pactl({"list", "modules", "short"});
+    EXPECT_NE(modules.find("source=orbweave_virtual.monitor sink=" + default_sink), std::string::npos) << modules;
+    EXPECT_EQ(pactl({"get-default-sink"}), default_sink + "\n") << "the user's default output was changed";
+
+    // A second one finds the device and leaves everything as it is.
+    {
+        test::stderr_capture log;
+        auto second = start_server();
+        auto status = second->wait_for(deadline);
+        ASSERT_TRUE(status);
+        EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+        EXPECT_EQ(log.count_lines_starting("orbweave-audio-server: the virtual output exists already"), 1);
+        EXPECT_EQ(pactl({"list", "modules", "short"}), modules);
+    }
+
+    server->kill(SIGTERM);
+    auto status = server->wait_for(deadline);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(pactl({"list", "modules", "short"}), before_modules) << "something it loaded is left";
+    EXPECT_EQ(pactl({"list", "sinks"}).find("Orbweave Virtual Audio Driver"), std::string::npos);
+
+    // Without a sound server it says so and ends.
+    ::setenv("PULSE_SERVER", ("unix:" + dir.file("nobody-listens")).c_str(), 1);
+    test::stderr_capture log;
+    auto lonely = start_server();
+    status = lonely->wait_for(deadline);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(log.count_lines_starting("orbweave-audio-server: no sound server answers"), 1);
+    ::unsetenv("PULSE_SERVER");
+}
+
+} // namespace
+} // namespace orbweave
