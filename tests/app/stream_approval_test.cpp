@@ -6,13 +6,17 @@
 #include "app/notification_prompter.hpp"
 #include "tests/app/notification_server.hpp"
 #include "tests/app/qt_support.hpp"
+#include "core/obs/child_process.hpp"
 #include "tests/support/client_harness.hpp"
+#include "tests/support/eventually.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 namespace orbweave::app {
 namespace {
@@ -96,9 +100,39 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     EXPECT_EQ(reply_to(denied), Json({{"status", "Rejected"}}));
     EXPECT_FALSE(ingest.publishing("refused"));
 
+    // Quitting ends every stream and leaves no media worker behind.
     delegate.shutdown();
     EXPECT_TRUE(ingest.wait_until_not_publishing("approved", deadline));
+    EXPECT_TRUE(test::children_running(::getpid(), {"orbweave-media-worker"}).empty());
     QDBusConnection::disconnectFromBus("desktop");
+}
+
+TEST(StreamApproval, ARealNotificationServerAsksToo)
+{
+    // dunst, as packaged, on this program's private bus and display.
+    obs::child_process::options options;
+    options.argv = {"dunst"};
+    options.quiet = true;
+    obs::child_process dunst(options);
+    auto dunstctl = [](const std::string& command) {
+        return test::run_program({"dunstctl", command}, std::chrono::seconds(5));
+    };
+    ASSERT_TRUE(test::eventually([&] { return dunstctl("is-paused") == "false\n"; }, deadline)) << "dunst is not up";
+
+    notification_prompter prompter;
+    std::vector<bool> answers;
+    auto ask = [&] {
+        prompter.ask(source_type::screen, "Display 1", "1280x720", callback::request([&](bool a) { answers.push_back(a); }));
+        return pump_until([&] { return dunstctl("count").find("Currently displayed: 1") != std::string::npos; },
+                          deadline);
+    };
+    ASSERT_TRUE(ask()) << "the prompt was not shown";
+    dunstctl("action"); // the user clicks the notification: its default action
+    ASSERT_TRUE(pump_until([&] { return answers.size() == 1; }, deadline));
+    ASSERT_TRUE(ask());
+    dunstctl("close"); // the user dismisses it
+    ASSERT_TRUE(pump_until([&] { return answers.size() == 2; }, deadline));
+    EXPECT_EQ(answers, std::vector<bool>({true, false}));
 }
 
 } // namespace
