@@ -1,5 +1,6 @@
 #include "app/autostart.hpp"
 
+#include "app/preferences.hpp"
 #include "core/log.hpp"
 
 #include <QDir>
@@ -12,10 +13,7 @@ namespace orbweave::app {
 
 QString autostart::default_path()
 {
-    QString config = qEnvironmentVariable("XDG_CONFIG_HOME");
-    if (config.isEmpty())
-        config = QDir::homePath() + "/.config";
-    return config + "/autostart/org.orbweave.Client.desktop";
+    return config_home() + "/autostart/org.orbweave.Client.desktop";
 }
 
 autostart::autostart(event_bus& bus, QString executable, QString path)

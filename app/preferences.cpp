@@ -16,12 +16,15 @@ constexpr unsigned default_profile = 1; // medium
 
 } // namespace
 
-QString preferences::default_path()
+QString config_home()
 {
     QString config = qEnvironmentVariable("XDG_CONFIG_HOME");
-    if (config.isEmpty())
-        config = QDir::homePath() + "/.config";
-    return config + "/orbweave/orbweave.conf";
+    return config.isEmpty() ? QDir::homePath() + "/.config" : config;
+}
+
+QString preferences::default_path()
+{
+    return config_home() + "/orbweave/orbweave.conf";
 }
 
 preferences::preferences(const QString& path) : settings_(path, QSettings::IniFormat) {}

@@ -32,6 +32,9 @@ inline constexpr const char* ignore_audio_device_events = "clientIgnoreAudioDevi
 /// What the user chose for a kind of source; the number is the permissions view's item.
 enum class permission : unsigned { ask = 0, deny = 1, always_allow = 2 };
 
+/// $XDG_CONFIG_HOME, else ~/.config: where the app's files and its autostart entry live.
+QString config_home();
+
 class preferences {
 public:
     /// $XDG_CONFIG_HOME/orbweave/orbweave.conf, else ~/.config/orbweave/orbweave.conf.
