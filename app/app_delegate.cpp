@@ -147,11 +147,16 @@ void app_delegate::disconnect_service()
 
 void app_delegate::sign_out()
 {
+    // In the reset's order: everything stored goes, launch at login goes off, the interface
+    // reads the defaults, the client disconnects, the setup view shows, and it reconnects.
     secrets_.erase();
     preferences_.reset();
     if (autostart_)
         autostart_->set_enabled(false);
+    bus_.post(events::user_changed);
     disconnect_service();
+    bus_.post(events::view_show, QStringLiteral("setupViewController"));
+    bus_.post(events::window_show);
     connect_service();
 }
 

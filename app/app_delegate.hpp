@@ -65,8 +65,9 @@ public:
     /// Refuses open prompts, clears the code, reports disconnected, and stops and joins the
     /// client; a connect still measuring will not start it. Not from a client callback.
     void disconnect_service();
-    /// Signing out (the user's, or the service's reset): every preference goes, then the
-    /// client reconnects unpaired. On the GUI thread.
+    /// Signing out (the user's, or the service's reset): every preference, the secret and
+    /// the autostart entry go, the interface shows the setup view, and the client reconnects
+    /// unpaired. On the GUI thread.
     void sign_out();
     /// Quitting: open prompts refused, the client stopped and joined (streams end, no
     /// media worker left).

@@ -13,6 +13,7 @@
 #include "core/log.hpp"
 #include "core/system_info.hpp"
 #include "ui/permission_dialog.hpp"
+#include "ui/status_menu.hpp"
 
 #include <QApplication>
 #include <QFileInfo>
@@ -95,6 +96,10 @@ int main(int argc, char** argv)
     delegate.set_autostart(&launch_at_login);
     delegate.set_prompter(std::make_shared<app::notification_prompter>(QDBusConnection::sessionBus(),
                                                                        &ui::ask_with_dialog));
+
+    ui::status_menu menu(bus, preferences, launch_at_login, [&delegate] { delegate.sign_out(); });
+    if (!menu.show_in_tray())
+        orbweave::log::line("No system tray on this desktop; the main window will carry the menu");
 
     app::quit_signals on_signal([] { QApplication::quit(); });
     QObject::connect(&application, &QCoreApplication::aboutToQuit, [&delegate] { delegate.shutdown(); });

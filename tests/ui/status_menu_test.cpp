@@ -1,0 +1,154 @@
+// The tray menu's logic on the offscreen platform: what shows in which state, the
+// blink, the quality ticks, launch at login, and the actions' events.
+
+#include "app/autostart.hpp"
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "tests/app/qt_support.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "ui/status_menu.hpp"
+
+#include <QIcon>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace orbweave::ui {
+namespace {
+
+using test::pump_until;
+
+[[maybe_unused]] auto* const qt = ::testing::AddGlobalTestEnvironment(new test::qt_environment);
+
+class StatusMenu : public ::testing::Test {
+protected:
+    StatusMenu()
+        : stored(QString::fromStdString(dir.file("orbweave.conf"))),
+          launch_at_login(bus, "/usr/bin/orbweave", QString::fromStdString(dir.file("autostart/org.orbweave.Client.desktop"))),
+          menu(bus, stored, launch_at_login, [this] { ++sign_outs; })
+    {
+    }
+
+    std::vector<QString> visible_titles()
+    {
+        std::vector<QString> titles;
+        for (QAction* action : menu.menu()->actions())
+            if (action->isVisible() && !action->isSeparator())
+                titles.push_back(action->text());
+        return titles;
+    }
+
+    test::temp_dir dir;
+    app::event_bus bus;
+    app::preferences stored;
+    app::autostart launch_at_login;
+    int sign_outs = 0;
+    status_menu menu;
+};
+
+TEST_F(StatusMenu, ShowsWhatTheUserAndTheStateAllow)
+{
+    // Signed out and offline: connect, and nothing that needs an account.
+    EXPECT_EQ(visible_titles(), std::vector<QString>({"Connect your computer…", "Launch at login", "Audio Output",
+                                                      "Offline", "Quit"}));
+    EXPECT_FALSE(menu.state_item->isEnabled());
+    EXPECT_EQ(menu.image(), "disconnected");
+    EXPECT_EQ(menu.tray().toolTip(), "Orbweave — Offline");
+    for (const char* name : {"app", "connected", "disconnected", "active"})
+        EXPECT_FALSE(QIcon(QString(":/icons/") + name + ".svg").pixmap(22).isNull()) << name << " icon missing";
+
+    stored.set_owner("Ann Example", "");
+    menu.update_from_preferences();
+    for (int state : {0, 1, 2, 3}) {
+        SCOPED_TRACE(state);
+        menu.on_state(state);
+        menu.animator().stop();
+        std::vector<QString> expected{"Ann Example", "Permissions…", "Quality", "Launch at login", "Audio Output"};
+        if (state == 3)
+            expected.push_back("Stop streaming");
+        const char* line[] = {"Waiting for pairing", "Connected", "Offline", "Streaming"};
+        expected.push_back(line[state]);
+        expected.insert(expected.end(), {"Sign out", "Quit"});
+        EXPECT_EQ(visible_titles(), expected);
+        EXPECT_EQ(menu.tray().toolTip(), QString("Orbweave — ") + line[state]);
+    }
+    for (QAction* action : menu.menu()->actions())
+        EXPECT_FALSE(action->text().contains('&')) << action->text().toStdString();
+}
+
+TEST_F(StatusMenu, EnteringStreamingBlinksNineFramesAndEndsActive)
+{
+    menu.on_state(1);
+    EXPECT_EQ(menu.image(), "connected");
+    menu.on_state(3);
+    EXPECT_TRUE(menu.animator().running());
+    std::vector<QString> frames;
+    while (menu.animator().running()) {
+        menu.animator().tick();
+        frames.push_back(menu.image());
+    }
+    EXPECT_EQ(frames, std::vector<QString>({"active", "connected", "active", "connected", "active", "connected",
+                                            "active", "connected", "active"}));
+    // A repeated report settles without blinking; leaving streaming stops any blink.
+    menu.on_state(3);
+    EXPECT_FALSE(menu.animator().running());
+    EXPECT_EQ(menu.image(), "active");
+    menu.on_state(1);
+    menu.on_state(3);
+    menu.on_state(2);
+    EXPECT_FALSE(menu.animator().running());
+    EXPECT_EQ(menu.image(), "disconnected");
+    menu.on_state(7);
+    EXPECT_EQ(menu.image(), "");
+}
+
+TEST_F(StatusMenu, QualityTicksTheStoredLevelAndLaunchAtLoginTheRealEntry)
+{
+    auto ticked = [&] {
+        std::vector<bool> ticks;
+        for (QAction* item : menu.profile_items)
+            ticks.push_back(item->isChecked());
+        return ticks;
+    };
+    EXPECT_EQ(ticked(), std::vector<bool>({false, true, false, false})); // medium by default
+    menu.profile_items[3]->trigger();
+    EXPECT_EQ(stored.profile(), 3u);
+    EXPECT_EQ(ticked(), std::vector<bool>({false, false, false, true}));
+    stored.set_profile(7);
+    menu.update_from_preferences();
+    EXPECT_EQ(ticked(), std::vector<bool>({false, false, false, false}));
+    EXPECT_EQ(stored.profile(), 7u) << "an unknown level is kept as stored";
+
+    EXPECT_FALSE(menu.launch_at_login_item->isChecked());
+    menu.launch_at_login_item->trigger();
+    EXPECT_TRUE(launch_at_login.enabled());
+    EXPECT_TRUE(menu.launch_at_login_item->isChecked());
+    // Someone else turns it off: the tick follows.
+    std::ofstream(launch_at_login.path().toStdString(), std::ios::app) << "Hidden=true\n";
+    EXPECT_TRUE(pump_until([&] { return !menu.launch_at_login_item->isChecked(); }));
+    // Choosing the permissions turns it on.
+    bus.post(app::events::permissions_changed);
+    EXPECT_TRUE(pump_until([&] { return launch_at_login.enabled(); }));
+}
+
+TEST_F(StatusMenu, ActionsPostTheirEventsAndSignOutResets)
+{
+    std::vector<std::pair<std::string, QVariant>> seen;
+    QObject observer;
+    for (const char* name : {app::events::window_show, app::events::view_show, app::events::deactivate})
+        bus.observe(name, &observer, [&seen, name](const QVariant& payload) { seen.push_back({name, payload}); });
+    menu.permissions_item->trigger();
+    menu.stop_streaming_item->trigger();
+    menu.connect_item->trigger();
+    EXPECT_TRUE(pump_until([&] { return seen.size() == 4; }));
+    EXPECT_EQ(seen[0], std::make_pair(std::string(app::events::view_show), QVariant("permissionsViewController")));
+    EXPECT_EQ(seen[1].first, app::events::window_show);
+    EXPECT_EQ(seen[2].first, app::events::deactivate);
+    EXPECT_EQ(seen[3].first, app::events::window_show);
+    menu.sign_out_item->trigger();
+    EXPECT_EQ(sign_outs, 1);
+}
+
+} // namespace
+} // namespace orbweave::ui

@@ -1,0 +1,155 @@
+#include "ui/status_menu.hpp"
+
+#include <QApplication>
+#include <QIcon>
+
+// The icons are compiled into this static library; their registration must be pulled in.
+static void load_icons()
+{
+    Q_INIT_RESOURCE(icons);
+}
+
+namespace orbweave::ui {
+
+namespace {
+
+constexpr int blink_frames = 8;
+constexpr int blink_interval_ms = 200;
+
+const char* state_text(int state)
+{
+    switch (state) {
+    case 0: return QT_TR_NOOP("Waiting for pairing");
+    case 1: return QT_TR_NOOP("Connected");
+    case 2: return QT_TR_NOOP("Offline");
+    case 3: return QT_TR_NOOP("Streaming");
+    }
+    return "";
+}
+
+QIcon image_icon(const QString& name)
+{
+    return name.isEmpty() ? QIcon() : QIcon(":/icons/" + name + ".svg");
+}
+
+} // namespace
+
+status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app::autostart& launch_at_login,
+                         std::function<void()> sign_out)
+    : bus_(bus), preferences_(preferences), launch_at_login_(launch_at_login), sign_out_(std::move(sign_out)),
+      animator_(blink_frames, blink_interval_ms, [this](int frame) {
+          // Odd frames show the connected image, even ones the active image: a blink that
+          // ends on active.
+          show_image(frame % 2 ? "connected" : "active");
+      })
+{
+    load_icons();
+    // Titles without "&": an exported tray menu would show it as "_".
+    connect_item = menu_.addAction(tr("Connect your computer…"), this, [this] { bus_.post(app::events::window_show); });
+    username_item = menu_.addAction(QString(), this, [this] { show_view("readyViewController"); });
+    permissions_item = menu_.addAction(tr("Permissions…"), this, [this] { show_view("permissionsViewController"); });
+    quality_menu = menu_.addMenu(tr("Quality"));
+    const char* levels[] = {QT_TR_NOOP("Low"), QT_TR_NOOP("Medium"), QT_TR_NOOP("High"), QT_TR_NOOP("Extreme")};
+    for (unsigned level = 0; level < profile_items.size(); ++level) {
+        profile_items[level] = quality_menu->addAction(tr(levels[level]), this, [this, level] { set_profile(level); });
+        profile_items[level]->setCheckable(true);
+    }
+    launch_at_login_item = menu_.addAction(tr("Launch at login"), this, [this] {
+        launch_at_login_.set_enabled(!launch_at_login_.enabled());
+        launch_at_login_item->setChecked(launch_at_login_.enabled());
+    });
+    launch_at_login_item->setCheckable(true);
+    audio_output_item = menu_.addAction(tr("Audio Output"), this, [this] { bus_.post(app::events::audio_settings_show); });
+    stop_streaming_item = menu_.addAction(tr("Stop streaming"), this, [this] { bus_.post(app::events::deactivate); });
+    state_item = menu_.addAction(tr(state_text(client_state_)));
+    state_item->setEnabled(false);
+    menu_.addSeparator();
+    sign_out_item = menu_.addAction(tr("Sign out"), this, [this] { sign_out_(); });
+    quit_item = menu_.addAction(tr("Quit"), this, [] { QApplication::quit(); });
+
+    tray_.setContextMenu(&menu_);
+    connect(&tray_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick)
+            bus_.post(app::events::window_show);
+    });
+
+    bus_.observe(app::events::state_changed, this, [this](const QVariant& state) { on_state(state.toInt()); });
+    bus_.observe(app::events::user_changed, this, [this](const QVariant&) { update_from_preferences(); });
+    bus_.observe(app::events::launch_at_login_changed, this,
+                 [this](const QVariant&) { launch_at_login_item->setChecked(launch_at_login_.enabled()); });
+    // Choosing the permissions is the moment the app starts to be part of the user's session.
+    bus_.observe(app::events::permissions_changed, this, [this](const QVariant&) {
+        launch_at_login_.set_enabled(true);
+    });
+
+    update_from_preferences();
+    on_state(client_state_);
+}
+
+bool status_menu::show_in_tray()
+{
+    if (!QSystemTrayIcon::isSystemTrayAvailable())
+        return false;
+    tray_.show();
+    return true;
+}
+
+void status_menu::show_view(const char* identifier)
+{
+    bus_.post(app::events::view_show, QString::fromLatin1(identifier));
+    bus_.post(app::events::window_show);
+}
+
+void status_menu::update_from_preferences()
+{
+    set_profile(preferences_.profile());
+    launch_at_login_item->setChecked(launch_at_login_.enabled());
+    QString username = preferences_.username();
+    bool signed_in = !username.isEmpty();
+    connect_item->setVisible(!signed_in);
+    username_item->setText(username);
+    for (QAction* item : {username_item, permissions_item, quality_menu->menuAction(), sign_out_item})
+        item->setVisible(signed_in);
+}
+
+void status_menu::set_profile(unsigned level)
+{
+    for (unsigned i = 0; i < profile_items.size(); ++i)
+        profile_items[i]->setChecked(i == level);
+    if (preferences_.profile() != level)
+        preferences_.set_profile(level);
+}
+
+void status_menu::on_state(int state)
+{
+    stop_streaming_item->setVisible(state == 3);
+    state_item->setText(tr(state_text(state)));
+    tray_.setToolTip(state_item->text().isEmpty() ? tr("Orbweave") : tr("Orbweave") + " — " + state_item->text());
+
+    bool animate = state == 3 && client_state_ != 3;
+    QString image;
+    if (state == 0 || state == 2)
+        image = "disconnected";
+    else if (state == 1)
+        image = "connected";
+    else if (state == 3)
+        image = "active";
+    client_state_ = state;
+    if (animate) {
+        animator_.start();
+        return;
+    }
+    animator_.stop();
+    show_image(image);
+}
+
+void status_menu::show_image(const QString& name)
+{
+    image_ = name;
+    QIcon icon = image_icon(name);
+    tray_.setIcon(icon);
+    // The application's own icon follows, so the window's frame and task bar show the state too.
+    QApplication::setWindowIcon(name.isEmpty() ? QIcon(":/icons/app.svg") : icon);
+}
+
+} // namespace orbweave::ui

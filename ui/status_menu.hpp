@@ -1,0 +1,76 @@
+#pragma once
+
+// The tray icon and its menu: the app's face while it runs. It follows the client's
+// state (icons, a blink when streaming starts, the state line, the tooltip), the
+// signed-in user, the quality level and launch at login, and offers the actions of
+// the menu. Where the desktop has no tray, the same menu is handed to the main window.
+
+#include "app/autostart.hpp"
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "ui/interval_animator.hpp"
+
+#include <QAction>
+#include <QMenu>
+#include <QObject>
+#include <QString>
+#include <QSystemTrayIcon>
+
+#include <array>
+#include <functional>
+#include <memory>
+
+namespace orbweave::ui {
+
+class status_menu : public QObject {
+public:
+    /// sign_out runs the app's reset (app_delegate::sign_out).
+    status_menu(app::event_bus& bus, app::preferences& preferences, app::autostart& launch_at_login,
+                std::function<void()> sign_out);
+
+    /// The menu, for the tray or for the main window's menu button.
+    QMenu* menu() { return &menu_; }
+    /// Shows the tray icon when the desktop has a tray; false when it has none.
+    bool show_in_tray();
+
+    /// Reads the user, the quality level and launch at login again.
+    void update_from_preferences();
+    /// The reaction to a client state report.
+    void on_state(int state);
+    /// Ticks the level's item (none for a level outside 0..3) and stores it.
+    void set_profile(unsigned level);
+
+    /// The tray image shown now: "connected", "disconnected", "active" or "" (none).
+    const QString& image() const { return image_; }
+    interval_animator& animator() { return animator_; }
+    QSystemTrayIcon& tray() { return tray_; }
+
+    // The items, in menu order.
+    QAction* connect_item;
+    QAction* username_item;
+    QAction* permissions_item;
+    QMenu* quality_menu;
+    std::array<QAction*, 4> profile_items;
+    QAction* launch_at_login_item;
+    QAction* audio_output_item;
+    QAction* stop_streaming_item;
+    QAction* state_item;
+    QAction* sign_out_item;
+    QAction* quit_item;
+
+private:
+    void show_image(const QString& name);
+    void show_view(const char* identifier);
+
+    app::event_bus& bus_;
+    app::preferences& preferences_;
+    app::autostart& launch_at_login_;
+    std::function<void()> sign_out_;
+    QMenu menu_;
+    QSystemTrayIcon tray_;
+    interval_animator animator_;
+    int client_state_ = 2;
+    QString image_;
+};
+
+} // namespace orbweave::ui
