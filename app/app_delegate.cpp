@@ -49,8 +49,13 @@ void app_delegate::init_client()
     client_ = orbweave_client::create(settings_.service_url, settings_.client);
     client_->set_state_change_handler([this](state_type::type state) { set_state(state); });
     client_->set_secret_handler([this] { return secrets_.secret(); });
-    client_->set_new_code_handler(
-        [this](std::string code) { bus_.post(events::code_changed, QString::fromStdString(code)); });
+    client_->set_new_code_handler([this](std::string code) {
+        {
+            std::lock_guard<std::mutex> lock(code_mutex_);
+            code_ = QString::fromStdString(code);
+        }
+        bus_.post(events::code_changed, QString::fromStdString(code));
+    });
     client_->set_reset_handler([this] { bus_.post(events::reset); });
     client_->set_ready_handler([this](callback::msg::ready& ready) {
         secrets_.store(ready.secret);
@@ -86,6 +91,12 @@ void app_delegate::on_permission(source_type::type kind, const std::string& name
         return;
     }
     asking->ask(kind, name, description, request);
+}
+
+QString app_delegate::code() const
+{
+    std::lock_guard<std::mutex> lock(code_mutex_);
+    return code_;
 }
 
 void app_delegate::set_prompter(std::shared_ptr<prompter> prompter)
@@ -137,6 +148,10 @@ void app_delegate::disconnect_service()
     }
     if (asking)
         asking->refuse_all();
+    {
+        std::lock_guard<std::mutex> lock(code_mutex_);
+        code_.clear();
+    }
     bus_.post(events::code_changed, QVariant());
     set_state(state_type::disconnected);
     std::lock_guard<std::mutex> lock(lock_);

@@ -77,6 +77,8 @@ public:
     /// The launch-at-login entry, turned off by a sign-out.
     void set_autostart(autostart* entry) { autostart_ = entry; }
     orbweave_client& client() { return *client_; }
+    /// The pairing code shown now; empty when there is none. From any thread.
+    QString code() const;
     std::int32_t bitrate() const { return bitrate_; }
 
 private:
@@ -95,6 +97,8 @@ private:
     // Serialises start against stop and join, and guards the connection generation.
     std::mutex lock_;
     std::uint32_t current_connect_ = 0;
+    mutable std::mutex code_mutex_;
+    QString code_;
     std::mutex prompter_mutex_;
     std::shared_ptr<prompter> prompter_;
     std::unique_ptr<serial_executor> connector_;

@@ -13,6 +13,7 @@
 #include "core/log.hpp"
 #include "core/system_info.hpp"
 #include "ui/permission_dialog.hpp"
+#include "ui/main_window.hpp"
 #include "ui/status_menu.hpp"
 
 #include <QApplication>
@@ -98,8 +99,11 @@ int main(int argc, char** argv)
                                                                        &ui::ask_with_dialog));
 
     ui::status_menu menu(bus, preferences, launch_at_login, [&delegate] { delegate.sign_out(); });
-    if (!menu.show_in_tray())
-        orbweave::log::line("No system tray on this desktop; the main window will carry the menu");
+    bool in_tray = menu.show_in_tray();
+    if (!in_tray)
+        orbweave::log::line("No system tray on this desktop; the main window carries the menu");
+    ui::main_window window(bus, preferences, [&delegate] { return delegate.code(); }, in_tray ? nullptr : menu.menu());
+    window.show_at_start();
 
     app::quit_signals on_signal([] { QApplication::quit(); });
     QObject::connect(&application, &QCoreApplication::aboutToQuit, [&delegate] { delegate.shutdown(); });

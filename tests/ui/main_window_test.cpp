@@ -1,0 +1,167 @@
+// The main window's logic on the offscreen platform: which view shows when, what each
+// view stores and posts, and the names assistive technology finds.
+
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "tests/app/qt_support.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "ui/main_window.hpp"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QComboBox>
+#include <QLabel>
+#include <QPushButton>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+namespace orbweave::ui {
+namespace {
+
+using callback::source_type;
+using test::pump_until;
+
+TEST(ViewRule, EveryStateAndPermissionsChoice)
+{
+    EXPECT_EQ(view_for_state(0, false), "setupViewController");
+    EXPECT_EQ(view_for_state(0, true), "readyViewController");
+    EXPECT_EQ(view_for_state(1, false), "permissionsViewController");
+    EXPECT_EQ(view_for_state(1, true), "readyViewController");
+    EXPECT_EQ(view_for_state(2, false), "disconnectedViewController");
+    EXPECT_EQ(view_for_state(2, true), "disconnectedViewController");
+    EXPECT_EQ(view_for_state(3, true), "");
+    EXPECT_EQ(view_for_state(9, false), "");
+}
+
+class MainWindow : public ::testing::Test {
+protected:
+    MainWindow() : stored(QString::fromStdString(dir.file("orbweave.conf"))), window(bus, stored, [this] { return code; }) {}
+
+    QString shown() { return window.view() ? window.view()->objectName() : QString(); }
+    template <class Widget>
+    Widget* find(const char* name) { return window.view()->findChild<Widget*>(name); }
+
+    test::temp_dir dir;
+    app::event_bus bus;
+    app::preferences stored;
+    QString code;
+    main_window window;
+};
+
+TEST_F(MainWindow, FollowsTheStateAndRequests)
+{
+    EXPECT_EQ(window.windowTitle(), "Orbweave");
+    EXPECT_TRUE(window.windowFlags() & Qt::WindowStaysOnTopHint);
+    EXPECT_EQ(shown(), "disconnectedViewController");
+    bus.post(app::events::state_changed, 0);
+    EXPECT_TRUE(pump_until([&] { return shown() == "setupViewController"; }));
+    QWidget* before = window.view();
+    bus.post(app::events::state_changed, 3); // unchanged
+    bus.post(app::events::view_show, QString("setupViewController"));
+    EXPECT_TRUE(pump_until([&] { return window.view() != before; })) << "a fresh view per switch";
+    EXPECT_EQ(shown(), "setupViewController");
+    bus.post(app::events::state_changed, 1);
+    EXPECT_TRUE(pump_until([&] { return shown() == "permissionsViewController"; }));
+    bus.post(app::events::view_show, QString("readyViewController"));
+    EXPECT_TRUE(pump_until([&] { return shown() == "readyViewController"; }));
+    bus.post(app::events::state_changed, 2);
+    EXPECT_TRUE(pump_until([&] { return shown() == "disconnectedViewController"; }));
+
+    // Shown at start only when nobody is signed in; Escape closes it.
+    window.show_at_start();
+    EXPECT_TRUE(window.isVisible());
+    QTest::keyClick(&window, Qt::Key_Escape);
+    EXPECT_FALSE(window.isVisible());
+    stored.set_owner("Ann", "");
+    window.show_at_start();
+    EXPECT_FALSE(window.isVisible());
+    bus.post(app::events::window_show);
+    EXPECT_TRUE(pump_until([&] { return window.isVisible(); }));
+    bus.post(app::events::window_hide);
+    EXPECT_TRUE(pump_until([&] { return !window.isVisible(); }));
+}
+
+TEST_F(MainWindow, TheSetupViewShowsTheCodeForScreenReadersAndTheClipboard)
+{
+    code = "QH7QLZ35";
+    window.show_view("setupViewController");
+    auto* label = find<QLabel>("codeTextField");
+    ASSERT_TRUE(label);
+    EXPECT_EQ(label->text(), "QH7QLZ35");
+    EXPECT_EQ(label->accessibleName(), "Pairing code");
+    EXPECT_EQ(label->accessibleDescription(), "QH7QLZ35");
+    auto* copy = find<QPushButton>("codeCopyButton");
+    ASSERT_TRUE(copy);
+    EXPECT_EQ(copy->accessibleName(), "Copy code");
+    copy->click();
+    EXPECT_EQ(QApplication::clipboard()->text(), "QH7QLZ35");
+
+    bus.post(app::events::code_changed, QVariant()); // cleared: waiting again
+    EXPECT_TRUE(pump_until([&] { return label->text().isEmpty(); }));
+    EXPECT_FALSE(copy->isEnabled());
+    bus.post(app::events::code_changed, QString("ABCD2345"));
+    EXPECT_TRUE(pump_until([&] { return label->text() == "ABCD2345"; }));
+}
+
+TEST_F(MainWindow, PermissionsStoreAtOnceAndContinueOnlyTheFirstTime)
+{
+    stored.set_permission(source_type::window, 0);
+    window.show_view("permissionsViewController");
+    struct expected {
+        const char* object;
+        const char* accessible;
+        source_type::type kind;
+    };
+    for (const expected& e : {expected{"comboPermissionDisplay", "Display permission", source_type::screen},
+                              expected{"comboPermissionWindow", "Window permission", source_type::window},
+                              expected{"comboPermissionAudio", "Audio permission", source_type::audio},
+                              expected{"comboPermissionVideo", "Camera permission", source_type::video}}) {
+        auto* combo = find<QComboBox>(e.object);
+        ASSERT_TRUE(combo) << e.object;
+        EXPECT_EQ(combo->accessibleName(), e.accessible);
+        EXPECT_EQ(combo->itemText(0), "Ask");
+        EXPECT_EQ(combo->itemText(1), "Deny");
+        EXPECT_EQ(combo->itemText(2), "Always allow");
+        EXPECT_EQ(combo->currentIndex(), static_cast<int>(stored.permission_value(e.kind)));
+        combo->setCurrentIndex(1);
+        EXPECT_EQ(stored.permission_value(e.kind), 1u) << "stored at once";
+    }
+
+    int changed = 0;
+    QObject observer;
+    bus.observe(app::events::permissions_changed, &observer, [&](const QVariant&) { ++changed; });
+    auto* next = find<QPushButton>("buttonContinue");
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->accessibleName(), "Continue");
+    next->click();
+    EXPECT_TRUE(stored.has_set_permissions());
+    EXPECT_TRUE(pump_until([&] { return changed == 1 && shown() == "readyViewController"; }));
+
+    // Later visits offer Done, which closes the window.
+    window.show_view("permissionsViewController");
+    EXPECT_FALSE(find<QPushButton>("buttonContinue"));
+    ASSERT_TRUE(find<QPushButton>("buttonDone"));
+    window.bring_up();
+    find<QPushButton>("buttonDone")->click();
+    EXPECT_TRUE(pump_until([&] { return !window.isVisible(); }));
+}
+
+TEST_F(MainWindow, TheReadyViewNamesTheUser)
+{
+    stored.set_owner("Ann Example", "");
+    window.show_view("readyViewController");
+    auto* username = find<QLabel>("usernameTextField");
+    ASSERT_TRUE(username);
+    EXPECT_EQ(username->text(), "Ann Example");
+    EXPECT_EQ(username->accessibleName(), "Username");
+    EXPECT_EQ(username->accessibleDescription(), "Ann Example");
+    ASSERT_TRUE(find<QLabel>("avatarImageView"));
+    EXPECT_EQ(find<QLabel>("avatarImageView")->accessibleName(), "Avatar");
+    stored.set_owner("Bo", "");
+    bus.post(app::events::user_changed);
+    EXPECT_TRUE(pump_until([&] { return username->text() == "Bo"; }));
+}
+
+} // namespace
+} // namespace orbweave::ui

@@ -1,0 +1,267 @@
+#include "ui/main_window.hpp"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QComboBox>
+#include <QFontDatabase>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+namespace orbweave::ui {
+
+using callback::source_type;
+
+QString view_for_state(int state, bool has_set_permissions)
+{
+    switch (state) {
+    case 0: return has_set_permissions ? "readyViewController" : "setupViewController";
+    case 1: return has_set_permissions ? "readyViewController" : "permissionsViewController";
+    case 2: return "disconnectedViewController";
+    }
+    return {};
+}
+
+namespace {
+
+QProgressBar* busy_indicator()
+{
+    auto* busy = new QProgressBar;
+    busy->setRange(0, 0); // indeterminate: a moving bar
+    busy->setTextVisible(false);
+    busy->setMaximumHeight(8);
+    busy->setAccessibleName(QObject::tr("Working"));
+    return busy;
+}
+
+QLabel* heading(const QString& text)
+{
+    auto* label = new QLabel(text);
+    label->setWordWrap(true);
+    label->setAlignment(Qt::AlignCenter);
+    return label;
+}
+
+} // namespace
+
+main_window::main_window(app::event_bus& bus, app::preferences& preferences, std::function<QString()> current_code,
+                         QMenu* tray_menu)
+    : bus_(bus), preferences_(preferences), current_code_(std::move(current_code))
+{
+    setObjectName("mainWindow");
+    setWindowTitle("Orbweave");
+    setWindowFlag(Qt::WindowStaysOnTopHint);
+    setMinimumWidth(360);
+    auto* layout = new QVBoxLayout(this);
+    if (tray_menu) {
+        // No tray on this desktop: the tray's menu lives here.
+        auto* menu_button = new QToolButton;
+        menu_button->setObjectName("menuButton");
+        menu_button->setAccessibleName(tr("Menu"));
+        menu_button->setIcon(QIcon::fromTheme("open-menu-symbolic", QIcon::fromTheme("application-menu")));
+        menu_button->setText(tr("Menu"));
+        menu_button->setPopupMode(QToolButton::InstantPopup);
+        menu_button->setMenu(tray_menu);
+        auto* bar = new QHBoxLayout;
+        bar->addStretch();
+        bar->addWidget(menu_button);
+        layout->addLayout(bar);
+    }
+    stack_ = new QStackedLayout;
+    layout->addLayout(stack_);
+    show_view("disconnectedViewController");
+
+    bus_.observe(app::events::window_show, this, [this](const QVariant&) { bring_up(); });
+    bus_.observe(app::events::window_hide, this, [this](const QVariant&) { close(); });
+    bus_.observe(app::events::view_show, this, [this](const QVariant& identifier) { show_view(identifier.toString()); });
+    bus_.observe(app::events::permissions_changed, this, [this](const QVariant&) { show_view("readyViewController"); });
+    bus_.observe(app::events::state_changed, this, [this](const QVariant& state) {
+        QString next = view_for_state(state.toInt(), preferences_.has_set_permissions());
+        if (!next.isEmpty())
+            show_view(next);
+    });
+}
+
+void main_window::bring_up()
+{
+    show();
+    raise();
+    activateWindow();
+}
+
+void main_window::show_at_start()
+{
+    if (preferences_.username().isEmpty())
+        bring_up();
+}
+
+void main_window::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_Escape) {
+        close(); // the app lives on in the tray
+        return;
+    }
+    QWidget::keyPressEvent(event);
+}
+
+void main_window::show_view(const QString& identifier)
+{
+    QWidget* fresh = make_view(identifier);
+    if (!fresh)
+        return;
+    fresh->setObjectName(identifier);
+    if (view_) {
+        stack_->removeWidget(view_);
+        view_->deleteLater();
+    }
+    view_ = fresh;
+    stack_->addWidget(fresh);
+    stack_->setCurrentWidget(fresh);
+}
+
+QWidget* main_window::make_view(const QString& identifier)
+{
+    if (identifier == "disconnectedViewController")
+        return make_disconnected_view();
+    if (identifier == "setupViewController")
+        return make_setup_view();
+    if (identifier == "permissionsViewController")
+        return make_permissions_view();
+    if (identifier == "readyViewController")
+        return make_ready_view();
+    return nullptr;
+}
+
+QWidget* main_window::make_disconnected_view()
+{
+    auto* view = new QWidget;
+    auto* layout = new QVBoxLayout(view);
+    layout->addWidget(heading(tr("Connecting to the service…")));
+    layout->addWidget(busy_indicator());
+    return view;
+}
+
+QWidget* main_window::make_setup_view()
+{
+    auto* view = new QWidget;
+    auto* layout = new QVBoxLayout(view);
+    layout->addWidget(heading(tr("To connect this computer, enter this code on the service:")));
+    auto* code = new QLabel;
+    code->setObjectName("codeTextField");
+    code->setAccessibleName(tr("Pairing code"));
+    code->setAlignment(Qt::AlignCenter);
+    code->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    QFont large = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+    large.setPointSize(large.pointSize() * 2 + 4);
+    code->setFont(large);
+    auto* waiting = busy_indicator();
+    auto* copy = new QPushButton(tr("Copy code"));
+    copy->setObjectName("codeCopyButton");
+    copy->setAccessibleName(tr("Copy code"));
+    copy->setDefault(true);
+    layout->addWidget(code);
+    layout->addWidget(waiting);
+    layout->addWidget(copy, 0, Qt::AlignCenter);
+    auto set_code = [code, waiting, copy](const QString& text) {
+        code->setText(text);
+        // A screen reader speaks the description: the code itself.
+        code->setAccessibleDescription(text);
+        waiting->setVisible(text.isEmpty());
+        copy->setEnabled(!text.isEmpty());
+    };
+    set_code(current_code_());
+    bus_.observe(app::events::code_changed, view, [set_code](const QVariant& value) { set_code(value.toString()); });
+    connect(copy, &QPushButton::clicked, view, [code] { QApplication::clipboard()->setText(code->text()); });
+    return view;
+}
+
+QWidget* main_window::make_permissions_view()
+{
+    auto* view = new QWidget;
+    auto* layout = new QVBoxLayout(view);
+    layout->addWidget(heading(tr("What may the service use on this computer?")));
+    struct row {
+        source_type::type kind;
+        const char* theme_icon;
+        const char* label;
+        const char* accessible;
+        const char* object;
+    };
+    const row rows[] = {
+        {source_type::screen, "video-display", QT_TR_NOOP("Displays"), QT_TR_NOOP("Display permission"), "comboPermissionDisplay"},
+        {source_type::window, "window-new", QT_TR_NOOP("Windows"), QT_TR_NOOP("Window permission"), "comboPermissionWindow"},
+        {source_type::audio, "audio-input-microphone", QT_TR_NOOP("Audio devices"), QT_TR_NOOP("Audio permission"), "comboPermissionAudio"},
+        {source_type::video, "camera-web", QT_TR_NOOP("Cameras"), QT_TR_NOOP("Camera permission"), "comboPermissionVideo"},
+    };
+    for (const row& r : rows) {
+        auto* line = new QHBoxLayout;
+        auto* icon = new QLabel;
+        icon->setPixmap(QIcon::fromTheme(r.theme_icon).pixmap(24));
+        auto* label = new QLabel(tr(r.label));
+        auto* choice = new QComboBox;
+        choice->setObjectName(r.object);
+        choice->setAccessibleName(tr(r.accessible));
+        choice->addItems({tr("Ask"), tr("Deny"), tr("Always allow")});
+        choice->setCurrentIndex(static_cast<int>(preferences_.permission_value(r.kind)));
+        label->setBuddy(choice);
+        connect(choice, qOverload<int>(&QComboBox::currentIndexChanged), view, [this, kind = r.kind](int index) {
+            preferences_.set_permission(kind, static_cast<unsigned>(index));
+        });
+        line->addWidget(icon);
+        line->addWidget(label, 1);
+        line->addWidget(choice);
+        layout->addLayout(line);
+    }
+    bool set = preferences_.has_set_permissions();
+    auto* next = new QPushButton(set ? tr("Done") : tr("Continue"));
+    next->setObjectName(set ? "buttonDone" : "buttonContinue");
+    next->setAccessibleName(next->text());
+    next->setDefault(true);
+    layout->addWidget(next, 0, Qt::AlignRight);
+    connect(next, &QPushButton::clicked, view, [this, set] {
+        if (set) {
+            bus_.post(app::events::window_hide);
+            return;
+        }
+        preferences_.set_has_set_permissions(true);
+        bus_.post(app::events::permissions_changed);
+    });
+    return view;
+}
+
+QWidget* main_window::make_ready_view()
+{
+    auto* view = new QWidget;
+    auto* layout = new QVBoxLayout(view);
+    auto* avatar = new QLabel;
+    avatar->setObjectName("avatarImageView");
+    avatar->setAccessibleName(tr("Avatar"));
+    avatar->setPixmap(QIcon::fromTheme("avatar-default", QIcon(":/icons/app.svg")).pixmap(64));
+    avatar->setAlignment(Qt::AlignCenter);
+    auto* username = new QLabel;
+    username->setObjectName("usernameTextField");
+    username->setAccessibleName(tr("Username"));
+    username->setAlignment(Qt::AlignCenter);
+    auto* done = new QPushButton(tr("Done"));
+    done->setObjectName("buttonDone");
+    done->setAccessibleName(tr("Done"));
+    done->setDefault(true);
+    layout->addWidget(heading(tr("This computer is connected to your account.")));
+    layout->addWidget(avatar);
+    layout->addWidget(username);
+    layout->addWidget(done, 0, Qt::AlignRight);
+    auto update = [this, username] {
+        username->setText(preferences_.username());
+        username->setAccessibleDescription(preferences_.username());
+    };
+    update();
+    bus_.observe(app::events::user_changed, view, [update](const QVariant&) { update(); });
+    connect(done, &QPushButton::clicked, view, [this] { bus_.post(app::events::window_hide); });
+    return view;
+}
+
+} // namespace orbweave::ui
