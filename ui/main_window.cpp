@@ -1,5 +1,7 @@
 #include "ui/main_window.hpp"
 
+#include "ui/avatar_loader.hpp"
+
 #include <QApplication>
 #include <QClipboard>
 #include <QComboBox>
@@ -254,9 +256,15 @@ QWidget* main_window::make_ready_view()
     layout->addWidget(avatar);
     layout->addWidget(username);
     layout->addWidget(done, 0, Qt::AlignRight);
-    auto update = [this, username] {
+    auto* loader = new avatar_loader(view);
+    auto update = [this, username, avatar, loader] {
         username->setText(preferences_.username());
         username->setAccessibleDescription(preferences_.username());
+        // The placeholder stays until (and unless) the picture arrives.
+        loader->load(preferences_.avatar(), 64, [avatar](const QPixmap& picture) {
+            if (!picture.isNull())
+                avatar->setPixmap(picture);
+        });
     };
     update();
     bus_.observe(app::events::user_changed, view, [update](const QVariant&) { update(); });
