@@ -80,11 +80,7 @@ void app_delegate::on_permission(source_type::type kind, const std::string& name
     case decision::deny: request.answer(false); return;
     case decision::ask: break;
     }
-    std::shared_ptr<prompter> asking;
-    {
-        std::lock_guard<std::mutex> lock(prompter_mutex_);
-        asking = prompter_;
-    }
+    std::shared_ptr<prompter> asking = current_prompter();
     if (!asking) {
         log::line("No way to ask the user; the request is refused");
         request.answer(false);
@@ -97,6 +93,12 @@ QString app_delegate::code() const
 {
     std::lock_guard<std::mutex> lock(code_mutex_);
     return code_;
+}
+
+std::shared_ptr<prompter> app_delegate::current_prompter()
+{
+    std::lock_guard<std::mutex> lock(prompter_mutex_);
+    return prompter_;
 }
 
 void app_delegate::set_prompter(std::shared_ptr<prompter> prompter)
@@ -141,11 +143,7 @@ std::future<bool> app_delegate::connect_service()
 
 void app_delegate::disconnect_service()
 {
-    std::shared_ptr<prompter> asking;
-    {
-        std::lock_guard<std::mutex> lock(prompter_mutex_);
-        asking = prompter_;
-    }
+    std::shared_ptr<prompter> asking = current_prompter();
     if (asking)
         asking->refuse_all();
     {
@@ -179,11 +177,7 @@ void app_delegate::shutdown()
 {
     if (quitting_.exchange(true))
         return;
-    std::shared_ptr<prompter> asking;
-    {
-        std::lock_guard<std::mutex> lock(prompter_mutex_);
-        asking = prompter_;
-    }
+    std::shared_ptr<prompter> asking = current_prompter();
     if (asking)
         asking->refuse_all();
     // A connect still measuring gives up at once; then nothing can start the client again.

@@ -83,6 +83,7 @@ public:
 
 private:
     void set_state(int state);
+    std::shared_ptr<prompter> current_prompter();
     void init_client();
     void on_permission(callback::source_type::type kind, const std::string& name, const std::string& description,
                        callback::request_type::type request_kind, const callback::request& request);
