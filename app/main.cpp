@@ -1,8 +1,9 @@
-// orbweave: the desktop app. Lives in the tray (next to come), keeps the link to the
+// orbweave: the desktop app. Lives in the tray, keeps the link to the
 // service, and asks the user before the service may use a source.
 
 #include "app/app_delegate.hpp"
 #include "app/autostart.hpp"
+#include "app/default_output.hpp"
 #include "app/event_bus.hpp"
 #include "app/notification_prompter.hpp"
 #include "app/preferences.hpp"
@@ -102,6 +103,8 @@ int main(int argc, char** argv)
     bool in_tray = menu.show_in_tray();
     if (!in_tray)
         orbweave::log::line("No system tray on this desktop; the main window carries the menu");
+    // Captured sound needs the virtual output as the default; the menu warns otherwise.
+    app::default_output_watcher output([&menu](const QString& description) { menu.audio().on_default_output(description); });
     ui::main_window window(bus, preferences, [&delegate] { return delegate.code(); }, in_tray ? nullptr : menu.menu());
     window.show_at_start();
 

@@ -59,7 +59,7 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
         launch_at_login_item->setChecked(launch_at_login_.enabled());
     });
     launch_at_login_item->setCheckable(true);
-    audio_output_item = menu_.addAction(tr("Audio Output"), this, [this] { bus_.post(app::events::audio_settings_show); });
+    audio_output_item = menu_.addAction(tr("Audio Output"), this, [this] { audio_->picked(); });
     stop_streaming_item = menu_.addAction(tr("Stop streaming"), this, [this] { bus_.post(app::events::deactivate); });
     state_item = menu_.addAction(tr(state_text(client_state_)));
     state_item->setEnabled(false);
@@ -72,6 +72,8 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
         if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick)
             bus_.post(app::events::window_show);
     });
+
+    audio_ = std::make_unique<audio_alert>(bus_, preferences_, audio_output_item, [this] { return tray_.geometry(); });
 
     bus_.observe(app::events::state_changed, this, [this](const QVariant& state) { on_state(state.toInt()); });
     bus_.observe(app::events::user_changed, this, [this](const QVariant&) { update_from_preferences(); });

@@ -8,6 +8,7 @@
 #include "app/autostart.hpp"
 #include "app/event_bus.hpp"
 #include "app/preferences.hpp"
+#include "ui/audio_alert.hpp"
 #include "ui/interval_animator.hpp"
 
 #include <QAction>
@@ -43,6 +44,8 @@ public:
     /// The tray image shown now: "connected", "disconnected", "active" or "" (none).
     const QString& image() const { return image_; }
     interval_animator& animator() { return animator_; }
+    /// The audio-output alert; feed it the default output's reports.
+    audio_alert& audio() { return *audio_; }
     QSystemTrayIcon& tray() { return tray_; }
 
     // The items, in menu order.
@@ -71,6 +74,7 @@ private:
     interval_animator animator_;
     int client_state_ = 2;
     QString image_;
+    std::unique_ptr<audio_alert> audio_;
 };
 
 } // namespace orbweave::ui

@@ -1,0 +1,191 @@
+// The audio-output alert against a real PulseAudio with two outputs (a speaker and our
+// virtual device from orbweave-audio-server): the menu item and the popup follow the
+// default output, the ignore box silences only automatic checks, and the sound settings
+// open with the tool on PATH (a recording stand-in) or a message naming what to install.
+
+#include "app/autostart.hpp"
+#include "app/default_output.hpp"
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "core/obs/child_process.hpp"
+#include "tests/app/qt_support.hpp"
+#include "tests/support/line_reader.hpp"
+#include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "ui/status_menu.hpp"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QPushButton>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace orbweave::ui {
+namespace {
+
+using namespace std::chrono_literals;
+using test::pump_until;
+
+constexpr auto deadline = 10s;
+const QString not_set = "Audio Output (Not set!)";
+
+void pactl(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> argv{"pactl"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    int status = -1;
+    std::string errors;
+    test::run_program(argv, deadline, &status, &errors);
+    ASSERT_EQ(status, 0) << errors;
+}
+
+/// Sets an environment variable for one test and puts the old value back.
+class scoped_environment {
+public:
+    scoped_environment(const char* name, const std::string& value) : name_(name), old_(qgetenv(name))
+    {
+        had_ = qEnvironmentVariableIsSet(name);
+        qputenv(name, QByteArray::fromStdString(value));
+    }
+    ~scoped_environment()
+    {
+        if (had_)
+            qputenv(name_, old_);
+        else
+            qunsetenv(name_);
+    }
+
+private:
+    const char* name_;
+    QByteArray old_;
+    bool had_;
+};
+
+/// A menu, its alert and a watcher on whatever PULSE_SERVER names, with no sound
+/// settings tool on PATH but the stand-in a test may write into `tools`.
+class AudioAlert : public ::testing::Test {
+protected:
+    AudioAlert()
+        : stored(QString::fromStdString(dir.file("orbweave.conf"))),
+          launch_at_login(bus, "/usr/bin/orbweave", QString::fromStdString(dir.file("autostart/entry.desktop"))),
+          menu(bus, stored, launch_at_login, [] {}), path("PATH", dir.file("tools") + ":/usr/bin:/bin")
+    {
+        std::filesystem::create_directories(dir.path() / "tools");
+    }
+
+    void watch()
+    {
+        watcher = std::make_unique<app::default_output_watcher>(
+            [this](const QString& description) { menu.audio().on_default_output(description); });
+    }
+
+    /// A pavucontrol that writes its arguments to a file.
+    std::string install_pavucontrol()
+    {
+        std::string record = dir.file("pavucontrol.args");
+        std::string program = dir.file("tools/pavucontrol");
+        std::ofstream(program) << "#!/bin/sh\necho \"$@\" > " << record << ".part && mv " << record << ".part "
+                               << record << "\n";
+        std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+        return record;
+    }
+
+    QAbstractButton* popup_button(const char* name) { return menu.audio().popup()->findChild<QAbstractButton*>(name); }
+
+    test::temp_dir dir;
+    app::event_bus bus;
+    app::preferences stored;
+    app::autostart launch_at_login;
+    status_menu menu;
+    scoped_environment path;
+    std::unique_ptr<app::default_output_watcher> watcher;
+};
+
+TEST_F(AudioAlert, FollowsTheDefaultOutputAndSilencesOnlyAutomaticChecks)
+{
+    test::pulse_server pulse(dir.path() / "pulse");
+    scoped_environment server("PULSE_SERVER", pulse.server());
+    obs::child_process::options options;
+    options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    options.pipe_stdout = true;
+    obs::child_process audio_server(options);
+    test::line_reader ready(audio_server.stdout_fd());
+    ASSERT_EQ(ready.next(deadline), "ready orbweave_virtual");
+
+    // The speakers are the default: the item is marked and the popup explains, once.
+    watch();
+    ASSERT_TRUE(pump_until([&] { return menu.audio_output_item->text() == not_set; }));
+    EXPECT_TRUE(menu.audio().popup_shown());
+    EXPECT_FALSE(menu.audio().popup()->findChild<QCheckBox*>("ignoreAlertCheckbox")->isChecked());
+
+    // The user chooses our device: the mark and the popup go.
+    pactl({"set-default-sink", "orbweave_virtual"});
+    ASSERT_TRUE(pump_until([&] { return menu.audio_output_item->text() == "Audio Output"; }));
+    EXPECT_FALSE(menu.audio().popup_shown());
+
+    // Silenced, a change away marks the item but shows nothing...
+    stored.set_ignore_audio_device_events(true);
+    pactl({"set-default-sink", "orbweave_speakers"});
+    ASSERT_TRUE(pump_until([&] { return menu.audio_output_item->text() == not_set; }));
+    EXPECT_FALSE(menu.audio().popup_shown());
+    // ...but picking the item still does, with the box ticked; Dismiss closes it.
+    menu.audio_output_item->trigger();
+    EXPECT_TRUE(menu.audio().popup_shown());
+    auto* ignore = menu.audio().popup()->findChild<QCheckBox*>("ignoreAlertCheckbox");
+    EXPECT_TRUE(ignore->isChecked());
+    popup_button("dismissButton")->click();
+    ASSERT_TRUE(pump_until([&] { return !menu.audio().popup_shown(); }));
+    // Unticking the box stores at once and brings the automatic warning back.
+    ignore->setChecked(false);
+    EXPECT_FALSE(stored.ignore_audio_device_events());
+
+    // Our device again, and a pick opens the sound settings at the output tab.
+    std::string record = install_pavucontrol();
+    pactl({"set-default-sink", "orbweave_virtual"});
+    ASSERT_TRUE(pump_until([&] { return menu.audio_output_item->text() == "Audio Output"; }));
+    menu.audio_output_item->trigger();
+    EXPECT_FALSE(menu.audio().popup_shown());
+    ASSERT_TRUE(pump_until([&] { return std::filesystem::exists(record); }, deadline));
+    std::ifstream arguments(record);
+    std::string line;
+    std::getline(arguments, line);
+    EXPECT_EQ(line, "--tab=3");
+
+    // The device disappears with its server: the default falls back and the alert returns.
+    audio_server.kill(SIGTERM);
+    ASSERT_TRUE(audio_server.wait_for(deadline));
+    ASSERT_TRUE(pump_until([&] { return menu.audio_output_item->text() == not_set; }));
+    EXPECT_TRUE(menu.audio().popup_shown());
+    // Its "Open sound settings" button goes through the same event to the same tool.
+    std::filesystem::remove(record);
+    popup_button("openAudioSettingsButton")->click();
+    EXPECT_TRUE(pump_until([&] { return std::filesystem::exists(record); }, deadline));
+}
+
+TEST_F(AudioAlert, WithoutASoundServerTheItemIsMarkedAndNothingHangs)
+{
+    scoped_environment server("PULSE_SERVER", "unix:" + dir.file("nobody-listens"));
+    watch();
+    ASSERT_TRUE(pump_until([&] { return menu.audio_output_item->text() == not_set; }));
+    EXPECT_TRUE(menu.audio().popup_shown());
+
+    // No settings tool either: a message says what to install, once however often asked.
+    menu.audio().open_sound_settings();
+    menu.audio().open_sound_settings();
+    std::vector<QWidget*> messages;
+    for (QWidget* widget : QApplication::topLevelWidgets())
+        if (widget->objectName() == "soundSettingsMissing" && widget->isVisible())
+            messages.push_back(widget);
+    ASSERT_EQ(messages.size(), 1u);
+    messages.front()->close();
+
+    // The watcher keeps trying in the background; tearing it down stops that.
+    watcher.reset();
+}
+
+} // namespace
+} // namespace orbweave::ui
