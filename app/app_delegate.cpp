@@ -70,6 +70,15 @@ void app_delegate::init_client()
     client_->set_profile_handler([this] {
         return encode_profile{static_cast<profile_type::type>(preferences_.profile()), bitrate_.load()};
     });
+    client_->set_streams_handler([this](const std::vector<callback::active_stream>& streams) {
+        QVariantList running;
+        for (const auto& stream : streams)
+            running.push_back(QVariantMap{{"id", QString::fromStdString(stream.id)},
+                                          {"kind", static_cast<int>(stream.kind)},
+                                          {"name", QString::fromStdString(stream.name)},
+                                          {"description", QString::fromStdString(stream.description)}});
+        bus_.post(events::streams_changed, running);
+    });
 }
 
 void app_delegate::on_permission(source_type::type kind, const std::string& name, const std::string& description,

@@ -43,6 +43,9 @@ inline constexpr const char* launch_at_login_changed = "app:launchAtLogin:change
 inline constexpr const char* audio_popover_hide = "app:audio:popover:hide";
 /// none: open the system's sound output settings.
 inline constexpr const char* audio_settings_show = "app:audio:settings:show";
+/// QVariantList of QVariantMap {"id", "kind" (int, callback::source_type), "name",
+/// "description"}: the streams running now, oldest first. The desktop's own addition.
+inline constexpr const char* streams_changed = "app:streams:changed";
 } // namespace events
 
 /// Delivers posted events to their observers. post() may be called from any thread;

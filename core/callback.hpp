@@ -35,6 +35,19 @@ struct request_type {
     static const char* name(type request);
 };
 
+/// A stream that runs now, and the source it captures as this machine names it.
+struct active_stream {
+    std::string id;
+    source_type::type kind = source_type::none;
+    std::string name;
+    std::string description;
+
+    bool operator==(const active_stream& other) const
+    {
+        return id == other.id && kind == other.kind && name == other.name && description == other.description;
+    }
+};
+
 /// A pending permission request. Copies share one answer: the first call of
 /// answer() on any copy, from any thread, acts; every later call is ignored.
 class request {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace orbweave {
 
@@ -48,6 +49,7 @@ public:
                                                   const callback::request&)>;
     using reset_callback = std::function<void()>;
     using profile_callback = std::function<encode_profile()>;
+    using streams_callback = std::function<void(const std::vector<callback::active_stream>&)>;
 
     /// A client for the service at url; nothing connects until start().
     static std::unique_ptr<orbweave_client> create(const std::string& url);
@@ -71,6 +73,8 @@ public:
     virtual void set_permission_handler(permission_callback handler) = 0;
     virtual void set_reset_handler(reset_callback handler) = 0;
     virtual void set_profile_handler(profile_callback handler) = 0;
+    /// Told the running streams, oldest first, whenever they change.
+    virtual void set_streams_handler(streams_callback handler) = 0;
 };
 
 } // namespace orbweave

@@ -51,6 +51,8 @@ void orbweave_client_impl::initialize()
         if (now_empty)
             signal_on_state_change(state_type::connected);
     });
+    work_manager_->set_streams_handler(
+        [this](const std::vector<callback::active_stream>& streams) { signal_on_streams(streams); });
     disconnection_counter_ = 0;
 
     // Every message the client serves, in one place.
@@ -261,6 +263,11 @@ void orbweave_client_impl::set_state_change_handler(state_callback handler)
     replace_callback(state_change_handler_, std::move(handler));
 }
 
+void orbweave_client_impl::set_streams_handler(streams_callback handler)
+{
+    replace_callback(streams_handler_, std::move(handler));
+}
+
 void orbweave_client_impl::set_secret_handler(secret_callback handler)
 {
     replace_callback(secret_handler_, std::move(handler));
@@ -289,6 +296,13 @@ void orbweave_client_impl::set_reset_handler(reset_callback handler)
 void orbweave_client_impl::set_profile_handler(profile_callback handler)
 {
     replace_callback(profile_handler_, std::move(handler));
+}
+
+void orbweave_client_impl::signal_on_streams(const std::vector<callback::active_stream>& streams)
+{
+    lock_guard lock(mutex_);
+    if (streams_handler_)
+        streams_handler_(streams);
 }
 
 void orbweave_client_impl::signal_on_state_change(state_type::type state)

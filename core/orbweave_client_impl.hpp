@@ -44,6 +44,7 @@ public:
     void set_permission_handler(permission_callback handler) override;
     void set_reset_handler(reset_callback handler) override;
     void set_profile_handler(profile_callback handler) override;
+    void set_streams_handler(streams_callback handler) override;
 
     // Operations the protocol handlers use; each takes the client's mutex.
     void signal_on_state_change(callback::state_type::type state);
@@ -52,6 +53,7 @@ public:
     void signal_on_ready(callback::msg::ready& ready);
     void signal_on_reset();
     encode_profile signal_on_profile();
+    void signal_on_streams(const std::vector<callback::active_stream>& streams);
     /// Asks the application; without a permission handler the request is denied at once.
     void signal_on_permission(callback::source_type::type type, const std::string& name,
                               const std::string& description, callback::request_type::type kind,
@@ -104,6 +106,7 @@ private:
     reset_callback reset_handler_;
     permission_callback permission_handler_;
     profile_callback profile_handler_;
+    streams_callback streams_handler_;
 
     std::unique_ptr<websocket::websocket_client> websocket_client_;
     websocket::timer_ptr reconnect_timer_;

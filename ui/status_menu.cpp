@@ -27,6 +27,31 @@ const char* state_text(int state)
     return "";
 }
 
+/// "Screen: Built-in display", "Window: <its title>", ...: the source as the user knows it.
+QString stream_title(const QVariantMap& stream)
+{
+    constexpr int longest = 60;
+    QString name = stream.value("name").toString();
+    QString what;
+    switch (stream.value("kind").toInt()) {
+    case callback::source_type::screen: what = QObject::tr("Screen: %1"); break;
+    case callback::source_type::window:
+        // A window is known by its title; its name is the program's class.
+        if (!stream.value("description").toString().isEmpty())
+            name = stream.value("description").toString();
+        what = QObject::tr("Window: %1");
+        break;
+    case callback::source_type::audio: what = QObject::tr("Audio: %1"); break;
+    case callback::source_type::video: what = QObject::tr("Camera: %1"); break;
+    default: what = QStringLiteral("%1"); break;
+    }
+    if (name.size() > longest)
+        name = name.left(longest - 1) + QStringLiteral("…");
+    // A title is a window's own text: keep it from posing as a mnemonic.
+    name.replace('&', QStringLiteral("&&"));
+    return what.arg(name);
+}
+
 QIcon image_icon(const QString& name)
 {
     return name.isEmpty() ? QIcon() : QIcon(":/icons/" + name + ".svg");
@@ -63,7 +88,7 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
     stop_streaming_item = menu_.addAction(tr("Stop streaming"), this, [this] { bus_.post(app::events::deactivate); });
     state_item = menu_.addAction(tr(state_text(client_state_)));
     state_item->setEnabled(false);
-    menu_.addSeparator();
+    separator_item = menu_.addSeparator();
     sign_out_item = menu_.addAction(tr("Sign out"), this, [this] { sign_out_(); });
     quit_item = menu_.addAction(tr("Quit"), this, [] { QApplication::quit(); });
 
@@ -76,6 +101,7 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
     audio_ = std::make_unique<audio_alert>(bus_, preferences_, audio_output_item, [this] { return tray_.geometry(); });
 
     bus_.observe(app::events::state_changed, this, [this](const QVariant& state) { on_state(state.toInt()); });
+    bus_.observe(app::events::streams_changed, this, [this](const QVariant& streams) { on_streams(streams.toList()); });
     bus_.observe(app::events::user_changed, this, [this](const QVariant&) { update_from_preferences(); });
     bus_.observe(app::events::launch_at_login_changed, this,
                  [this](const QVariant&) { launch_at_login_item->setChecked(launch_at_login_.enabled()); });
@@ -114,6 +140,20 @@ void status_menu::update_from_preferences()
         item->setVisible(signed_in);
 }
 
+void status_menu::on_streams(const QVariantList& streams)
+{
+    for (QAction* item : stream_items)
+        delete item;
+    stream_items.clear();
+    for (const QVariant& stream : streams) {
+        auto* item = new QAction(stream_title(stream.toMap()), &menu_);
+        item->setEnabled(false);
+        item->setVisible(client_state_ == 3);
+        menu_.insertAction(separator_item, item);
+        stream_items.push_back(item);
+    }
+}
+
 void status_menu::set_profile(unsigned level)
 {
     for (unsigned i = 0; i < profile_items.size(); ++i)
@@ -125,6 +165,8 @@ void status_menu::set_profile(unsigned level)
 void status_menu::on_state(int state)
 {
     stop_streaming_item->setVisible(state == 3);
+    for (QAction* item : stream_items)
+        item->setVisible(state == 3);
     state_item->setText(tr(state_text(state)));
     tray_.setToolTip(state_item->text().isEmpty() ? tr("Orbweave") : tr("Orbweave") + " — " + state_item->text());
 

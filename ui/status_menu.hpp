@@ -20,6 +20,7 @@
 #include <array>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace orbweave::ui {
 
@@ -38,6 +39,9 @@ public:
     void update_from_preferences();
     /// The reaction to a client state report.
     void on_state(int state);
+    /// The running streams (the "app:streams:changed" payload): one disabled line each
+    /// under the state line while streaming.
+    void on_streams(const QVariantList& streams);
     /// Ticks the level's item (none for a level outside 0..3) and stores it.
     void set_profile(unsigned level);
 
@@ -58,6 +62,8 @@ public:
     QAction* audio_output_item;
     QAction* stop_streaming_item;
     QAction* state_item;
+    std::vector<QAction*> stream_items;
+    QAction* separator_item;
     QAction* sign_out_item;
     QAction* quit_item;
 

@@ -14,6 +14,8 @@ struct worker_manager::stream {
     enum class phase { starting, running, stopping };
 
     std::string id;
+    /// The source as the user knows it.
+    callback::active_stream source;
     std::uint64_t generation = 0;
     phase state = phase::starting;
     /// Why a start was cancelled ("deactivated while starting").
@@ -74,6 +76,7 @@ void worker_manager::activate(activate_request request, source_entry source, int
 
     auto record = std::make_shared<stream>();
     record->id = request.source.id;
+    record->source = {request.source.id, entry_kind(source), entry_name(source), entry_description(source)};
     record->generation = next_generation_++;
     streams_.emplace(record->generation, record);
     // The thread waits for this lock before it reads its record.
@@ -138,6 +141,7 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
         report([done = std::move(done), outcome] { done(outcome); });
         if (outcome.started && !record->ended_early.empty())
             end_locked(*record, record->ended_early);
+        report_streams_locked();
 
         // The stream runs until it is deactivated, replaced, cleared or ends by itself.
         changed_.wait(lock, [&] { return record->state == stream::phase::stopping; });
@@ -175,6 +179,7 @@ void worker_manager::end_locked(stream& record, const std::string& reason)
         report([handler = ended_handler_, id = record.id, reason, now_empty = !any_running_locked()] {
             handler(id, reason, now_empty);
         });
+    report_streams_locked();
 }
 
 void worker_manager::cancel_locked(stream& record, const std::string& reason)
@@ -202,6 +207,7 @@ worker_manager::deactivation worker_manager::deactivate(const deactivate_request
     changed_.notify_all();
     outcome.known = outcome.known || request.all;
     outcome.now_empty = !any_running_locked();
+    report_streams_locked();
     return outcome;
 }
 
@@ -214,6 +220,18 @@ bool worker_manager::any_running_locked() const
 {
     return std::any_of(streams_.begin(), streams_.end(),
                        [](const auto& item) { return item.second->state == stream::phase::running; });
+}
+
+void worker_manager::report_streams_locked()
+{
+    std::vector<callback::active_stream> running;
+    for (const auto& [generation, record] : streams_) // generations grow: oldest first
+        if (record->state == stream::phase::running)
+            running.push_back(record->source);
+    if (!streams_handler_ || running == streams_told_)
+        return;
+    streams_told_ = running;
+    report([handler = streams_handler_, running = std::move(running)] { handler(running); });
 }
 
 bool worker_manager::is_empty() const
@@ -247,6 +265,12 @@ void worker_manager::set_stream_ended_handler(ended_handler handler)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     ended_handler_ = std::move(handler);
+}
+
+void worker_manager::set_streams_handler(streams_handler handler)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    streams_handler_ = std::move(handler);
 }
 
 worker& worker_manager::listing_worker()

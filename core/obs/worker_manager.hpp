@@ -69,6 +69,9 @@ public:
         std::string error;
     };
 
+    /// The streams running now, in the order they started; told on every change.
+    using streams_handler = std::function<void(const std::vector<callback::active_stream>&)>;
+
     /// A stream that ended by itself: its source id, why, and whether none runs now.
     using ended_handler = std::function<void(const std::string& id, const std::string& reason, bool now_empty)>;
 
@@ -105,6 +108,8 @@ public:
 
     /// Set before the first activation; called through post.
     void set_stream_ended_handler(ended_handler handler);
+    /// Set before the first activation; called through post.
+    void set_streams_handler(streams_handler handler);
 
 private:
     struct stream;
@@ -118,6 +123,8 @@ private:
     /// A running stream ended by itself: it stops, and the owner hears of it.
     void end_locked(stream& record, const std::string& reason);
     bool any_running_locked() const;
+    /// Tells the streams handler of the running streams when they differ from the last told.
+    void report_streams_locked();
     void join_finished();
     worker& listing_worker();
     template <class Entry>
@@ -139,6 +146,8 @@ private:
     // Threads of streams that have ended, joined by the next activation or the destructor.
     std::vector<std::thread> finished_;
     ended_handler ended_handler_;
+    streams_handler streams_handler_;
+    std::vector<callback::active_stream> streams_told_;
 
     // Used only on the listing thread (and by the destructor once that has ended).
     std::unique_ptr<worker> listing_worker_;

@@ -27,6 +27,8 @@ client_harness::client_harness(sim::service_sim& sim, bool bare, std::function<v
         return;
     client_->set_state_change_handler([this](callback::state_type::type state) { states_.push(state); });
     client_->set_new_code_handler([this](std::string code) { codes_.push(code); });
+    client_->set_streams_handler(
+        [this](const std::vector<callback::active_stream>& streams) { streams_.push(streams); });
     client_->set_secret_handler([this] { return secret(); });
     client_->set_ready_handler([this](callback::msg::ready& ready) {
         set_secret(ready.secret);
@@ -67,6 +69,17 @@ client_harness::~client_harness()
 bool client_harness::wait_for_state(callback::state_type::type state, std::chrono::milliseconds timeout)
 {
     return states_.pop_until([state](callback::state_type::type s) { return s == state; }, timeout).has_value();
+}
+
+bool client_harness::wait_for_streams(const std::vector<std::string>& ids, std::chrono::milliseconds timeout)
+{
+    auto match = [&ids](const std::vector<callback::active_stream>& streams) {
+        std::vector<std::string> running;
+        for (const auto& stream : streams)
+            running.push_back(stream.id);
+        return running == ids;
+    };
+    return streams_.pop_until(match, timeout).has_value();
 }
 
 std::string client_harness::secret() const

@@ -36,6 +36,10 @@ public:
     blocking_queue<std::string>& codes() { return codes_; }
     blocking_queue<callback::msg::ready>& readies() { return readies_; }
     int resets() const { return resets_; }
+    /// Every report of the running streams, in order.
+    blocking_queue<std::vector<callback::active_stream>>& streams() { return streams_; }
+    /// The next report whose streams are these source ids, in this order; false at the deadline.
+    bool wait_for_streams(const std::vector<std::string>& ids, std::chrono::milliseconds timeout);
 
     /// How permission requests are answered from now on (default: denied at once).
     void on_permission(orbweave_client::permission_callback answer);
@@ -61,6 +65,7 @@ private:
     blocking_queue<std::string> codes_;
     blocking_queue<callback::msg::ready> readies_;
     std::atomic<int> resets_{0};
+    blocking_queue<std::vector<callback::active_stream>> streams_;
     blocking_queue<permission_asked> permissions_;
     std::mutex permission_mutex_;
     orbweave_client::permission_callback permission_answer_;

@@ -103,6 +103,39 @@ TEST_F(StatusMenu, EnteringStreamingBlinksNineFramesAndEndsActive)
     EXPECT_EQ(menu.image(), "");
 }
 
+TEST_F(StatusMenu, WhileStreamingEachStreamHasADisabledLineNamingItsSource)
+{
+    auto stream = [](int kind, const QString& name, const QString& description) {
+        return QVariantMap{{"id", "x"}, {"kind", kind}, {"name", name}, {"description", description}};
+    };
+    QString long_title(80, 'w');
+    menu.on_state(3);
+    bus.post(app::events::streams_changed,
+             QVariantList{stream(1, "Screen 1", "1280x720"), stream(2, "xterm", "Build & test"),
+                          stream(2, "firefox", long_title), stream(3, "Speakers", ""), stream(4, "Webcam", "")});
+    ASSERT_TRUE(pump_until([&] { return menu.stream_items.size() == 5; }));
+    std::vector<QString> titles = visible_titles();
+    auto state_line = std::find(titles.begin(), titles.end(), "Streaming");
+    ASSERT_NE(state_line, titles.end());
+    // A window by its title, and a title's "&" shown as itself rather than as a mnemonic.
+    EXPECT_EQ(std::vector<QString>(state_line + 1, state_line + 6),
+              std::vector<QString>({"Screen: Screen 1", "Window: Build && test",
+                                    "Window: " + QString(59, 'w') + "…", "Audio: Speakers", "Camera: Webcam"}));
+    EXPECT_EQ(*(state_line + 6), QString("Quit")); // signed out: no "Sign out"
+    for (QAction* item : menu.stream_items)
+        EXPECT_FALSE(item->isEnabled());
+
+    // Lines follow the streams, and show only while streaming.
+    menu.on_streams({stream(4, "Webcam", "")});
+    EXPECT_EQ(menu.stream_items.size(), 1u);
+    menu.on_state(1);
+    EXPECT_FALSE(menu.stream_items.front()->isVisible());
+    menu.on_state(3);
+    EXPECT_TRUE(menu.stream_items.front()->isVisible());
+    menu.on_streams({});
+    EXPECT_TRUE(menu.stream_items.empty());
+}
+
 TEST_F(StatusMenu, QualityTicksTheStoredLevelAndLaunchAtLoginTheRealEntry)
 {
     auto ticked = [&] {

@@ -215,9 +215,21 @@ TEST_F(Streams, TwoSourcesStreamAtOnceAndReactivatingKeepsOnlyTheNewStream)
     ASSERT_EQ(activate(speakers, "sound"), Json({{"status", "Success"}}));
     EXPECT_TRUE(ingest.wait_for_publishing("first", deadline));
     EXPECT_TRUE(ingest.wait_for_publishing("sound", deadline));
+    // The application is told what runs, each source by the name it was asked about.
+    auto told = app.streams().pop(deadline);
+    ASSERT_TRUE(told);
+    ASSERT_EQ(told->size(), 1u);
+    EXPECT_EQ(told->front().id, screen);
+    EXPECT_EQ(told->front().kind, callback::source_type::screen);
+    auto asked = app.permissions().pop_until(
+        [](const test::client_harness::permission_asked& p) { return p.request == request_type::activate; }, 0ms);
+    ASSERT_TRUE(asked);
+    EXPECT_EQ(told->front().name, asked->name);
+    EXPECT_TRUE(app.wait_for_streams({screen, speakers}, deadline));
 
     // The same screen again, to another key: the new stream replaces the old one.
     ASSERT_EQ(activate(screen, "second"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(app.wait_for_streams({speakers, screen}, deadline)) << "the old stream of the screen is still told";
     EXPECT_TRUE(ingest.wait_for_publishing("second", deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("first", deadline));
     EXPECT_TRUE(ingest.publishing("sound"));
@@ -231,6 +243,7 @@ TEST_F(Streams, TwoSourcesStreamAtOnceAndReactivatingKeepsOnlyTheNewStream)
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->message["payload"], Json({{"status", "Success"}}));
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(app.wait_for_streams({}, deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("second", deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));
 }
@@ -296,6 +309,7 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     EXPECT_TRUE(listed_active("audio", speakers));
     EXPECT_TRUE(ingest.publishing("sound"));
     EXPECT_NE(log.text().find("ended: its media worker killed by signal"), std::string::npos) << log.text();
+    EXPECT_TRUE(app.wait_for_streams({speakers}, deadline));
 
     // The last stream's worker dying leaves the client connected, not streaming.
     for (int pid : test::children_running(::getpid(), {"--defer-video"}))
