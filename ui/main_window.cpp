@@ -1,6 +1,7 @@
 #include "ui/main_window.hpp"
 
 #include "ui/avatar_loader.hpp"
+#include "ui/link_button.hpp"
 
 #include <QApplication>
 #include <QClipboard>
@@ -252,10 +253,16 @@ QWidget* main_window::make_ready_view()
     done->setObjectName("buttonDone");
     done->setAccessibleName(tr("Done"));
     done->setDefault(true);
+    auto* permissions = new link_button(tr("Change what the service may use…"));
+    permissions->setObjectName("permissionsLink");
+    connect(permissions, &QPushButton::clicked, view,
+            [this] { bus_.post(app::events::view_show, QStringLiteral("permissionsViewController")); });
     layout->addWidget(heading(tr("This computer is connected to your account.")));
     layout->addWidget(avatar);
     layout->addWidget(username);
+    layout->addWidget(permissions, 0, Qt::AlignCenter);
     layout->addWidget(done, 0, Qt::AlignRight);
+    QWidget::setTabOrder(permissions, done);
     auto* loader = new avatar_loader(view);
     auto update = [this, username, avatar, loader] {
         username->setText(preferences_.username());

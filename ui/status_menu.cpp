@@ -52,9 +52,13 @@ QString stream_title(const QVariantMap& stream)
     return what.arg(name);
 }
 
+/// The installed theme icon, so a panel can draw it at its own size; the built-in copy
+/// where it is not installed.
 QIcon image_icon(const QString& name)
 {
-    return name.isEmpty() ? QIcon() : QIcon(":/icons/" + name + ".svg");
+    if (name.isEmpty())
+        return QIcon();
+    return QIcon::fromTheme("org.orbweave.Client-" + name, QIcon(":/icons/" + name + ".svg"));
 }
 
 } // namespace
@@ -193,7 +197,7 @@ void status_menu::show_image(const QString& name)
     QIcon icon = image_icon(name);
     tray_.setIcon(icon);
     // The application's own icon follows, so the window's frame and task bar show the state too.
-    QApplication::setWindowIcon(name.isEmpty() ? QIcon(":/icons/app.svg") : icon);
+    QApplication::setWindowIcon(name.isEmpty() ? QIcon::fromTheme("org.orbweave.Client", QIcon(":/icons/app.svg")) : icon);
 }
 
 } // namespace orbweave::ui

@@ -5,6 +5,7 @@
 #include "app/preferences.hpp"
 #include "tests/app/qt_support.hpp"
 #include "tests/support/temp_dir.hpp"
+#include "ui/link_button.hpp"
 #include "ui/main_window.hpp"
 
 #include <QApplication>
@@ -161,6 +162,42 @@ TEST_F(MainWindow, TheReadyViewNamesTheUser)
     stored.set_owner("Bo", "");
     bus.post(app::events::user_changed);
     EXPECT_TRUE(pump_until([&] { return username->text() == "Bo"; }));
+
+    // The permissions link: before Done in the tab order, and it shows that view.
+    auto* link = find<link_button>("permissionsLink");
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->nextInFocusChain(), find<QPushButton>("buttonDone"));
+    link->click();
+    EXPECT_TRUE(pump_until([&] { return window.view()->objectName() == "permissionsViewController"; }));
+}
+
+TEST(LinkButton, UnderlinesInItsActiveColourUnderThePointerOrFocus)
+{
+    link_button link("Open");
+    link.set_colors(Qt::blue, Qt::red);
+    EXPECT_EQ(link.cursor().shape(), Qt::PointingHandCursor);
+    EXPECT_TRUE(link.isFlat());
+    auto shown = [&] { return std::make_pair(link.underlined(), link.palette().color(QPalette::ButtonText)); };
+    EXPECT_EQ(shown(), std::make_pair(false, QColor(Qt::blue)));
+
+    QEnterEvent enter(QPointF(1, 1), QPointF(1, 1), QPointF(1, 1));
+    QApplication::sendEvent(&link, &enter);
+    EXPECT_EQ(shown(), std::make_pair(true, QColor(Qt::red)));
+    QEvent leave(QEvent::Leave);
+    QApplication::sendEvent(&link, &leave);
+    EXPECT_EQ(shown(), std::make_pair(false, QColor(Qt::blue)));
+
+    // Reached with the keyboard, it looks active too, and Space presses it.
+    int presses = 0;
+    QObject::connect(&link, &QPushButton::clicked, [&] { ++presses; });
+    QFocusEvent focus_in(QEvent::FocusIn, Qt::TabFocusReason);
+    QApplication::sendEvent(&link, &focus_in);
+    EXPECT_EQ(shown(), std::make_pair(true, QColor(Qt::red)));
+    QTest::keyClick(&link, Qt::Key_Space);
+    EXPECT_EQ(presses, 1);
+    QFocusEvent focus_out(QEvent::FocusOut, Qt::TabFocusReason);
+    QApplication::sendEvent(&link, &focus_out);
+    EXPECT_FALSE(link.underlined());
 }
 
 } // namespace
