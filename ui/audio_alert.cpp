@@ -1,6 +1,7 @@
 #include "ui/audio_alert.hpp"
 
 #include "app/sound_settings.hpp"
+#include "ui/icons.hpp"
 
 #include <QGuiApplication>
 #include <QHBoxLayout>
@@ -32,7 +33,7 @@ audio_alert::audio_alert(app::event_bus& bus, app::preferences& preferences, QAc
     popup_->setAutoFillBackground(true);
 
     auto* icon = new QLabel;
-    icon->setPixmap(QIcon::fromTheme("dialog-warning", QIcon(":/icons/app.svg")).pixmap(32, 32));
+    icon->setPixmap(themed_icon("dialog-warning", "app").pixmap(32, 32));
     icon->setAlignment(Qt::AlignTop);
     auto* title = new QLabel(tr("Orbweave can't capture your computer's sound"));
     QFont bold = title->font();

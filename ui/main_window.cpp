@@ -1,6 +1,7 @@
 #include "ui/main_window.hpp"
 
 #include "ui/avatar_loader.hpp"
+#include "ui/icons.hpp"
 #include "ui/link_button.hpp"
 
 #include <QApplication>
@@ -37,6 +38,7 @@ QProgressBar* busy_indicator()
     busy->setRange(0, 0); // indeterminate: a moving bar
     busy->setTextVisible(false);
     busy->setMaximumHeight(8);
+    busy->setMaximumWidth(240);
     busy->setAccessibleName(QObject::tr("Working"));
     return busy;
 }
@@ -46,7 +48,30 @@ QLabel* heading(const QString& text)
     auto* label = new QLabel(text);
     label->setWordWrap(true);
     label->setAlignment(Qt::AlignCenter);
+    QFont font = label->font();
+    font.setWeight(QFont::DemiBold);
+    font.setPointSizeF(font.pointSizeF() * 1.15);
+    label->setFont(font);
     return label;
+}
+
+/// A line of secondary text under a heading.
+QLabel* hint(const QString& text)
+{
+    auto* label = new QLabel(text);
+    label->setWordWrap(true);
+    label->setAlignment(Qt::AlignCenter);
+    label->setForegroundRole(QPalette::PlaceholderText);
+    return label;
+}
+
+/// Every view's layout: the same margins and spacing.
+QVBoxLayout* view_layout(QWidget* view)
+{
+    auto* layout = new QVBoxLayout(view);
+    layout->setContentsMargins(24, 20, 24, 20);
+    layout->setSpacing(12);
+    return layout;
 }
 
 } // namespace
@@ -58,8 +83,9 @@ main_window::main_window(app::event_bus& bus, app::preferences& preferences, std
     setObjectName("mainWindow");
     setWindowTitle("Orbweave");
     setWindowFlag(Qt::WindowStaysOnTopHint);
-    setMinimumWidth(360);
+    setFixedWidth(420);
     auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
     if (tray_menu) {
         // No tray on this desktop: the tray's menu lives here.
         auto* menu_button = new QToolButton;
@@ -142,17 +168,19 @@ QWidget* main_window::make_view(const QString& identifier)
 QWidget* main_window::make_disconnected_view()
 {
     auto* view = new QWidget;
-    auto* layout = new QVBoxLayout(view);
+    auto* layout = view_layout(view);
     layout->addWidget(heading(tr("Connecting to the service…")));
-    layout->addWidget(busy_indicator());
+    layout->addWidget(busy_indicator(), 0, Qt::AlignCenter);
+    layout->addWidget(hint(tr("You can close this window: Orbweave keeps trying in the background.")));
     return view;
 }
 
 QWidget* main_window::make_setup_view()
 {
     auto* view = new QWidget;
-    auto* layout = new QVBoxLayout(view);
-    layout->addWidget(heading(tr("To connect this computer, enter this code on the service:")));
+    auto* layout = view_layout(view);
+    layout->addWidget(heading(tr("Enter this code on the service")));
+    layout->addWidget(hint(tr("It connects this computer to your account.")));
     auto* code = new QLabel;
     code->setObjectName("codeTextField");
     code->setAccessibleName(tr("Pairing code"));
@@ -167,7 +195,7 @@ QWidget* main_window::make_setup_view()
     copy->setAccessibleName(tr("Copy code"));
     copy->setDefault(true);
     layout->addWidget(code);
-    layout->addWidget(waiting);
+    layout->addWidget(waiting, 0, Qt::AlignCenter);
     layout->addWidget(copy, 0, Qt::AlignCenter);
     auto set_code = [code, waiting, copy](const QString& text) {
         code->setText(text);
@@ -185,25 +213,27 @@ QWidget* main_window::make_setup_view()
 QWidget* main_window::make_permissions_view()
 {
     auto* view = new QWidget;
-    auto* layout = new QVBoxLayout(view);
+    auto* layout = view_layout(view);
     layout->addWidget(heading(tr("What may the service use on this computer?")));
+    layout->addWidget(hint(tr("“Ask” shows a notification each time it is needed.")));
     struct row {
         source_type::type kind;
         const char* theme_icon;
+        const char* builtin_icon;
         const char* label;
         const char* accessible;
         const char* object;
     };
     const row rows[] = {
-        {source_type::screen, "video-display", QT_TR_NOOP("Displays"), QT_TR_NOOP("Display permission"), "comboPermissionDisplay"},
-        {source_type::window, "window-new", QT_TR_NOOP("Windows"), QT_TR_NOOP("Window permission"), "comboPermissionWindow"},
-        {source_type::audio, "audio-input-microphone", QT_TR_NOOP("Audio devices"), QT_TR_NOOP("Audio permission"), "comboPermissionAudio"},
-        {source_type::video, "camera-web", QT_TR_NOOP("Cameras"), QT_TR_NOOP("Camera permission"), "comboPermissionVideo"},
+        {source_type::screen, "video-display", "source-display", QT_TR_NOOP("Displays"), QT_TR_NOOP("Display permission"), "comboPermissionDisplay"},
+        {source_type::window, "window-new", "source-window", QT_TR_NOOP("Windows"), QT_TR_NOOP("Window permission"), "comboPermissionWindow"},
+        {source_type::audio, "audio-input-microphone", "source-audio", QT_TR_NOOP("Audio devices"), QT_TR_NOOP("Audio permission"), "comboPermissionAudio"},
+        {source_type::video, "camera-web", "source-camera", QT_TR_NOOP("Cameras"), QT_TR_NOOP("Camera permission"), "comboPermissionVideo"},
     };
     for (const row& r : rows) {
         auto* line = new QHBoxLayout;
         auto* icon = new QLabel;
-        icon->setPixmap(QIcon::fromTheme(r.theme_icon).pixmap(24));
+        icon->setPixmap(themed_icon(r.theme_icon, r.builtin_icon).pixmap(24));
         auto* label = new QLabel(tr(r.label));
         auto* choice = new QComboBox;
         choice->setObjectName(r.object);
@@ -239,11 +269,11 @@ QWidget* main_window::make_permissions_view()
 QWidget* main_window::make_ready_view()
 {
     auto* view = new QWidget;
-    auto* layout = new QVBoxLayout(view);
+    auto* layout = view_layout(view);
     auto* avatar = new QLabel;
     avatar->setObjectName("avatarImageView");
     avatar->setAccessibleName(tr("Avatar"));
-    avatar->setPixmap(QIcon::fromTheme("avatar-default", QIcon(":/icons/app.svg")).pixmap(64));
+    avatar->setPixmap(themed_icon("avatar-default", "app").pixmap(64));
     avatar->setAlignment(Qt::AlignCenter);
     auto* username = new QLabel;
     username->setObjectName("usernameTextField");

@@ -1,5 +1,6 @@
 #include "ui/permission_dialog.hpp"
 
+#include <QGridLayout>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -9,16 +10,24 @@ namespace orbweave::ui {
 
 void ask_with_dialog(const app::prompt_text& text, std::function<void(bool)> answer)
 {
-    auto* dialog = new QMessageBox(QMessageBox::Question, text.title, text.name, QMessageBox::NoButton);
+    auto* dialog = new QMessageBox(QMessageBox::Question, text.title, text.name + "\n" + text.description,
+                                   QMessageBox::NoButton);
     dialog->setObjectName("permissionDialog");
-    // Names come from other programs (a window title is whatever its program says).
+    // Names and descriptions come from other programs (a window title is whatever its
+    // program says), so they stand in the plain-text part; the informative text, which
+    // Qt may read as markup, is only ours.
     dialog->setTextFormat(Qt::PlainText);
-    dialog->setInformativeText(text.description);
+    dialog->setInformativeText(QObject::tr("The service asks to capture this. Allow it?"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setWindowModality(Qt::NonModal);
     QPushButton* allow = dialog->addButton(QObject::tr("Allow"), QMessageBox::AcceptRole);
     dialog->addButton(QObject::tr("Deny"), QMessageBox::RejectRole);
     dialog->setEscapeButton(QMessageBox::NoButton);
+    // Wide enough that the question reads on one line: a message box takes its width
+    // from its contents only.
+    if (auto* grid = qobject_cast<QGridLayout*>(dialog->layout()))
+        grid->addItem(new QSpacerItem(380, 0, QSizePolicy::Minimum, QSizePolicy::Fixed), grid->rowCount(), 0, 1,
+                      grid->columnCount());
     auto once = std::make_shared<std::function<void(bool)>>(std::move(answer));
     QObject::connect(dialog, &QMessageBox::finished, dialog, [dialog, allow, once] {
         // Any way of closing it but Allow refuses.

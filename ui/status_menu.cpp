@@ -1,13 +1,9 @@
 #include "ui/status_menu.hpp"
 
+#include "ui/icons.hpp"
+
 #include <QApplication>
 #include <QIcon>
-
-// The icons are compiled into this static library; their registration must be pulled in.
-static void load_icons()
-{
-    Q_INIT_RESOURCE(icons);
-}
 
 namespace orbweave::ui {
 
@@ -58,7 +54,7 @@ QIcon image_icon(const QString& name)
 {
     if (name.isEmpty())
         return QIcon();
-    return QIcon::fromTheme("org.orbweave.Client-" + name, QIcon(":/icons/" + name + ".svg"));
+    return themed_icon("org.orbweave.Client-" + name, name);
 }
 
 } // namespace
@@ -72,7 +68,6 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
           show_image(frame % 2 ? "connected" : "active");
       })
 {
-    load_icons();
     // Titles without "&": an exported tray menu would show it as "_".
     connect_item = menu_.addAction(tr("Connect your computer…"), this, [this] { bus_.post(app::events::window_show); });
     username_item = menu_.addAction(QString(), this, [this] { show_view("readyViewController"); });
@@ -197,7 +192,7 @@ void status_menu::show_image(const QString& name)
     QIcon icon = image_icon(name);
     tray_.setIcon(icon);
     // The application's own icon follows, so the window's frame and task bar show the state too.
-    QApplication::setWindowIcon(name.isEmpty() ? QIcon::fromTheme("org.orbweave.Client", QIcon(":/icons/app.svg")) : icon);
+    QApplication::setWindowIcon(name.isEmpty() ? themed_icon("org.orbweave.Client", "app") : icon);
 }
 
 } // namespace orbweave::ui

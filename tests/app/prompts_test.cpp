@@ -200,11 +200,14 @@ TEST(PermissionDialog, AllowGrantsAndAnyOtherEndRefuses)
         return static_cast<QAbstractButton*>(nullptr);
     };
     std::vector<bool> answers;
-    ui::ask_with_dialog({"Requesting Permission", "<b>xterm</b>", "shell"}, [&](bool a) { answers.push_back(a); });
+    ui::ask_with_dialog({"Requesting Permission", "<b>xterm</b>", "<i>shell</i>"}, [&](bool a) { answers.push_back(a); });
     QMessageBox* dialog = open_dialog();
     ASSERT_TRUE(dialog);
     EXPECT_EQ(dialog->windowTitle(), "Requesting Permission");
-    EXPECT_EQ(dialog->textFormat(), Qt::PlainText) << "a window title must not be read as markup";
+    // A window's title and text must not be read as markup, wherever they stand.
+    EXPECT_EQ(dialog->textFormat(), Qt::PlainText);
+    EXPECT_EQ(dialog->text(), "<b>xterm</b>\n<i>shell</i>");
+    EXPECT_FALSE(dialog->informativeText().contains("shell"));
     EXPECT_FALSE(dialog->isModal());
     ASSERT_TRUE(button(dialog, "Allow") && button(dialog, "Deny"));
     button(dialog, "Allow")->click();

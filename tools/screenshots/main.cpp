@@ -1,0 +1,202 @@
+// orbweave-screenshots: renders the desktop app's interface into PNG files for the
+// documentation. It runs the real app wiring (client, event bus, tray menu, main
+// window) against the bundled service simulator on loopback: the views show a real
+// pairing code, a real claim and the real state reactions. Only the streaming
+// state of the menu is posted directly, since no ingest runs here.
+//
+//   orbweave-screenshots DIRECTORY     writes DIRECTORY/<name>.png and lists them
+//
+// scripts/screenshots runs it on a private X display and session bus.
+
+#include "app/app_delegate.hpp"
+#include "app/autostart.hpp"
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "app/secret_keeper.hpp"
+#include "core/log.hpp"
+#include "tools/service-sim/service_sim.hpp"
+#include "ui/icons.hpp"
+#include "ui/main_window.hpp"
+#include "ui/permission_dialog.hpp"
+#include "ui/status_menu.hpp"
+
+#include <QApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QIcon>
+#include <QMenu>
+#include <QPainter>
+#include <QPushButton>
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <functional>
+#include <iostream>
+#include <optional>
+#include <stdexcept>
+
+namespace {
+
+using namespace orbweave;
+using namespace std::chrono_literals;
+
+constexpr int deadline_ms = 15000;
+
+/// Runs the event loop until condition holds; throws at the deadline.
+void wait_until(const char* what, const std::function<bool()>& condition)
+{
+    QElapsedTimer clock;
+    clock.start();
+    while (!condition()) {
+        if (clock.elapsed() > deadline_ms)
+            throw std::runtime_error(std::string("timed out waiting for ") + what);
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+}
+
+/// Lets layouts and pending paints settle before a grab.
+void settle()
+{
+    for (int i = 0; i < 5; ++i)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+}
+
+class writer {
+public:
+    explicit writer(QString directory) : directory_(std::move(directory)) { QDir().mkpath(directory_); }
+
+    void save(const QString& name, const QPixmap& picture)
+    {
+        QString path = directory_ + "/" + name + ".png";
+        if (picture.isNull() || !picture.save(path, "PNG"))
+            throw std::runtime_error("cannot write " + path.toStdString());
+        std::cout << path.toStdString() << "\n";
+    }
+    void save(const QString& name, QWidget* widget)
+    {
+        settle();
+        save(name, widget->grab());
+    }
+
+private:
+    QString directory_;
+};
+
+/// The tray icons at panel sizes on a light and a dark panel.
+QPixmap tray_icon_sheet()
+{
+    const int sizes[] = {16, 22, 24, 32};
+    const char* states[] = {"disconnected", "connected", "active"};
+    const QColor panels[] = {QColor("#f6f5f4"), QColor("#2b2b2b")};
+    const int cell = 40;
+    QPixmap sheet(cell * 3 * 4, cell * 2);
+    QPainter painter(&sheet);
+    for (int row = 0; row < 2; ++row) {
+        painter.fillRect(0, row * cell, sheet.width(), cell, panels[row]);
+        int x = 0;
+        for (const char* state : states)
+            for (int size : sizes) {
+                QIcon icon = ui::builtin_icon(state);
+                painter.drawPixmap(x + (cell - size) / 2, row * cell + (cell - size) / 2, icon.pixmap(size, size));
+                x += cell;
+            }
+    }
+    return sheet;
+}
+
+void run(const QString& directory)
+{
+    writer out(directory);
+    QTemporaryDir home;
+    sim::service_sim service;
+    service.identity().write(home.path().toStdString());
+
+    app::event_bus bus;
+    app::preferences stored(home.filePath("orbweave/orbweave.conf"));
+    app::secret_keeper secrets(stored);
+    app::autostart launch_at_login(bus, QCoreApplication::applicationFilePath(),
+                                   home.filePath("autostart/org.orbweave.Client.desktop"));
+    app::app_delegate::settings settings;
+    settings.service_url = service.url();
+    settings.bitrate = 2500;
+    settings.client.transport.ca_file = home.filePath("ca.pem").toStdString();
+    app::app_delegate delegate(bus, stored, secrets, settings);
+    delegate.set_autostart(&launch_at_login);
+    ui::status_menu menu(bus, stored, launch_at_login, [&delegate] { delegate.sign_out(); });
+    ui::main_window window(bus, stored, [&delegate] { return delegate.code(); });
+    window.show_at_start();
+    wait_until("the main window", [&] { return window.isVisible() && window.view(); });
+    out.save("view-connecting", &window);
+
+    // The client pairs with the simulator: the code, then the account's claim.
+    bool loaded = false;
+    secrets.load([&] { loaded = true; });
+    wait_until("the secret store", [&] { return loaded; });
+    delegate.start();
+    std::optional<std::string> code;
+    wait_until("a pairing code", [&] { return (code = service.wait_for_code(0ms)).has_value(); });
+    wait_until("the setup view", [&] { return window.view()->objectName() == "setupViewController"; });
+    wait_until("the code on screen", [&] { return !delegate.code().isEmpty(); });
+    out.save("view-setup", &window);
+
+    service.claim(*code, {"Ann Example", ""});
+    wait_until("the permissions view", [&] { return window.view()->objectName() == "permissionsViewController"; });
+    out.save("view-permissions", &window);
+    window.view()->findChild<QPushButton*>("buttonContinue")->click();
+    wait_until("the ready view", [&] { return window.view()->objectName() == "readyViewController"; });
+    out.save("view-ready", &window);
+
+    // The menu while two sources stream.
+    bus.post(app::events::state_changed, 3);
+    bus.post(app::events::streams_changed,
+             QVariantList{QVariantMap{{"kind", 1}, {"name", "Display 1"}, {"description", "1920x1080"}},
+                          QVariantMap{{"kind", 3}, {"name", "Built-in Audio Analog Stereo"}, {"description", ""}}});
+    wait_until("the streaming menu", [&] { return menu.stream_items.size() == 2; });
+    menu.animator().stop();
+    menu.audio().on_default_output(ui::virtual_output_description);
+    menu.menu()->popup(QPoint(40, 40));
+    wait_until("the menu", [&] { return menu.menu()->isVisible(); });
+    out.save("tray-menu", menu.menu());
+    menu.menu()->hide();
+
+    // The audio alert, as a wrong default output brings it up.
+    menu.audio().on_default_output("Built-in Audio Analog Stereo");
+    wait_until("the audio alert", [&] { return menu.audio().popup_shown(); });
+    out.save("audio-alert", menu.audio().popup());
+    bus.post(app::events::audio_popover_hide);
+
+    // The consent dialog used where notifications cannot ask.
+    ui::ask_with_dialog({"Requesting Permission", "Display 1", "1920x1080"}, [](bool) {});
+    QWidget* dialog = nullptr;
+    wait_until("the permission dialog", [&] {
+        for (QWidget* widget : QApplication::topLevelWidgets())
+            if (widget->objectName() == "permissionDialog" && widget->isVisible())
+                dialog = widget;
+        return dialog != nullptr;
+    });
+    out.save("permission-dialog", dialog);
+    dialog->close();
+
+    out.save("tray-icons", tray_icon_sheet());
+    delegate.shutdown();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2 || std::string(argv[1]).rfind("-", 0) == 0) {
+        std::cerr << "usage: orbweave-screenshots DIRECTORY\n";
+        return 2;
+    }
+    QApplication application(argc, argv);
+    QApplication::setApplicationName("orbweave");
+    QApplication::setQuitOnLastWindowClosed(false);
+    try {
+        run(QString::fromLocal8Bit(argv[1]));
+    } catch (const std::exception& error) {
+        std::cerr << "orbweave-screenshots: " << error.what() << "\n";
+        return 1;
+    }
+    return 0;
+}
