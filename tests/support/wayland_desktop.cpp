@@ -1,0 +1,212 @@
+#include "tests/support/wayland_desktop.hpp"
+
+#include "tests/support/eventually.hpp"
+#include "tests/support/rtmp_ingest.hpp"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace orbweave::test {
+
+namespace {
+
+using namespace std::chrono_literals;
+constexpr auto start_limit = 20s;
+constexpr uid_t nobody = 65534;
+
+bool is_unix_socket(const std::filesystem::path& path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
+}
+
+} // namespace
+
+wayland_desktop::wayland_desktop(options options) : options_(std::move(options)), dir_("orbweave-wayland")
+{
+    namespace fs = std::filesystem;
+    const fs::path& root = dir_.path();
+    for (const char* folder : {"run", "home", "config/xdg-desktop-portal-wlr", "state", "data", "cache", "logs"})
+        fs::create_directories(root / folder);
+    fs::permissions(root / "run", fs::perms::owner_all, fs::perm_options::replace);
+    bool as_root = ::geteuid() == 0;
+    // sway (as nobody when we are root) creates its socket in the runtime folder.
+    if (as_root && (::chown(root.c_str(), nobody, nobody) != 0 || ::chown((root / "run").c_str(), nobody, nobody) != 0))
+        throw std::runtime_error("cannot hand the runtime folder to sway's user");
+    fs::permissions(root, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec,
+                    fs::perm_options::replace);
+
+    std::string runtime = (root / "run").string();
+    environment_ = {{"HOME", (root / "home").string()},
+                    {"XDG_RUNTIME_DIR", runtime},
+                    {"XDG_CONFIG_HOME", (root / "config").string()},
+                    {"XDG_STATE_HOME", (root / "state").string()},
+                    {"XDG_DATA_HOME", (root / "data").string()},
+                    {"XDG_CACHE_HOME", (root / "cache").string()},
+                    {"XDG_SESSION_TYPE", "wayland"},
+                    {"XDG_CURRENT_DESKTOP", "sway"},
+                    {"LANG", "C.UTF-8"}};
+
+    // The session bus.
+    {
+        obs::child_process::options bus;
+        bus.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address"};
+        bus.pipe_stdout = true;
+        bus.environment = environment_;
+        bus_ = std::make_unique<obs::child_process>(bus);
+        std::string address;
+        char c;
+        while (::read(bus_->stdout_fd(), &c, 1) == 1 && c != '\n')
+            address += c;
+        if (address.empty())
+            throw std::runtime_error("dbus-daemon did not say where it listens");
+        environment_.push_back({"DBUS_SESSION_BUS_ADDRESS", address});
+    }
+
+    // The compositor, its outputs and (when busy) a terminal that keeps changing.
+    std::ostringstream sway;
+    sway << "xwayland disable\ndefault_border none\n";
+    for (const output& out : options_.outputs)
+        sway << "output " << out.name << " mode " << out.width << "x" << out.height << " position " << out.left << " "
+             << out.top << " bg " << out.background << " solid_color\n";
+    if (options_.busy)
+        sway << "for_window [app_id=\"clock\"] floating enable, resize set 600 120, move position 40 40\n"
+                "exec foot --app-id=clock --font=\"DejaVu Sans Mono:size=20\" -e sh -c "
+                "'while :; do date +%T.%N | cut -c1-12; sleep 0.2; done'\n";
+    std::ofstream(root / "config/sway.conf") << sway.str();
+    std::vector<std::string> sway_argv{"sway", "-c", (root / "config/sway.conf").string()};
+    if (as_root)
+        sway_argv.insert(sway_argv.begin(),
+                         {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    start(sway_argv, "sway",
+          {{"WLR_BACKENDS", "headless"},
+           {"WLR_LIBINPUT_NO_DEVICES", "1"},
+           {"WLR_RENDERER", "pixman"},
+           {"WLR_HEADLESS_OUTPUTS", std::to_string(options_.outputs.size())}});
+    std::string display;
+    if (!eventually(
+            [&] {
+                for (const auto& entry : fs::directory_iterator(runtime))
+                    if (entry.path().filename().string().rfind("wayland-", 0) == 0 && is_unix_socket(entry.path()))
+                        display = entry.path().filename().string();
+                return !display.empty();
+            },
+            start_limit))
+        throw std::runtime_error("sway did not open its socket; see " + (root / "logs/sway.log").string());
+    environment_.push_back({"WAYLAND_DISPLAY", display});
+
+    // Sound and video: PipeWire, its session manager and its PulseAudio server.
+    start({"pipewire"}, "pipewire");
+    if (!eventually([&] { return is_unix_socket(root / "run/pipewire-0"); }, start_limit))
+        throw std::runtime_error("pipewire did not open its socket");
+    start({"wireplumber"}, "wireplumber");
+    start({"pipewire-pulse"}, "pipewire-pulse");
+    if (!eventually([&] { return is_unix_socket(root / "run/pulse/native"); }, start_limit))
+        throw std::runtime_error("pipewire-pulse did not open its socket");
+    environment_.push_back({"PULSE_SERVER", "unix:" + (root / "run/pulse/native").string()});
+
+    // Programs the bus starts on demand (the portal's permission store) see the session.
+    std::vector<std::string> update{"env"};
+    for (const auto& [name, value] : environment_)
+        update.push_back(name + "=" + value);
+    update.insert(update.end(), {"dbus-update-activation-environment", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR",
+                                 "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME", "HOME",
+                                 "XDG_SESSION_TYPE", "XDG_CURRENT_DESKTOP"});
+    int status = -1;
+    run_program(update, 10s, &status);
+    if (status != 0)
+        throw std::runtime_error("dbus-update-activation-environment failed");
+
+    // The portal: its wlroots backend with a recording chooser, then the front end.
+    choose(options_.outputs.front().name);
+    std::ofstream(root / "chooser.sh") << "#!/bin/sh\necho called >> '" << (root / "chooser-calls").string()
+                                       << "'\ncat '" << (root / "choice").string() << "'\n";
+    std::ofstream(root / "config/xdg-desktop-portal-wlr/config")
+        << "[screencast]\nmax_fps=30\nchooser_type=simple\nchooser_cmd=sh " << (root / "chooser.sh").string() << "\n";
+    start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",
+           (root / "config/xdg-desktop-portal-wlr/config").string()},
+          "xdpw", {{"LD_PRELOAD", ORBWEAVE_XDPW_SHIM}});
+    portal_backend_ = processes_.back().get();
+    wait_for_bus_name("org.freedesktop.impl.portal.desktop.wlr");
+    start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp");
+    wait_for_bus_name("org.freedesktop.portal.Desktop");
+}
+
+wayland_desktop::~wayland_desktop()
+{
+    for (auto process = processes_.rbegin(); process != processes_.rend(); ++process) {
+        // Each runs in its own group: its helpers (sway's terminal) end with it.
+        ::kill(-(*process)->pid(), SIGTERM);
+        if (!(*process)->wait_for(5s))
+            ::kill(-(*process)->pid(), SIGKILL);
+    }
+    processes_.clear();
+    bus_.reset();
+}
+
+void wayland_desktop::start(std::vector<std::string> argv, const std::string& log,
+                            std::vector<std::pair<std::string, std::string>> extra)
+{
+    obs::child_process::options options;
+    options.argv = {"sh", "-c", "exec \"$@\" >\"$0\" 2>&1", (dir_.path() / "logs" / (log + ".log")).string()};
+    options.argv.insert(options.argv.end(), argv.begin(), argv.end());
+    options.environment = environment_;
+    options.environment.insert(options.environment.end(), extra.begin(), extra.end());
+    options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
+    options.new_process_group = true;
+    processes_.push_back(std::make_unique<obs::child_process>(options));
+}
+
+void wayland_desktop::wait_for_bus_name(const std::string& name)
+{
+    std::string address;
+    for (const auto& [key, value] : environment_)
+        if (key == "DBUS_SESSION_BUS_ADDRESS")
+            address = value;
+    bool owned = eventually(
+        [&] {
+            std::string reply = run_program({"env", "DBUS_SESSION_BUS_ADDRESS=" + address, "dbus-send", "--session",
+                                             "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                             "org.freedesktop.DBus.NameHasOwner", "string:" + name},
+                                            5s);
+            return reply.find("boolean true") != std::string::npos;
+        },
+        start_limit, 50ms);
+    if (!owned)
+        throw std::runtime_error(name + " did not appear on the session bus; see " + dir_.path().string() + "/logs");
+}
+
+void wayland_desktop::export_environment() const
+{
+    for (const auto& [name, value] : environment_)
+        ::setenv(name.c_str(), value.c_str(), 1);
+    ::unsetenv("DISPLAY");
+}
+
+void wayland_desktop::choose(const std::string& output_name)
+{
+    std::ofstream(dir_.path() / "choice") << output_name << (output_name.empty() ? "" : "\n");
+}
+
+int wayland_desktop::chooser_calls() const
+{
+    std::ifstream calls(dir_.path() / "chooser-calls");
+    int count = 0;
+    for (std::string line; std::getline(calls, line);)
+        ++count;
+    return count;
+}
+
+void wayland_desktop::kill_portal_backend()
+{
+    if (portal_backend_)
+        portal_backend_->kill(SIGKILL);
+}
+
+} // namespace orbweave::test

@@ -1,0 +1,81 @@
+#pragma once
+
+// A headless Wayland desktop for capture tests, started by the tests themselves: a
+// private session bus, sway (headless backend, pixman renderer, no GPU), PipeWire with
+// WirePlumber and its PulseAudio server, xdg-desktop-portal and its wlroots backend.
+// Screen casts are chosen by a chooser script that records each call and answers
+// what the test wrote into its choice file (an output name, or nothing for a user who
+// cancels).
+//
+// sway refuses to run as root, so as root it runs as nobody; everything else, and
+// the client under test, run as the test's own user, like the portal.
+//
+// Debian 12's xdg-desktop-portal-wlr cannot start a cast without a GPU; the fixture
+// preloads a test-only shim into it (tests/support/wayland/xdpw_shm_shim.c).
+
+#include "core/obs/child_process.hpp"
+#include "tests/support/temp_dir.hpp"
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orbweave::test {
+
+class wayland_desktop {
+public:
+    struct output {
+        std::string name; // HEADLESS-1, HEADLESS-2, ...
+        int left = 0, top = 0, width = 0, height = 0;
+        std::string background; // "#rrggbb"
+    };
+
+    struct options {
+        std::vector<output> outputs{{"HEADLESS-1", 0, 0, 1280, 720, "#1e90ff"},
+                                    {"HEADLESS-2", 1280, 0, 1024, 768, "#22aa44"}};
+        /// A terminal printing the time five times a second on the first output, so
+        /// its picture keeps changing; without it the desktop never changes.
+        bool busy = true;
+    };
+
+    wayland_desktop() : wayland_desktop(options{}) {}
+    /// Starts the whole stack; throws std::runtime_error when a part does not come up.
+    explicit wayland_desktop(options options);
+    /// Stops everything it started.
+    ~wayland_desktop();
+    wayland_desktop(const wayland_desktop&) = delete;
+    wayland_desktop& operator=(const wayland_desktop&) = delete;
+
+    /// What a program of the session sees: WAYLAND_DISPLAY, XDG_RUNTIME_DIR,
+    /// DBUS_SESSION_BUS_ADDRESS, XDG_SESSION_TYPE, XDG_CURRENT_DESKTOP, PULSE_SERVER
+    /// (PipeWire's), and the XDG folders and HOME of the session.
+    const std::vector<std::pair<std::string, std::string>>& environment() const { return environment_; }
+    /// Sets environment() in this process (and so in every program it starts).
+    void export_environment() const;
+
+    const std::vector<output>& outputs() const { return options_.outputs; }
+    /// What the chooser answers from now on: an output name, or "" (the user cancels).
+    void choose(const std::string& output_name);
+    /// How often the portal has asked the user to choose.
+    int chooser_calls() const;
+    /// Kills the portal backend: every cast it serves ends.
+    void kill_portal_backend();
+
+    const std::filesystem::path& directory() const { return dir_.path(); }
+
+private:
+    void start(std::vector<std::string> argv, const std::string& log, std::vector<std::pair<std::string, std::string>> extra = {});
+    void wait_for_bus_name(const std::string& name);
+
+    options options_;
+    temp_dir dir_;
+    std::vector<std::pair<std::string, std::string>> environment_;
+    std::unique_ptr<obs::child_process> bus_;
+    // In start order; stopped in reverse.
+    std::vector<std::unique_ptr<obs::child_process>> processes_;
+    obs::child_process* portal_backend_ = nullptr;
+};
+
+} // namespace orbweave::test
