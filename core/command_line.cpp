@@ -1,5 +1,6 @@
 #include "core/command_line.hpp"
 
+#include "core/log.hpp"
 #include "core/orbweave_client.hpp"
 #include "core/websocket/tls.hpp"
 
@@ -56,6 +57,13 @@ common_options parse(const std::vector<std::string>& arguments, const extra_opti
             result.ca_file = value();
         else if (name == "--bitrate")
             result.bitrate = parse_bitrate(value());
+        else if (name == "--capture") {
+            std::string mode = value();
+            auto route = obs::parse_capture_route(mode);
+            if (!route)
+                throw std::invalid_argument("--capture needs auto, x11 or portal, not '" + mode + "'");
+            result.capture = *route;
+        }
         else if (!extra || !extra(name, value))
             throw std::invalid_argument("unknown argument '" + arguments[i] + "' (see --help)");
     }
@@ -65,12 +73,22 @@ common_options parse(const std::vector<std::string>& arguments, const extra_opti
     return result;
 }
 
+void use_capture_route(obs::capture_route requested, client_options& client)
+{
+    obs::capture_route route = obs::resolve_capture_route(requested);
+    log::line(obs::describe_capture_route(route));
+    client.media.listing.capture = route;
+    client.media.stream.capture = route;
+}
+
 std::string common_usage()
 {
     return "  --service URL     the service's client endpoint (default " + std::string(default_service_url) +
            ")\n"
            "  --ca-file FILE    also trust this CA certificate (or set ORBWEAVE_CA_FILE)\n"
            "  --bitrate KBPS    stream bitrate; skips the bandwidth probe\n"
+           "  --capture MODE    how screens are captured: auto (by the session), x11, or\n"
+           "                    portal (the desktop portal and PipeWire, for Wayland)\n"
            "  --help            show this text\n"
            "  --version         show the version\n";
 }

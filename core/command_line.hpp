@@ -3,11 +3,17 @@
 // The command-line options every front end shares (the desktop app and the
 // headless agent), and the walk over an argument list that both parse with.
 
+#include "core/obs/capture_route.hpp"
+
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+namespace orbweave {
+struct client_options;
+}
 
 namespace orbweave::command_line {
 
@@ -19,6 +25,8 @@ struct common_options {
     std::string ca_file;
     /// --bitrate KBPS: use it and skip the bandwidth probe.
     std::optional<std::int32_t> bitrate;
+    /// --capture auto|x11|portal: how screens are captured (auto: by the session).
+    obs::capture_route capture = obs::capture_route::automatic;
     bool show_help = false;
     bool show_version = false;
 };
@@ -33,6 +41,10 @@ using extra_option = std::function<bool(const std::string& name, const value_rea
 /// to extra. Throws std::invalid_argument with a message for the user when an argument
 /// is unknown or a value is wrong.
 common_options parse(const std::vector<std::string>& arguments, const extra_option& extra = {});
+
+/// Resolves the capture route for this session, logs it once, and hands it to every
+/// media worker the client will start.
+void use_capture_route(obs::capture_route requested, client_options& client);
 
 /// The help lines of the common options, aligned like the front ends' own.
 std::string common_usage();

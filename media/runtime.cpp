@@ -2,11 +2,13 @@
 
 #include "core/log.hpp"
 
+#include <obsconfig.h> // before obs-nix-platform.h: it says whether Wayland is built in
 #include <obs-nix-platform.h>
 #include <obs.h>
 #include <util/base.h>
 
 #include <X11/Xlib.h>
+#include <wayland-client.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -146,13 +148,24 @@ void route_log_to_stderr(int max_level)
 
 runtime::runtime(const runtime_options& options)
 {
-    // libobs talks to X through the platform display; it must be set before obs_startup.
-    Display* display = XOpenDisplay(nullptr);
-    if (!display)
-        throw std::runtime_error("cannot open the X display (is DISPLAY set?)");
-    display_ = display;
-    obs_set_nix_platform(OBS_NIX_PLATFORM_X11_EGL);
-    obs_set_nix_platform_display(display);
+    // libobs starts its graphics on the platform display, which must be set before
+    // obs_startup: the Wayland compositor itself on the portal route (not XWayland),
+    // the X server otherwise.
+    if (options.route == capture_route::portal) {
+        wl_display* display = wl_display_connect(nullptr);
+        if (!display)
+            throw std::runtime_error("cannot connect to the Wayland display (is WAYLAND_DISPLAY set?)");
+        wayland_display_ = display;
+        obs_set_nix_platform(OBS_NIX_PLATFORM_WAYLAND);
+        obs_set_nix_platform_display(display);
+    } else {
+        Display* display = XOpenDisplay(nullptr);
+        if (!display)
+            throw std::runtime_error("cannot open the X display (is DISPLAY set?)");
+        display_ = display;
+        obs_set_nix_platform(OBS_NIX_PLATFORM_X11_EGL);
+        obs_set_nix_platform_display(display);
+    }
 
     // Without a configuration directory plug-ins write into the current directory.
     std::string config = config_directory();
@@ -162,8 +175,7 @@ runtime::runtime(const runtime_options& options)
         log::line("media: cannot create " + config + ": " + error.message());
 
     if (!obs_startup("en-US", config.c_str(), nullptr)) {
-        XCloseDisplay(display);
-        display_ = nullptr;
+        close_displays();
         throw std::runtime_error("obs_startup failed");
     }
 
@@ -220,8 +232,17 @@ runtime::runtime(const runtime_options& options)
 runtime::~runtime()
 {
     obs_shutdown();
+    close_displays();
+}
+
+void runtime::close_displays()
+{
     if (display_)
         XCloseDisplay(static_cast<Display*>(display_));
+    if (wayland_display_)
+        wl_display_disconnect(static_cast<wl_display*>(wayland_display_));
+    display_ = nullptr;
+    wayland_display_ = nullptr;
 }
 
 } // namespace orbweave::obs

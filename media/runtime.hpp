@@ -1,8 +1,10 @@
 #pragma once
 
-// libobs inside the media worker process: start-up with the X11 platform
+// libobs inside the media worker process: start-up on the X11 or Wayland platform
 // display, the video and audio pipelines, the allow-listed plug-in modules and
 // our own RTMP service type, and shut-down.
+
+#include "core/obs/capture_route.hpp"
 
 #include <optional>
 #include <string>
@@ -42,6 +44,8 @@ struct runtime_options {
     std::optional<canvas> video = canvas{4, 4, 10};
     /// Modules to load; those not found are logged and skipped.
     std::vector<std::string> modules = allowed_modules();
+    /// portal: graphics on the Wayland display; anything else: on the X display.
+    capture_route route = capture_route::x11;
 };
 
 /// libobs, started in this process for as long as the object lives. One per process.
@@ -59,7 +63,10 @@ public:
     const std::vector<std::string>& loaded_modules() const { return loaded_; }
 
 private:
-    void* display_ = nullptr;
+    void close_displays();
+
+    void* display_ = nullptr;         // X11 Display
+    void* wayland_display_ = nullptr; // wl_display
     std::vector<std::string> loaded_;
 };
 

@@ -4,11 +4,13 @@
 // counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
 //   orbweave-media-worker [--defer-video | --canvas WxH@FPS] [--ingest-outage-limit-ms N]
+//                         [--capture auto|x11|portal]
 //
 // --defer-video starts without a video canvas, for a stream worker that sets the
 // canvas once at its final size; --canvas sets the start-up canvas (default: the
 // listing worker's small placeholder); --ingest-outage-limit-ms sets how long a stream may
-// keep reconnecting to a vanished ingest before it ends (default 60 s). ORBWEAVE_OBS_LOG=error|warning|info|debug sets
+// keep reconnecting to a vanished ingest before it ends (default 60 s); --capture chooses
+// how screens are captured (default: portal on a Wayland session, X11 otherwise). ORBWEAVE_OBS_LOG=error|warning|info|debug sets
 // how much of libobs's log reaches standard error (default warning).
 
 #include "core/log.hpp"
@@ -67,6 +69,7 @@ int main(int argc, char** argv)
 
     obs::runtime_options options;
     std::chrono::milliseconds outage_limit = obs::ingest_outage_limit;
+    obs::capture_route route = obs::capture_route::automatic;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         obs::canvas canvas;
@@ -76,6 +79,8 @@ int main(int argc, char** argv)
         else if (arg == "--ingest-outage-limit-ms" && i + 1 < argc &&
                  std::sscanf(argv[i + 1], "%lld", &milliseconds) == 1 && milliseconds > 0)
             outage_limit = std::chrono::milliseconds(milliseconds), ++i;
+        else if (arg == "--capture" && i + 1 < argc && obs::parse_capture_route(argv[i + 1]))
+            route = *obs::parse_capture_route(argv[++i]);
         else if (arg == "--canvas" && i + 1 < argc &&
                  std::sscanf(argv[i + 1], "%ux%u@%u", &canvas.width, &canvas.height, &canvas.fps) == 3)
             options.video = canvas, ++i;
@@ -83,6 +88,8 @@ int main(int argc, char** argv)
             log::line("media worker: unknown argument " + arg);
     }
 
+    // Without --capture (a worker started by hand), the session decides, as for the client.
+    options.route = obs::resolve_capture_route(route);
     obs::protocol_writer writer(protocol_fd);
     obs::route_log_to_stderr(log_level_from_environment());
 

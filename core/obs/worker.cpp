@@ -62,6 +62,8 @@ worker::worker(const options& options) : options_(options)
     spawn.argv = {options_.executable};
     if (options_.defer_video)
         spawn.argv.push_back("--defer-video");
+    if (options_.capture != capture_route::automatic)
+        spawn.argv.insert(spawn.argv.end(), {"--capture", capture_route_name(options_.capture)});
     if (options_.ingest_outage_limit.count() > 0) {
         spawn.argv.push_back("--ingest-outage-limit-ms");
         spawn.argv.push_back(std::to_string(options_.ingest_outage_limit.count()));

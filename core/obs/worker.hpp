@@ -7,6 +7,7 @@
 
 #include "core/json.hpp"
 #include "core/obs/child_process.hpp"
+#include "core/obs/capture_route.hpp"
 #include "core/obs/entries.hpp"
 #include "core/obs/pipe_protocol.hpp"
 
@@ -38,6 +39,8 @@ public:
         /// How long a stream may keep reconnecting to a vanished ingest before it ends;
         /// zero keeps the worker's own default (60 s).
         std::chrono::milliseconds ingest_outage_limit{0};
+        /// How the worker captures screens; automatic lets it decide by the session.
+        capture_route capture = capture_route::automatic;
     };
 
     /// Starts a listing worker and returns once it is ready; throws

@@ -40,6 +40,37 @@ TEST(AgentOptions, DefaultsAllowNothingAndUseTheProductionService)
                       source_type::none})
         EXPECT_EQ(parsed.permissions.decide(kind), decision::deny);
     EXPECT_FALSE(parsed.state_dir.empty());
+    EXPECT_EQ(parsed.capture, obs::capture_route::automatic);
+}
+
+TEST(CaptureRoute, TheSessionDecidesUnlessForced)
+{
+    auto with = [](const char* wayland_display, const char* session_type, obs::capture_route requested) {
+        auto set = [](const char* name, const char* value) {
+            if (value)
+                ::setenv(name, value, 1);
+            else
+                ::unsetenv(name);
+        };
+        std::string old_display = std::getenv("WAYLAND_DISPLAY") ? std::getenv("WAYLAND_DISPLAY") : "";
+        std::string old_type = std::getenv("XDG_SESSION_TYPE") ? std::getenv("XDG_SESSION_TYPE") : "";
+        set("WAYLAND_DISPLAY", wayland_display);
+        set("XDG_SESSION_TYPE", session_type);
+        auto route = obs::resolve_capture_route(requested);
+        set("WAYLAND_DISPLAY", old_display.empty() ? nullptr : old_display.c_str());
+        set("XDG_SESSION_TYPE", old_type.empty() ? nullptr : old_type.c_str());
+        return route;
+    };
+    using obs::capture_route;
+    EXPECT_EQ(with(nullptr, nullptr, capture_route::automatic), capture_route::x11);
+    EXPECT_EQ(with(nullptr, "x11", capture_route::automatic), capture_route::x11);
+    // A Wayland session goes through the portal even where DISPLAY names XWayland.
+    EXPECT_EQ(with("wayland-0", nullptr, capture_route::automatic), capture_route::portal);
+    EXPECT_EQ(with(nullptr, "wayland", capture_route::automatic), capture_route::portal);
+    EXPECT_EQ(with("wayland-0", "wayland", capture_route::x11), capture_route::x11);
+    EXPECT_EQ(with(nullptr, nullptr, capture_route::portal), capture_route::portal);
+    EXPECT_EQ(parse_options({"--capture", "x11"}).capture, capture_route::x11);
+    EXPECT_EQ(parse_options({"--capture=portal"}).capture, capture_route::portal);
 }
 
 TEST(AgentOptions, AllowAskAndBitrate)
@@ -74,6 +105,7 @@ TEST(AgentOptions, BadArgumentsAreRejectedWithAReason)
         {{"--bitrate", "-5"}, "--bitrate needs a whole number"},
         {{"--service", "http://example.invalid/"}, "--service needs a wss:// URL"},
         {{"--frobnicate"}, "unknown argument '--frobnicate'"},
+        {{"--capture", "wayland"}, "--capture needs auto, x11 or portal, not 'wayland'"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason);
