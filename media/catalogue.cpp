@@ -1,7 +1,10 @@
 #include "media/catalogue.hpp"
 
+#include "core/system_info.hpp"
 #include "media/unique_handle.hpp"
+#include "media/wayland_outputs.hpp"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace orbweave::obs {
@@ -75,6 +78,25 @@ std::vector<screen_entry> list_screens()
         screens.emplace_back(index, "Display " + std::to_string(index + 1),
                              std::to_string(width) + "x" + std::to_string(height), 0, 0, width, height);
     });
+    return screens;
+}
+
+std::vector<screen_entry> list_portal_screens()
+{
+    std::vector<screen_entry> screens;
+    for (const wayland_output& output : list_wayland_outputs()) {
+        int index = static_cast<int>(screens.size());
+        std::string name = output.name.empty() ? "Display " + std::to_string(index + 1) : output.name;
+        std::string description = output.description.empty()
+                                      ? std::to_string(output.width) + "x" + std::to_string(output.height)
+                                      : output.description;
+        screen_entry screen(index, name, description, static_cast<unsigned long>(std::max(output.top, 0)),
+                            static_cast<unsigned long>(std::max(output.left, 0)),
+                            static_cast<unsigned long>(std::max(output.width, 0)),
+                            static_cast<unsigned long>(std::max(output.height, 0)));
+        screen.id = create_unique_hash("Screen" + name);
+        screens.push_back(std::move(screen));
+    }
     return screens;
 }
 

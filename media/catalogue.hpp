@@ -40,6 +40,10 @@ void enumerate_props(const std::string& source_id, const std::string& property_n
                      const std::function<void(prop_info&, std::size_t)>& visitor);
 
 std::vector<screen_entry> list_screens();
+/// The compositor's outputs, as screens of the portal route: named after the output,
+/// with its logical position and size, and an id from its name (stable across runs
+/// and across changes of the layout).
+std::vector<screen_entry> list_portal_screens();
 std::vector<window_entry> list_windows();
 /// Outputs (what the machine plays) first, then inputs.
 std::vector<audio_entry> list_audios();

@@ -105,8 +105,14 @@ int main(int argc, char** argv)
 
     namespace op = obs::pipe::op;
     obs::request_loop loop(STDIN_FILENO, writer);
-    loop.on(op::list_screens, [](const Json&) { return obs::to_json(obs::list_screens()); });
-    loop.on(op::list_windows, [](const Json&) { return obs::to_json(obs::list_windows()); });
+    bool portal = options.route == obs::capture_route::portal;
+    loop.on(op::list_screens, [portal](const Json&) {
+        return obs::to_json(portal ? obs::list_portal_screens() : obs::list_screens());
+    });
+    // XWayland's windows are not the desktop's: on the portal route none are listed.
+    loop.on(op::list_windows, [portal](const Json&) {
+        return obs::to_json(portal ? std::vector<obs::window_entry>{} : obs::list_windows());
+    });
     loop.on(op::list_audios, [](const Json&) { return obs::to_json(obs::list_audios()); });
     loop.on(op::list_videos, [](const Json&) { return obs::to_json(obs::list_videos()); });
 

@@ -50,5 +50,36 @@ TEST(WaylandWorker, StartsItsGraphicsOnTheCompositorAndHearsPipeWire)
     ASSERT_FALSE(audios.empty());
 }
 
+TEST(WaylandWorker, ListsTheCompositorsOutputsAsScreensAndNoXWaylandWindows)
+{
+    obs::worker::options options;
+    options.capture = obs::capture_route::portal;
+    auto list = [&] { return obs::worker(options).list_screens(); };
+    auto screens = list();
+    const auto& outputs = session->desktop->outputs();
+    ASSERT_EQ(screens.size(), outputs.size());
+    for (std::size_t i = 0; i < outputs.size(); ++i) {
+        SCOPED_TRACE(outputs[i].name);
+        EXPECT_EQ(screens[i].index, static_cast<int>(i));
+        EXPECT_EQ(screens[i].name, outputs[i].name);
+        EXPECT_FALSE(screens[i].description.empty());
+        EXPECT_EQ(screens[i].left, static_cast<std::uint64_t>(outputs[i].left));
+        EXPECT_EQ(screens[i].top, static_cast<std::uint64_t>(outputs[i].top));
+        EXPECT_EQ(screens[i].width, static_cast<std::uint64_t>(outputs[i].width));
+        EXPECT_EQ(screens[i].height, static_cast<std::uint64_t>(outputs[i].height));
+        EXPECT_EQ(screens[i].id.size(), 64u);
+    }
+    EXPECT_NE(screens[0].id, screens[1].id);
+    // The ids come from the outputs' names: another worker (another run) gives the same.
+    auto again = list();
+    for (std::size_t i = 0; i < screens.size(); ++i)
+        EXPECT_EQ(again[i].id, screens[i].id);
+    // The JSON shape is the X11 route's.
+    Json first = screens[0].to_json();
+    for (const char* key : {"description", "id", "index", "isActive", "name", "properties", "type"})
+        EXPECT_TRUE(first.contains(key)) << key;
+    EXPECT_TRUE(obs::worker(options).list_windows().empty());
+}
+
 } // namespace
 } // namespace orbweave
