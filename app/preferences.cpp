@@ -22,6 +22,12 @@ QString config_home()
     return config.isEmpty() ? QDir::homePath() + "/.config" : config;
 }
 
+QString state_home()
+{
+    QString state = qEnvironmentVariable("XDG_STATE_HOME");
+    return state.isEmpty() ? QDir::homePath() + "/.local/state" : state;
+}
+
 QString preferences::default_path()
 {
     return config_home() + "/orbweave/orbweave.conf";

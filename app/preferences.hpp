@@ -34,6 +34,9 @@ enum class permission : unsigned { ask = 0, deny = 1, always_allow = 2 };
 
 /// $XDG_CONFIG_HOME, else ~/.config: where the app's files and its autostart entry live.
 QString config_home();
+/// $XDG_STATE_HOME, else ~/.local/state: where the app keeps what it learns (the
+/// desktop portal's restore tokens).
+QString state_home();
 
 class preferences {
 public:

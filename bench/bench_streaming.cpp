@@ -562,7 +562,7 @@ private:
         auto source = obs::source_entry_from_json(screen_entry_);
         if (!source)
             throw std::runtime_error("the listed screen is not a catalogue entry");
-        return {*source, obs::activate_request::parse(service_.activate_message(request_for(key), "bench")), 1500};
+        return {*source, obs::activate_request::parse(service_.activate_message(request_for(key), "bench")), 1500, ""};
     }
 
     void steady_state()

@@ -3,11 +3,14 @@
 #include "core/log.hpp"
 #include "media/catalogue.hpp"
 #include "media/encoders.hpp"
+#include "media/portal_capture.hpp"
 #include "media/runtime.hpp"
 #include "media/tcp_sockets.hpp"
 #include "media/x11_window.hpp"
 
 #include <obs.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
@@ -195,15 +198,47 @@ struct output::watch {
     }
 };
 
-output::output(std::chrono::milliseconds outage_limit) : outage_limit_(outage_limit) {}
+output::output(std::chrono::milliseconds outage_limit, capture_route route)
+    : outage_limit_(outage_limit), route_(route)
+{
+}
 
 output::~output()
 {
     release();
 }
 
+void output::end(const std::string& reason)
+{
+    stopped_handler handler;
+    {
+        std::lock_guard<std::mutex> lock(end_mutex_);
+        if (ended_)
+            return;
+        if (!running_) {
+            if (early_end_.empty())
+                early_end_ = reason;
+            return;
+        }
+        ended_ = true;
+        handler = end_handler_;
+    }
+    log::line("media: the stream ends: " + reason);
+    if (!handler)
+        return;
+    try {
+        handler(reason);
+    } catch (...) {
+        log::line("media: the stopped handler failed");
+    }
+}
+
 void output::set_stopped_handler(stopped_handler handler)
 {
+    {
+        std::lock_guard<std::mutex> lock(end_mutex_);
+        end_handler_ = handler;
+    }
     if (!watch_)
         watch_ = std::make_unique<watch>();
     std::lock_guard<std::mutex> lock(watch_->mutex);
@@ -274,6 +309,11 @@ void output::watch_outage()
 
 void output::release()
 {
+    {
+        // Stopping on purpose: a capture ending now is no news.
+        std::lock_guard<std::mutex> lock(end_mutex_);
+        ended_ = true;
+    }
     if (watchdog_.joinable()) {
         {
             std::lock_guard<std::mutex> lock(watch_->mutex);
@@ -294,6 +334,8 @@ void output::release()
         clear_channel(scene_.get());
         scene_.reset();
     }
+    // The desktop stops casting once the capture is gone.
+    portal_.reset();
 }
 
 source_handle output::create_screen_source(const screen_entry& entry)
@@ -398,7 +440,15 @@ bool output::start(const pipe::stream_order& order)
     source_handle source;
     std::pair<int, int> source_size{no_video_size, no_video_size};
     bool restart_capture = false;
-    if (auto* screen = std::get_if<screen_entry>(&entry)) {
+    if (auto* screen = std::get_if<screen_entry>(&entry); screen && route_ == capture_route::portal) {
+        // Frames reach an asynchronous source through a running canvas, as for a camera.
+        ensure_video(no_video_size, no_video_size);
+        source = create_portal_screen_source(*screen, order.restore_token);
+        if (!source)
+            return false;
+        // The first frame brings the size: the desktop may take its time to send it.
+        source_size = wait_for_size(source.get(), clock::now() + source_size_limit);
+    } else if (screen) {
         source = create_screen_source(*screen);
         if (source)
             source_size = wait_for_size(source.get(), deadline);
@@ -535,7 +585,59 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
     watch_ = std::move(observed);
     started_ = true;
     watchdog_ = std::thread([this] { watch_outage(); });
+    std::string ended_meanwhile;
+    {
+        std::lock_guard<std::mutex> lock(end_mutex_);
+        running_ = true;
+        ended_meanwhile = early_end_;
+    }
+    if (!ended_meanwhile.empty())
+        end(ended_meanwhile);
     return true;
+}
+
+source_handle output::create_portal_screen_source(const screen_entry& entry, const std::string& restore_token)
+{
+    // Shown the desktop's picker unless the token restores the user's earlier choice.
+    portal_ = std::make_unique<portal_session>(restore_token);
+    const portal_session::cast& cast = portal_->started();
+    if (cast.result != portal_session::outcome::started) {
+        rejected_ = cast.result == portal_session::outcome::cancelled;
+        error_ = cast.error;
+        portal_.reset();
+        return {};
+    }
+    // The user may pick another output than the screen the service asked for.
+    if (cast.has_geometry &&
+        (cast.left != static_cast<long long>(entry.left) || cast.top != static_cast<long long>(entry.top) ||
+         cast.width != static_cast<long long>(entry.width) || cast.height != static_cast<long long>(entry.height))) {
+        error_ = "the desktop shared another screen (" + std::to_string(cast.width) + "x" +
+                 std::to_string(cast.height) + " at " + std::to_string(cast.left) + "," + std::to_string(cast.top) +
+                 ") than " + entry.name + " (" + std::to_string(entry.width) + "x" + std::to_string(entry.height) +
+                 " at " + std::to_string(entry.left) + "," + std::to_string(entry.top) + ")";
+        ::close(cast.pipewire_fd);
+        portal_.reset();
+        return {};
+    }
+    restore_token_ = cast.restore_token;
+    portal_->set_closed_handler([this](const std::string& reason) { end(reason); });
+
+    data_handle settings(obs_data_create());
+    obs_data_set_int(settings.get(), "fd", cast.pipewire_fd); // the source owns it from here
+    obs_data_set_int(settings.get(), "node", cast.node);
+    source_handle source = create_source(portal_source_id, settings);
+    if (!source) {
+        error_ = "cannot show the screen cast's PipeWire stream";
+        return {};
+    }
+    signal_handler_connect(
+        obs_source_get_signal_handler(source.get()), "orbweave_capture_ended",
+        [](void* data, calldata_t* call) {
+            const char* reason = calldata_string(call, "reason");
+            static_cast<output*>(data)->end(reason ? reason : "the screen cast ended");
+        },
+        this);
+    return source;
 }
 
 } // namespace orbweave::obs

@@ -11,6 +11,7 @@
 // stops the stream.
 
 #include "core/callback.hpp"
+#include "core/obs/capture_route.hpp"
 #include "core/obs/pipe_protocol.hpp"
 #include "media/unique_handle.hpp"
 
@@ -27,6 +28,8 @@
 #include <sys/types.h>
 
 namespace orbweave::obs {
+
+class portal_session;
 
 /// The line written to standard error before the software retry of a failed start.
 inline constexpr const char* software_fallback_line =
@@ -50,7 +53,9 @@ public:
     /// output failing), with the reason.
     using stopped_handler = std::function<void(const std::string& error)>;
 
-    explicit output(std::chrono::milliseconds outage_limit = ingest_outage_limit);
+    /// On the portal route a screen is captured through the desktop portal and PipeWire.
+    explicit output(std::chrono::milliseconds outage_limit = ingest_outage_limit,
+                    capture_route route = capture_route::x11);
     /// Stops the stream (waiting at most output_stop_limit for the output to stop) and
     /// releases everything it holds.
     ~output();
@@ -65,6 +70,14 @@ public:
 
     /// Why the last start failed: a short reason.
     const std::string& error() const { return error_; }
+    /// The start failed because the user declined in the desktop's picker.
+    bool rejected() const { return rejected_; }
+    /// The desktop portal's token for the screen streamed, for next time; "" for none.
+    const std::string& restore_token() const { return restore_token_; }
+
+    /// Ends a running stream that cannot go on (its capture ended): the stopped handler
+    /// hears why, once. Any thread; before the start has finished it takes effect then.
+    void end(const std::string& reason);
 
     /// Installs the handler for a stream that stops on its own; call before or after start().
     void set_stopped_handler(stopped_handler handler);
@@ -92,6 +105,8 @@ private:
     /// One attempt with the prepared source; true when the output became active.
     bool attempt(const pipe::stream_order& order, const source_handle& source, callback::source_type::type kind,
                  bool with_audio, bool software);
+    /// A screen of the portal route: the desktop's cast of it, checked against the screen asked for.
+    source_handle create_portal_screen_source(const screen_entry& entry, const std::string& restore_token);
     /// Makes sure the canvas is width x height at the stream frame rate.
     bool ensure_video(int width, int height);
     /// The watchdog's thread: ends the stream once it has been reconnecting for the outage limit.
@@ -114,6 +129,16 @@ private:
     std::string error_;
     std::pair<int, int> frame_size_{0, 0};
     bool started_ = false;
+    capture_route route_;
+    bool rejected_ = false;
+    std::string restore_token_;
+    std::unique_ptr<portal_session> portal_;
+    // A capture that ends: told to the stopped handler once the stream runs.
+    std::mutex end_mutex_;
+    stopped_handler end_handler_;
+    bool running_ = false;
+    bool ended_ = false;
+    std::string early_end_;
 };
 
 } // namespace orbweave::obs

@@ -1,6 +1,7 @@
 #include "media/runtime.hpp"
 
 #include "core/log.hpp"
+#include "media/portal_capture.hpp"
 
 #include <obsconfig.h> // before obs-nix-platform.h: it says whether Wayland is built in
 #include <obs-nix-platform.h>
@@ -185,6 +186,8 @@ runtime::runtime(const runtime_options& options)
         log::line("media: audio initialisation failed");
 
     register_rtmp_service();
+    if (options.route == capture_route::portal)
+        register_portal_source();
 
     module_search search;
     search.wanted = &options.modules;

@@ -118,20 +118,24 @@ int main(int argc, char** argv)
 
     // The one stream this worker carries, once started. Stopped before libobs shuts down.
     std::unique_ptr<obs::output> stream;
-    loop.on(op::stream, [&stream, &writer, outage_limit](const Json& request) {
+    loop.on(op::stream, [&stream, &writer, outage_limit, route = options.route](const Json& request) {
         std::optional<obs::pipe::stream_order> order = obs::pipe::stream_order::from_json(json::at(request, {"order"}));
         if (!order)
             throw std::invalid_argument("the stream order names no source");
         if (stream)
             throw std::logic_error("this worker already carries a stream");
-        auto started = std::make_unique<obs::output>(outage_limit);
+        auto started = std::make_unique<obs::output>(outage_limit, route);
         started->set_stopped_handler([&writer](const std::string& error) {
             writer.send(obs::pipe::event_line(obs::pipe::stopped_event, error));
         });
-        if (!started->start(*order))
-            return obs::pipe::stream_result{false, started->error()}.to_json();
-        stream = std::move(started);
-        return obs::pipe::stream_result{true, {}}.to_json();
+        obs::pipe::stream_result result;
+        result.started = started->start(*order);
+        result.error = started->error();
+        result.rejected = started->rejected();
+        result.restore_token = started->restore_token();
+        if (result.started)
+            stream = std::move(started);
+        return result.to_json();
     });
     // Read-only counters for benchmarks: frames the outputs sent and dropped (network),
     // frames the canvas rendered and lagged (render late), frames the encoders skipped.

@@ -4,7 +4,10 @@ namespace orbweave::obs::pipe {
 
 Json stream_order::to_json() const
 {
-    return Json{{"source", obs::to_json(source)}, {"request", request.to_json()}, {"bitrate", bitrate}};
+    Json value{{"source", obs::to_json(source)}, {"request", request.to_json()}, {"bitrate", bitrate}};
+    if (!restore_token.empty())
+        value["restoreToken"] = restore_token;
+    return value;
 }
 
 std::optional<stream_order> stream_order::from_json(const Json& value)
@@ -13,17 +16,23 @@ std::optional<stream_order> stream_order::from_json(const Json& value)
     if (!source)
         return std::nullopt;
     return stream_order{std::move(*source), activate_request::parse(json::at(value, {"request"})),
-                        json::int_at(value, {"bitrate"})};
+                        json::int_at(value, {"bitrate"}), json::string_at(value, {"restoreToken"})};
 }
 
 Json stream_result::to_json() const
 {
-    return started ? Json{{"started", true}} : Json{{"started", false}, {"error", error}};
+    Json value = started ? Json{{"started", true}} : Json{{"started", false}, {"error", error}};
+    if (rejected)
+        value["rejected"] = true;
+    if (!restore_token.empty())
+        value["restoreToken"] = restore_token;
+    return value;
 }
 
 stream_result stream_result::from_json(const Json& value)
 {
-    return {json::bool_at(value, {"started"}), json::string_at(value, {"error"})};
+    return {json::bool_at(value, {"started"}), json::string_at(value, {"error"}), json::bool_at(value, {"rejected"}),
+            json::string_at(value, {"restoreToken"})};
 }
 
 request_line request_line::parse(std::string_view text)

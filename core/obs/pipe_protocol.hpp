@@ -47,6 +47,8 @@ struct stream_order {
     source_entry source;
     activate_request request;
     int bitrate = 0;
+    /// The desktop portal's token for the screen chosen last time (portal route); "" for none.
+    std::string restore_token;
 
     Json to_json() const;
     /// none when the source entry is missing or names no kind.
@@ -58,6 +60,10 @@ struct stream_result {
     bool started = false;
     /// Why it did not start: a short reason.
     std::string error;
+    /// It did not start because the user declined in the desktop's own picker.
+    bool rejected = false;
+    /// The portal's token for this screen from now on (tokens are single-use); "" for none.
+    std::string restore_token;
 
     Json to_json() const;
     static stream_result from_json(const Json& value);

@@ -93,6 +93,8 @@ void activate_handler::handle(const websocket::connection& connection, const Jso
                         if (!outcome.started) {
                             // Nothing was kept: the service must not wait for a stream that never comes.
                             log::line("The stream did not start: ", outcome.error);
+                            if (outcome.rejected) // the user said no in the desktop's own picker
+                                return send_reply(connection, to, status("Rejected"));
                             return send_reply(connection, to, failure(outcome.error));
                         }
                         send_reply(connection, to, status("Success"));

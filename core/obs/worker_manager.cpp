@@ -37,7 +37,8 @@ worker::options worker_manager::stream_worker_options()
 worker_manager::worker_manager(post_function post) : worker_manager(std::move(post), options{}) {}
 
 worker_manager::worker_manager(post_function post, options options)
-    : options_(std::move(options)), post_(std::move(post)), listing_thread_(std::make_unique<serial_executor>())
+    : options_(std::move(options)), post_(std::move(post)), tokens_(options_.restore_tokens),
+      listing_thread_(std::make_unique<serial_executor>())
 {
 }
 
@@ -85,7 +86,9 @@ void worker_manager::activate(activate_request request, source_entry source, int
                                      bitrate, done);
     } catch (const std::system_error& error) {
         streams_.erase(record->generation);
-        report([done, reason = std::string("cannot start a thread: ") + error.what()] { done({false, reason, false}); });
+        report([done, reason = std::string("cannot start a thread: ") + error.what()] {
+            done({false, reason, false, false});
+        });
     }
 }
 
@@ -112,9 +115,15 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
                 record->process = process.get();
         }
         if (!cancelled) {
-            pipe::stream_result result = process->stream({std::move(source), std::move(request), bitrate});
+            std::string id = request.source.id;
+            pipe::stream_result result =
+                process->stream({std::move(source), std::move(request), bitrate, tokens_.get(id)});
             outcome.started = result.started;
             outcome.error = result.error;
+            outcome.rejected = result.rejected;
+            // The old token was used up by this start; the desktop hands out a new one.
+            if (!result.restore_token.empty())
+                tokens_.put(id, result.restore_token);
         }
     } catch (const std::exception& error) {
         outcome.error = error.what();
@@ -123,7 +132,7 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
     {
         std::unique_lock<std::mutex> lock(mutex_);
         if (record->state == stream::phase::stopping) {
-            outcome = {false, record->cancel_reason, false};
+            outcome = {false, record->cancel_reason, false, false};
         } else if (outcome.started) {
             outcome.first = !any_running_locked();
             record->state = stream::phase::running;

@@ -2,6 +2,7 @@
 
 #include "core/obs/entries.hpp"
 #include "core/obs/requests.hpp"
+#include "core/obs/restore_tokens.hpp"
 #include "core/obs/worker.hpp"
 #include "core/serial_executor.hpp"
 
@@ -34,6 +35,8 @@ public:
         worker::options listing;
         /// For each stream's worker; its canvas is set once, at the stream's size.
         worker::options stream = stream_worker_options();
+        /// Where the portal's restore tokens are kept (per source id); "" keeps none.
+        std::string restore_tokens;
     };
 
     /// Runs a task on the owner's thread, or drops it once the owner has stopped. It is
@@ -45,6 +48,8 @@ public:
         bool started = false;
         /// Why the stream did not start.
         std::string error;
+        /// The user declined in the desktop's own picker.
+        bool rejected = false;
         /// No other stream ran when this one started: the client now streams.
         bool first = false;
     };
@@ -135,6 +140,7 @@ private:
 
     const options options_;
     const post_function post_;
+    restore_tokens tokens_;
 
     mutable std::mutex mutex_; // the registry below; never held across media work
     std::condition_variable changed_;

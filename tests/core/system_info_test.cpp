@@ -125,10 +125,20 @@ TEST(Requests, AStreamOrderCrossesThePipeIntact)
 {
     obs::pipe::stream_order order{obs::audio_entry("Mic", "USB Mic", "alsa_input.usb", true),
                                   obs::activate_request::parse(activate_message({{"options", {{"profile", "medium"}}}})),
-                                  2500};
+                                  2500, "token-1"};
     auto back = obs::pipe::stream_order::from_json(Json::parse(json::dump(order.to_json())));
     ASSERT_TRUE(back);
     EXPECT_EQ(back->to_json(), order.to_json());
+    EXPECT_EQ(back->restore_token, "token-1");
+    // The token lets its holder stream a screen unasked: never in a log.
+    EXPECT_EQ(json::dump(json::redacted(order.to_json())).find("token-1"), std::string::npos);
+    obs::pipe::stream_result declined{false, "cancelled in the picker", true, ""};
+    auto result = obs::pipe::stream_result::from_json(declined.to_json());
+    EXPECT_TRUE(result.rejected);
+    EXPECT_EQ(result.error, "cancelled in the picker");
+    EXPECT_EQ(obs::pipe::stream_result::from_json(obs::pipe::stream_result{true, "", false, "token-2"}.to_json())
+                  .restore_token,
+              "token-2");
     ASSERT_TRUE(std::holds_alternative<obs::audio_entry>(back->source));
     EXPECT_TRUE(std::get<obs::audio_entry>(back->source).input);
     EXPECT_FALSE(obs::pipe::stream_order::from_json(Json{{"source", {{"type", "printer"}}}}));

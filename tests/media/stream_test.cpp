@@ -45,7 +45,7 @@ pipe::stream_order order_for(source_entry source, const Json& options, const std
                              const std::string& key, int bitrate = 1500)
 {
     Json message{{"payload", {{"options", options}, {"service", {{"server", server}, {"key", key}}}}}};
-    return {std::move(source), activate_request::parse(message), bitrate};
+    return {std::move(source), activate_request::parse(message), bitrate, ""};
 }
 
 std::unique_ptr<worker> stream_worker()

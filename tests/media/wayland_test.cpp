@@ -1,7 +1,9 @@
 // Capture on a Wayland desktop: the headless sway fixture with PipeWire and the
 // desktop portal, real media workers, nginx-rtmp and ffprobe.
 
+#include "core/obs/requests.hpp"
 #include "core/obs/worker.hpp"
+#include "core/obs/worker_manager.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/wayland_desktop.hpp"
@@ -79,6 +81,48 @@ TEST(WaylandWorker, ListsTheCompositorsOutputsAsScreensAndNoXWaylandWindows)
     for (const char* key : {"description", "id", "index", "isActive", "name", "properties", "type"})
         EXPECT_TRUE(first.contains(key)) << key;
     EXPECT_TRUE(obs::worker(options).list_windows().empty());
+}
+
+obs::pipe::stream_order order_for(const obs::screen_entry& screen, const test::rtmp_ingest& ingest,
+                                  const std::string& key, const std::string& token = "")
+{
+    Json message{{"payload",
+                  {{"options", {{"profile", "medium"}}}, {"service", {{"server", ingest.url()}, {"key", key}}}}}};
+    return {screen, obs::activate_request::parse(message), 1500, token};
+}
+
+obs::worker::options stream_options()
+{
+    obs::worker::options options = obs::worker_manager::stream_worker_options();
+    options.capture = obs::capture_route::portal;
+    return options;
+}
+
+TEST(WaylandStream, AScreenArrivesWithTheCompositorsPicture)
+{
+    test::rtmp_ingest ingest;
+    obs::worker::options listing;
+    listing.capture = obs::capture_route::portal;
+    auto screens = obs::worker(listing).list_screens();
+    ASSERT_FALSE(screens.empty());
+    int calls = session->desktop->chooser_calls();
+    obs::worker media(stream_options());
+    auto result = media.stream(order_for(screens[0], ingest, "wayland"));
+    ASSERT_TRUE(result.started) << result.error;
+    EXPECT_FALSE(result.restore_token.empty());
+    EXPECT_EQ(session->desktop->chooser_calls(), calls + 1);
+    auto live = ingest.probe_live("wayland", 15s);
+    ASSERT_NE(live.video(), nullptr) << live.error;
+    EXPECT_EQ(live.video()->codec_name, "h264");
+    EXPECT_EQ(live.video()->width, 1280);
+    EXPECT_EQ(live.video()->height, 720);
+    ASSERT_NE(live.audio(), nullptr);
+    EXPECT_EQ(live.audio()->codec_name, "aac");
+    media.shutdown();
+    auto recorded = ingest.probe_recording("wayland");
+    auto frame = ingest.recording_frame("wayland", std::max(0.0, recorded.duration - 0.5), 64, 36);
+    ASSERT_EQ(frame.size(), 64u * 36u);
+    std::cerr << "corner " << int(frame[64 * 35 + 63]) << "\n";
 }
 
 } // namespace

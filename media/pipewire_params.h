@@ -1,0 +1,20 @@
+/* The SPA parameters the portal source offers its PipeWire stream, built in C: the
+ * SPA builder macros rely on C99 compound literals. */
+#pragma once
+
+#include <spa/pod/pod.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The raw video formats accepted (BGRx, BGRA, RGBx, RGBA), any size and rate. */
+const struct spa_pod* orbweave_video_format_param(uint8_t* buffer, size_t size);
+/* Buffers in shared memory only (memfd or mapped pointers), no DMA-BUF. */
+const struct spa_pod* orbweave_shared_memory_buffers_param(uint8_t* buffer, size_t size);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,469 @@
+#include "media/portal_capture.hpp"
+
+#include "core/log.hpp"
+#include "media/pipewire_params.h"
+
+#include <libportal/portal.h>
+#include <obs.h>
+#include <pipewire/pipewire.h>
+#include <spa/param/format-utils.h>
+#include <spa/param/video/format-utils.h>
+#include <util/platform.h>
+
+#include <unistd.h>
+
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace orbweave::obs {
+
+// ---------------------------------------------------------------------------------
+// The portal session. libportal is GLib-based: every call and callback runs on a
+// GLib main loop of the session's own thread.
+
+struct portal_session::impl {
+    GMainContext* context = g_main_context_new();
+    GMainLoop* loop = g_main_loop_new(context, FALSE);
+    GCancellable* cancellable = g_cancellable_new();
+    std::thread thread;
+    XdpPortal* portal = nullptr;
+    XdpSession* session = nullptr;
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool answered = false;
+    bool closing = false;
+    cast result;
+    std::function<void(const std::string&)> on_closed;
+
+    impl()
+    {
+        thread = std::thread([this] {
+            g_main_context_push_thread_default(context);
+            g_main_loop_run(loop);
+            g_main_context_pop_thread_default(context);
+        });
+    }
+
+    ~impl()
+    {
+        on_loop([this] {
+            if (session) {
+                g_signal_handlers_disconnect_by_data(session, this);
+                if (xdp_session_get_session_state(session) == XDP_SESSION_ACTIVE)
+                    xdp_session_close(session);
+                g_object_unref(session);
+            }
+            if (portal)
+                g_object_unref(portal);
+            g_main_loop_quit(loop);
+        });
+        thread.join();
+        g_object_unref(cancellable);
+        g_main_loop_unref(loop);
+        g_main_context_unref(context);
+    }
+
+    /// Runs task on the session's thread and waits for it.
+    void on_loop(std::function<void()> task)
+    {
+        struct call {
+            std::function<void()> task;
+            std::promise<void> done;
+        };
+        auto* posted = new call{std::move(task), {}};
+        std::future<void> done = posted->done.get_future();
+        g_main_context_invoke_full(
+            context, G_PRIORITY_DEFAULT,
+            [](gpointer data) -> gboolean {
+                auto* posted = static_cast<call*>(data);
+                posted->task();
+                posted->done.set_value();
+                delete posted;
+                return G_SOURCE_REMOVE;
+            },
+            posted, nullptr);
+        done.wait();
+    }
+
+    void answer(cast outcome)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (answered) {
+                // Too late (the wait gave up): nothing may stay open.
+                if (outcome.pipewire_fd >= 0)
+                    ::close(outcome.pipewire_fd);
+                return;
+            }
+            answered = true;
+            result = std::move(outcome);
+        }
+        changed.notify_all();
+    }
+
+    void fail(GError* error, const char* doing)
+    {
+        cast outcome;
+        bool user = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED) &&
+                    !g_cancellable_is_cancelled(cancellable);
+        outcome.result = user ? outcome::cancelled : outcome::failed;
+        outcome.error = user ? "the screen cast was declined on the desktop"
+                             : std::string(doing) + ": " + (error ? error->message : "unknown error");
+        answer(std::move(outcome));
+    }
+
+    void start(const std::string& restore_token)
+    {
+        // Without a portal on the bus, the session's creation fails with the reason.
+        portal = xdp_portal_new();
+        xdp_portal_create_screencast_session(
+            portal, XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE, XDP_CURSOR_MODE_EMBEDDED,
+            XDP_PERSIST_MODE_PERSISTENT, restore_token.empty() ? nullptr : restore_token.c_str(), cancellable,
+            [](GObject* source, GAsyncResult* result, gpointer data) {
+                auto* self = static_cast<impl*>(data);
+                GError* error = nullptr;
+                self->session = xdp_portal_create_screencast_session_finish(XDP_PORTAL(source), result, &error);
+                if (!self->session) {
+                    self->fail(error, "the desktop portal did not open a screen cast");
+                    g_clear_error(&error);
+                    return;
+                }
+                g_signal_connect(self->session, "closed", G_CALLBACK(+[](XdpSession*, gpointer data) {
+                                     static_cast<impl*>(data)->closed("the desktop ended the screen cast");
+                                 }),
+                                 self);
+                xdp_session_start(self->session, nullptr, self->cancellable,
+                                  [](GObject*, GAsyncResult* result, gpointer data) {
+                                      static_cast<impl*>(data)->started(result);
+                                  },
+                                  self);
+            },
+            this);
+    }
+
+    void started(GAsyncResult* result)
+    {
+        GError* error = nullptr;
+        if (!xdp_session_start_finish(session, result, &error)) {
+            fail(error, "the screen cast did not start");
+            g_clear_error(&error);
+            return;
+        }
+        cast outcome;
+        GVariant* streams = xdp_session_get_streams(session);
+        GVariantIter iter;
+        guint32 node = 0;
+        GVariant* properties = nullptr;
+        if (!streams || (g_variant_iter_init(&iter, streams), !g_variant_iter_next(&iter, "(u@a{sv})", &node, &properties))) {
+            outcome.error = "the desktop started a screen cast without a stream";
+            return answer(std::move(outcome));
+        }
+        gint32 x = 0, y = 0, width = 0, height = 0;
+        bool has_position = g_variant_lookup(properties, "position", "(ii)", &x, &y);
+        bool has_size = g_variant_lookup(properties, "size", "(ii)", &width, &height);
+        g_variant_unref(properties);
+        outcome.node = node;
+        outcome.has_geometry = has_position && has_size;
+        outcome.left = x;
+        outcome.top = y;
+        outcome.width = width;
+        outcome.height = height;
+        if (char* token = xdp_session_get_restore_token(session)) {
+            outcome.restore_token = token;
+            g_free(token);
+        }
+        outcome.pipewire_fd = xdp_session_open_pipewire_remote(session);
+        if (outcome.pipewire_fd < 0) {
+            outcome.error = "the desktop did not open the screen cast's PipeWire remote";
+            return answer(std::move(outcome));
+        }
+        outcome.result = outcome::started;
+        answer(std::move(outcome));
+    }
+
+    void closed(const std::string& reason)
+    {
+        std::function<void(const std::string&)> handler;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (closing)
+                return;
+            closing = true;
+            handler = std::move(on_closed);
+        }
+        if (handler)
+            handler(reason);
+    }
+};
+
+portal_session::portal_session(const std::string& restore_token, std::chrono::milliseconds limit)
+    : impl_(std::make_unique<impl>())
+{
+    impl_->on_loop([this, restore_token] { impl_->start(restore_token); });
+    std::unique_lock<std::mutex> lock(impl_->mutex);
+    if (!impl_->changed.wait_for(lock, limit, [this] { return impl_->answered; })) {
+        // Nobody answered the picker in time: give up, and leave nothing open.
+        impl_->answered = true;
+        lock.unlock();
+        impl_->on_loop([this] { g_cancellable_cancel(impl_->cancellable); });
+        cast_.error = "the desktop did not start the screen cast within " +
+                      std::to_string(std::chrono::duration_cast<std::chrono::seconds>(limit).count()) + " s";
+        return;
+    }
+    cast_ = impl_->result;
+}
+
+portal_session::~portal_session()
+{
+    {
+        std::lock_guard<std::mutex> lock(impl_->mutex);
+        impl_->closing = true; // our own close is not the desktop ending the cast
+    }
+    impl_.reset();
+}
+
+void portal_session::set_closed_handler(std::function<void(const std::string& reason)> handler)
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->on_closed = std::move(handler);
+}
+
+// ---------------------------------------------------------------------------------
+// The libobs source: a PipeWire stream on its own thread loop, each frame handed to
+// libobs as asynchronous video (libobs keeps showing the last one until the next).
+
+namespace {
+
+/// Emitted on the source's signal handler when its stream ends without being asked to.
+constexpr const char* ended_signal = "void orbweave_capture_ended(ptr source, string reason)";
+
+struct portal_source {
+    obs_source_t* source = nullptr;
+    pw_thread_loop* loop = nullptr;
+    pw_context* context = nullptr;
+    pw_core* core = nullptr;
+    pw_stream* stream = nullptr;
+    spa_hook core_listener{};
+    spa_hook stream_listener{};
+    spa_video_info_raw format{};
+    bool has_format = false;
+    bool streaming = false;
+    bool ended = false;
+    std::vector<uint8_t> swizzled; // RGBx frames, turned into BGRX for libobs
+
+    void end(const std::string& reason)
+    {
+        if (ended)
+            return;
+        ended = true;
+        log::line("media: the screen cast ended: " + reason);
+        calldata_t data{};
+        calldata_set_ptr(&data, "source", source);
+        calldata_set_string(&data, "reason", reason.c_str());
+        signal_handler_signal(obs_source_get_signal_handler(source), "orbweave_capture_ended", &data);
+        calldata_free(&data);
+    }
+
+    void on_state(pw_stream_state state, const char* error)
+    {
+        if (state == PW_STREAM_STATE_STREAMING)
+            streaming = true;
+        else if (state == PW_STREAM_STATE_ERROR)
+            end(std::string("the PipeWire stream failed: ") + (error ? error : "unknown error"));
+        else if (state == PW_STREAM_STATE_UNCONNECTED && streaming)
+            end("the PipeWire stream was disconnected");
+    }
+
+    void on_param(uint32_t id, const spa_pod* param)
+    {
+        if (id != SPA_PARAM_Format || !param)
+            return;
+        uint32_t media_type = 0, media_subtype = 0;
+        if (spa_format_parse(param, &media_type, &media_subtype) < 0 || media_type != SPA_MEDIA_TYPE_video ||
+            media_subtype != SPA_MEDIA_SUBTYPE_raw)
+            return;
+        if (spa_format_video_raw_parse(param, &format) < 0)
+            return;
+        has_format = true;
+        uint8_t buffer[256];
+        const spa_pod* params[] = {orbweave_shared_memory_buffers_param(buffer, sizeof buffer)};
+        pw_stream_update_params(stream, params, 1);
+    }
+
+    void on_process()
+    {
+        // Only the newest frame matters; older ones go straight back.
+        pw_buffer* newest = nullptr;
+        while (pw_buffer* next = pw_stream_dequeue_buffer(stream)) {
+            if (newest)
+                pw_stream_queue_buffer(stream, newest);
+            newest = next;
+        }
+        if (!newest)
+            return;
+        show(newest->buffer);
+        pw_stream_queue_buffer(stream, newest);
+    }
+
+    void show(spa_buffer* buffer)
+    {
+        auto* header = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)));
+        if (header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED))
+            return;
+        spa_data& data = buffer->datas[0];
+        if (!has_format || !data.data || !data.chunk || data.chunk->size == 0)
+            return;
+        uint32_t width = format.size.width, height = format.size.height;
+        uint32_t stride = data.chunk->stride > 0 ? static_cast<uint32_t>(data.chunk->stride) : width * 4;
+        if (static_cast<uint64_t>(stride) * height > data.maxsize - data.chunk->offset % data.maxsize)
+            return;
+        auto* pixels = static_cast<uint8_t*>(data.data) + data.chunk->offset % data.maxsize;
+
+        obs_source_frame frame{};
+        frame.width = width;
+        frame.height = height;
+        frame.timestamp = os_gettime_ns();
+        frame.data[0] = pixels;
+        frame.linesize[0] = stride;
+        switch (format.format) {
+        case SPA_VIDEO_FORMAT_BGRx: frame.format = VIDEO_FORMAT_BGRX; break;
+        case SPA_VIDEO_FORMAT_BGRA: frame.format = VIDEO_FORMAT_BGRA; break;
+        case SPA_VIDEO_FORMAT_RGBA: frame.format = VIDEO_FORMAT_RGBA; break;
+        case SPA_VIDEO_FORMAT_RGBx:
+            // libobs has no RGBX: swap red and blue into BGRX (its alpha is ignored).
+            swizzled.resize(static_cast<size_t>(width) * height * 4);
+            for (uint32_t row = 0; row < height; ++row) {
+                const uint8_t* in = pixels + static_cast<size_t>(row) * stride;
+                uint8_t* out = swizzled.data() + static_cast<size_t>(row) * width * 4;
+                for (uint32_t column = 0; column < width; ++column, in += 4, out += 4) {
+                    out[0] = in[2];
+                    out[1] = in[1];
+                    out[2] = in[0];
+                    out[3] = 255;
+                }
+            }
+            frame.data[0] = swizzled.data();
+            frame.linesize[0] = width * 4;
+            frame.format = VIDEO_FORMAT_BGRX;
+            break;
+        default: return;
+        }
+        obs_source_output_video(source, &frame);
+    }
+
+    static const pw_stream_events* stream_events()
+    {
+        static const pw_stream_events events = [] {
+            pw_stream_events e{};
+            e.version = PW_VERSION_STREAM_EVENTS;
+            e.state_changed = [](void* data, pw_stream_state, pw_stream_state state, const char* error) {
+                static_cast<portal_source*>(data)->on_state(state, error);
+            };
+            e.param_changed = [](void* data, uint32_t id, const spa_pod* param) {
+                static_cast<portal_source*>(data)->on_param(id, param);
+            };
+            e.process = [](void* data) { static_cast<portal_source*>(data)->on_process(); };
+            return e;
+        }();
+        return &events;
+    }
+
+    static const pw_core_events* core_events()
+    {
+        static const pw_core_events events = [] {
+            pw_core_events e{};
+            e.version = PW_VERSION_CORE_EVENTS;
+            e.error = [](void* data, uint32_t id, int, int, const char* message) {
+                if (id == PW_ID_CORE)
+                    static_cast<portal_source*>(data)->end(std::string("PipeWire: ") + (message ? message : "error"));
+            };
+            return e;
+        }();
+        return &events;
+    }
+
+    bool connect(int fd, uint32_t node)
+    {
+        loop = pw_thread_loop_new("orbweave-pipewire", nullptr);
+        context = loop ? pw_context_new(pw_thread_loop_get_loop(loop), nullptr, 0) : nullptr;
+        if (!context || pw_thread_loop_start(loop) < 0) {
+            ::close(fd);
+            return false;
+        }
+        pw_thread_loop_lock(loop);
+        core = pw_context_connect_fd(context, fd, nullptr, 0); // owns fd from here on
+        if (core) {
+            pw_core_add_listener(core, &core_listener, core_events(), this);
+            stream = pw_stream_new(core, "Orbweave screen",
+                                   pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
+                                                     PW_KEY_MEDIA_ROLE, "Screen", nullptr));
+        }
+        bool connected = false;
+        if (stream) {
+            pw_stream_add_listener(stream, &stream_listener, stream_events(), this);
+            uint8_t buffer[1024];
+            const spa_pod* params[] = {orbweave_video_format_param(buffer, sizeof buffer)};
+            connected = pw_stream_connect(stream, PW_DIRECTION_INPUT, node,
+                                          static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT |
+                                                                       PW_STREAM_FLAG_MAP_BUFFERS),
+                                          params, 1) == 0;
+        }
+        pw_thread_loop_unlock(loop);
+        return connected;
+    }
+
+    ~portal_source()
+    {
+        if (loop) {
+            pw_thread_loop_lock(loop);
+            if (stream) {
+                spa_hook_remove(&stream_listener);
+                pw_stream_disconnect(stream);
+                pw_stream_destroy(stream);
+            }
+            if (core) {
+                spa_hook_remove(&core_listener);
+                pw_core_disconnect(core);
+            }
+            pw_thread_loop_unlock(loop);
+            pw_thread_loop_stop(loop);
+        }
+        if (context)
+            pw_context_destroy(context);
+        if (loop)
+            pw_thread_loop_destroy(loop);
+    }
+};
+
+} // namespace
+
+void register_portal_source()
+{
+    pw_init(nullptr, nullptr);
+    obs_source_info info{};
+    info.id = portal_source_id;
+    info.type = OBS_SOURCE_TYPE_INPUT;
+    info.output_flags = OBS_SOURCE_ASYNC_VIDEO | OBS_SOURCE_DO_NOT_DUPLICATE;
+    info.get_name = [](void*) { return "Orbweave screen (desktop portal)"; };
+    info.create = [](obs_data_t* settings, obs_source_t* source) -> void* {
+        signal_handler_add(obs_source_get_signal_handler(source), ended_signal);
+        auto* capture = new portal_source;
+        capture->source = source;
+        int fd = static_cast<int>(obs_data_get_int(settings, "fd"));
+        auto node = static_cast<uint32_t>(obs_data_get_int(settings, "node"));
+        if (fd < 0 || !capture->connect(fd, node)) {
+            log::line("media: cannot connect to the screen cast's PipeWire stream");
+            delete capture;
+            return nullptr;
+        }
+        return capture;
+    };
+    info.destroy = [](void* data) { delete static_cast<portal_source*>(data); };
+    obs_register_source(&info);
+}
+
+} // namespace orbweave::obs

@@ -1,0 +1,62 @@
+#pragma once
+
+// Screen capture on Wayland: a ScreenCast session of the desktop portal (the desktop's
+// own consent and picker) and a libobs source of ours that shows its PipeWire stream.
+// The only place that links libportal and libpipewire.
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace orbweave::obs {
+
+/// The source type registered with libobs by register_portal_source(): settings
+/// "fd" (a PipeWire remote the source takes over) and "node" (the stream's node id).
+inline constexpr const char* portal_source_id = "orbweave_portal_screen";
+
+/// Registers the source type; once per process, after obs_startup.
+void register_portal_source();
+
+/// How long the desktop (and its user, in the picker) may take to start a cast.
+inline constexpr std::chrono::seconds portal_start_limit{120};
+
+/// One ScreenCast session of the desktop portal, open while the object lives.
+class portal_session {
+public:
+    enum class outcome { started, cancelled, failed };
+
+    struct cast {
+        outcome result = outcome::failed;
+        std::string error;
+        /// The PipeWire remote (ours to close) and the stream's node.
+        int pipewire_fd = -1;
+        unsigned node = 0;
+        /// Where the chosen output sits in the desktop's layout, when the portal says.
+        bool has_geometry = false;
+        int left = 0, top = 0, width = 0, height = 0;
+        /// The token that restores this choice next time (single-use).
+        std::string restore_token;
+    };
+
+    /// Opens a session for one monitor and starts it: with a valid restore token the
+    /// desktop restores that choice, otherwise it asks the user. Waits at most limit.
+    explicit portal_session(const std::string& restore_token,
+                            std::chrono::milliseconds limit = portal_start_limit);
+    /// Closes the session (the desktop stops casting).
+    ~portal_session();
+    portal_session(const portal_session&) = delete;
+    portal_session& operator=(const portal_session&) = delete;
+
+    const cast& started() const { return cast_; }
+    /// Called once, on the session's own thread, when the desktop ends the cast by
+    /// itself (output gone, permission revoked, the portal gone).
+    void set_closed_handler(std::function<void(const std::string& reason)> handler);
+
+private:
+    struct impl;
+    std::unique_ptr<impl> impl_;
+    cast cast_;
+};
+
+} // namespace orbweave::obs
