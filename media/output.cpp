@@ -448,6 +448,8 @@ bool output::start(const pipe::stream_order& order)
             return false;
         // The first frame brings the size: the desktop may take its time to send it.
         source_size = wait_for_size(source.get(), clock::now() + source_size_limit);
+        // Once the canvas is remade at the stream's size, the newest frame is shown again.
+        restart_capture = true;
     } else if (screen) {
         source = create_screen_source(*screen);
         if (source)
@@ -607,10 +609,12 @@ source_handle output::create_portal_screen_source(const screen_entry& entry, con
         portal_.reset();
         return {};
     }
-    // The user may pick another output than the screen the service asked for.
-    if (cast.has_geometry &&
-        (cast.left != static_cast<long long>(entry.left) || cast.top != static_cast<long long>(entry.top) ||
-         cast.width != static_cast<long long>(entry.width) || cast.height != static_cast<long long>(entry.height))) {
+    // The user may pick another output than the screen the service asked for. Some
+    // portals (wlroots') place every stream at 0,0: a position counts only when given.
+    bool other_size = cast.width != static_cast<long long>(entry.width) || cast.height != static_cast<long long>(entry.height);
+    bool placed = cast.left != 0 || cast.top != 0;
+    bool other_place = placed && (cast.left != static_cast<long long>(entry.left) || cast.top != static_cast<long long>(entry.top));
+    if (cast.has_geometry && (other_size || other_place)) {
         error_ = "the desktop shared another screen (" + std::to_string(cast.width) + "x" +
                  std::to_string(cast.height) + " at " + std::to_string(cast.left) + "," + std::to_string(cast.top) +
                  ") than " + entry.name + " (" + std::to_string(entry.width) + "x" + std::to_string(entry.height) +

@@ -247,13 +247,19 @@ struct portal_source {
     pw_context* context = nullptr;
     pw_core* core = nullptr;
     pw_stream* stream = nullptr;
+    pw_registry* registry = nullptr;
+    uint32_t node = SPA_ID_INVALID;
     spa_hook core_listener{};
     spa_hook stream_listener{};
+    spa_hook registry_listener{};
     spa_video_info_raw format{};
     bool has_format = false;
     bool streaming = false;
     bool ended = false;
     std::vector<uint8_t> swizzled; // RGBx frames, turned into BGRX for libobs
+    // The newest frame's buffer, kept from PipeWire until the next arrives: a still
+    // screen sends one frame only, and libobs needs it again when its canvas is remade.
+    pw_buffer* held = nullptr;
 
     void end(const std::string& reason)
     {
@@ -306,7 +312,18 @@ struct portal_source {
         if (!newest)
             return;
         show(newest->buffer);
-        pw_stream_queue_buffer(stream, newest);
+        if (held)
+            pw_stream_queue_buffer(stream, held);
+        held = newest;
+    }
+
+    /// Shows the newest frame again (libobs's update call).
+    void repeat()
+    {
+        pw_thread_loop_lock(loop);
+        if (held)
+            show(held->buffer);
+        pw_thread_loop_unlock(loop);
     }
 
     void show(spa_buffer* buffer)
@@ -386,8 +403,26 @@ struct portal_source {
         return &events;
     }
 
-    bool connect(int fd, uint32_t node)
+    static const pw_registry_events* registry_events()
     {
+        // The cast's node going away is the desktop ending the cast: the stream itself
+        // only pauses.
+        static const pw_registry_events events = [] {
+            pw_registry_events e{};
+            e.version = PW_VERSION_REGISTRY_EVENTS;
+            e.global_remove = [](void* data, uint32_t id) {
+                auto* self = static_cast<portal_source*>(data);
+                if (id == self->node)
+                    self->end("the desktop ended the screen cast");
+            };
+            return e;
+        }();
+        return &events;
+    }
+
+    bool connect(int fd, uint32_t target)
+    {
+        node = target;
         loop = pw_thread_loop_new("orbweave-pipewire", nullptr);
         context = loop ? pw_context_new(pw_thread_loop_get_loop(loop), nullptr, 0) : nullptr;
         if (!context || pw_thread_loop_start(loop) < 0) {
@@ -398,6 +433,9 @@ struct portal_source {
         core = pw_context_connect_fd(context, fd, nullptr, 0); // owns fd from here on
         if (core) {
             pw_core_add_listener(core, &core_listener, core_events(), this);
+            registry = pw_core_get_registry(core, PW_VERSION_REGISTRY, 0);
+            if (registry)
+                pw_registry_add_listener(registry, &registry_listener, registry_events(), this);
             stream = pw_stream_new(core, "Orbweave screen",
                                    pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
                                                      PW_KEY_MEDIA_ROLE, "Screen", nullptr));
@@ -421,9 +459,15 @@ struct portal_source {
         if (loop) {
             pw_thread_loop_lock(loop);
             if (stream) {
+                if (held)
+                    pw_stream_queue_buffer(stream, held);
                 spa_hook_remove(&stream_listener);
                 pw_stream_disconnect(stream);
                 pw_stream_destroy(stream);
+            }
+            if (registry) {
+                spa_hook_remove(&registry_listener);
+                pw_proxy_destroy(reinterpret_cast<pw_proxy*>(registry));
             }
             if (core) {
                 spa_hook_remove(&core_listener);
@@ -453,6 +497,8 @@ void register_portal_source()
         signal_handler_add(obs_source_get_signal_handler(source), ended_signal);
         auto* capture = new portal_source;
         capture->source = source;
+        // A screen shows each frame as it comes, rather than after a buffering delay.
+        obs_source_set_async_unbuffered(source, true);
         int fd = static_cast<int>(obs_data_get_int(settings, "fd"));
         auto node = static_cast<uint32_t>(obs_data_get_int(settings, "node"));
         if (fd < 0 || !capture->connect(fd, node)) {
@@ -463,6 +509,7 @@ void register_portal_source()
         return capture;
     };
     info.destroy = [](void* data) { delete static_cast<portal_source*>(data); };
+    info.update = [](void* data, obs_data_t*) { static_cast<portal_source*>(data)->repeat(); };
     obs_register_source(&info);
 }
 

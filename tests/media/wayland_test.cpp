@@ -4,11 +4,21 @@
 #include "core/obs/requests.hpp"
 #include "core/obs/worker.hpp"
 #include "core/obs/worker_manager.hpp"
+#include "tests/support/client_harness.hpp"
+#include "tests/support/eventually.hpp"
+#include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/temp_dir.hpp"
+#include "tools/service-sim/service_sim.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/wayland_desktop.hpp"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdlib>
 
 namespace orbweave {
 namespace {
@@ -98,31 +108,253 @@ obs::worker::options stream_options()
     return options;
 }
 
-TEST(WaylandStream, AScreenArrivesWithTheCompositorsPicture)
+/// The colour of the recording's last frame at (x, y) of a 64x36 scale-down.
+std::array<int, 3> recorded_colour(const test::rtmp_ingest& ingest, const std::string& key, int x, int y)
 {
+    auto recorded = ingest.probe_recording(key);
+    auto frame = ingest.recording_frame(key, std::max(0.0, recorded.duration - 0.5), 64, 36, 20s, true);
+    if (frame.size() != 64u * 36u * 3u)
+        return {-1, -1, -1};
+    std::size_t at = (static_cast<std::size_t>(y) * 64 + static_cast<std::size_t>(x)) * 3;
+    return {frame[at], frame[at + 1], frame[at + 2]};
+}
+
+bool near(std::array<int, 3> seen, std::array<int, 3> expected)
+{
+    for (int i = 0; i < 3; ++i)
+        if (std::abs(seen[i] - expected[i]) > 24)
+            return false;
+    return true;
+}
+
+class WaylandStream : public ::testing::TestWithParam<std::size_t> {};
+
+// The first output keeps changing (a clock over a blue background); the second never
+// changes (plain green), so the portal sends it one frame and then nothing.
+TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
+{
+    const auto& output = session->desktop->outputs()[GetParam()];
+    session->desktop->choose(output.name);
     test::rtmp_ingest ingest;
     obs::worker::options listing;
     listing.capture = obs::capture_route::portal;
     auto screens = obs::worker(listing).list_screens();
-    ASSERT_FALSE(screens.empty());
-    int calls = session->desktop->chooser_calls();
+    ASSERT_GT(screens.size(), GetParam());
     obs::worker media(stream_options());
-    auto result = media.stream(order_for(screens[0], ingest, "wayland"));
+    auto result = media.stream(order_for(screens[GetParam()], ingest, output.name));
     ASSERT_TRUE(result.started) << result.error;
     EXPECT_FALSE(result.restore_token.empty());
-    EXPECT_EQ(session->desktop->chooser_calls(), calls + 1);
-    auto live = ingest.probe_live("wayland", 15s);
+
+    auto live = ingest.probe_live(output.name, 15s);
     ASSERT_NE(live.video(), nullptr) << live.error;
     EXPECT_EQ(live.video()->codec_name, "h264");
-    EXPECT_EQ(live.video()->width, 1280);
+    // "medium" fits the screen inside 1280x720.
+    EXPECT_EQ(live.video()->width, GetParam() == 0 ? 1280 : 960);
     EXPECT_EQ(live.video()->height, 720);
+    EXPECT_NEAR(live.video()->frame_rate, 30.0, 0.5) << "a still screen keeps the stream's frame rate";
     ASSERT_NE(live.audio(), nullptr);
     EXPECT_EQ(live.audio()->codec_name, "aac");
+    auto leaks = media.shutdown();
+    EXPECT_EQ(leaks.value_or(-1), 0);
+
+    // The background of the output, far from the clock, in the last frame sent.
+    int red = std::stoi(output.background.substr(1, 2), nullptr, 16);
+    int green = std::stoi(output.background.substr(3, 2), nullptr, 16);
+    int blue = std::stoi(output.background.substr(5, 2), nullptr, 16);
+    auto seen = recorded_colour(ingest, output.name, 60, 32);
+    EXPECT_TRUE(near(seen, {red, green, blue}))
+        << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " instead of " << output.background;
+}
+
+INSTANTIATE_TEST_SUITE_P(Outputs, WaylandStream, ::testing::Values(0u, 1u));
+
+TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
+{
+    // Our virtual output, made through PipeWire's PulseAudio server.
+    obs::child_process::options server;
+    server.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    server.pipe_stdout = true;
+    obs::child_process audio_server(server);
+    char ready[64] = {};
+    ASSERT_GT(::read(audio_server.stdout_fd(), ready, sizeof ready - 1), 0);
+    EXPECT_EQ(std::string(ready), "ready orbweave_virtual\n");
+
+    obs::worker::options listing;
+    listing.capture = obs::capture_route::portal;
+    auto audios = obs::worker(listing).list_audios();
+    auto virtual_output = std::find_if(audios.begin(), audios.end(), [](const obs::audio_entry& audio) {
+        return !audio.input && audio.name == "Orbweave Virtual Audio Driver";
+    });
+    ASSERT_NE(virtual_output, audios.end()) << "the virtual output is not listed";
+
+    test::rtmp_ingest ingest;
+    Json message{{"payload", {{"options", {{"profile", "medium"}}}, {"service", {{"server", ingest.url()}, {"key", "sound"}}}}}};
+    obs::worker media(stream_options());
+    auto result = media.stream({*virtual_output, obs::activate_request::parse(message), 1500, ""});
+    ASSERT_TRUE(result.started) << result.error;
+    auto live = ingest.probe_live("sound", 15s);
+    ASSERT_NE(live.audio(), nullptr) << live.error;
+    EXPECT_EQ(live.audio()->codec_name, "aac");
     media.shutdown();
-    auto recorded = ingest.probe_recording("wayland");
-    auto frame = ingest.recording_frame("wayland", std::max(0.0, recorded.duration - 0.5), 64, 36);
-    ASSERT_EQ(frame.size(), 64u * 36u);
-    std::cerr << "corner " << int(frame[64 * 35 + 63]) << "\n";
+    audio_server.kill(SIGTERM);
+    EXPECT_TRUE(audio_server.wait_for(10s));
+}
+
+/// A client paired with the service simulator, capturing through the portal and
+/// keeping its restore tokens in tokens_file; all kinds allowed.
+class portal_client {
+public:
+    portal_client(sim::service_sim& service, const std::string& tokens_file,
+                  obs::capture_route route = obs::capture_route::portal)
+        : service_(service), app_(service, false, [&](client_options& options) {
+              options.media.listing.capture = route;
+              options.media.stream.capture = route;
+              options.media.restore_tokens = tokens_file;
+          })
+    {
+        app_.set_secret(service.issue_secret({"Ann", ""}));
+        app_.on_permission([](callback::source_type::type, const std::string&, const std::string&,
+                              callback::request_type::type, const callback::request& request) { request.answer(true); });
+        app_.start();
+        EXPECT_TRUE(app_.wait_for_state(callback::state_type::connected, deadline));
+    }
+
+    Json reply(const std::optional<std::string>& state)
+    {
+        auto reply = service_.wait_for_reply(state.value_or(""), deadline);
+        return reply ? reply->message["payload"] : Json{};
+    }
+    Json list(const std::string& kind) { return reply(service_.list(kind)); }
+    Json activate(const std::string& id, const test::rtmp_ingest& ingest, const std::string& key)
+    {
+        sim::activation request;
+        request.source_id = id;
+        request.profile = "medium";
+        request.server = ingest.url();
+        request.key = key;
+        return reply(service_.activate(request));
+    }
+    Json deactivate(const std::string& id) { return reply(service_.deactivate(id)); }
+    test::client_harness& app() { return app_; }
+
+    static constexpr std::chrono::seconds deadline{30};
+
+private:
+    sim::service_sim& service_;
+    test::client_harness app_;
+};
+
+class PortalClient : public ::testing::Test {
+protected:
+    std::string first_screen(portal_client& client)
+    {
+        Json screens = client.list("screen")["results"];
+        return screens.empty() ? std::string() : screens[0]["id"].get<std::string>();
+    }
+
+    test::temp_dir dir;
+    std::string tokens = dir.file("state/restore-tokens.json");
+    sim::service_sim service;
+    test::rtmp_ingest ingest;
+    test::wayland_desktop& desktop = *session->desktop;
+};
+
+TEST_F(PortalClient, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfterARestart)
+{
+    desktop.choose("HEADLESS-1");
+    int before = desktop.chooser_calls();
+    {
+        portal_client client(service, tokens);
+        std::string screen = first_screen(client);
+        ASSERT_FALSE(screen.empty());
+        ASSERT_EQ(client.activate(screen, ingest, "first"), Json({{"status", "Success"}}));
+        EXPECT_EQ(desktop.chooser_calls(), before + 1) << "the first activation asks the user";
+        EXPECT_TRUE(ingest.wait_for_publishing("first", 10s));
+        // The token is kept, private to the user.
+        ASSERT_TRUE(std::filesystem::exists(tokens));
+        EXPECT_EQ(std::filesystem::status(tokens).permissions() & std::filesystem::perms::all,
+                  std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+
+        ASSERT_EQ(client.deactivate(screen), Json({{"status", "Success"}}));
+        EXPECT_TRUE(ingest.wait_until_not_publishing("first", 10s));
+        ASSERT_EQ(client.activate(screen, ingest, "again"), Json({{"status", "Success"}}));
+        EXPECT_TRUE(ingest.wait_for_publishing("again", 10s));
+        EXPECT_EQ(desktop.chooser_calls(), before + 1) << "a stored choice was asked again";
+    }
+    // A restarted client restores the choice as well.
+    portal_client restarted(service, tokens);
+    std::string screen = first_screen(restarted);
+    ASSERT_EQ(restarted.activate(screen, ingest, "restarted"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_for_publishing("restarted", 10s));
+    EXPECT_EQ(desktop.chooser_calls(), before + 1);
+}
+
+TEST_F(PortalClient, DecliningInThePickerRejectsAndAnotherOutputFails)
+{
+    portal_client client(service, tokens);
+    std::string screen = first_screen(client);
+    ASSERT_FALSE(screen.empty());
+    // Nothing picked: the user cancelled the desktop's dialog.
+    desktop.choose("");
+    EXPECT_EQ(client.activate(screen, ingest, "declined"), Json({{"status", "Rejected"}}));
+    EXPECT_FALSE(ingest.publishing("declined"));
+    // The second output picked for the first screen: nothing streams, and the service hears why.
+    desktop.choose("HEADLESS-2");
+    Json other = client.activate(screen, ingest, "other");
+    EXPECT_EQ(other["status"], "Failure");
+    EXPECT_NE(other.value("error", "").find("another screen"), std::string::npos) << other;
+    EXPECT_FALSE(ingest.publishing("other"));
+    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--defer-video"}).empty(); }, 15s))
+        << "a stream worker was left";
+
+    // The second screen, picked as itself, streams (wlroots' portal says 0,0 for every output).
+    Json second = client.list("screen")["results"][1];
+    EXPECT_EQ(client.activate(second["id"], ingest, "second"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_for_publishing("second", 10s));
+    desktop.choose("HEADLESS-1");
+}
+
+TEST_F(PortalClient, ACastTheDesktopEndsStopsTheStreamAndTheClientSaysSo)
+{
+    desktop.choose("HEADLESS-1");
+    portal_client client(service, tokens);
+    std::string screen = first_screen(client);
+    ASSERT_EQ(client.activate(screen, ingest, "ended"), Json({{"status", "Success"}}));
+    ASSERT_TRUE(client.app().wait_for_state(callback::state_type::streaming, portal_client::deadline));
+    ASSERT_TRUE(ingest.wait_for_publishing("ended", 10s));
+
+    test::stderr_capture log;
+    desktop.restart_portal_backend(); // the desktop's side of every cast goes away
+    EXPECT_TRUE(client.app().wait_for_state(callback::state_type::connected, portal_client::deadline));
+    EXPECT_TRUE(client.app().wait_for_streams({}, portal_client::deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("ended", 10s));
+    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--defer-video"}).empty(); }, 15s))
+        << "the stream's worker was left";
+    EXPECT_NE(log.text().find("The stream of source " + screen + " ended: "), std::string::npos) << log.text();
+    Json listed = client.list("screen")["results"][0];
+    EXPECT_FALSE(listed["isActive"].get<bool>());
+}
+
+TEST_F(PortalClient, ForcedX11TakesTheX11RouteWhereAutoTakesThePortal)
+{
+    // An X server beside the compositor, as XWayland would be: DISPLAY is set too.
+    test::xvfb_display x11({{800, 600}});
+    ::setenv("DISPLAY", x11.name().c_str(), 1);
+    Json automatic, forced;
+    {
+        portal_client client(service, tokens, obs::capture_route::automatic);
+        automatic = client.list("screen")["results"];
+    }
+    {
+        portal_client client(service, tokens, obs::capture_route::x11);
+        forced = client.list("screen")["results"];
+    }
+    ::unsetenv("DISPLAY");
+    ASSERT_EQ(automatic.size(), desktop.outputs().size()) << automatic;
+    EXPECT_EQ(automatic[0]["name"], "HEADLESS-1");
+    ASSERT_EQ(forced.size(), 1u) << forced;
+    EXPECT_EQ(forced[0]["name"], "Display 1");
+    EXPECT_EQ(forced[0]["description"], "800x600");
 }
 
 } // namespace

@@ -418,15 +418,17 @@ probe_result rtmp_ingest::probe_recording(const std::string& key, std::chrono::m
 }
 
 std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, double at, int width, int height,
-                                                       std::chrono::milliseconds timeout) const
+                                                       std::chrono::milliseconds timeout, bool colour) const
 {
     int code = 0;
     std::string output = run_program(
         {program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error", "-ss", std::to_string(at), "-i",
          recording(key).string(), "-frames:v", "1", "-vf",
-         "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=gray", "-f", "rawvideo", "-"},
+         "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=" + (colour ? "rgb24" : "gray"),
+         "-f", "rawvideo", "-"},
         timeout, &code);
-    if (code != 0 || output.size() != static_cast<std::size_t>(width) * static_cast<std::size_t>(height))
+    std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * (colour ? 3 : 1);
+    if (code != 0 || output.size() != size)
         return {};
     return std::vector<std::uint8_t>(output.begin(), output.end());
 }

@@ -102,9 +102,10 @@ public:
     /// ffprobe against the recording of key (complete once the publish has ended).
     probe_result probe_recording(const std::string& key, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
     /// One frame of the recording, at about `at` seconds, scaled to width x height, as 8-bit grey
-    /// pixels; empty when it cannot be decoded.
+    /// pixels (or RGB triplets when colour); empty when it cannot be decoded.
     std::vector<std::uint8_t> recording_frame(const std::string& key, double at, int width, int height,
-                                              std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+                                              std::chrono::milliseconds timeout = std::chrono::seconds(20),
+                                              bool colour = false) const;
 
     /// nginx's error log so far (for failure messages).
     std::string error_log() const;

@@ -129,11 +129,7 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
                                        << "'\ncat '" << (root / "choice").string() << "'\n";
     std::ofstream(root / "config/xdg-desktop-portal-wlr/config")
         << "[screencast]\nmax_fps=30\nchooser_type=simple\nchooser_cmd=sh " << (root / "chooser.sh").string() << "\n";
-    start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",
-           (root / "config/xdg-desktop-portal-wlr/config").string()},
-          "xdpw", {{"LD_PRELOAD", ORBWEAVE_XDPW_SHIM}});
-    portal_backend_ = processes_.back().get();
-    wait_for_bus_name("org.freedesktop.impl.portal.desktop.wlr");
+    start_portal_backend();
     start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp");
     wait_for_bus_name("org.freedesktop.portal.Desktop");
 }
@@ -203,10 +199,22 @@ int wayland_desktop::chooser_calls() const
     return count;
 }
 
-void wayland_desktop::kill_portal_backend()
+void wayland_desktop::start_portal_backend()
 {
-    if (portal_backend_)
+    start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",
+           (dir_.path() / "config/xdg-desktop-portal-wlr/config").string()},
+          "xdpw", {{"LD_PRELOAD", ORBWEAVE_XDPW_SHIM}});
+    portal_backend_ = processes_.back().get();
+    wait_for_bus_name("org.freedesktop.impl.portal.desktop.wlr");
+}
+
+void wayland_desktop::restart_portal_backend()
+{
+    if (portal_backend_) {
         portal_backend_->kill(SIGKILL);
+        portal_backend_->wait_for(5s);
+    }
+    start_portal_backend();
 }
 
 } // namespace orbweave::test

@@ -60,14 +60,15 @@ public:
     void choose(const std::string& output_name);
     /// How often the portal has asked the user to choose.
     int chooser_calls() const;
-    /// Kills the portal backend: every cast it serves ends.
-    void kill_portal_backend();
+    /// Kills the portal backend (every cast it serves ends) and starts a fresh one.
+    void restart_portal_backend();
 
     const std::filesystem::path& directory() const { return dir_.path(); }
 
 private:
     void start(std::vector<std::string> argv, const std::string& log, std::vector<std::pair<std::string, std::string>> extra = {});
     void wait_for_bus_name(const std::string& name);
+    void start_portal_backend();
 
     options options_;
     temp_dir dir_;
