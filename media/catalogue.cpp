@@ -1,6 +1,7 @@
 #include "media/catalogue.hpp"
 
 #include "core/system_info.hpp"
+#include "media/portal_capture.hpp"
 #include "media/unique_handle.hpp"
 #include "media/wayland_outputs.hpp"
 
@@ -98,6 +99,13 @@ std::vector<screen_entry> list_portal_screens()
         screens.push_back(std::move(screen));
     }
     return screens;
+}
+
+std::vector<window_entry> list_portal_windows()
+{
+    if (!(portal_source_types() & portal_windows))
+        return {};
+    return {window_entry("Window", "a window chosen on the desktop", 0)};
 }
 
 std::vector<window_entry> list_windows()

@@ -45,6 +45,9 @@ std::vector<screen_entry> list_screens();
 /// and across changes of the layout).
 std::vector<screen_entry> list_portal_screens();
 std::vector<window_entry> list_windows();
+/// The portal route's windows: one entry standing for "a window chosen on the desktop"
+/// when the desktop's portal casts windows, none otherwise.
+std::vector<window_entry> list_portal_windows();
 /// Outputs (what the machine plays) first, then inputs.
 std::vector<audio_entry> list_audios();
 std::vector<video_entry> list_videos();

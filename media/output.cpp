@@ -440,17 +440,18 @@ bool output::start(const pipe::stream_order& order)
     source_handle source;
     std::pair<int, int> source_size{no_video_size, no_video_size};
     bool restart_capture = false;
-    if (auto* screen = std::get_if<screen_entry>(&entry); screen && route_ == capture_route::portal) {
+    bool portal_kind = kind == source_type::screen || kind == source_type::window;
+    if (route_ == capture_route::portal && portal_kind) {
         // Frames reach an asynchronous source through a running canvas, as for a camera.
         ensure_video(no_video_size, no_video_size);
-        source = create_portal_screen_source(*screen, order.restore_token);
+        source = create_portal_source(std::get_if<screen_entry>(&entry), order.restore_token);
         if (!source)
             return false;
         // The first frame brings the size: the desktop may take its time to send it.
         source_size = wait_for_size(source.get(), clock::now() + source_size_limit);
         // Once the canvas is remade at the stream's size, the newest frame is shown again.
         restart_capture = true;
-    } else if (screen) {
+    } else if (auto* screen = std::get_if<screen_entry>(&entry)) {
         source = create_screen_source(*screen);
         if (source)
             source_size = wait_for_size(source.get(), deadline);
@@ -483,7 +484,7 @@ bool output::start(const pipe::stream_order& order)
                  std::to_string(frame_size_.second);
         return false;
     }
-    if (auto* window = std::get_if<window_entry>(&entry)) {
+    if (auto* window = std::get_if<window_entry>(&entry); window && route_ != capture_route::portal) {
         source = create_window_source(*window);
         if (!source) {
             error_ = "cannot create the capture source";
@@ -598,10 +599,26 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
     return true;
 }
 
-source_handle output::create_portal_screen_source(const screen_entry& entry, const std::string& restore_token)
+namespace {
+
+/// Whether the cast shows the screen asked for. The user may pick another one. Some
+/// portals (wlroots') place every stream at 0,0: a position counts only when given.
+bool same_screen(const portal_session::cast& cast, const screen_entry& entry)
+{
+    auto differs = [](int cast_value, std::uint64_t entry_value) {
+        return static_cast<long long>(cast_value) != static_cast<long long>(entry_value);
+    };
+    bool placed = cast.left != 0 || cast.top != 0;
+    return !differs(cast.width, entry.width) && !differs(cast.height, entry.height) &&
+           (!placed || (!differs(cast.left, entry.left) && !differs(cast.top, entry.top)));
+}
+
+} // namespace
+
+source_handle output::create_portal_source(const screen_entry* screen, const std::string& restore_token)
 {
     // Shown the desktop's picker unless the token restores the user's earlier choice.
-    portal_ = std::make_unique<portal_session>(restore_token);
+    portal_ = std::make_unique<portal_session>(restore_token, screen == nullptr);
     const portal_session::cast& cast = portal_->started();
     if (cast.result != portal_session::outcome::started) {
         rejected_ = cast.result == portal_session::outcome::cancelled;
@@ -609,12 +626,8 @@ source_handle output::create_portal_screen_source(const screen_entry& entry, con
         portal_.reset();
         return {};
     }
-    // The user may pick another output than the screen the service asked for. Some
-    // portals (wlroots') place every stream at 0,0: a position counts only when given.
-    bool other_size = cast.width != static_cast<long long>(entry.width) || cast.height != static_cast<long long>(entry.height);
-    bool placed = cast.left != 0 || cast.top != 0;
-    bool other_place = placed && (cast.left != static_cast<long long>(entry.left) || cast.top != static_cast<long long>(entry.top));
-    if (cast.has_geometry && (other_size || other_place)) {
+    if (screen && cast.has_geometry && !same_screen(cast, *screen)) {
+        const screen_entry& entry = *screen;
         error_ = "the desktop shared another screen (" + std::to_string(cast.width) + "x" +
                  std::to_string(cast.height) + " at " + std::to_string(cast.left) + "," + std::to_string(cast.top) +
                  ") than " + entry.name + " (" + std::to_string(entry.width) + "x" + std::to_string(entry.height) +

@@ -105,8 +105,9 @@ private:
     /// One attempt with the prepared source; true when the output became active.
     bool attempt(const pipe::stream_order& order, const source_handle& source, callback::source_type::type kind,
                  bool with_audio, bool software);
-    /// A screen of the portal route: the desktop's cast of it, checked against the screen asked for.
-    source_handle create_portal_screen_source(const screen_entry& entry, const std::string& restore_token);
+    /// A screen (or the window the user picks) of the portal route: the desktop's cast of
+    /// it; a screen is checked against the one asked for.
+    source_handle create_portal_source(const screen_entry* entry, const std::string& restore_token);
     /// Makes sure the canvas is width x height at the stream frame rate.
     bool ensure_video(int width, int height);
     /// The watchdog's thread: ends the stream once it has been reconnecting for the outage limit.

@@ -20,6 +20,32 @@
 
 namespace orbweave::obs {
 
+unsigned portal_source_types()
+{
+    GError* error = nullptr;
+    GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+    if (!bus) {
+        g_clear_error(&error);
+        return 0;
+    }
+    GVariant* reply = g_dbus_connection_call_sync(
+        bus, "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop", "org.freedesktop.DBus.Properties",
+        "Get", g_variant_new("(ss)", "org.freedesktop.portal.ScreenCast", "AvailableSourceTypes"),
+        G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    g_object_unref(bus);
+    unsigned types = 0;
+    if (reply) {
+        GVariant* value = nullptr;
+        g_variant_get(reply, "(v)", &value);
+        if (g_variant_is_of_type(value, G_VARIANT_TYPE_UINT32))
+            types = g_variant_get_uint32(value);
+        g_variant_unref(value);
+        g_variant_unref(reply);
+    }
+    g_clear_error(&error);
+    return types;
+}
+
 // ---------------------------------------------------------------------------------
 // The portal session. libportal is GLib-based: every call and callback runs on a
 // GLib main loop of the session's own thread.
@@ -116,12 +142,12 @@ struct portal_session::impl {
         answer(std::move(outcome));
     }
 
-    void start(const std::string& restore_token)
+    void start(const std::string& restore_token, bool window)
     {
         // Without a portal on the bus, the session's creation fails with the reason.
         portal = xdp_portal_new();
         xdp_portal_create_screencast_session(
-            portal, XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE, XDP_CURSOR_MODE_EMBEDDED,
+            portal, window ? XDP_OUTPUT_WINDOW : XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE, XDP_CURSOR_MODE_EMBEDDED,
             XDP_PERSIST_MODE_PERSISTENT, restore_token.empty() ? nullptr : restore_token.c_str(), cancellable,
             [](GObject* source, GAsyncResult* result, gpointer data) {
                 auto* self = static_cast<impl*>(data);
@@ -200,10 +226,10 @@ struct portal_session::impl {
     }
 };
 
-portal_session::portal_session(const std::string& restore_token, std::chrono::milliseconds limit)
+portal_session::portal_session(const std::string& restore_token, bool window, std::chrono::milliseconds limit)
     : impl_(std::make_unique<impl>())
 {
-    impl_->on_loop([this, restore_token] { impl_->start(restore_token); });
+    impl_->on_loop([this, restore_token, window] { impl_->start(restore_token, window); });
     std::unique_lock<std::mutex> lock(impl_->mutex);
     if (!impl_->changed.wait_for(lock, limit, [this] { return impl_->answered; })) {
         // Nobody answered the picker in time: give up, and leave nothing open.

@@ -18,6 +18,12 @@ inline constexpr const char* portal_source_id = "orbweave_portal_screen";
 /// Registers the source type; once per process, after obs_startup.
 void register_portal_source();
 
+/// What the desktop's portal can cast (its AvailableSourceTypes): bit 1 screens, bit 2
+/// windows; 0 when no portal answers within a few seconds.
+unsigned portal_source_types();
+inline constexpr unsigned portal_screens = 1;
+inline constexpr unsigned portal_windows = 2;
+
 /// How long the desktop (and its user, in the picker) may take to start a cast.
 inline constexpr std::chrono::seconds portal_start_limit{120};
 
@@ -39,9 +45,10 @@ public:
         std::string restore_token;
     };
 
-    /// Opens a session for one monitor and starts it: with a valid restore token the
-    /// desktop restores that choice, otherwise it asks the user. Waits at most limit.
-    explicit portal_session(const std::string& restore_token,
+    /// Opens a session for one monitor (or one window) and starts it: with a valid
+    /// restore token the desktop restores that choice, otherwise it asks the user. Waits
+    /// at most limit.
+    explicit portal_session(const std::string& restore_token, bool window = false,
                             std::chrono::milliseconds limit = portal_start_limit);
     /// Closes the session (the desktop stops casting).
     ~portal_session();

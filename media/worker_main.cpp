@@ -109,9 +109,10 @@ int main(int argc, char** argv)
     loop.on(op::list_screens, [portal](const Json&) {
         return obs::to_json(portal ? obs::list_portal_screens() : obs::list_screens());
     });
-    // XWayland's windows are not the desktop's: on the portal route none are listed.
+    // XWayland's windows are not the desktop's: the portal route lists only what its
+    // picker can offer.
     loop.on(op::list_windows, [portal](const Json&) {
-        return obs::to_json(portal ? std::vector<obs::window_entry>{} : obs::list_windows());
+        return obs::to_json(portal ? obs::list_portal_windows() : obs::list_windows());
     });
     loop.on(op::list_audios, [](const Json&) { return obs::to_json(obs::list_audios()); });
     loop.on(op::list_videos, [](const Json&) { return obs::to_json(obs::list_videos()); });
