@@ -198,8 +198,8 @@ struct output::watch {
     }
 };
 
-output::output(std::chrono::milliseconds outage_limit, capture_route route)
-    : outage_limit_(outage_limit), route_(route)
+output::output(std::chrono::milliseconds outage_limit, capture_route route, std::chrono::milliseconds portal_limit)
+    : outage_limit_(outage_limit), route_(route), portal_limit_(portal_limit)
 {
 }
 
@@ -618,7 +618,7 @@ bool same_screen(const portal_session::cast& cast, const screen_entry& entry)
 source_handle output::create_portal_source(const screen_entry* screen, const std::string& restore_token)
 {
     // Shown the desktop's picker unless the token restores the user's earlier choice.
-    portal_ = std::make_unique<portal_session>(restore_token, screen == nullptr);
+    portal_ = std::make_unique<portal_session>(restore_token, screen == nullptr, portal_limit_);
     const portal_session::cast& cast = portal_->started();
     if (cast.result != portal_session::outcome::started) {
         rejected_ = cast.result == portal_session::outcome::cancelled;

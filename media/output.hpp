@@ -55,7 +55,8 @@ public:
 
     /// On the portal route a screen is captured through the desktop portal and PipeWire.
     explicit output(std::chrono::milliseconds outage_limit = ingest_outage_limit,
-                    capture_route route = capture_route::x11);
+                    capture_route route = capture_route::x11,
+                    std::chrono::milliseconds portal_limit = std::chrono::seconds(120));
     /// Stops the stream (waiting at most output_stop_limit for the output to stop) and
     /// releases everything it holds.
     ~output();
@@ -131,6 +132,7 @@ private:
     std::pair<int, int> frame_size_{0, 0};
     bool started_ = false;
     capture_route route_;
+    std::chrono::milliseconds portal_limit_;
     bool rejected_ = false;
     std::string restore_token_;
     std::unique_ptr<portal_session> portal_;

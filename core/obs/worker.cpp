@@ -62,6 +62,9 @@ worker::worker(const options& options) : options_(options)
     spawn.argv = {options_.executable};
     if (options_.defer_video)
         spawn.argv.push_back("--defer-video");
+    if (options_.portal_start_limit.count() > 0)
+        spawn.argv.insert(spawn.argv.end(),
+                          {"--portal-start-limit-ms", std::to_string(options_.portal_start_limit.count())});
     if (options_.capture != capture_route::automatic)
         spawn.argv.insert(spawn.argv.end(), {"--capture", capture_route_name(options_.capture)});
     if (options_.ingest_outage_limit.count() > 0) {

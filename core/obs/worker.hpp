@@ -39,6 +39,9 @@ public:
         /// How long a stream may keep reconnecting to a vanished ingest before it ends;
         /// zero keeps the worker's own default (60 s).
         std::chrono::milliseconds ingest_outage_limit{0};
+        /// How long the desktop portal may take to start a cast (its picker waits for the
+        /// user); zero keeps the worker's own default (120 s).
+        std::chrono::milliseconds portal_start_limit{0};
         /// How the worker captures screens; automatic lets it decide by the session.
         capture_route capture = capture_route::automatic;
     };

@@ -205,10 +205,12 @@ TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
 class portal_client {
 public:
     portal_client(sim::service_sim& service, const std::string& tokens_file,
-                  obs::capture_route route = obs::capture_route::portal)
+                  obs::capture_route route = obs::capture_route::portal,
+                  std::chrono::milliseconds portal_limit = std::chrono::milliseconds(0))
         : service_(service), app_(service, false, [&](client_options& options) {
               options.media.listing.capture = route;
               options.media.stream.capture = route;
+              options.media.stream.portal_start_limit = portal_limit;
               options.media.restore_tokens = tokens_file;
           })
     {
@@ -235,6 +237,7 @@ public:
         return reply(service_.activate(request));
     }
     Json deactivate(const std::string& id) { return reply(service_.deactivate(id)); }
+    sim::service_sim& service() { return service_; }
     test::client_harness& app() { return app_; }
 
     static constexpr std::chrono::seconds deadline{30};
@@ -311,6 +314,31 @@ TEST_F(PortalClient, DecliningInThePickerRejectsAndAnotherOutputFails)
     Json second = client.list("screen")["results"][1];
     EXPECT_EQ(client.activate(second["id"], ingest, "second"), Json({{"status", "Success"}}));
     EXPECT_TRUE(ingest.wait_for_publishing("second", 10s));
+    desktop.choose("HEADLESS-1");
+}
+
+TEST_F(PortalClient, WaitingForThePickerIsBoundedAndHoldsUpNothingElse)
+{
+    portal_client client(service, tokens, obs::capture_route::portal, 3000ms);
+    std::string screen = first_screen(client);
+    desktop.choose("slow");
+    sim::activation request;
+    request.source_id = screen;
+    request.server = ingest.url();
+    request.key = "slow";
+    auto activated = service.activate(request);
+    ASSERT_TRUE(test::eventually([&] { return !desktop.chooser_idle(); }, 10s)) << "the picker was not shown";
+    // While the desktop waits for the user, the client answers other requests.
+    Json listed = client.list("audio");
+    EXPECT_EQ(listed["status"], "Success");
+    EXPECT_FALSE(service.wait_for_reply(activated.value_or(""), 0ms)) << "answered before the wait ended";
+    Json answer = client.reply(activated);
+    EXPECT_EQ(answer["status"], "Failure");
+    EXPECT_NE(answer.value("error", "").find("did not start the screen cast within 3 s"), std::string::npos) << answer;
+    EXPECT_FALSE(ingest.publishing("slow"));
+    // The picker's late answer finds nothing waiting, and leaves nothing behind.
+    EXPECT_TRUE(test::eventually([&] { return desktop.chooser_idle(); }, 10s));
+    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--defer-video"}).empty(); }, 15s));
     desktop.choose("HEADLESS-1");
 }
 

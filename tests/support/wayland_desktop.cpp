@@ -125,8 +125,12 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
 
     // The portal: its wlroots backend with a recording chooser, then the front end.
     choose(options_.outputs.front().name);
+    // "slow" stands for a user who takes 5 s and then picks nothing.
     std::ofstream(root / "chooser.sh") << "#!/bin/sh\necho called >> '" << (root / "chooser-calls").string()
-                                       << "'\ncat '" << (root / "choice").string() << "'\n";
+                                       << "'\nchoice=$(cat '" << (root / "choice").string() << "')\n"
+                                       << "if [ \"$choice\" = slow ]; then sleep 5; choice=; fi\n"
+                                       << "echo returned >> '" << (root / "chooser-returns").string() << "'\n"
+                                       << "echo \"$choice\"\n";
     std::ofstream(root / "config/xdg-desktop-portal-wlr/config")
         << "[screencast]\nmax_fps=30\nchooser_type=simple\nchooser_cmd=sh " << (root / "chooser.sh").string() << "\n";
     start_portal_backend();
@@ -190,13 +194,25 @@ void wayland_desktop::choose(const std::string& output_name)
     std::ofstream(dir_.path() / "choice") << output_name << (output_name.empty() ? "" : "\n");
 }
 
-int wayland_desktop::chooser_calls() const
+namespace {
+int count_lines(const std::filesystem::path& path)
 {
-    std::ifstream calls(dir_.path() / "chooser-calls");
+    std::ifstream lines(path);
     int count = 0;
-    for (std::string line; std::getline(calls, line);)
+    for (std::string line; std::getline(lines, line);)
         ++count;
     return count;
+}
+} // namespace
+
+int wayland_desktop::chooser_calls() const
+{
+    return count_lines(dir_.path() / "chooser-calls");
+}
+
+bool wayland_desktop::chooser_idle() const
+{
+    return count_lines(dir_.path() / "chooser-returns") == chooser_calls();
 }
 
 void wayland_desktop::start_portal_backend()

@@ -56,10 +56,13 @@ public:
     void export_environment() const;
 
     const std::vector<output>& outputs() const { return options_.outputs; }
-    /// What the chooser answers from now on: an output name, or "" (the user cancels).
+    /// What the chooser answers from now on: an output name, "" (the user cancels), or
+    /// "slow" (nothing, after 5 s).
     void choose(const std::string& output_name);
     /// How often the portal has asked the user to choose.
     int chooser_calls() const;
+    /// Whether every chooser call has returned.
+    bool chooser_idle() const;
     /// Kills the portal backend (every cast it serves ends) and starts a fresh one.
     void restart_portal_backend();
 
