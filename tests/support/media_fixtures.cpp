@@ -288,6 +288,9 @@ void media_environment::SetUp()
     ::setenv("XDG_CACHE_HOME", (directory_->path() / "cache").c_str(), 1);
     display_ = std::make_unique<xvfb_display>(options_.screens);
     ::setenv("DISPLAY", display_->name().c_str(), 1);
+    // An X11 session, even when the tests run inside a Wayland desktop's terminal.
+    ::unsetenv("WAYLAND_DISPLAY");
+    ::setenv("XDG_SESSION_TYPE", "x11", 1);
     window_manager_ = std::make_unique<window_manager>(display_->name(), directory_->path());
     for (const auto& [title, instance] : options_.windows)
         windows_.push_back(std::make_unique<test_window>(display_->name(), title, instance));
