@@ -168,6 +168,40 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
 
 INSTANTIATE_TEST_SUITE_P(Outputs, WaylandStream, ::testing::Values(0u, 1u));
 
+TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
+{
+    auto& desktop = *session->desktop;
+    const auto& output = desktop.outputs()[0];
+    desktop.choose(output.name);
+    test::rtmp_ingest ingest;
+    obs::worker::options listing;
+    listing.capture = obs::capture_route::portal;
+    auto screens = obs::worker(listing).list_screens();
+    obs::worker media(stream_options());
+    auto result = media.stream(order_for(screens[0], ingest, "resized"));
+    ASSERT_TRUE(result.started) << result.error;
+
+    ASSERT_TRUE(desktop.resize_output(output.name, 1024, 768));
+    // Still live, at the size it started with, after the change.
+    auto live = ingest.probe_live("resized", 15s);
+    ASSERT_NE(live.video(), nullptr) << live.error;
+    EXPECT_EQ(live.video()->width, 1280);
+    EXPECT_EQ(live.video()->height, 720);
+    EXPECT_TRUE(ingest.publishing("resized"));
+    media.shutdown();
+    EXPECT_TRUE(desktop.resize_output(output.name, output.width, output.height));
+
+    // The last frame shows the output's background, scaled in (not a frozen or black picture).
+    int red = std::stoi(output.background.substr(1, 2), nullptr, 16);
+    int green = std::stoi(output.background.substr(3, 2), nullptr, 16);
+    int blue = std::stoi(output.background.substr(5, 2), nullptr, 16);
+    auto seen = recorded_colour(ingest, "resized", 40, 32);
+    EXPECT_TRUE(near(seen, {red, green, blue})) << "saw " << seen[0] << "," << seen[1] << "," << seen[2];
+    // 4:3 now, fitted into 16:9: bars at the sides show the new size was followed.
+    auto side = recorded_colour(ingest, "resized", 2, 18);
+    EXPECT_TRUE(near(side, {0, 0, 0})) << "saw " << side[0] << "," << side[1] << "," << side[2] << " at the side";
+}
+
 TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
 {
     // Our virtual output, made through PipeWire's PulseAudio server.

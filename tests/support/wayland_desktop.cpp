@@ -215,6 +215,21 @@ bool wayland_desktop::chooser_idle() const
     return count_lines(dir_.path() / "chooser-returns") == chooser_calls();
 }
 
+bool wayland_desktop::resize_output(const std::string& name, int width, int height)
+{
+    std::string socket;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_.path() / "run"))
+        if (entry.path().filename().string().rfind("sway-ipc.", 0) == 0)
+            socket = entry.path().string();
+    if (socket.empty())
+        return false;
+    int status = -1;
+    run_program({"swaymsg", "-s", socket, "output", name, "mode",
+                 std::to_string(width) + "x" + std::to_string(height)},
+                10s, &status);
+    return status == 0;
+}
+
 void wayland_desktop::start_portal_backend()
 {
     start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",

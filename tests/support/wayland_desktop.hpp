@@ -63,6 +63,9 @@ public:
     int chooser_calls() const;
     /// Whether every chooser call has returned.
     bool chooser_idle() const;
+    /// Gives an output another size (as a user changing the resolution would); false
+    /// when sway refuses.
+    bool resize_output(const std::string& name, int width, int height);
     /// Kills the portal backend (every cast it serves ends) and starts a fresh one.
     void restart_portal_backend();
 
