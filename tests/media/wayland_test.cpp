@@ -119,6 +119,13 @@ std::array<int, 3> recorded_colour(const test::rtmp_ingest& ingest, const std::s
     return {frame[at], frame[at + 1], frame[at + 2]};
 }
 
+/// An output's background colour, from its "#rrggbb".
+std::array<int, 3> background_of(const test::wayland_desktop::output& output)
+{
+    auto channel = [&](int at) { return std::stoi(output.background.substr(1 + 2 * at, 2), nullptr, 16); };
+    return {channel(0), channel(1), channel(2)};
+}
+
 bool near(std::array<int, 3> seen, std::array<int, 3> expected)
 {
     for (int i = 0; i < 3; ++i)
@@ -158,11 +165,8 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
     EXPECT_EQ(leaks.value_or(-1), 0);
 
     // The background of the output, far from the clock, in the last frame sent.
-    int red = std::stoi(output.background.substr(1, 2), nullptr, 16);
-    int green = std::stoi(output.background.substr(3, 2), nullptr, 16);
-    int blue = std::stoi(output.background.substr(5, 2), nullptr, 16);
     auto seen = recorded_colour(ingest, output.name, 60, 32);
-    EXPECT_TRUE(near(seen, {red, green, blue}))
+    EXPECT_TRUE(near(seen, background_of(output)))
         << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " instead of " << output.background;
 }
 
@@ -192,11 +196,8 @@ TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
     EXPECT_TRUE(desktop.resize_output(output.name, output.width, output.height));
 
     // The last frame shows the output's background, scaled in (not a frozen or black picture).
-    int red = std::stoi(output.background.substr(1, 2), nullptr, 16);
-    int green = std::stoi(output.background.substr(3, 2), nullptr, 16);
-    int blue = std::stoi(output.background.substr(5, 2), nullptr, 16);
     auto seen = recorded_colour(ingest, "resized", 40, 32);
-    EXPECT_TRUE(near(seen, {red, green, blue})) << "saw " << seen[0] << "," << seen[1] << "," << seen[2];
+    EXPECT_TRUE(near(seen, background_of(output))) << "saw " << seen[0] << "," << seen[1] << "," << seen[2];
     // 4:3 now, fitted into 16:9: bars at the sides show the new size was followed.
     auto side = recorded_colour(ingest, "resized", 2, 18);
     EXPECT_TRUE(near(side, {0, 0, 0})) << "saw " << side[0] << "," << side[1] << "," << side[2] << " at the side";

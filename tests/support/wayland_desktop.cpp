@@ -53,21 +53,9 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
                     {"XDG_CURRENT_DESKTOP", "sway"},
                     {"LANG", "C.UTF-8"}};
 
-    // The session bus.
-    {
-        obs::child_process::options bus;
-        bus.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address"};
-        bus.pipe_stdout = true;
-        bus.environment = environment_;
-        bus_ = std::make_unique<obs::child_process>(bus);
-        std::string address;
-        char c;
-        while (::read(bus_->stdout_fd(), &c, 1) == 1 && c != '\n')
-            address += c;
-        if (address.empty())
-            throw std::runtime_error("dbus-daemon did not say where it listens");
-        environment_.push_back({"DBUS_SESSION_BUS_ADDRESS", address});
-    }
+    // The session bus; what it starts on demand sees the session's variables (below).
+    bus_ = std::make_unique<session_bus>();
+    environment_.push_back({"DBUS_SESSION_BUS_ADDRESS", bus_->address()});
 
     // The compositor, its outputs and (when busy) a terminal that keeps changing.
     std::ostringstream sway;

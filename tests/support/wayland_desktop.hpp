@@ -14,6 +14,7 @@
 // preloads a test-only shim into it (tests/support/wayland/xdpw_shm_shim.c).
 
 #include "core/obs/child_process.hpp"
+#include "tests/support/session_bus.hpp"
 #include "tests/support/temp_dir.hpp"
 
 #include <filesystem>
@@ -79,7 +80,7 @@ private:
     options options_;
     temp_dir dir_;
     std::vector<std::pair<std::string, std::string>> environment_;
-    std::unique_ptr<obs::child_process> bus_;
+    std::unique_ptr<session_bus> bus_;
     // In start order; stopped in reverse.
     std::vector<std::unique_ptr<obs::child_process>> processes_;
     obs::child_process* portal_backend_ = nullptr;
