@@ -91,8 +91,33 @@ bool is_number_at(const Json& value, std::initializer_list<std::string_view> pat
     return at(value, path).is_number();
 }
 
+bool too_deep(std::string_view text)
+{
+    std::size_t depth = 0;
+    bool in_string = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (in_string) {
+            if (c == '\\')
+                ++i; // the escaped character cannot end the string
+            else if (c == '"')
+                in_string = false;
+        } else if (c == '"') {
+            in_string = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > max_depth)
+                return true;
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return false;
+}
+
 Json parse(std::string_view text)
 {
+    if (too_deep(text))
+        return Json{};
     Json parsed = Json::parse(text, nullptr, /*allow_exceptions=*/false, /*ignore_comments=*/false);
     return parsed.is_discarded() ? Json{} : parsed;
 }
@@ -111,10 +136,15 @@ Json redacted(const Json& value)
 
 std::string redacted_text(std::string_view text)
 {
-    // Cheap test first: most frames carry neither word and are logged as they came.
-    if (text.find("\"secret\"") == std::string_view::npos && text.find("\"key\"") == std::string_view::npos)
+    // Cheap test first: most frames name no secret member and are logged as they came.
+    bool names_secret = false;
+    for (auto secret : secret_keys)
+        names_secret = names_secret || text.find("\"" + std::string(secret) + "\"") != std::string_view::npos;
+    if (!names_secret)
         return std::string(text);
     Json parsed = parse(text);
+    if (parsed.is_null())
+        return "(" + std::to_string(text.size()) + " bytes that are not JSON)";
     if (!redact_in_place(parsed))
         return std::string(text);
     return dump(parsed);

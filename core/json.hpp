@@ -32,16 +32,28 @@ bool bool_at(const Json& value, std::initializer_list<std::string_view> path);
 /// Whether the value at a path is a JSON number.
 bool is_number_at(const Json& value, std::initializer_list<std::string_view> path);
 
-/// The text parsed as strict JSON (no comments); null when it is not JSON.
+/// How deeply a received document may nest arrays and objects. The protocol's own
+/// documents are a few levels deep; deeper ones are refused before they are parsed,
+/// so no walk over a document (parsing, redaction, logging, destruction) can exhaust
+/// the stack.
+inline constexpr std::size_t max_depth = 64;
+
+/// The text parsed as strict JSON (no comments); null when it is not JSON or nests
+/// deeper than max_depth.
 Json parse(std::string_view text);
+
+/// Whether the text nests arrays and objects deeper than max_depth (strings skipped).
+bool too_deep(std::string_view text);
 
 /// Compact text with object keys in sorted order; invalid UTF-8 is replaced, never thrown.
 std::string dump(const Json& value);
 
-/// A copy in which the value of every "secret" and "key" member, at any depth, is "***".
+/// A copy in which the value of every "secret", "key" and "restoreToken" member, at any
+/// depth, is "***".
 Json redacted(const Json& value);
 
-/// The text to log for a frame: itself, or its redacted form when it carries a secret.
+/// The text to log for a frame: itself, or its redacted form when it carries a secret;
+/// a frame that names a secret member but cannot be parsed is not logged, only its size.
 std::string redacted_text(std::string_view text);
 
 } // namespace json

@@ -39,6 +39,23 @@ TEST(Json, ParseGivesNullForAnythingButStrictJson)
     EXPECT_EQ(json::parse(R"( {"a": [1, 2]} )"), Json({{"a", {1, 2}}}));
 }
 
+TEST(Json, NestingIsBoundedBeforeAnythingWalksTheDocument)
+{
+    auto nested = [](std::size_t depth, char open = '[', char close = ']') {
+        return std::string(depth, open) + std::string(depth, close);
+    };
+    EXPECT_TRUE(json::parse(nested(json::max_depth)).is_array());
+    EXPECT_TRUE(json::parse(nested(json::max_depth + 1)).is_null());
+    // A document 200,000 levels deep (400 kB, inside the message size limit) used to
+    // overflow the stack; it is refused like any other non-JSON, and logged by size only.
+    std::string frame = R"({"id":"x","payload":{"secret":"s","deep":)" + nested(200000) + "}}";
+    EXPECT_TRUE(json::parse(frame).is_null());
+    EXPECT_EQ(json::redacted_text(frame), "(" + std::to_string(frame.size()) + " bytes that are not JSON)");
+    // Brackets inside strings, and escaped quotes, do not count.
+    std::string quoted = "[\"" + nested(200, '{', '}') + "\\\"[[[\"]";
+    EXPECT_TRUE(json::parse(quoted).is_array()) << quoted;
+}
+
 TEST(Json, DumpSortsKeysAndNeverThrows)
 {
     Json value = {{"state", ""}, {"id", "identify"}, {"payload", {{"zeta", 1}, {"alpha", 2}}}};
@@ -62,7 +79,9 @@ TEST(Json, RedactionHidesSecretsAndKeysAtAnyDepthAndLeavesTheRest)
     // Frames without secrets are logged exactly as they came, spacing included.
     EXPECT_EQ(json::redacted_text(R"({"id": "list",  "payload": {"type": "key"}})"),
               R"({"id": "list",  "payload": {"type": "key"}})");
-    EXPECT_EQ(json::redacted_text("not json with \"key\""), "not json with \"key\"");
+    // A frame that names a secret member but cannot be read may still carry the secret.
+    EXPECT_EQ(json::redacted_text("not json with \"key\""), "(19 bytes that are not JSON)");
+    EXPECT_EQ(json::redacted_text("not json at all"), "not json at all");
 }
 
 TEST(CallbackTypes, SourceKindsMapWithoutRegardToCase)
