@@ -26,6 +26,7 @@ void websocket_client::websocket_client_init()
     endpoint_->set_fail_handler(std::bind(&websocket_client::on_fail, this, _1));
     endpoint_->set_close_handler(std::bind(&websocket_client::on_close, this, _1));
     endpoint_->set_pong_timeout_handler(std::bind(&websocket_client::on_pong_timeout, this, _1, _2));
+    endpoint_->set_max_message_size(max_message_bytes);
 }
 
 void websocket_client::start(boost::asio::io_service* io, const std::string& url)

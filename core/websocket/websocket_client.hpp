@@ -19,6 +19,11 @@ namespace orbweave::websocket {
 
 /// Settings of the transport. The defaults are the production values; tests
 /// shorten the time-outs instead of waiting them out.
+/// The largest message accepted from the service. Its messages are a few kB; a bigger
+/// one fails the link with "message too big" (1009) and the client reconnects as after
+/// any close. Text frames that are not valid UTF-8 fail it with 1007.
+inline constexpr std::size_t max_message_bytes = 1 << 20;
+
 struct client_options {
     /// A CA file trusted in addition to the system store ("" for none).
     std::string ca_file;

@@ -225,6 +225,24 @@ TEST(TransportDispatch, FramesWithoutAKnownIdAreIgnored)
     EXPECT_EQ(peer.wait_for_frame(deadline), "sentinel");        // and nothing was answered before it
 }
 
+TEST(TransportLimits, AMessageOverTheSizeLimitFailsTheLinkAndOneAtTheLimitPasses)
+{
+    service_peer peer;
+    transport link(trusting(peer));
+    link.start(peer.url());
+    expect_open(link, peer);
+    // The largest message accepted, padded inside a string, is dispatched.
+    std::string head = R"({"id":"hello","pad":")", tail = R"("})";
+    ASSERT_TRUE(peer.send(head + std::string(max_message_bytes - head.size() - tail.size(), 'x') + tail));
+    EXPECT_FALSE(link.next("hello").is_null());
+    // One byte more fails the link, once, and the client closes it.
+    ASSERT_TRUE(peer.send(head + std::string(max_message_bytes - head.size() - tail.size() + 1, 'x') + tail));
+    EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
+    EXPECT_TRUE(peer.wait_for_disconnect(deadline));
+    EXPECT_TRUE(link.failed_link_released());
+    EXPECT_TRUE(link.next("hello", 0ms).is_null());
+}
+
 TEST(TransportLiveness, AMissingPongEndsInOneFailAndAnsweredPingsKeepTheLinkUp)
 {
     for (bool answered : {false, true}) {
