@@ -1,5 +1,7 @@
 #include "media/protocol.hpp"
 
+#include "core/log.hpp"
+
 #include "core/obs/pipe_protocol.hpp"
 
 #include <unistd.h>
@@ -30,12 +32,19 @@ bool protocol_writer::send(const Json& value)
 
 bool request_loop::next_line(std::string& line)
 {
+    std::size_t searched = 0;
     for (;;) {
-        auto end = buffer_.find('\n');
+        auto end = buffer_.find('\n', searched);
         if (end != std::string::npos) {
             line = buffer_.substr(0, end);
             buffer_.erase(0, end + 1);
             return true;
+        }
+        searched = buffer_.size();
+        if (buffer_.size() > pipe::max_line_bytes) {
+            log::line("media worker: a request line is longer than " + std::to_string(pipe::max_line_bytes) +
+                      " bytes; ending");
+            return false;
         }
         char chunk[4096];
         ssize_t got = ::read(in_fd_, chunk, sizeof chunk);

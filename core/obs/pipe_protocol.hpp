@@ -28,6 +28,11 @@
 
 namespace orbweave::obs::pipe {
 
+/// The longest line either side of the pipe reads (a listing of thousands of windows
+/// is well under it). A side that meets a longer one treats the other as broken: the
+/// client kills the worker, the worker ends.
+inline constexpr std::size_t max_line_bytes = 8 << 20;
+
 namespace op {
 inline constexpr const char* list_screens = "list_screens";
 inline constexpr const char* list_windows = "list_windows";

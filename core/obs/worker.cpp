@@ -215,11 +215,20 @@ void worker::read_loop()
             continue;
         if (got <= 0)
             break;
+        // Only the new bytes are searched, so a long line costs its length once.
+        std::size_t start = 0, searched = buffer.size(), end;
         buffer.append(chunk, static_cast<std::size_t>(got));
-        std::size_t end;
-        while ((end = buffer.find('\n')) != std::string::npos) {
-            on_line(std::string_view(buffer).substr(0, end));
-            buffer.erase(0, end + 1);
+        while ((end = buffer.find('\n', searched)) != std::string::npos) {
+            on_line(std::string_view(buffer).substr(start, end - start));
+            start = searched = end + 1;
+        }
+        buffer.erase(0, start);
+        if (buffer.size() > pipe::max_line_bytes) {
+            // A runaway or corrupt worker: it must not make us hold its output without end.
+            log::line("media worker " + std::to_string(process_->pid()) + " wrote a line longer than " +
+                      std::to_string(pipe::max_line_bytes) + " bytes; killing it");
+            process_->kill(SIGKILL);
+            break;
         }
     }
 

@@ -5,6 +5,7 @@
 #include "core/obs/worker.hpp"
 #include "core/system_info.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/stderr_capture.hpp"
 
 #include <gtest/gtest.h>
 
@@ -299,6 +300,33 @@ TEST_F(ScriptedWorker, DyingDuringACallFailsThatCall)
     } catch (const std::runtime_error& error) {
         EXPECT_NE(std::string(error.what()).find("exited with code 4"), std::string::npos) << error.what();
     }
+}
+
+TEST_F(ScriptedWorker, GarbageOrARunawayLineFailsTheCallAndTheWorkerIsKilled)
+{
+    // Lines that are not JSON are skipped; the real reply after them still counts.
+    {
+        worker::options options;
+        options.executable = script("echo '{\"ok\":true}'\nread line\n"
+                                    "printf 'garbage\\n\\377\\376\\n[[[[\\n{\"ok\":true,\"result\":[]}\\n'\n"
+                                    "exec sleep 600\n");
+        options.shutdown_timeout = 300ms;
+        worker noisy(options);
+        EXPECT_TRUE(noisy.list_screens().empty());
+    }
+    // A line without end: the worker is killed once it passes the limit, and the call fails.
+    worker::options options;
+    options.executable = script("echo '{\"ok\":true}'\nread line\nexec tr -d '\\n' < /dev/zero\n");
+    worker runaway(options);
+    test::stderr_capture log;
+    try {
+        runaway.list_screens();
+        FAIL() << "the call returned";
+    } catch (const std::runtime_error& error) {
+        EXPECT_NE(std::string(error.what()).find("killed by signal"), std::string::npos) << error.what();
+    }
+    EXPECT_NE(log.text().find("wrote a line longer than"), std::string::npos) << log.text();
+    EXPECT_TRUE(test::process_gone(runaway.pid()));
 }
 
 } // namespace
