@@ -64,7 +64,8 @@ protected:
         ASSERT_TRUE(service.wait_for_reply(*state, deadline));
     }
 
-    Requests() : app(service, false, test_timings)
+    Requests() : Requests(test_timings) {}
+    explicit Requests(std::function<void(client_options&)> timings) : app(service, false, std::move(timings))
     {
         app.set_secret(service.issue_secret({"Ann", ""}));
         app.start();
@@ -146,7 +147,11 @@ TEST_F(Requests, ListRepliesEchoIdAndStateAndAreRejectedWhenDenied)
 /// Streams through the client to a real ingest.
 class Streams : public Requests {
 protected:
-    Streams() { app.on_permission(allow_all); }
+    Streams() : Streams(test_timings) {}
+    explicit Streams(std::function<void(client_options&)> timings) : Requests(std::move(timings))
+    {
+        app.on_permission(allow_all);
+    }
 
     /// The id of the listed source of kind at position index (outputs come first for audio).
     std::string source_id(const std::string& kind, std::size_t index = 0)
@@ -361,6 +366,45 @@ TEST_F(Streams, AHangingStartNeitherStallsTheLinkNorOutlivesADeactivate)
     EXPECT_FALSE(service.wait_for_connection(0ms));
     while (auto state = app.states().pop(0ms))
         EXPECT_NE(*state, state_type::disconnected);
+}
+
+// Workers whose calls time out quickly, for a worker that stops answering.
+class FrozenWorker : public Streams {
+protected:
+    FrozenWorker()
+        : Streams([](client_options& options) {
+              test_timings(options);
+              options.media.stream.call_timeout = 3s;
+          })
+    {
+    }
+};
+
+TEST_F(FrozenWorker, AStartWhoseWorkerFreezesFailsWithinTheCallTimeAndTheClientServesOn)
+{
+    std::string screen = source_id("screen");
+    // The screen's start waits on a silent ingest; its worker is frozen meanwhile.
+    test::silent_server silent;
+    sim::activation request;
+    request.source_id = screen;
+    request.server = silent.url();
+    request.key = "frozen";
+    auto state = service.activate(request);
+    ASSERT_TRUE(state);
+    ASSERT_TRUE(silent.wait_for_client(deadline));
+    auto workers = stream_workers();
+    ASSERT_EQ(workers.size(), 1u);
+    ASSERT_EQ(::kill(workers.front(), SIGSTOP), 0);
+
+    // The start is answered "Failure" once the call time passes, and the worker is killed.
+    auto reply = service.wait_for_reply(*state, deadline);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->message["payload"]["status"], "Failure") << reply->message;
+    EXPECT_TRUE(eventually([&] { return test::process_gone(workers.front()); })) << "the frozen worker was left";
+    EXPECT_FALSE(listed_active("screen", screen));
+    // The client serves on: another stream starts and is answered.
+    EXPECT_EQ(activate(screen, "after"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_for_publishing("after", deadline));
 }
 
 TEST_F(Streams, AStreamWhoseIngestIsGoneForGoodIsRemoved)
