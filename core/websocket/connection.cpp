@@ -36,7 +36,10 @@ void connection::send(std::string text) const
 
 void connection::ping() const
 {
-    lock_endpoint()->ping(handle_, ping_payload);
+    std::error_code ec;
+    ping(ec);
+    if (ec)
+        throw websocketpp::exception(ec);
 }
 
 void connection::ping(std::error_code& ec) const
@@ -46,7 +49,15 @@ void connection::ping(std::error_code& ec) const
         ec = websocketpp::error::make_error_code(websocketpp::error::bad_connection);
         return;
     }
+    auto link = endpoint->get_con_from_hdl(handle_, ec);
+    if (ec)
+        return;
+    // The time-out runs from the first unanswered ping; another would restart it.
+    if (link->awaiting_pong)
+        return;
     endpoint->ping(handle_, ping_payload, ec);
+    if (!ec)
+        link->awaiting_pong = true;
 }
 
 } // namespace orbweave::websocket

@@ -22,7 +22,8 @@ public:
     void send(const Json& message) const;
     /// Logs the text as "Out: " (secrets hidden) and sends it as one text frame.
     void send(std::string text) const;
-    /// Sends a ping frame with the payload "ping!"; throws when it cannot.
+    /// Sends a ping frame with the payload "ping!", unless one is still unanswered (its
+    /// pong time-out keeps running); throws when it cannot.
     void ping() const;
     /// The same, reporting failure through ec instead of throwing.
     void ping(std::error_code& ec) const;

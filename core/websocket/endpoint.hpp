@@ -16,6 +16,14 @@ struct short_tls_shutdown : Base {
     using type = short_tls_shutdown;
     using base = Base;
 
+    /// What each connection carries beside the library's own state.
+    struct connection_base {
+        /// A keep-alive ping went out and its pong has not come back. The library
+        /// restarts the pong time-out with every ping, so a later ping must not be sent
+        /// meanwhile, or a link that stalls would never time out.
+        bool awaiting_pong = false;
+    };
+
     struct transport_config : Base::transport_config {
         using concurrency_type = typename Base::concurrency_type;
         using alog_type = typename Base::alog_type;

@@ -26,6 +26,11 @@ void websocket_client::websocket_client_init()
     endpoint_->set_fail_handler(std::bind(&websocket_client::on_fail, this, _1));
     endpoint_->set_close_handler(std::bind(&websocket_client::on_close, this, _1));
     endpoint_->set_pong_timeout_handler(std::bind(&websocket_client::on_pong_timeout, this, _1, _2));
+    endpoint_->set_pong_handler([this](connection_hdl handle, const std::string&) {
+        std::error_code ec;
+        if (auto link = endpoint_->get_con_from_hdl(handle, ec))
+            link->awaiting_pong = false;
+    });
     endpoint_->set_max_message_size(max_message_bytes);
 }
 

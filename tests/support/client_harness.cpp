@@ -14,7 +14,8 @@ client_options fast_client_options(const std::string& ca_file)
     return options;
 }
 
-client_harness::client_harness(sim::service_sim& sim, bool bare, std::function<void(client_options&)> tweak)
+client_harness::client_harness(sim::service_sim& sim, bool bare, std::function<void(client_options&)> tweak,
+                               int port)
     : dir_("orbweave-client")
 {
     sim.identity().write(dir_.path());
@@ -22,7 +23,8 @@ client_harness::client_harness(sim::service_sim& sim, bool bare, std::function<v
     client_options options = fast_client_options(ca_file_);
     if (tweak)
         tweak(options);
-    client_ = orbweave_client::create(sim.url(), options);
+    std::string url = port ? "wss://127.0.0.1:" + std::to_string(port) + "/api/client" : sim.url();
+    client_ = orbweave_client::create(url, options);
     if (bare)
         return;
     client_->set_state_change_handler([this](callback::state_type::type state) { states_.push(state); });

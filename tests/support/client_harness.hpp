@@ -23,8 +23,9 @@ class client_harness {
 public:
     /// A client for sim's URL trusting sim's CA, with fast_client_options()
     /// adjusted by tweak, and every callback installed unless bare. Not started.
+    /// A port other than 0 sends it there instead (a proxy in front of sim).
     explicit client_harness(sim::service_sim& sim, bool bare = false,
-                            std::function<void(client_options&)> tweak = {});
+                            std::function<void(client_options&)> tweak = {}, int port = 0);
     ~client_harness();
 
     orbweave_client& client() { return *client_; }

@@ -1,0 +1,261 @@
+#include "tests/support/fault_proxy.hpp"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+#include <list>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace orbweave::test {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+
+void set_nonblocking(int fd)
+{
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+}
+
+struct chunk {
+    std::string bytes;
+    clock::time_point due;
+};
+
+/// One end of a proxied connection and what waits to be written to it.
+struct end {
+    int fd = -1;
+    std::deque<chunk> pending;
+    bool finished = false; // it closed its side
+};
+
+struct link {
+    end client;
+    end server;
+    std::size_t carried = 0;
+    std::size_t cut_after = 0; // 0: never
+    bool dead = false;
+
+    void close()
+    {
+        for (end* side : {&client, &server})
+            if (side->fd >= 0) {
+                ::close(side->fd);
+                side->fd = -1;
+            }
+        dead = true;
+    }
+};
+
+} // namespace
+
+struct fault_proxy::state {
+    std::list<link> links;
+};
+
+fault_proxy::fault_proxy(int target_port) : target_port_(target_port)
+{
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+        ::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
+        throw std::runtime_error("fault_proxy: cannot listen on loopback");
+    port_ = ntohs(address.sin_port);
+    set_nonblocking(listener_);
+    thread_ = std::thread([this] { run(); });
+}
+
+fault_proxy::~fault_proxy()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        closing_ = true;
+    }
+    wake();
+    thread_.join();
+    ::close(listener_);
+    ::close(wake_[0]);
+    ::close(wake_[1]);
+}
+
+void fault_proxy::wake()
+{
+    char byte = 1;
+    [[maybe_unused]] ssize_t ignored = ::write(wake_[1], &byte, 1);
+}
+
+void fault_proxy::cut()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        cut_requested_ = true;
+    }
+    wake();
+}
+
+void fault_proxy::stall(bool on)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stalled_ = on;
+    }
+    wake();
+}
+
+void fault_proxy::slice(bool on)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    sliced_ = on;
+}
+
+void fault_proxy::delay(std::chrono::milliseconds latency)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    latency_ = latency;
+}
+
+void fault_proxy::refuse(bool on)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    refusing_ = on;
+}
+
+void fault_proxy::cut_next_after(std::size_t bytes)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    cut_after_ = bytes;
+}
+
+void fault_proxy::run()
+{
+    state current;
+    char buffer[65536];
+    for (;;) {
+        bool stalled, sliced;
+        std::chrono::milliseconds latency;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (closing_)
+                break;
+            if (std::exchange(cut_requested_, false))
+                for (auto& l : current.links)
+                    l.close();
+            stalled = stalled_;
+            sliced = sliced_;
+            latency = latency_;
+        }
+        current.links.remove_if([](const link& l) { return l.dead; });
+
+        // What to wait for: the wake pipe, new connections, reads, and due writes.
+        std::vector<pollfd> polled{{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
+        auto now = clock::now();
+        std::optional<clock::time_point> next_due;
+        std::vector<std::pair<link*, end*>> owners{{nullptr, nullptr}, {nullptr, nullptr}};
+        for (auto& l : current.links)
+            for (end* side : {&l.client, &l.server}) {
+                short events = side->finished ? 0 : POLLIN;
+                if (!stalled && !side->pending.empty()) {
+                    if (side->pending.front().due <= now)
+                        events |= POLLOUT;
+                    else if (!next_due || side->pending.front().due < *next_due)
+                        next_due = side->pending.front().due;
+                }
+                polled.push_back({side->fd, events, 0});
+                owners.push_back({&l, side});
+            }
+        int timeout = -1;
+        if (next_due)
+            timeout = static_cast<int>(
+                std::max<long>(1, std::chrono::duration_cast<std::chrono::milliseconds>(*next_due - now).count()));
+        if (::poll(polled.data(), polled.size(), timeout) < 0)
+            continue;
+
+        if (polled[0].revents & POLLIN)
+            while (::read(wake_[0], buffer, sizeof buffer) > 0) {
+            }
+        if (polled[1].revents & POLLIN) {
+            int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (client >= 0) {
+                ++accepted_;
+                bool refusing;
+                std::size_t cut_after;
+                {
+                    std::lock_guard<std::mutex> lock(mutex_);
+                    refusing = refusing_;
+                    cut_after = std::exchange(cut_after_, 0);
+                }
+                int server = refusing ? -1 : ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+                sockaddr_in target{};
+                target.sin_family = AF_INET;
+                target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+                target.sin_port = htons(static_cast<uint16_t>(target_port_));
+                if (server < 0 || ::connect(server, reinterpret_cast<sockaddr*>(&target), sizeof target) != 0) {
+                    ::close(client);
+                    if (server >= 0)
+                        ::close(server);
+                } else {
+                    set_nonblocking(client);
+                    set_nonblocking(server);
+                    link added;
+                    added.client.fd = client;
+                    added.server.fd = server;
+                    added.cut_after = cut_after;
+                    current.links.push_back(std::move(added));
+                }
+            }
+        }
+
+        now = clock::now();
+        for (std::size_t i = 2; i < polled.size(); ++i) {
+            auto [l, side] = owners[i];
+            if (l->dead)
+                continue;
+            end& other = side == &l->client ? l->server : l->client;
+            if (polled[i].revents & (POLLIN | POLLHUP | POLLERR)) {
+                ssize_t got = ::recv(side->fd, buffer, sizeof buffer, 0);
+                if (got > 0)
+                    other.pending.push_back({std::string(buffer, static_cast<std::size_t>(got)), now + latency});
+                else if (got == 0 || (errno != EAGAIN && errno != EINTR))
+                    side->finished = true;
+            }
+            if (l->dead || side->fd < 0)
+                continue;
+            if ((polled[i].revents & POLLOUT) && !side->pending.empty()) {
+                chunk& head = side->pending.front();
+                ssize_t sent = ::send(side->fd, head.bytes.data(), sliced ? 1 : head.bytes.size(), MSG_NOSIGNAL);
+                if (sent > 0) {
+                    head.bytes.erase(0, static_cast<std::size_t>(sent));
+                    if (head.bytes.empty())
+                        side->pending.pop_front();
+                    forwarded_ += static_cast<std::uint64_t>(sent);
+                    l->carried += static_cast<std::size_t>(sent);
+                    if (l->cut_after && l->carried >= l->cut_after)
+                        l->close();
+                } else if (sent < 0 && errno != EAGAIN && errno != EINTR) {
+                    l->close();
+                }
+            }
+            // A side that closed ends the connection once what it sent has gone on.
+            if (!l->dead && side->finished && other.pending.empty())
+                l->close();
+        }
+    }
+    for (auto& l : current.links)
+        l.close();
+}
+
+} // namespace orbweave::test

@@ -1,0 +1,70 @@
+#pragma once
+
+// A loopback TCP proxy that tests place between a client and its peer (the service
+// simulator, an RTMP ingest) to inject network faults: cut every connection, stall
+// (take bytes, forward none), slice writes into single bytes, add latency, refuse new
+// connections, or cut a connection once it has carried a number of bytes. Faults
+// apply at once, to both directions. One thread serves all connections.
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace orbweave::test {
+
+class fault_proxy {
+public:
+    /// Listens on a free loopback port and forwards to 127.0.0.1:target_port.
+    explicit fault_proxy(int target_port);
+    /// Closes everything and joins its thread.
+    ~fault_proxy();
+    fault_proxy(const fault_proxy&) = delete;
+    fault_proxy& operator=(const fault_proxy&) = delete;
+
+    int port() const { return port_; }
+
+    /// Closes every open connection, both sides, without a word.
+    void cut();
+    /// While on, bytes are read from both sides and kept; nothing is forwarded. Turning
+    /// it off forwards what was kept.
+    void stall(bool on);
+    /// While on, every byte is written on its own.
+    void slice(bool on);
+    /// Each chunk is forwarded this long after it arrived.
+    void delay(std::chrono::milliseconds latency);
+    /// While on, new connections are closed as soon as they are accepted.
+    void refuse(bool on);
+    /// The next connection is cut once it has carried this many bytes (both ways).
+    void cut_next_after(std::size_t bytes);
+
+    /// Connections accepted so far (refused ones included).
+    int accepted() const { return accepted_; }
+    /// Bytes forwarded so far, both ways.
+    std::uint64_t forwarded() const { return forwarded_; }
+
+private:
+    struct state;
+    void run();
+    void wake();
+
+    int target_port_;
+    int listener_ = -1;
+    int port_ = 0;
+    int wake_[2] = {-1, -1};
+    std::atomic<int> accepted_{0};
+    std::atomic<std::uint64_t> forwarded_{0};
+    std::mutex mutex_; // the settings below and the cut request
+    bool cut_requested_ = false;
+    bool stalled_ = false;
+    bool sliced_ = false;
+    bool refusing_ = false;
+    std::chrono::milliseconds latency_{0};
+    std::size_t cut_after_ = 0;
+    bool closing_ = false;
+    std::thread thread_;
+};
+
+} // namespace orbweave::test
