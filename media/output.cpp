@@ -182,7 +182,7 @@ struct output::watch {
             self->last_error = error ? error : "";
             // A stream that was sending and stops without being asked to.
             if (self->activated && !self->stop_requested && self->on_stopped) {
-                handler = std::move(self->on_stopped);
+                handler = self->on_stopped;
                 reason = self->gave_up.empty() ? describe_stop(self->code, self->last_error) : self->gave_up;
             }
         } catch (...) {
@@ -235,14 +235,8 @@ void output::end(const std::string& reason)
 
 void output::set_stopped_handler(stopped_handler handler)
 {
-    {
-        std::lock_guard<std::mutex> lock(end_mutex_);
-        end_handler_ = handler;
-    }
-    if (!watch_)
-        watch_ = std::make_unique<watch>();
-    std::lock_guard<std::mutex> lock(watch_->mutex);
-    watch_->on_stopped = std::move(handler);
+    std::lock_guard<std::mutex> lock(end_mutex_);
+    end_handler_ = std::move(handler);
 }
 
 bool output::stop()
@@ -291,20 +285,13 @@ void output::watch_outage()
     lock.unlock();
     log::line("media: ", watch_->gave_up);
     // Not a stop we were asked for: the "stop" signal reports it as the stream's end,
-    // or, should libobs not send one for an output between attempts, we do.
+    // or, should libobs not send one for an output between attempts, we do (once).
     obs_output_force_stop(output_.get());
-    stopped_handler handler;
     lock.lock();
-    if (!watch_->stop_requested)
-        handler = std::move(watch_->on_stopped);
+    bool asked = watch_->stop_requested;
     lock.unlock();
-    if (!handler)
-        return;
-    try {
-        handler(watch_->gave_up);
-    } catch (...) {
-        log::line("media: the stopped handler failed");
-    }
+    if (!asked)
+        end(watch_->gave_up);
 }
 
 void output::release()
@@ -541,10 +528,8 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
     prepare_output(video, audio, service, stream);
 
     auto observed = std::make_unique<watch>();
-    if (watch_) {
-        std::lock_guard<std::mutex> lock(watch_->mutex);
-        observed->on_stopped = watch_->on_stopped;
-    }
+    // Every way a stream ends unasked is told through end(), once.
+    observed->on_stopped = [this](const std::string& reason) { end(reason); };
     observed->connect(stream.get());
 
     sockets_before_ = tcp_socket_inodes();

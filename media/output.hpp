@@ -48,9 +48,9 @@ inline constexpr std::chrono::seconds ingest_outage_limit{60};
 
 class output {
 public:
-    /// Called once, on a libobs thread or the outage watchdog's, when an active stream stops
-    /// without being asked to (its ingest gone for longer than the outage limit, or the
-    /// output failing), with the reason.
+    /// Called once, on whichever thread noticed it (libobs's, the outage watchdog's, the
+    /// screen cast's), when a running stream ends without being asked to: its ingest gone
+    /// for longer than the outage limit, the output failing, or its capture ending.
     using stopped_handler = std::function<void(const std::string& error)>;
 
     /// On the portal route a screen is captured through the desktop portal and PipeWire.
