@@ -5,6 +5,7 @@
 #include "core/obs/child_process.hpp"
 #include "tests/support/blocking_queue.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/scoped_environment.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
@@ -46,20 +47,10 @@ TEST(AgentOptions, DefaultsAllowNothingAndUseTheProductionService)
 TEST(CaptureRoute, TheSessionDecidesUnlessForced)
 {
     auto with = [](const char* wayland_display, const char* session_type, obs::capture_route requested) {
-        auto set = [](const char* name, const char* value) {
-            if (value)
-                ::setenv(name, value, 1);
-            else
-                ::unsetenv(name);
-        };
-        std::string old_display = std::getenv("WAYLAND_DISPLAY") ? std::getenv("WAYLAND_DISPLAY") : "";
-        std::string old_type = std::getenv("XDG_SESSION_TYPE") ? std::getenv("XDG_SESSION_TYPE") : "";
-        set("WAYLAND_DISPLAY", wayland_display);
-        set("XDG_SESSION_TYPE", session_type);
-        auto route = obs::resolve_capture_route(requested);
-        set("WAYLAND_DISPLAY", old_display.empty() ? nullptr : old_display.c_str());
-        set("XDG_SESSION_TYPE", old_type.empty() ? nullptr : old_type.c_str());
-        return route;
+        auto value = [](const char* text) { return text ? std::optional<std::string>(text) : std::nullopt; };
+        test::scoped_environment display("WAYLAND_DISPLAY", value(wayland_display));
+        test::scoped_environment type("XDG_SESSION_TYPE", value(session_type));
+        return obs::resolve_capture_route(requested);
     };
     using obs::capture_route;
     EXPECT_EQ(with(nullptr, nullptr, capture_route::automatic), capture_route::x11);

@@ -8,6 +8,7 @@
 #include "tests/support/eventually.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/scoped_environment.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 #include "tests/support/stderr_capture.hpp"
@@ -51,10 +52,9 @@ TEST(WaylandWorker, StartsItsGraphicsOnTheCompositorAndHearsPipeWire)
 {
     obs::worker::options options;
     options.capture = obs::capture_route::portal;
-    ::setenv("ORBWEAVE_OBS_LOG", "info", 1);
+    test::scoped_environment verbose("ORBWEAVE_OBS_LOG", "info");
     test::stderr_capture log; // the worker inherits our standard error
     auto audios = obs::worker(options).list_audios();
-    ::unsetenv("ORBWEAVE_OBS_LOG");
     // On the compositor itself, not through XWayland (the fixture has none).
     EXPECT_NE(log.text().find("Using EGL/Wayland"), std::string::npos) << log.text();
     // PipeWire's PulseAudio server serves the audio sources.
@@ -402,8 +402,8 @@ TEST_F(PortalClient, ForcedX11TakesTheX11RouteWhereAutoTakesThePortal)
 {
     // An X server beside the compositor, as XWayland would be: DISPLAY is set too.
     test::xvfb_display x11({{800, 600}});
-    ::setenv("DISPLAY", x11.name().c_str(), 1);
     Json automatic, forced;
+    test::scoped_environment display("DISPLAY", x11.name());
     {
         portal_client client(service, tokens, obs::capture_route::automatic);
         automatic = client.list("screen")["results"];
@@ -412,7 +412,6 @@ TEST_F(PortalClient, ForcedX11TakesTheX11RouteWhereAutoTakesThePortal)
         portal_client client(service, tokens, obs::capture_route::x11);
         forced = client.list("screen")["results"];
     }
-    ::unsetenv("DISPLAY");
     ASSERT_EQ(automatic.size(), desktop.outputs().size()) << automatic;
     EXPECT_EQ(automatic[0]["name"], "HEADLESS-1");
     ASSERT_EQ(forced.size(), 1u) << forced;

@@ -12,6 +12,7 @@
 #include "tests/support/line_reader.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/scoped_environment.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "ui/status_menu.hpp"
 
@@ -42,28 +43,6 @@ void pactl(const std::vector<std::string>& arguments)
     test::run_program(argv, deadline, &status, &errors);
     ASSERT_EQ(status, 0) << errors;
 }
-
-/// Sets an environment variable for one test and puts the old value back.
-class scoped_environment {
-public:
-    scoped_environment(const char* name, const std::string& value) : name_(name), old_(qgetenv(name))
-    {
-        had_ = qEnvironmentVariableIsSet(name);
-        qputenv(name, QByteArray::fromStdString(value));
-    }
-    ~scoped_environment()
-    {
-        if (had_)
-            qputenv(name_, old_);
-        else
-            qunsetenv(name_);
-    }
-
-private:
-    const char* name_;
-    QByteArray old_;
-    bool had_;
-};
 
 /// A menu, its alert and a watcher on whatever PULSE_SERVER names, with no sound
 /// settings tool on PATH but the stand-in a test may write into `tools`.
@@ -101,14 +80,14 @@ protected:
     app::preferences stored;
     app::autostart launch_at_login;
     status_menu menu;
-    scoped_environment path;
+    test::scoped_environment path;
     std::unique_ptr<app::default_output_watcher> watcher;
 };
 
 TEST_F(AudioAlert, FollowsTheDefaultOutputAndSilencesOnlyAutomaticChecks)
 {
     test::pulse_server pulse(dir.path() / "pulse");
-    scoped_environment server("PULSE_SERVER", pulse.server());
+    test::scoped_environment server("PULSE_SERVER", pulse.server());
     obs::child_process::options options;
     options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
     options.pipe_stdout = true;
@@ -168,7 +147,7 @@ TEST_F(AudioAlert, FollowsTheDefaultOutputAndSilencesOnlyAutomaticChecks)
 
 TEST_F(AudioAlert, WithoutASoundServerTheItemIsMarkedAndNothingHangs)
 {
-    scoped_environment server("PULSE_SERVER", "unix:" + dir.file("nobody-listens"));
+    test::scoped_environment server("PULSE_SERVER", "unix:" + dir.file("nobody-listens"));
     watch();
     ASSERT_TRUE(pump_until([&] { return menu.audio_output_item->text() == not_set; }));
     EXPECT_TRUE(menu.audio().popup_shown());
