@@ -39,6 +39,14 @@ public:
 
 auto* const session = static_cast<wayland_environment*>(::testing::AddGlobalTestEnvironment(new wayland_environment));
 
+/// A listing worker on the portal route.
+obs::worker listing_worker()
+{
+    obs::worker::options options;
+    options.capture = obs::capture_route::portal;
+    return obs::worker(options);
+}
+
 TEST(WaylandDesktop, ThePortalOffersScreenCasts)
 {
     std::string reply = test::run_program({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.portal.Desktop",
@@ -50,11 +58,9 @@ TEST(WaylandDesktop, ThePortalOffersScreenCasts)
 
 TEST(WaylandWorker, StartsItsGraphicsOnTheCompositorAndHearsPipeWire)
 {
-    obs::worker::options options;
-    options.capture = obs::capture_route::portal;
     test::scoped_environment verbose("ORBWEAVE_OBS_LOG", "info");
     test::stderr_capture log; // the worker inherits our standard error
-    auto audios = obs::worker(options).list_audios();
+    auto audios = listing_worker().list_audios();
     // On the compositor itself, not through XWayland (the fixture has none).
     EXPECT_NE(log.text().find("Using EGL/Wayland"), std::string::npos) << log.text();
     // PipeWire's PulseAudio server serves the audio sources.
@@ -143,9 +149,7 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
     const auto& output = session->desktop->outputs()[GetParam()];
     session->desktop->choose(output.name);
     test::rtmp_ingest ingest;
-    obs::worker::options listing;
-    listing.capture = obs::capture_route::portal;
-    auto screens = obs::worker(listing).list_screens();
+    auto screens = listing_worker().list_screens();
     ASSERT_GT(screens.size(), GetParam());
     obs::worker media(stream_options());
     auto result = media.stream(order_for(screens[GetParam()], ingest, output.name));
@@ -178,9 +182,7 @@ TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
     const auto& output = desktop.outputs()[0];
     desktop.choose(output.name);
     test::rtmp_ingest ingest;
-    obs::worker::options listing;
-    listing.capture = obs::capture_route::portal;
-    auto screens = obs::worker(listing).list_screens();
+    auto screens = listing_worker().list_screens();
     obs::worker media(stream_options());
     auto result = media.stream(order_for(screens[0], ingest, "resized"));
     ASSERT_TRUE(result.started) << result.error;
@@ -214,9 +216,7 @@ TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
     ASSERT_GT(::read(audio_server.stdout_fd(), ready, sizeof ready - 1), 0);
     EXPECT_EQ(std::string(ready), "ready orbweave_virtual\n");
 
-    obs::worker::options listing;
-    listing.capture = obs::capture_route::portal;
-    auto audios = obs::worker(listing).list_audios();
+    auto audios = listing_worker().list_audios();
     auto virtual_output = std::find_if(audios.begin(), audios.end(), [](const obs::audio_entry& audio) {
         return !audio.input && audio.name == "Orbweave Virtual Audio Driver";
     });
