@@ -1,5 +1,6 @@
 #include "core/json.hpp"
 
+#include <algorithm>
 #include <array>
 #include <limits>
 
@@ -137,9 +138,13 @@ Json redacted(const Json& value)
 std::string redacted_text(std::string_view text)
 {
     // Cheap test first: most frames name no secret member and are logged as they came.
-    bool names_secret = false;
-    for (auto secret : secret_keys)
-        names_secret = names_secret || text.find("\"" + std::string(secret) + "\"") != std::string_view::npos;
+    // A member name stands in quotes; each frame is searched without building strings.
+    bool names_secret = std::any_of(secret_keys.begin(), secret_keys.end(), [text](std::string_view secret) {
+        for (auto at = text.find(secret); at != std::string_view::npos; at = text.find(secret, at + 1))
+            if (at > 0 && text[at - 1] == '"' && at + secret.size() < text.size() && text[at + secret.size()] == '"')
+                return true;
+        return false;
+    });
     if (!names_secret)
         return std::string(text);
     Json parsed = parse(text);
