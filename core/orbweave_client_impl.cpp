@@ -182,19 +182,29 @@ void orbweave_client_impl::release_run()
     io_service_.reset();
 }
 
+std::shared_ptr<network_loop> orbweave_client_impl::current_loop()
+{
+    std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
+    return loop_;
+}
+
 void orbweave_client_impl::stop_streaming()
 {
-    std::shared_ptr<network_loop> loop;
-    {
-        std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
-        loop = loop_;
-    }
+    std::shared_ptr<network_loop> loop = current_loop();
     bool posted = loop && loop->post([this] {
         work_manager_->clear();
         signal_on_state_change(state_type::connected);
     });
     if (!posted) // not running: nothing streams, and there is no network thread to report on
         signal_on_state_change(state_type::connected);
+}
+
+bool orbweave_client_impl::deliver(std::string frame, websocket::connection from)
+{
+    std::shared_ptr<network_loop> loop = current_loop();
+    return loop && loop->post([this, frame = std::move(frame), from = std::move(from)] {
+        websocket_client_->receive(from, frame);
+    });
 }
 
 void orbweave_client_impl::on_fail()

@@ -64,6 +64,11 @@ public:
     void ask_permission(callback::source_type::type type, const std::string& name, const std::string& description,
                         callback::request_type::type kind, std::function<void(bool allowed)> on_answer);
 
+    /// Hands frame to the handlers on the network thread as if it had come over from,
+    /// after everything posted before it; false when the client is not running. With an
+    /// in-memory connection this drives the whole client without a service (fuzzing).
+    bool deliver(std::string frame, websocket::connection from);
+
     /// Schedules the next connection attempt after a lost link.
     void reconnect();
     /// What the "open" handler does to the reconnection state: counter to 0, timer cancelled.
@@ -87,6 +92,8 @@ private:
     template <class Callback>
     void replace_callback(Callback& field, Callback handler);
     void on_fail();
+    /// The loop of the current run (null before the first start()).
+    std::shared_ptr<network_loop> current_loop();
 
     const std::string url_;
     const client_options options_;

@@ -13,6 +13,11 @@ connection::connection(std::weak_ptr<endpoint_type> endpoint, connection_hdl han
 {
 }
 
+connection::connection(std::shared_ptr<const frame_sink> sink)
+    : sink_(std::move(sink))
+{
+}
+
 std::shared_ptr<endpoint_type> connection::lock_endpoint() const
 {
     auto endpoint = endpoint_.lock();
@@ -25,12 +30,19 @@ void connection::send(const Json& message) const
 {
     std::string text = json::dump(message);
     log::line("Out: ", json::dump(json::redacted(message)));
-    lock_endpoint()->send(handle_, text, websocketpp::frame::opcode::text);
+    transmit(text);
 }
 
 void connection::send(std::string text) const
 {
     log::line("Out: ", json::redacted_text(text));
+    transmit(text);
+}
+
+void connection::transmit(const std::string& text) const
+{
+    if (sink_)
+        return (*sink_)(text);
     lock_endpoint()->send(handle_, text, websocketpp::frame::opcode::text);
 }
 
@@ -44,6 +56,9 @@ void connection::ping() const
 
 void connection::ping(std::error_code& ec) const
 {
+    ec.clear();
+    if (sink_)
+        return; // an in-memory link has nothing to keep alive
     auto endpoint = endpoint_.lock();
     if (!endpoint) {
         ec = websocketpp::error::make_error_code(websocketpp::error::bad_connection);

@@ -3,6 +3,7 @@
 #include "core/json.hpp"
 #include "core/websocket/endpoint.hpp"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -14,8 +15,14 @@ namespace orbweave::websocket {
 /// sending raises websocketpp's "Bad Connection" instead of touching freed memory.
 class connection {
 public:
+    /// Where the frames of an in-memory link go. It stands in for the network where a
+    /// harness drives the handlers without sockets (the dispatch fuzz target).
+    using frame_sink = std::function<void(const std::string& text)>;
+
     connection() = default;
     connection(std::weak_ptr<endpoint_type> endpoint, connection_hdl handle);
+    /// An in-memory link: send() logs each frame and hands it to sink, ping() does nothing.
+    explicit connection(std::shared_ptr<const frame_sink> sink);
 
     /// Serialises the message, logs it as "Out: " (secrets hidden) and sends it as
     /// one text frame; throws websocketpp::exception when it cannot be sent.
@@ -33,8 +40,11 @@ public:
 private:
     std::shared_ptr<endpoint_type> lock_endpoint() const;
 
+    void transmit(const std::string& text) const;
+
     std::weak_ptr<endpoint_type> endpoint_;
     connection_hdl handle_;
+    std::shared_ptr<const frame_sink> sink_;
 };
 
 } // namespace orbweave::websocket

@@ -139,9 +139,13 @@ bool websocket_client::mark_failed(const connection_hdl& handle)
 
 void websocket_client::on_message(connection_hdl handle, endpoint_type::message_ptr message)
 {
-    const std::string& text = message->get_payload();
+    receive(connection(endpoint_, std::move(handle)), message->get_payload());
+}
+
+void websocket_client::receive(const connection& from, std::string_view text)
+{
     log::line("In: ", json::redacted_text(text));
-    dispatch(connection(endpoint_, std::move(handle)), json::parse(text));
+    dispatch(from, json::parse(text));
 }
 
 void websocket_client::dispatch_local(const char* id, connection_hdl handle)

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 namespace orbweave::websocket {
@@ -56,6 +57,10 @@ public:
     timer_ptr add_timer(long milliseconds, std::function<void(const std::error_code&)> callback);
     /// Stores handler under its id, replacing (destroying) any earlier one.
     void register_message_handler(std::unique_ptr<message_handler>&& handler);
+    /// Reads one text frame that arrived on from: logs it ("In: ", secrets hidden), parses
+    /// it and dispatches it. The transport calls it for every frame of the service; a
+    /// harness may call it on the io thread with an in-memory connection.
+    void receive(const connection& from, std::string_view text);
     /// Stops the endpoint's io service; its loop returns as soon as it can.
     void stop();
 
