@@ -62,15 +62,16 @@ worker::worker(const options& options) : options_(options)
     spawn.argv = {options_.executable};
     if (options_.defer_video)
         spawn.argv.push_back("--defer-video");
-    if (options_.portal_start_limit.count() > 0)
-        spawn.argv.insert(spawn.argv.end(),
-                          {"--portal-start-limit-ms", std::to_string(options_.portal_start_limit.count())});
     if (options_.capture != capture_route::automatic)
         spawn.argv.insert(spawn.argv.end(), {"--capture", capture_route_name(options_.capture)});
-    if (options_.ingest_outage_limit.count() > 0) {
-        spawn.argv.push_back("--ingest-outage-limit-ms");
-        spawn.argv.push_back(std::to_string(options_.ingest_outage_limit.count()));
-    }
+    // A limit left at zero keeps the worker's own default.
+    auto limit = [&](const char* flag, std::chrono::milliseconds value) {
+        if (value.count() > 0)
+            spawn.argv.insert(spawn.argv.end(), {flag, std::to_string(value.count())});
+    };
+    limit("--ingest-outage-limit-ms", options_.ingest_outage_limit);
+    limit("--portal-start-limit-ms", options_.portal_start_limit);
+    limit("--send-stall-limit-ms", options_.send_stall_limit);
     spawn.pipe_stdin = true;
     spawn.pipe_stdout = true;
     try {
@@ -209,7 +210,9 @@ void worker::read_loop()
     std::string buffer;
     char chunk[8192];
     int fd = process_->stdout_fd();
-    for (;;) {
+    // Set when the worker is killed for what it wrote: the reason its stream ends.
+    std::string broken;
+    while (broken.empty()) {
         ssize_t got = ::read(fd, chunk, sizeof chunk);
         if (got < 0 && errno == EINTR)
             continue;
@@ -218,23 +221,26 @@ void worker::read_loop()
         // Only the new bytes are searched, so a long line costs its length once.
         std::size_t start = 0, searched = buffer.size(), end;
         buffer.append(chunk, static_cast<std::size_t>(got));
-        while ((end = buffer.find('\n', searched)) != std::string::npos) {
-            on_line(std::string_view(buffer).substr(start, end - start));
+        while (broken.empty() && (end = buffer.find('\n', searched)) != std::string::npos) {
+            if (!on_line(std::string_view(buffer).substr(start, end - start)))
+                broken = "wrote a line that is not a JSON object";
             start = searched = end + 1;
         }
         buffer.erase(0, start);
-        if (buffer.size() > pipe::max_line_bytes) {
-            // A runaway or corrupt worker: it must not make us hold its output without end.
-            log::line("media worker " + std::to_string(process_->pid()) + " wrote a line longer than " +
-                      std::to_string(pipe::max_line_bytes) + " bytes; killing it");
-            process_->kill(SIGKILL);
-            break;
-        }
+        // A runaway worker must not make us hold its output without end.
+        if (broken.empty() && buffer.size() > pipe::max_line_bytes)
+            broken = "wrote a line longer than " + std::to_string(pipe::max_line_bytes) + " bytes";
+    }
+    if (!broken.empty()) {
+        // A corrupt worker: nothing more it says can be trusted, so it goes now, and a
+        // call waiting on it fails at once.
+        log::line("media worker " + std::to_string(process_->pid()) + " " + broken + "; killing it");
+        process_->kill(SIGKILL);
     }
 
     // The worker's output ended: it exited, crashed or was killed.
-    std::string reason = "its output ended";
-    if (auto status = process_->wait_for(2s))
+    std::string reason = broken.empty() ? "its output ended" : broken;
+    if (auto status = process_->wait_for(2s); status && broken.empty())
         reason = child_process::describe(*status);
     bool expected;
     std::function<void(const std::string&)> handler;
@@ -260,13 +266,12 @@ void worker::read_loop()
     }
 }
 
-void worker::on_line(std::string_view text)
+bool worker::on_line(std::string_view text)
 {
     pipe::worker_line line = pipe::worker_line::parse(text);
     switch (line.type) {
     case pipe::worker_line::kind::invalid:
-        log::line("media worker: ignoring a line that is not a JSON object");
-        return;
+        return false;
     case pipe::worker_line::kind::event: {
         std::function<void(const std::string&, const std::string&)> handler;
         {
@@ -274,7 +279,7 @@ void worker::on_line(std::string_view text)
             handler = event_handler_;
         }
         if (!handler)
-            return;
+            return true;
         try {
             handler(line.event, line.error);
         } catch (const std::exception& error) {
@@ -282,7 +287,7 @@ void worker::on_line(std::string_view text)
         } catch (...) {
             log::line("media worker: the event handler failed");
         }
-        return;
+        return true;
     }
     case pipe::worker_line::kind::reply:
         {
@@ -290,8 +295,9 @@ void worker::on_line(std::string_view text)
             reply_ = std::move(line);
         }
         state_changed_.notify_all();
-        return;
+        return true;
     }
+    return false;
 }
 
 void worker::mark_dead(const std::string& reason)

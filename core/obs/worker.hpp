@@ -39,6 +39,9 @@ public:
         /// How long a stream may keep reconnecting to a vanished ingest before it ends;
         /// zero keeps the worker's own default (60 s).
         std::chrono::milliseconds ingest_outage_limit{0};
+        /// How long a connected stream may have data the ingest does not take before it
+        /// reconnects; zero keeps the worker's own default (10 s).
+        std::chrono::milliseconds send_stall_limit{0};
         /// How long the desktop portal may take to start a cast (its picker waits for the
         /// user); zero keeps the worker's own default (120 s).
         std::chrono::milliseconds portal_start_limit{0};
@@ -96,7 +99,8 @@ private:
     pipe::worker_line exchange(const Json& request, std::chrono::milliseconds timeout);
     std::optional<pipe::worker_line> wait_reply(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds timeout);
     void read_loop();
-    void on_line(std::string_view text);
+    /// Acts on one line of the worker; false when it is not a JSON object.
+    bool on_line(std::string_view text);
     void mark_dead(const std::string& reason);
 
     options options_;

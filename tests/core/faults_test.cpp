@@ -1,10 +1,14 @@
-// The service link through a fault-injecting proxy: stalls, cuts at every stage,
-// refused connections and 1-byte writes. The client must notice, reconnect and end
-// up paired and serving, whatever the network does.
+// Faults the client must survive. The service link through a fault-injecting proxy:
+// stalls, cuts at every stage, refused connections and 1-byte writes; the client must
+// notice, reconnect and end up paired and serving, whatever the network does. And media
+// workers that break while they start or carry a stream: the request is answered, what
+// was started is killed and forgotten, and the client serves on.
 
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/fault_proxy.hpp"
+#include "tests/support/processes.hpp"
+#include "tests/support/stderr_capture.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
 #include <gtest/gtest.h>
@@ -80,7 +84,11 @@ TEST_F(Faults, ALinkCutWhilePairingPairsOnTheNextCode)
     ASSERT_TRUE(second) << "no new code after the cut";
     ASSERT_TRUE(service.claim(*second, {"Ann", ""}));
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-    EXPECT_FALSE(app.secret().empty());
+    // The state comes first, the secret with the "ready" report just after it.
+    auto ready = app.readies().pop(deadline);
+    ASSERT_TRUE(ready);
+    EXPECT_FALSE(ready->secret.empty());
+    EXPECT_EQ(app.secret(), ready->secret);
     EXPECT_TRUE(serves());
 }
 
@@ -107,6 +115,91 @@ TEST_F(Faults, OneByteWritesAndLatencyChangeNothing)
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
     EXPECT_TRUE(serves());
     EXPECT_EQ(proxy.accepted(), 1) << "the link was lost on the way";
+}
+
+/// A paired client whose media workers are the misbehaving stand-in: it lists one
+/// screen, and the stream key of an activation says how it breaks.
+class WorkerFaults : public ::testing::Test {
+protected:
+    WorkerFaults()
+    {
+        app.set_secret(service.issue_secret({"Ann", ""}));
+        app.on_permission([](callback::source_type::type, const std::string&, const std::string&,
+                             callback::request_type::type, const callback::request& request) { request.answer(true); });
+        app.start();
+        EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+        EXPECT_TRUE(service.wait_for_connection(deadline));
+    }
+
+    /// The one screen's list entry.
+    Json screen()
+    {
+        auto state = service.list("screen");
+        auto reply = service.wait_for_reply(state.value_or(""), deadline);
+        EXPECT_TRUE(reply);
+        return reply ? reply->message["payload"]["results"][0] : Json();
+    }
+
+    /// Activates the screen with this stream key and returns the reply's payload.
+    Json activate(const std::string& key)
+    {
+        sim::activation request;
+        request.source_id = screen().value("id", "");
+        request.key = key; // the server is never contacted: the stand-in streams nowhere
+        auto state = service.activate(request);
+        auto reply = service.wait_for_reply(state.value_or(""), deadline);
+        EXPECT_TRUE(reply) << key;
+        return reply ? reply->message["payload"] : Json();
+    }
+
+    static std::vector<int> stream_workers() { return test::children_running(::getpid(), {"--defer-video"}); }
+
+    sim::service_sim service;
+    test::client_harness app{service, false, [](client_options& options) {
+                                 options.media.listing.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+                                 options.media.stream.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+                             }};
+};
+
+TEST_F(WorkerFaults, AWorkerThatBreaksWhileStartingIsAnsweredFailureKilledAndForgotten)
+{
+    struct broken {
+        const char* key;
+        const char* error; // part of the reply's error
+    } cases[] = {
+        {"garbage", "not a JSON object"},
+        {"huge-line", "a line longer than"},
+        {"exit", "exited with code 3"},
+    };
+    for (const broken& worker_case : cases) {
+        SCOPED_TRACE(worker_case.key);
+        Json reply = activate(worker_case.key);
+        EXPECT_EQ(reply.value("status", ""), "Failure") << reply;
+        EXPECT_NE(reply.value("error", "").find(worker_case.error), std::string::npos) << reply;
+        EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
+        EXPECT_EQ(screen().value("isActive", true), false);
+    }
+    // The client serves on: the link never dropped, and a good stream starts.
+    EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
+    EXPECT_EQ(stream_workers().size(), 1u);
+    EXPECT_FALSE(service.wait_for_connection(0ms)) << "the link was lost on the way";
+}
+
+TEST_F(WorkerFaults, AStreamWhoseWorkerTurnsToGarbageEndsAndTheNextOneRuns)
+{
+    test::stderr_capture log;
+    std::string id = screen().value("id", "");
+    EXPECT_EQ(activate("started-garbage"), Json({{"status", "Success"}}));
+    // Its worker is killed for what it wrote, and the stream ends as if it had died.
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
+    EXPECT_EQ(log.count_lines_starting("The stream of source " + id +
+                                       " ended: its media worker wrote a line that is not a JSON object"),
+              1)
+        << log.text();
+    EXPECT_EQ(screen().value("isActive", true), false);
+    EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
 }
 
 } // namespace

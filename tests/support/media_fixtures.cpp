@@ -319,45 +319,4 @@ media_environment& media_environment::current()
     return *current_environment;
 }
 
-std::vector<int> children_running(int parent, const std::vector<std::string>& words)
-{
-    std::vector<int> found;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        std::string name = entry.path().filename().string();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        std::ifstream stat(entry.path() / "stat");
-        std::string line;
-        if (!std::getline(stat, line))
-            continue;
-        // pid (comm) state ppid ...: comm may hold spaces, so read after the last ')'.
-        auto close = line.rfind(')');
-        if (close == std::string::npos)
-            continue;
-        char state = 0;
-        int ppid = 0;
-        if (std::sscanf(line.c_str() + close + 1, " %c %d", &state, &ppid) != 2 || ppid != parent)
-            continue;
-        std::ifstream cmdline_file(entry.path() / "cmdline");
-        std::string cmdline((std::istreambuf_iterator<char>(cmdline_file)), std::istreambuf_iterator<char>());
-        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
-        if (std::all_of(words.begin(), words.end(),
-                        [&](const std::string& word) { return cmdline.find(word) != std::string::npos; }))
-            found.push_back(std::stoi(name));
-    }
-    return found;
-}
-
-std::vector<int> child_pids()
-{
-    return children_running(::getpid());
-}
-
-bool process_gone(int pid)
-{
-    auto children = child_pids();
-    return std::find(children.begin(), children.end(), pid) == children.end() && ::kill(pid, 0) == -1 &&
-           errno == ESRCH;
-}
-
 } // namespace orbweave::test

@@ -8,6 +8,7 @@
 // Programs linking these fixtures also link libX11.
 
 #include "core/obs/child_process.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
@@ -121,12 +122,5 @@ private:
     std::vector<std::unique_ptr<test_window>> windows_;
     std::unique_ptr<pulse_server> pulse_;
 };
-
-/// Processes whose parent is parent and whose command line contains every word (from /proc).
-std::vector<int> children_running(int parent, const std::vector<std::string>& words = {});
-/// Processes whose parent is this process, for checks that nothing is left behind.
-std::vector<int> child_pids();
-/// Whether pid has ended and been reaped: neither our child any more nor a process at all.
-bool process_gone(int pid);
 
 } // namespace orbweave::test

@@ -304,29 +304,32 @@ TEST_F(ScriptedWorker, DyingDuringACallFailsThatCall)
 
 TEST_F(ScriptedWorker, GarbageOrARunawayLineFailsTheCallAndTheWorkerIsKilled)
 {
-    // Lines that are not JSON are skipped; the real reply after them still counts.
-    {
+    struct broken {
+        const char* what;
+        const char* script;
+    } cases[] = {
+        // A line that is not JSON: nothing after it can be trusted, not even a reply.
+        {"a line that is not a JSON object", "printf 'garbage\\n{\"ok\":true,\"result\":[]}\\n'\nexec sleep 600\n"},
+        {"a line that is not a JSON object", "printf '\\377\\376\\n'\nexec sleep 600\n"},
+        // A line without end: killed once it passes the limit.
+        {"a line longer than", "exec tr -d '\\n' < /dev/zero\n"},
+    };
+    for (const broken& worker_case : cases) {
+        SCOPED_TRACE(worker_case.script);
         worker::options options;
-        options.executable = script("echo '{\"ok\":true}'\nread line\n"
-                                    "printf 'garbage\\n\\377\\376\\n[[[[\\n{\"ok\":true,\"result\":[]}\\n'\n"
-                                    "exec sleep 600\n");
-        options.shutdown_timeout = 300ms;
-        worker noisy(options);
-        EXPECT_TRUE(noisy.list_screens().empty());
+        options.executable = script(std::string("echo '{\"ok\":true}'\nread line\n") + worker_case.script);
+        worker broken_worker(options);
+        test::stderr_capture log;
+        try {
+            broken_worker.list_screens();
+            ADD_FAILURE() << "the call returned";
+        } catch (const std::runtime_error& error) {
+            EXPECT_NE(std::string(error.what()).find(worker_case.what), std::string::npos) << error.what();
+        }
+        EXPECT_NE(log.text().find(std::string("wrote ") + worker_case.what), std::string::npos) << log.text();
+        EXPECT_TRUE(test::process_gone(broken_worker.pid()));
+        EXPECT_FALSE(broken_worker.alive());
     }
-    // A line without end: the worker is killed once it passes the limit, and the call fails.
-    worker::options options;
-    options.executable = script("echo '{\"ok\":true}'\nread line\nexec tr -d '\\n' < /dev/zero\n");
-    worker runaway(options);
-    test::stderr_capture log;
-    try {
-        runaway.list_screens();
-        FAIL() << "the call returned";
-    } catch (const std::runtime_error& error) {
-        EXPECT_NE(std::string(error.what()).find("killed by signal"), std::string::npos) << error.what();
-    }
-    EXPECT_NE(log.text().find("wrote a line longer than"), std::string::npos) << log.text();
-    EXPECT_TRUE(test::process_gone(runaway.pid()));
 }
 
 } // namespace

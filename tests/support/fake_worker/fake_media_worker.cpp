@@ -1,0 +1,81 @@
+// A media worker that misbehaves on request, for the client's worker-fault tests.
+// It speaks the pipe protocol well enough to start, list one screen ("Display 1",
+// 1280x720) and take a stream order; what it does with the order depends on the
+// order's stream key:
+//
+//   "ok"              reports the stream started and carries it until shut down
+//   "garbage"         writes bytes that are not JSON instead of a reply
+//   "huge-line"       writes a line longer than the pipe allows, with no end
+//   "exit"            exits (status 3) without a reply
+//   "started-garbage" reports the stream started, then writes garbage
+//
+// Test-only: never installed.
+
+#include "core/obs/entries.hpp"
+#include "core/obs/pipe_protocol.hpp"
+
+#include <unistd.h>
+
+#include <iostream>
+#include <string>
+
+namespace {
+
+using namespace orbweave;
+
+void send(const Json& line)
+{
+    std::cout << json::dump(line) << '\n' << std::flush;
+}
+
+void write_garbage()
+{
+    std::cout << "\x01\xff not json at all {\"ok\":\n" << std::string(4096, '\xfe') << "\n[1,2,3]\n" << std::flush;
+}
+
+void write_endless_line()
+{
+    std::string chunk(1 << 16, 'x');
+    for (std::size_t written = 0; written <= obs::pipe::max_line_bytes + chunk.size(); written += chunk.size())
+        if (!(std::cout << chunk))
+            return;
+    std::cout.flush();
+}
+
+} // namespace
+
+int main()
+{
+    send(obs::pipe::ok_reply(nullptr));
+    std::string text;
+    while (std::getline(std::cin, text)) {
+        obs::pipe::request_line request = obs::pipe::request_line::parse(text);
+        if (request.op == obs::pipe::op::shutdown)
+            break;
+        if (request.op == obs::pipe::op::list_screens) {
+            send(obs::pipe::ok_reply(Json::array({obs::screen_entry(0, "Display 1", "1280x720", 0, 0, 1280, 720).to_json()})));
+        } else if (request.op.rfind("list_", 0) == 0) {
+            send(obs::pipe::ok_reply(Json::array()));
+        } else if (request.op == obs::pipe::op::stream) {
+            auto order = obs::pipe::stream_order::from_json(json::at(request.body, {"order"}));
+            std::string key = order ? order->request.key : "";
+            if (key == "garbage") {
+                write_garbage();
+            } else if (key == "huge-line") {
+                write_endless_line();
+            } else if (key == "exit") {
+                ::_exit(3);
+            } else {
+                obs::pipe::stream_result started;
+                started.started = true;
+                send(obs::pipe::ok_reply(started.to_json()));
+                if (key == "started-garbage")
+                    write_garbage();
+            }
+        } else {
+            send(obs::pipe::error_reply("unknown op"));
+        }
+    }
+    send(obs::pipe::ok_reply(Json{{"leaks", 0}}));
+    return 0;
+}
