@@ -198,8 +198,7 @@ struct output::watch {
     }
 };
 
-output::output(std::chrono::milliseconds outage_limit, capture_route route, std::chrono::milliseconds portal_limit)
-    : outage_limit_(outage_limit), route_(route), portal_limit_(portal_limit)
+output::output(stream_limits limits, capture_route route) : limits_(limits), route_(route)
 {
 }
 
@@ -267,23 +266,46 @@ bool output::stop()
 
 void output::watch_outage()
 {
+    // What the ingest had acknowledged when last looked at, and when it last took more.
+    tcp_progress taken;
+    auto progressed = clock::now();
+    auto check_interval = std::clamp<std::chrono::milliseconds>(limits_.send_stall / 4, 10ms, 1000ms);
     std::unique_lock<std::mutex> lock(watch_->mutex);
     for (;;) {
         if (watch_->watchdog_closing || watch_->stopped)
             return;
+        auto now = clock::now();
         if (!watch_->reconnecting_since) {
-            watch_->changed.wait(lock);
+            // Connected. A path that takes nothing while data waits has stalled: libobs
+            // would block in its send for as long as the socket stays open.
+            lock.unlock();
+            tcp_progress seen = tcp_progress_since(sockets_before_);
+            if (!seen.waiting || seen.sockets != taken.sockets || seen.acknowledged != taken.acknowledged) {
+                taken = std::move(seen);
+                progressed = now;
+            } else if (now - progressed >= limits_.send_stall) {
+                log::line("media: the ingest took nothing for " + std::to_string(limits_.send_stall.count()) +
+                          " ms; closing the connection to reconnect");
+                interrupt_connections_since(sockets_before_);
+                progressed = now;
+            }
+            lock.lock();
+            watch_->changed.wait_for(lock, check_interval);
             continue;
         }
-        auto until = *watch_->reconnecting_since + outage_limit_;
-        if (clock::now() >= until)
+        progressed = now; // a new connection starts its own count
+        auto until = *watch_->reconnecting_since + limits_.ingest_outage;
+        if (now >= until)
             break;
         watch_->changed.wait_until(lock, until);
     }
     watch_->gave_up = "rtmp disconnected: the ingest did not come back within " +
-                      std::to_string(outage_limit_.count()) + " ms";
+                      std::to_string(limits_.ingest_outage.count()) + " ms";
     lock.unlock();
     log::line("media: ", watch_->gave_up);
+    // A reconnection attempt may hang in a connection that takes bytes and never answers;
+    // it is of no use any more, and stopping the output would wait for it.
+    interrupt_connections_since(sockets_before_);
     // Not a stop we were asked for: the "stop" signal reports it as the stream's end,
     // or, should libobs not send one for an output between attempts, we do (once).
     obs_output_force_stop(output_.get());
@@ -603,7 +625,7 @@ bool same_screen(const portal_session::cast& cast, const screen_entry& entry)
 source_handle output::create_portal_source(const screen_entry* screen, const std::string& restore_token)
 {
     // Shown the desktop's picker unless the token restores the user's earlier choice.
-    portal_ = std::make_unique<portal_session>(restore_token, screen == nullptr, portal_limit_);
+    portal_ = std::make_unique<portal_session>(restore_token, screen == nullptr, limits_.portal_start);
     const portal_session::cast& cast = portal_->started();
     if (cast.result != portal_session::outcome::started) {
         rejected_ = cast.result == portal_session::outcome::cancelled;

@@ -13,6 +13,7 @@
 #include "core/callback.hpp"
 #include "core/obs/capture_route.hpp"
 #include "core/obs/pipe_protocol.hpp"
+#include "media/portal_capture.hpp"
 #include "media/unique_handle.hpp"
 
 #include <chrono>
@@ -29,8 +30,6 @@
 
 namespace orbweave::obs {
 
-class portal_session;
-
 /// The line written to standard error before the software retry of a failed start.
 inline constexpr const char* software_fallback_line =
     "Failed to start stream; attempting to fallback to software encoder";
@@ -45,6 +44,18 @@ inline constexpr std::chrono::seconds output_stop_limit{10};
 /// (libobs itself would retry without end, and the service would see a source that
 /// streams nowhere). Ingest restarts and short network drops stay well inside it.
 inline constexpr std::chrono::seconds ingest_outage_limit{60};
+/// How long a connected stream may have data waiting that the ingest does not take
+/// (acknowledge) before its connection counts as lost. libobs would wait without end on
+/// a path that went dark, since the socket stays open; shutting the connection down
+/// makes libobs reconnect, and the outage limit applies from there.
+inline constexpr std::chrono::seconds send_stall_limit{10};
+
+/// How long a stream waits on what it depends on; the defaults are the production values.
+struct stream_limits {
+    std::chrono::milliseconds ingest_outage = ingest_outage_limit;
+    std::chrono::milliseconds portal_start = portal_start_limit;
+    std::chrono::milliseconds send_stall = send_stall_limit;
+};
 
 class output {
 public:
@@ -54,9 +65,7 @@ public:
     using stopped_handler = std::function<void(const std::string& error)>;
 
     /// On the portal route a screen is captured through the desktop portal and PipeWire.
-    explicit output(std::chrono::milliseconds outage_limit = ingest_outage_limit,
-                    capture_route route = capture_route::x11,
-                    std::chrono::milliseconds portal_limit = std::chrono::seconds(120));
+    explicit output(stream_limits limits = {}, capture_route route = capture_route::x11);
     /// Stops the stream (waiting at most output_stop_limit for the output to stop) and
     /// releases everything it holds.
     ~output();
@@ -111,7 +120,8 @@ private:
     source_handle create_portal_source(const screen_entry* entry, const std::string& restore_token);
     /// Makes sure the canvas is width x height at the stream frame rate.
     bool ensure_video(int width, int height);
-    /// The watchdog's thread: ends the stream once it has been reconnecting for the outage limit.
+    /// The watchdog's thread: shuts a connection that stalls for the send stall limit down,
+    /// and ends the stream once it has been reconnecting for the outage limit.
     void watch_outage();
     void release();
 
@@ -124,7 +134,7 @@ private:
     scene_handle scene_;
 
     std::unique_ptr<watch> watch_;
-    std::chrono::milliseconds outage_limit_;
+    stream_limits limits_;
     std::thread watchdog_;
     // The process's TCP sockets before the output started: any other is the stream's.
     std::vector<ino_t> sockets_before_;
@@ -132,7 +142,6 @@ private:
     std::pair<int, int> frame_size_{0, 0};
     bool started_ = false;
     capture_route route_;
-    std::chrono::milliseconds portal_limit_;
     bool rejected_ = false;
     std::string restore_token_;
     std::unique_ptr<portal_session> portal_;

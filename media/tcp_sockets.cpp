@@ -1,6 +1,8 @@
 #include "media/tcp_sockets.hpp"
 
 #include <dirent.h>
+#include <linux/tcp.h> // tcp_info with tcpi_bytes_acked and tcpi_notsent_bytes
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -57,6 +59,23 @@ void interrupt_connections_since(const std::vector<ino_t>& before)
     for (const auto& [fd, inode] : tcp_sockets())
         if (std::find(before.begin(), before.end(), inode) == before.end())
             ::shutdown(fd, SHUT_RDWR);
+}
+
+tcp_progress tcp_progress_since(const std::vector<ino_t>& before)
+{
+    tcp_progress progress;
+    for (const auto& [fd, inode] : tcp_sockets()) {
+        if (std::find(before.begin(), before.end(), inode) != before.end())
+            continue;
+        tcp_info info{};
+        socklen_t length = sizeof info;
+        if (::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) < 0)
+            continue;
+        progress.sockets.push_back(inode);
+        progress.acknowledged += info.tcpi_bytes_acked;
+        progress.waiting = progress.waiting || info.tcpi_unacked > 0 || info.tcpi_notsent_bytes > 0;
+    }
+    return progress;
 }
 
 } // namespace orbweave::obs

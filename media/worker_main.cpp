@@ -3,16 +3,19 @@
 // requests are in core/obs/pipe_protocol.hpp). "stats" answers read-only frame
 // counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
-//   orbweave-media-worker [--defer-video | --canvas WxH@FPS] [--ingest-outage-limit-ms N]
-//                         [--capture auto|x11|portal] [--portal-start-limit-ms N]
+//   orbweave-media-worker [--defer-video | --canvas WxH@FPS] [--capture auto|x11|portal]
+//                         [--ingest-outage-limit-ms N] [--portal-start-limit-ms N]
+//                         [--send-stall-limit-ms N]
 //
 // --defer-video starts without a video canvas, for a stream worker that sets the
 // canvas once at its final size; --canvas sets the start-up canvas (default: the
-// listing worker's small placeholder); --ingest-outage-limit-ms sets how long a stream may
-// keep reconnecting to a vanished ingest before it ends (default 60 s); --capture chooses
-// how screens are captured (default: portal on a Wayland session, X11 otherwise);
-// --portal-start-limit-ms bounds the wait for the desktop's picker (default 120 s). ORBWEAVE_OBS_LOG=error|warning|info|debug sets
-// how much of libobs's log reaches standard error (default warning).
+// listing worker's small placeholder); --capture chooses how screens are captured
+// (default: portal on a Wayland session, X11 otherwise). The limits: how long a stream
+// may keep reconnecting to a vanished ingest before it ends (default 60 s), how long
+// the desktop's picker may take (default 120 s), and how long a connected stream may
+// have data the ingest does not take before it reconnects (default 10 s).
+// ORBWEAVE_OBS_LOG=error|warning|info|debug sets how much of libobs's log reaches
+// standard error (default warning).
 
 #include "core/log.hpp"
 #include "core/obs/pipe_protocol.hpp"
@@ -70,21 +73,27 @@ int main(int argc, char** argv)
     ::signal(SIGPIPE, SIG_IGN);
 
     obs::runtime_options options;
-    std::chrono::milliseconds outage_limit = obs::ingest_outage_limit;
+    obs::stream_limits limits;
     obs::capture_route route = obs::capture_route::automatic;
-    std::chrono::milliseconds portal_limit = obs::portal_start_limit;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         obs::canvas canvas;
-        long long milliseconds = 0;
+        // "--NAME-ms N" with a positive N sets that limit and takes its value.
+        auto limit = [&](const char* name, std::chrono::milliseconds& field) {
+            long long milliseconds = 0;
+            if (arg != name || i + 1 >= argc || std::sscanf(argv[i + 1], "%lld", &milliseconds) != 1 ||
+                milliseconds <= 0)
+                return false;
+            field = std::chrono::milliseconds(milliseconds);
+            ++i;
+            return true;
+        };
         if (arg == "--defer-video")
             options.video.reset();
-        else if (arg == "--ingest-outage-limit-ms" && i + 1 < argc &&
-                 std::sscanf(argv[i + 1], "%lld", &milliseconds) == 1 && milliseconds > 0)
-            outage_limit = std::chrono::milliseconds(milliseconds), ++i;
-        else if (arg == "--portal-start-limit-ms" && i + 1 < argc &&
-                 std::sscanf(argv[i + 1], "%lld", &milliseconds) == 1 && milliseconds > 0)
-            portal_limit = std::chrono::milliseconds(milliseconds), ++i;
+        else if (limit("--ingest-outage-limit-ms", limits.ingest_outage) ||
+                 limit("--portal-start-limit-ms", limits.portal_start) ||
+                 limit("--send-stall-limit-ms", limits.send_stall))
+            continue;
         else if (arg == "--capture" && i + 1 < argc && obs::parse_capture_route(argv[i + 1]))
             route = *obs::parse_capture_route(argv[++i]);
         else if (arg == "--canvas" && i + 1 < argc &&
@@ -125,13 +134,13 @@ int main(int argc, char** argv)
 
     // The one stream this worker carries, once started. Stopped before libobs shuts down.
     std::unique_ptr<obs::output> stream;
-    loop.on(op::stream, [&stream, &writer, outage_limit, portal_limit, route = options.route](const Json& request) {
+    loop.on(op::stream, [&stream, &writer, limits, route = options.route](const Json& request) {
         std::optional<obs::pipe::stream_order> order = obs::pipe::stream_order::from_json(json::at(request, {"order"}));
         if (!order)
             throw std::invalid_argument("the stream order names no source");
         if (stream)
             throw std::logic_error("this worker already carries a stream");
-        auto started = std::make_unique<obs::output>(outage_limit, route, portal_limit);
+        auto started = std::make_unique<obs::output>(limits, route);
         started->set_stopped_handler([&writer](const std::string& error) {
             writer.send(obs::pipe::event_line(obs::pipe::stopped_event, error));
         });

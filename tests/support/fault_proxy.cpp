@@ -22,6 +22,10 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
+// The most a connection holds per direction before the proxy stops reading from the
+// sender: a slow receiver slows the sender down, as on a real path.
+constexpr std::size_t max_held_bytes = 256 * 1024;
+
 void set_nonblocking(int fd)
 {
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
@@ -36,6 +40,7 @@ struct chunk {
 struct end {
     int fd = -1;
     std::deque<chunk> pending;
+    std::size_t pending_bytes = 0;
     bool finished = false; // it closed its side
 };
 
@@ -70,6 +75,11 @@ fault_proxy::fault_proxy(int target_port) : target_port_(target_port)
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
+    // Accepted connections inherit a small receive buffer, so that a stall blocks the
+    // sender after a few kB rather than the megabytes loopback would take.
+    int receive_buffer = 4096;
+    if (listener_ >= 0)
+        ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
     if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
         ::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
@@ -167,7 +177,8 @@ void fault_proxy::run()
         std::vector<std::pair<link*, end*>> owners{{nullptr, nullptr}, {nullptr, nullptr}};
         for (auto& l : current.links)
             for (end* side : {&l.client, &l.server}) {
-                short events = side->finished ? 0 : POLLIN;
+                const end& other = side == &l.client ? l.server : l.client;
+                short events = side->finished || stalled || other.pending_bytes >= max_held_bytes ? 0 : POLLIN;
                 if (!stalled && !side->pending.empty()) {
                     if (side->pending.front().due <= now)
                         events |= POLLOUT;
@@ -227,8 +238,10 @@ void fault_proxy::run()
             end& other = side == &l->client ? l->server : l->client;
             if (polled[i].revents & (POLLIN | POLLHUP | POLLERR)) {
                 ssize_t got = ::recv(side->fd, buffer, sizeof buffer, 0);
-                if (got > 0)
+                if (got > 0) {
                     other.pending.push_back({std::string(buffer, static_cast<std::size_t>(got)), now + latency});
+                    other.pending_bytes += static_cast<std::size_t>(got);
+                }
                 else if (got == 0 || (errno != EAGAIN && errno != EINTR))
                     side->finished = true;
             }
@@ -239,6 +252,7 @@ void fault_proxy::run()
                 ssize_t sent = ::send(side->fd, head.bytes.data(), sliced ? 1 : head.bytes.size(), MSG_NOSIGNAL);
                 if (sent > 0) {
                     head.bytes.erase(0, static_cast<std::size_t>(sent));
+                    side->pending_bytes -= static_cast<std::size_t>(sent);
                     if (head.bytes.empty())
                         side->pending.pop_front();
                     forwarded_ += static_cast<std::uint64_t>(sent);

@@ -28,8 +28,9 @@ public:
 
     /// Closes every open connection, both sides, without a word.
     void cut();
-    /// While on, bytes are read from both sides and kept; nothing is forwarded. Turning
-    /// it off forwards what was kept.
+    /// While on, nothing is read or forwarded: the kernel takes a few kB more, then the
+    /// senders' writes block, as on a path that went dark. Turning it off forwards
+    /// what was held.
     void stall(bool on);
     /// While on, every byte is written on its own.
     void slice(bool on);

@@ -344,23 +344,36 @@ std::optional<std::string> rtmp_ingest::statistics() const
     return body == std::string::npos ? std::string() : response.substr(body + 4);
 }
 
-bool rtmp_ingest::publishing(const std::string& key) const
+std::optional<std::string> rtmp_ingest::publisher(const std::string& key) const
 {
     auto xml = statistics();
     if (!xml)
-        return false;
+        return std::nullopt;
+    // <stream><name>KEY</name>...<client><id>N</id>...<publishing/>...</client>...</stream>
     std::string name = "<name>" + key + "</name>";
     std::size_t at = 0;
     while ((at = xml->find("<stream>", at)) != std::string::npos) {
         std::size_t end = xml->find("</stream>", at);
         if (end == std::string::npos)
-            return false;
+            return std::nullopt;
         std::string stream = xml->substr(at, end - at);
-        if (stream.find(name) != std::string::npos && stream.find("<publishing/>") != std::string::npos)
-            return true;
+        std::size_t publishing = stream.find("<publishing/>");
+        if (stream.find(name) != std::string::npos && publishing != std::string::npos) {
+            std::size_t client = stream.rfind("<client>", publishing);
+            std::size_t id = client == std::string::npos ? client : stream.find("<id>", client);
+            std::size_t id_end = id == std::string::npos ? id : stream.find("</id>", id);
+            if (id_end == std::string::npos)
+                return std::string();
+            return stream.substr(id + 4, id_end - id - 4);
+        }
         at = end;
     }
-    return false;
+    return std::nullopt;
+}
+
+bool rtmp_ingest::publishing(const std::string& key) const
+{
+    return publisher(key).has_value();
 }
 
 bool rtmp_ingest::wait_for_publishing(const std::string& key, std::chrono::milliseconds timeout) const

@@ -88,6 +88,9 @@ public:
 
     /// The status page (XML), fetched over loopback HTTP; nullopt when it cannot be read.
     std::optional<std::string> statistics() const;
+    /// The ingest's id of the connection publishing under key right now (nullopt when none
+    /// does): a stream that reconnected has a new one.
+    std::optional<std::string> publisher(const std::string& key) const;
     /// Whether someone publishes under key right now.
     bool publishing(const std::string& key) const;
     /// Polls the status page until key is published (true) or timeout passes (false).

@@ -5,6 +5,7 @@
 #include "core/orbweave_client.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
+#include "tests/support/fault_proxy.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/stderr_capture.hpp"
@@ -490,14 +491,18 @@ TEST(LateAnswers, AnAnswerAfterStopOrFromAnEarlierRunStartsNothing)
     EXPECT_TRUE(stream_workers().empty());
 }
 
-/// Streams across outages of the link to the service.
+/// Streams across outages of the link to the service, made by a proxy in front of it
+/// that cuts the link and refuses new connections for a while.
 class Outages : public ::testing::Test {
 protected:
     Outages()
-        : app(service, false, [](client_options& options) {
-              test_timings(options);
-              options.reconnect_delay_ms = 100;
-          })
+        : app(
+              service, false,
+              [](client_options& options) {
+                  test_timings(options);
+                  options.reconnect_delay_ms = 100;
+              },
+              proxy.port())
     {
         app.set_secret(service.issue_secret({"Ann", ""}));
         app.on_permission(allow_all);
@@ -517,33 +522,118 @@ protected:
         EXPECT_TRUE(ingest.wait_for_publishing("live", deadline));
     }
 
+    /// The link drops and every new attempt is refused until end_outage().
+    void begin_outage()
+    {
+        proxy.refuse(true);
+        proxy.cut();
+    }
+    void end_outage() { proxy.refuse(false); }
+
     test::rtmp_ingest ingest;
     sim::service_sim service;
+    test::fault_proxy proxy{service.port()};
     test::client_harness app;
 };
 
 TEST_F(Outages, AShortOutageKeepsTheStream)
 {
+    auto publisher = ingest.publisher("live");
+    ASSERT_TRUE(publisher);
     test::stderr_capture log;
-    service.stop();
+    begin_outage();
     EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline));
     EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline)); // a second failed attempt
-    service.start();
+    end_outage();
     EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline)); // "ready" with a stream running
-    EXPECT_TRUE(ingest.publishing("live"));
+    // The ingest saw nothing happen: the same connection publishes.
+    EXPECT_EQ(ingest.publisher("live"), publisher);
     EXPECT_EQ(log.count_lines_starting("Stopping all current streams"), 0);
+    EXPECT_EQ(log.count_lines_starting("The stream of source "), 0) << log.text();
 }
 
 TEST_F(Outages, ALongOutageStopsTheStreamsOnTheSixthAttempt)
 {
     test::stderr_capture log;
-    service.stop();
+    begin_outage();
     for (int failure = 1; failure <= 6; ++failure)
         EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline)) << failure;
     EXPECT_TRUE(ingest.wait_until_not_publishing("live", deadline));
     EXPECT_EQ(log.count_lines_starting("Stopping all current streams due to disconnection lasting 400ms"), 1);
-    service.start();
+    end_outage();
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline)); // nothing left to stream
+    EXPECT_TRUE(eventually([] { return stream_workers().empty(); })) << "a stream worker is left";
+}
+
+/// Streams to an ingest behind a proxy that can stall the path (take bytes, forward
+/// none), with workers that notice a second of silence.
+class StalledIngest : public Streams {
+protected:
+    explicit StalledIngest(std::chrono::milliseconds outage_limit)
+        : Streams([outage_limit](client_options& options) {
+              options.media.stream.ingest_outage_limit = outage_limit;
+              options.media.stream.send_stall_limit = 1s;
+          })
+    {
+    }
+
+    /// Starts a screen stream through the proxy; returns the screen's id.
+    std::string stream_through_path(const std::string& key)
+    {
+        std::string screen = source_id("screen");
+        EXPECT_EQ(activate(screen, key, "rtmp://127.0.0.1:" + std::to_string(path.port()) + "/live"),
+                  Json({{"status", "Success"}}));
+        EXPECT_TRUE(ingest.wait_for_publishing(key, deadline));
+        return screen;
+    }
+
+    test::fault_proxy path{ingest.rtmp_port()};
+};
+
+class LongStall : public StalledIngest {
+protected:
+    LongStall() : StalledIngest(1s) {}
+};
+
+TEST_F(LongStall, EndsTheStreamOnceTheIngestStaysAwayAndLaterActivationsWork)
+{
+    std::string screen = stream_through_path("stalled");
+    test::stderr_capture log;
+    path.stall(true);
+    // The stalled connection is given up, the reconnection finds the path still stalled,
+    // and after the outage limit the stream ends: the client is left connected.
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_EQ(log.count_lines_starting("The stream of source " + screen +
+                                       " ended: rtmp disconnected: the ingest did not come back within 1000 ms"),
+              1)
+        << log.text();
+    EXPECT_TRUE(eventually([] { return stream_workers().empty(); })) << "its worker is left";
+    EXPECT_FALSE(listed_active("screen", screen));
+    EXPECT_EQ(activate(screen, "after"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_for_publishing("after", deadline));
+}
+
+class ShortStall : public StalledIngest {
+protected:
+    ShortStall() : StalledIngest(20s) {}
+};
+
+TEST_F(ShortStall, ReconnectsTheStreamWhenThePathComesBack)
+{
+    std::string screen = stream_through_path("resumes");
+    auto before = ingest.publisher("resumes");
+    int connections = path.accepted();
+    test::stderr_capture log;
+    path.stall(true);
+    // The worker gives the stalled connection up and tries again; the path then clears.
+    ASSERT_TRUE(eventually([&] { return path.accepted() > connections; })) << "no new connection";
+    path.stall(false);
+    EXPECT_TRUE(eventually([&] {
+        auto now = ingest.publisher("resumes");
+        return now && now != before;
+    })) << "the stream did not come back";
+    EXPECT_TRUE(listed_active("screen", screen));
+    EXPECT_EQ(log.count_lines_starting("The stream of source "), 0) << log.text();
 }
 
 TEST(RequestsWithoutPermissionHandler, AreRejectedAtOnce)
