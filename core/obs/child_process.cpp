@@ -37,10 +37,12 @@ namespace {
 // made on a short-lived thread (a permission answer, a test thread) is not killed with it.
 class spawner {
 public:
+    /// Never destroyed: a thread still running when the process exits (a client that was not
+    /// stopped before exit, a listing thread mid-spawn) must find the spawner intact.
     static spawner& instance()
     {
-        static spawner one;
-        return one;
+        static spawner* one = new spawner;
+        return *one;
     }
 
     template <class F>
@@ -57,16 +59,6 @@ public:
         return future.get();
     }
 
-    ~spawner()
-    {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stop_ = true;
-        }
-        wake_.notify_one();
-        thread_.join();
-    }
-
 private:
     spawner() : thread_([this] { loop(); }) {}
 
@@ -74,9 +66,7 @@ private:
     {
         std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
-            wake_.wait(lock, [this] { return stop_ || !jobs_.empty(); });
-            if (jobs_.empty())
-                return;
+            wake_.wait(lock, [this] { return !jobs_.empty(); });
             auto job = std::move(jobs_.front());
             jobs_.pop_front();
             lock.unlock();
@@ -88,7 +78,6 @@ private:
     std::mutex mutex_;
     std::condition_variable wake_;
     std::deque<std::function<void()>> jobs_;
-    bool stop_ = false;
     std::thread thread_;
 };
 
