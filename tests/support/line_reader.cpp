@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace orbweave::test {
@@ -17,9 +18,9 @@ std::optional<std::string> line_reader::next(std::chrono::milliseconds timeout)
             lines_.push_back(line);
             return line;
         }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return std::nullopt;
+        // Past the deadline it still looks once, so a zero time-out reads what is there now.
+        auto left = std::max(std::chrono::milliseconds(0), std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                               deadline - std::chrono::steady_clock::now()));
         pollfd fd{fd_, POLLIN, 0};
         int ready = ::poll(&fd, 1, static_cast<int>(left.count()));
         if (ready < 0 && errno == EINTR)
