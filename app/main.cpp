@@ -95,6 +95,7 @@ int main(int argc, char** argv)
     settings.client.transport.ca_file = options.ca_file;
     command_line::use_capture_route(options.capture, settings.client);
     settings.client.media.restore_tokens = app::state_home().toStdString() + "/orbweave/restore-tokens.json";
+    settings.client.media.warm = true;
     app::app_delegate delegate(bus, preferences, secrets, settings);
     // Consent through the desktop's notifications, or a dialog where they cannot ask.
     delegate.set_autostart(&launch_at_login);

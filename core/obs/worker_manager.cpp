@@ -40,6 +40,17 @@ worker_manager::worker_manager(post_function post, options options)
     : options_(std::move(options)), post_(std::move(post)), tokens_(options_.restore_tokens),
       listing_thread_(std::make_unique<serial_executor>())
 {
+    if (!options_.warm)
+        return;
+    listing_thread_->post([this] {
+        try {
+            listing_worker();
+        } catch (const std::exception&) {
+            // Logged by the worker; the first list tries again.
+        }
+    });
+    spare_thread_ = std::make_unique<serial_executor>();
+    refill_spare();
 }
 
 worker_manager::~worker_manager()
@@ -54,7 +65,13 @@ worker_manager::~worker_manager()
         }
     }
     changed_.notify_all();
+    {
+        std::lock_guard<std::mutex> lock(spare_mutex_);
+        spare_closing_ = true;
+    }
     // The stream threads shut their workers down meanwhile, all at once.
+    spare_thread_.reset();
+    spare_.reset();
     listing_thread_.reset();
     listing_worker_.reset();
     {
@@ -98,7 +115,9 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
     activation outcome;
     std::unique_ptr<worker> process;
     try {
-        process = std::make_unique<worker>(options_.stream);
+        process = take_spare();
+        if (!process)
+            process = std::make_unique<worker>(options_.stream);
         std::uint64_t generation = record->generation;
         // Watched from the start: a death right after the start is still noticed.
         process->set_exit_handler(
@@ -128,6 +147,9 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
     } catch (const std::exception& error) {
         outcome.error = error.what();
     }
+    // The next spare starts once this start is over, so the two do not compete.
+    if (options_.warm)
+        refill_spare();
 
     {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -288,6 +310,64 @@ worker& worker_manager::listing_worker()
     if (!listing_worker_ || !listing_worker_->alive())
         listing_worker_ = std::make_unique<worker>(options_.listing);
     return *listing_worker_;
+}
+
+std::unique_ptr<worker> worker_manager::take_spare()
+{
+    if (!options_.warm)
+        return nullptr;
+    std::unique_ptr<worker> taken;
+    {
+        std::lock_guard<std::mutex> lock(spare_mutex_);
+        taken = std::move(spare_);
+        spare_deaths_ = 0;
+    }
+    // Its exit handler would start another spare: from here on the stream watches it.
+    if (taken)
+        taken->set_exit_handler(nullptr);
+    if (taken && !taken->alive())
+        taken.reset();
+    return taken;
+}
+
+void worker_manager::refill_spare()
+{
+    std::lock_guard<std::mutex> lock(spare_mutex_);
+    if (spare_closing_ || spare_starting_ || (spare_ && spare_->alive()) || spare_deaths_ >= 3)
+        return;
+    // Posted under the lock: the destructor marks closing under it before it ends the thread.
+    spare_starting_ = spare_thread_->post([this] { start_spare(); });
+}
+
+void worker_manager::start_spare()
+{
+    std::unique_ptr<worker> fresh;
+    try {
+        fresh = std::make_unique<worker>(options_.stream);
+        // A spare that dies is replaced (the worker logs its end).
+        fresh->set_exit_handler([this](const std::string&) { spare_died(); });
+    } catch (const std::exception&) {
+        // Logged by the worker.
+    }
+    bool started = fresh != nullptr;
+    std::unique_ptr<worker> dead; // a spare that died, shut down once the lock is released
+    {
+        std::lock_guard<std::mutex> lock(spare_mutex_);
+        spare_starting_ = false;
+        dead = std::move(spare_);
+        spare_ = std::move(fresh);
+    }
+    if (!started)
+        spare_died();
+}
+
+void worker_manager::spare_died()
+{
+    {
+        std::lock_guard<std::mutex> lock(spare_mutex_);
+        ++spare_deaths_;
+    }
+    refill_spare();
 }
 
 template <class Entry>

@@ -37,6 +37,10 @@ public:
         worker::options stream = stream_worker_options();
         /// Where the portal's restore tokens are kept (per source id); "" keeps none.
         std::string restore_tokens;
+        /// Start the listing worker at once, and keep one stream worker started ahead of
+        /// the next activation (the spare), so neither a first list nor an activation
+        /// waits for a worker to start. The front ends turn it on.
+        bool warm = false;
     };
 
     /// Runs a task on the owner's thread, or drops it once the owner has stopped. It is
@@ -132,6 +136,14 @@ private:
     void report_streams_locked();
     void join_finished();
     worker& listing_worker();
+    /// The spare stream worker, if one is ready; a new spare starts in the background.
+    std::unique_ptr<worker> take_spare();
+    /// Starts a spare on the spare thread unless one is ready or starting.
+    void refill_spare();
+    /// On the spare thread: starts a worker and keeps it as the spare.
+    void start_spare();
+    /// A spare died or could not start: another is started, unless too many did in a row.
+    void spare_died();
     template <class Entry>
     Json marked(const std::vector<Entry>& entries) const;
     /// use(the listing worker's entries of kind); a default result for no kind.
@@ -158,6 +170,17 @@ private:
     // Used only on the listing thread (and by the destructor once that has ended).
     std::unique_ptr<worker> listing_worker_;
     std::unique_ptr<serial_executor> listing_thread_;
+
+    // The spare stream worker (options.warm): started on the spare thread, taken by the
+    // next activation. It is not a stream: nothing lists, counts or reports it.
+    std::mutex spare_mutex_;
+    std::unique_ptr<worker> spare_;
+    bool spare_starting_ = false;
+    bool spare_closing_ = false;
+    // Spares that died unused (or did not start) in a row; after three, none is started
+    // until the next activation, so a worker that cannot run is not restarted forever.
+    int spare_deaths_ = 0;
+    std::unique_ptr<serial_executor> spare_thread_;
 };
 
 } // namespace orbweave::obs

@@ -12,10 +12,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <thread>
 
 namespace orbweave {
@@ -370,6 +372,72 @@ TEST_F(Streams, AHangingStartNeitherStallsTheLinkNorOutlivesADeactivate)
 }
 
 // Workers whose calls time out quickly, for a worker that stops answering.
+// The front ends keep the listing worker and one spare stream worker started ahead of
+// the requests, so neither a first list nor an activation waits for a worker to start.
+class WarmWorkers : public Streams {
+protected:
+    WarmWorkers()
+        : Streams([](client_options& options) {
+              test_timings(options);
+              options.media.warm = true;
+          })
+    {
+    }
+
+    /// The one stream worker running besides those in busy, once there is exactly one.
+    std::optional<int> spare_besides(const std::vector<int>& busy)
+    {
+        std::optional<int> found;
+        eventually([&] {
+            std::vector<int> others;
+            for (int pid : stream_workers())
+                if (std::find(busy.begin(), busy.end(), pid) == busy.end())
+                    others.push_back(pid);
+            found = others.size() == 1 ? std::optional<int>(others.front()) : std::nullopt;
+            return found.has_value();
+        });
+        return found;
+    }
+};
+
+TEST_F(WarmWorkers, AnActivationTakesTheSpareAndASpareThatDiesIsReplaced)
+{
+    // Both start with the client, before any request: the listing worker and the spare.
+    auto spare = spare_besides({});
+    ASSERT_TRUE(spare);
+    EXPECT_TRUE(eventually([] { return test::children_running(::getpid(), {"orbweave-media-worker"}).size() == 2; }));
+
+    // The spare is not a stream: nothing is listed active, nothing is reported.
+    std::string screen = source_id("screen");
+    EXPECT_FALSE(listed_active("screen", screen));
+    EXPECT_FALSE(app.streams().pop(0ms));
+
+    ASSERT_EQ(activate(screen, "warm"), Json({{"status", "Success"}}));
+    ASSERT_TRUE(ingest.wait_for_publishing("warm", deadline));
+    EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
+    // A new spare starts once the stream runs.
+    auto next = spare_besides({*spare});
+    ASSERT_TRUE(next);
+
+    // A spare that dies is replaced, and the stream runs on.
+    ASSERT_EQ(::kill(*next, SIGKILL), 0);
+    EXPECT_TRUE(spare_besides({*spare, *next}));
+    EXPECT_TRUE(ingest.publishing("warm"));
+    EXPECT_TRUE(listed_active("screen", screen));
+
+    // The stream runs in the worker that was the spare: ending it ends the stream.
+    ASSERT_EQ(::kill(*spare, SIGKILL), 0);
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("warm", deadline));
+
+    // Later activations take the replacement; nothing is left once the client has stopped.
+    ASSERT_EQ(activate(screen, "again"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_for_publishing("again", deadline));
+    app.client().stop();
+    app.client().join();
+    EXPECT_TRUE(test::children_running(::getpid(), {"orbweave-media-worker"}).empty());
+}
+
 class FrozenWorker : public Streams {
 protected:
     FrozenWorker()
