@@ -1,27 +1,34 @@
-// Streaming figures, ours side by side with an ffmpeg pusher in the same run, on the
-// same screen content and the same private nginx-rtmp ingest. One line per figure:
+// Streaming figures, ours side by side with ffmpeg in the same run, on the same screen
+// content and the same private nginx-rtmp ingest. One line per figure:
 //
+//   list_first_after_connect_ms, list_KIND_ms: list request to reply, the first one right
+//     after the client connected, then per kind (median of 5).
 //   activation_to_first_frame_ms ours=.. ffmpeg=.. ratio=..   (median of 5)
-//     ours: the simulator sends "activate" (screen 0, "medium") to the client over
-//     loopback TLS, until a player started before the request decodes the first frame;
-//     ffmpeg: spawning the reference pusher until the same player decodes its first frame.
-//   activation_client_in_ms, activation_worker_ready_ms, activation_reply_ms: where ours
-//     stands (medians, from the request) when the client has the request, when the new
-//     worker logs the request it builds the stream for (started, source and canvas made),
-//     and when the simulator has the "Success" reply (the output is active); then from
-//     that reply to the first decoded frame (encoder delay, ingest, player).
-//   worker_start_deferred_ms, worker_activate_op_ms: the stream worker driven directly,
-//     spawn to ready, and the activate request to its answer (medians).
+//     ours: the simulator sends "activate" (screen 0, "medium") to the client over loopback
+//     TLS, until the first coded video frame (not the decoder configuration) has reached the
+//     ingest, as a proxy in front of nginx reads the RTMP chunk stream; ffmpeg: spawning the
+//     reference pusher (x11grab + libx264 veryfast, video only) until the same.
+//   activation_to_first_frame_vs_ffmpeg_with_audio_ms: the same, against ffmpeg with the
+//     PulseAudio input as well.
+//   activation_client_in_ms, _worker_ready_ms, _rtmp_connected_ms, _reply_ms,
+//     _first_packet_ms: where ours stands (medians, from the request): the client has the
+//     request; the stream worker has its canvas and source and starts the output (it logs
+//     the order); its RTMP connection reaches the ingest; the "Success" reply is at the
+//     service (the output is active); the first audio or video message is at the ingest.
+//   worker_start_deferred_ms, worker_activate_op_ms: a stream worker driven directly, spawn
+//     to ready, and the activate request to its answer (medians): what the spare saves.
 //   stream_cpu_s_per_s ours=.. ffmpeg=.. ratio=..: CPU seconds per second of the stream
-//     worker process and of the ffmpeg pusher, 1280x720 at 1500 kbps, each over 30 s of
-//     a moving test pattern.
-//   stream_frames_30s, stream_dropped_frames_30s, stream_lagged_frames_30s,
-//     stream_skipped_frames_30s: our stream over the same 30 s (the worker's "stats").
+//     worker and of the ffmpeg pusher, 1280x720 at 1500 kbps, each over 60 s of a moving
+//     test pattern.
+//   stream_frames_60s, stream_dropped_frames_60s, stream_lagged_frames_60s,
+//     stream_skipped_frames_60s: our stream over the same 60 s (the worker's "stats").
 //   test_pattern_cpu_s_per_s, machine_load_1m: what else ran meanwhile (2 cores here).
-//   agent_idle_cpu_s_per_s, agent_rss_kib, listing_worker_idle_cpu_s_per_s,
-//     listing_worker_rss_kib: orbweave-agent paired with the simulator and idle (10 s),
-//     after one list (which starts its listing worker).
+//   scaling_N_streams_cpu_s_per_s_per_stream, scaling_N_streams_rss_kib_per_stream: N = 1,
+//     2 and 4 streams of the screen at once, one worker each (10 s).
+//   agent_idle_cpu_s_per_s, agent_rss_kib, spare_worker_*, listing_worker_*: orbweave-agent
+//     paired with the simulator and idle (10 s) after one list, and its two workers.
 //
+// With ORBWEAVE_BENCH_JSON set, the figures are also written there as one JSON object.
 // Everything is started here on a private display, PulseAudio, nginx and free ports, and
 // stopped at the end. Standard error of this program and everything it starts goes to a
 // log file while it runs; its tail is shown when something fails.
@@ -30,8 +37,10 @@
 #include "core/obs/worker.hpp"
 #include "core/orbweave_client.hpp"
 #include "tests/support/client_harness.hpp"
+#include "tests/support/fault_proxy.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_chunks.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
@@ -51,6 +60,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -69,7 +79,8 @@ using clock_type = std::chrono::steady_clock;
 constexpr int activation_runs = 5;
 constexpr auto deadline = 20s;
 constexpr auto warm_up = 2s;
-constexpr auto steady_window = 30s;
+constexpr auto steady_window = 60s;
+constexpr auto scaling_window = 10s;
 constexpr auto idle_window = 10s;
 constexpr int width = 1280;
 constexpr int height = 720;
@@ -91,8 +102,12 @@ double median(std::vector<double> values)
     return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
+// Every figure printed, for the machine-readable summary.
+Json summary = Json::object();
+
 void figure(const std::string& name, double value, const char* format = "%.0f")
 {
+    summary[name] = value;
     std::fprintf(out, "%s ", name.c_str());
     std::fprintf(out, format, value);
     std::fprintf(out, "\n");
@@ -101,6 +116,7 @@ void figure(const std::string& name, double value, const char* format = "%.0f")
 
 void side_by_side(const std::string& name, double ours, double theirs, const char* format)
 {
+    summary[name] = {{"ours", ours}, {"ffmpeg", theirs}, {"ratio", theirs > 0 ? ours / theirs : 0.0}};
     std::fprintf(out, "%s ours=", name.c_str());
     std::fprintf(out, format, ours);
     std::fprintf(out, " ffmpeg=");
@@ -270,6 +286,94 @@ private:
     std::thread reader_;
 };
 
+// ---- the ingest's side of the wire --------------------------------------------------------
+
+/// A proxy in front of the ingest that reads what each publisher sends and notes when its
+/// connection opened, its first audio or video message arrived whole, and its first coded
+/// video frame (not the decoder configuration) arrived whole.
+class wire_watch {
+public:
+    struct arrival {
+        clock_type::time_point connected;
+        std::optional<clock_type::time_point> first_media;
+        std::optional<clock_type::time_point> first_frame;
+    };
+
+    explicit wire_watch(const test::rtmp_ingest& ingest) : proxy_(ingest.rtmp_port())
+    {
+        proxy_.tap([this](int connection, std::string_view bytes) { on_bytes(connection, bytes); });
+    }
+
+    /// The server to publish to through the watch.
+    std::string url() const { return "rtmp://127.0.0.1:" + std::to_string(proxy_.port()) + "/live"; }
+
+    /// Connections opened from now on are the ones wait_first_frame() looks at.
+    void expect_new() { std::lock_guard<std::mutex> lock(mutex_); from_ = proxy_.accepted() + 1; }
+
+    /// The first connection since expect_new() that carried a coded video frame.
+    arrival wait_first_frame(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        std::optional<arrival> found;
+        bool arrived = changed_.wait_for(lock, timeout, [&] {
+            for (auto it = connections_.lower_bound(from_); it != connections_.end(); ++it)
+                if (it->second.times.first_frame) {
+                    found = it->second.times;
+                    return true;
+                }
+            return false;
+        });
+        if (!arrived)
+            throw std::runtime_error("no coded video frame reached the ingest in time");
+        return *found;
+    }
+
+private:
+    struct connection {
+        explicit connection(std::function<void(const test::rtmp_chunks::message&)> on_message)
+            : reader(std::move(on_message))
+        {
+        }
+        test::rtmp_chunks reader;
+        arrival times;
+    };
+
+    void on_bytes(int number, std::string_view bytes)
+    {
+        auto now = clock_type::now();
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto found = connections_.find(number);
+        if (found == connections_.end()) {
+            found = connections_
+                        .emplace(std::piecewise_construct, std::forward_as_tuple(number),
+                                 std::forward_as_tuple([this, number](const test::rtmp_chunks::message& m) {
+                                     on_message(number, m);
+                                 }))
+                        .first;
+            found->second.times.connected = now;
+        }
+        found->second.reader.feed(bytes);
+        changed_.notify_all();
+    }
+
+    /// Called from feed(), with mutex_ held.
+    void on_message(int number, const test::rtmp_chunks::message& m)
+    {
+        arrival& times = connections_.at(number).times;
+        auto now = clock_type::now();
+        if (!times.first_media && (m.type == test::rtmp_chunks::audio || m.type == test::rtmp_chunks::video))
+            times.first_media = now;
+        if (!times.first_frame && test::rtmp_chunks::is_coded_video(m))
+            times.first_frame = now;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<int, connection> connections_;
+    int from_ = 1;
+    test::fault_proxy proxy_;
+};
+
 // ---- players and pushers ----------------------------------------------------------------
 
 std::string program_beside_us(const std::string& name)
@@ -282,101 +386,21 @@ std::string program_beside_us(const std::string& name)
     return path.substr(0, path.rfind('/') + 1) + name;
 }
 
-/// ffmpeg playing key from the ingest, started before anyone publishes it: it decodes the
-/// first video frame, writes it (tiny, grey) to its standard output and exits. Probing
-/// stops as soon as it may: flv over RTMP is probed until both the audio and the video
-/// stream have shown up, and "-analyzeduration 1" (microsecond) stops it right there
-/// instead of 5 s (or 200 ms, as tried: that cost ours ~150 ms more than ffmpeg's pusher,
-/// whose audio arrives later). The packets read while probing are kept: with "-fflags
-/// nobuffer" the first key frame is dropped and the player waits for the next one, 2 s later.
-class player {
-public:
-    player(const test::rtmp_ingest& ingest, const std::string& key)
-    {
-        obs::child_process::options options;
-        options.argv = {"ffmpeg", "-nostdin", "-loglevel", "error", "-rw_timeout", "20000000",
-                        "-analyzeduration", "1", "-i", ingest.stream_url(key), "-map", "0:v:0",
-                        "-frames:v", "1", "-vf", "scale=32:18", "-pix_fmt", "gray", "-f", "rawvideo",
-                        "-flush_packets", "1", "pipe:1"};
-        options.pipe_stdout = true;
-        process_ = std::make_unique<obs::child_process>(options);
-        watcher_ = std::thread([this, end = clock_type::now() + 2 * deadline] { watch(end); });
-        // The player is waiting once nginx lists the stream it asked for.
-        std::string name = "<name>" + key + "</name>";
-        if (!poll_until([&] {
-                auto xml = ingest.statistics();
-                return xml && xml->find(name) != std::string::npos;
-            }, deadline)) {
-            process_->kill_and_wait();
-            watcher_.join();
-            throw std::runtime_error("the player did not reach the ingest");
-        }
-    }
-
-    /// When the first frame's bytes arrived; throws when none came in time.
-    clock_type::time_point wait_first_frame()
-    {
-        if (watcher_.joinable())
-            watcher_.join();
-        if (!first_frame_)
-            throw std::runtime_error("no frame reached the player in time (" + failure_ + ")");
-        return *first_frame_;
-    }
-
-    ~player()
-    {
-        // Done after one frame; one that is still waiting is stopped.
-        if (!process_->wait_for(2s))
-            process_->kill_and_wait();
-        if (watcher_.joinable())
-            watcher_.join();
-    }
-
-private:
-    /// Stamps the arrival of the first bytes on the player's standard output, from the start.
-    void watch(clock_type::time_point end)
-    {
-        for (;;) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - clock_type::now());
-            if (left.count() <= 0) {
-                failure_ = "time-out";
-                return;
-            }
-            pollfd entry{process_->stdout_fd(), POLLIN, 0};
-            int ready = ::poll(&entry, 1, static_cast<int>(left.count()));
-            if (ready < 0 && errno == EINTR)
-                continue;
-            if (ready <= 0)
-                continue;
-            auto at = clock_type::now();
-            char bytes[64];
-            if (::read(process_->stdout_fd(), bytes, sizeof bytes) <= 0) {
-                failure_ = "the player ended without a frame";
-                return;
-            }
-            first_frame_ = at;
-            return;
-        }
-    }
-
-    std::unique_ptr<obs::child_process> process_;
-    std::optional<clock_type::time_point> first_frame_;
-    std::string failure_;
-    std::thread watcher_;
-};
-
-/// The reference: ffmpeg capturing the screen and the default PulseAudio source, x264
-/// veryfast and AAC, pushed to the ingest. 4:2:0 like ours (x11grab's BGR0 would otherwise
-/// make libx264 encode 4:4:4).
-std::unique_ptr<obs::child_process> start_ffmpeg_pusher(const std::string& url)
+/// The reference: ffmpeg capturing the screen (and the default PulseAudio source unless
+/// video only), x264 veryfast (and AAC), pushed to the ingest. 4:2:0 like ours (x11grab's
+/// BGR0 would otherwise make libx264 encode 4:4:4).
+std::unique_ptr<obs::child_process> start_ffmpeg_pusher(const std::string& url, bool with_audio = true)
 {
     obs::child_process::options options;
     std::string display = std::getenv("DISPLAY");
     options.argv = {"ffmpeg", "-nostdin", "-loglevel", "error", "-f", "x11grab", "-video_size",
                     std::to_string(width) + "x" + std::to_string(height), "-framerate", "30", "-i",
-                    display + ".0", "-f", "pulse", "-i", "default", "-pix_fmt", "yuv420p", "-c:v", "libx264",
-                    "-preset", "veryfast", "-b:v", "1500k", "-maxrate", "1500k", "-bufsize", "1500k", "-g",
-                    "60", "-c:a", "aac", "-f", "flv", url};
+                    display + ".0"};
+    if (with_audio)
+        options.argv.insert(options.argv.end(), {"-f", "pulse", "-i", "default", "-c:a", "aac"});
+    options.argv.insert(options.argv.end(), {"-pix_fmt", "yuv420p", "-c:v", "libx264", "-preset", "veryfast", "-b:v",
+                                             "1500k", "-maxrate", "1500k", "-bufsize", "1500k", "-g", "60", "-f", "flv",
+                                             url});
     return std::make_unique<obs::child_process>(options);
 }
 
@@ -423,18 +447,22 @@ std::unique_ptr<obs::child_process> start_moving_content()
 
 // ---- the benchmark ----------------------------------------------------------------------
 
+/// Milliseconds from the activate request, each step as it is seen.
 struct activation_times {
-    double first_frame = 0;
-    double client_in = 0;
-    double worker_ready = 0;
-    double reply = 0;
+    double client_in = 0;     // the client has the request ("In: ")
+    double worker_ready = 0;  // the stream worker has its canvas and source, and starts the output
+    double connected = 0;     // the worker's RTMP connection reaches the ingest
+    double reply = 0;         // "Success" at the service: the output is active
+    double first_packet = 0;  // the first audio or video message is at the ingest
+    double first_frame = 0;   // the first coded video frame is at the ingest
 };
 
 class bench {
 public:
     bench(stderr_log& log)
-        : log_(log), app_(service_, false, [](client_options& options) {
+        : log_(log), wire_(ingest_), app_(service_, false, [](client_options& options) {
               options.keepalive_interval_ms = 5000; // production pace: keep the log quiet
+              options.media.warm = true;            // as the front ends run it
           })
     {
         app_.set_secret(service_.issue_secret({"Bench", ""}));
@@ -445,46 +473,74 @@ public:
         app_.start();
         if (!app_.wait_for_state(callback::state_type::connected, deadline) || !service_.wait_for_connection(deadline))
             throw std::runtime_error("the client did not connect to the simulator");
-        // As the service does: list first, then activate what it listed.
+        // As the service does: list first (right after connecting), then activate what it listed.
+        auto sent = clock_type::now();
         auto state = service_.list("screen");
         auto reply = state ? service_.wait_for_reply(*state, deadline) : std::nullopt;
         if (!reply || json::string_at(reply->message, {"payload", "status"}) != "Success")
             throw std::runtime_error("listing the screens failed");
+        first_list_ms_ = ms_between(sent, reply->at);
         screen_entry_ = reply->message["payload"]["results"][0];
         screen_id_ = json::string_at(screen_entry_, {"id"});
     }
 
     void run()
     {
+        listing();
         activation();
-        steady_state();
+        {
+            auto content = start_moving_content();
+            steady_state(*content);
+            scaling();
+        }
         agent_idle();
     }
 
 private:
-    sim::activation request_for(const std::string& key) const
+    sim::activation request_for(const std::string& key, const std::string& server) const
     {
         sim::activation request;
         request.source_id = screen_id_;
         request.profile = "medium";
-        request.server = ingest_.url();
+        request.server = server;
         request.key = key;
         return request;
+    }
+
+    /// List request to reply, per kind: the first one after connecting, then the median of 5.
+    void listing()
+    {
+        figure("list_first_after_connect_ms", first_list_ms_, "%.1f");
+        for (const char* kind : {"screen", "window", "audio", "video"}) {
+            std::vector<double> times;
+            for (int run = 0; run < 5; ++run) {
+                auto sent = clock_type::now();
+                auto state = service_.list(kind);
+                auto reply = state ? service_.wait_for_reply(*state, deadline) : std::nullopt;
+                if (!reply)
+                    throw std::runtime_error(std::string("list ") + kind + " was not answered");
+                times.push_back(ms_between(sent, reply->at));
+            }
+            figure(std::string("list_") + kind + "_ms", median(times), "%.1f");
+        }
     }
 
     activation_times activate_ours(int run)
     {
         std::string key = "ours-" + std::to_string(run);
-        player watcher(ingest_, key);
+        wire_.expect_new();
         auto sent = clock_type::now();
-        auto state = service_.activate(request_for(key));
+        auto state = service_.activate(request_for(key, wire_.url()));
         if (!state)
             throw std::runtime_error("the simulator could not send activate");
         auto reply = service_.wait_for_reply(*state, deadline);
         if (!reply || json::string_at(reply->message, {"payload", "status"}) != "Success")
             throw std::runtime_error("activate was not answered Success: " + (reply ? reply->text : "no reply"));
         activation_times times;
-        times.first_frame = ms_between(sent, watcher.wait_first_frame());
+        wire_watch::arrival arrived = wire_.wait_first_frame(deadline);
+        times.connected = ms_between(sent, arrived.connected);
+        times.first_packet = ms_between(sent, *arrived.first_media);
+        times.first_frame = ms_between(sent, *arrived.first_frame);
         times.reply = ms_between(sent, reply->at);
         auto client_in = log_.first(
             [](const std::string& line) {
@@ -506,35 +562,42 @@ private:
         return times;
     }
 
-    double activate_ffmpeg(int run)
+    /// ffmpeg started cold, until its first coded video frame is at the ingest.
+    double activate_ffmpeg(const std::string& key, bool with_audio)
     {
-        std::string key = "ffmpeg-" + std::to_string(run);
-        player watcher(ingest_, key);
+        wire_.expect_new();
         auto spawned = clock_type::now();
-        auto pusher = start_ffmpeg_pusher(ingest_.stream_url(key));
-        double first_frame = ms_between(spawned, watcher.wait_first_frame());
+        auto pusher = start_ffmpeg_pusher(wire_.url() + "/" + key, with_audio);
+        wire_watch::arrival arrived = wire_.wait_first_frame(deadline);
         stop_process(*pusher);
-        return first_frame;
+        return ms_between(spawned, *arrived.first_frame);
     }
 
     void activation()
     {
         progress("activation, " + std::to_string(activation_runs) + " runs each");
-        std::vector<double> ours, theirs, client_in, worker_ready, reply, after_reply;
+        std::vector<activation_times> ours;
+        std::vector<double> video_only, with_audio;
         for (int run = 0; run < activation_runs; ++run) {
-            activation_times times = activate_ours(run);
-            ours.push_back(times.first_frame);
-            client_in.push_back(times.client_in);
-            worker_ready.push_back(times.worker_ready);
-            reply.push_back(times.reply);
-            after_reply.push_back(times.first_frame - times.reply);
-            theirs.push_back(activate_ffmpeg(run));
+            ours.push_back(activate_ours(run));
+            video_only.push_back(activate_ffmpeg("ffmpeg-video-" + std::to_string(run), false));
+            with_audio.push_back(activate_ffmpeg("ffmpeg-audio-" + std::to_string(run), true));
         }
-        side_by_side("activation_to_first_frame_ms", median(ours), median(theirs), "%.0f");
-        figure("activation_client_in_ms", median(client_in), "%.1f");
-        figure("activation_worker_ready_ms", median(worker_ready));
-        figure("activation_reply_ms", median(reply));
-        figure("activation_reply_to_first_frame_ms", median(after_reply));
+        auto step = [&](double activation_times::*field) {
+            std::vector<double> values;
+            for (const auto& times : ours)
+                values.push_back(times.*field);
+            return median(values);
+        };
+        side_by_side("activation_to_first_frame_ms", step(&activation_times::first_frame), median(video_only), "%.0f");
+        side_by_side("activation_to_first_frame_vs_ffmpeg_with_audio_ms", step(&activation_times::first_frame),
+                     median(with_audio), "%.0f");
+        // Where our time goes, each step from the request (medians).
+        figure("activation_client_in_ms", step(&activation_times::client_in), "%.1f");
+        figure("activation_worker_ready_ms", step(&activation_times::worker_ready));
+        figure("activation_rtmp_connected_ms", step(&activation_times::connected));
+        figure("activation_reply_ms", step(&activation_times::reply));
+        figure("activation_first_packet_ms", step(&activation_times::first_packet));
 
         // The stream worker alone, as the client drives it.
         std::vector<double> starts, activations;
@@ -562,13 +625,14 @@ private:
         auto source = obs::source_entry_from_json(screen_entry_);
         if (!source)
             throw std::runtime_error("the listed screen is not a catalogue entry");
-        return {*source, obs::activate_request::parse(service_.activate_message(request_for(key), "bench")), 1500, ""};
+        return {*source,
+                obs::activate_request::parse(service_.activate_message(request_for(key, ingest_.url()), "bench")),
+                1500, ""};
     }
 
-    void steady_state()
+    void steady_state(const obs::child_process& content)
     {
-        progress("steady state, 30 s each on a moving pattern");
-        auto content = start_moving_content();
+        progress("steady state, 60 s each on a moving pattern");
 
         // Ours: the stream worker exactly as the client starts it, driven directly so its
         // counters can be read.
@@ -580,7 +644,7 @@ private:
             throw std::runtime_error("the worker did not start the stream: " + started.error);
         std::this_thread::sleep_for(warm_up); // past the start-up burst
         Json before = stream.call(Json{{"op", "stats"}});
-        auto rates = cpu_rates({stream.pid(), content->pid()}, steady_window);
+        auto rates = cpu_rates({stream.pid(), content.pid()}, steady_window);
         Json after = stream.call(Json{{"op", "stats"}});
         if (!ingest_.publishing("steady-ours"))
             throw std::runtime_error("our stream was not publishing at the end of the window");
@@ -592,7 +656,7 @@ private:
         if (!ingest_.wait_for_publishing("steady-ffmpeg", deadline))
             throw std::runtime_error("the ffmpeg pusher did not publish");
         std::this_thread::sleep_for(warm_up);
-        rates = cpu_rates({pusher->pid(), content->pid()}, steady_window);
+        rates = cpu_rates({pusher->pid(), content.pid()}, steady_window);
         if (!ingest_.publishing("steady-ffmpeg"))
             throw std::runtime_error("the ffmpeg pusher was not publishing at the end of the window");
         stop_process(*pusher);
@@ -602,16 +666,49 @@ private:
             return static_cast<double>(json::at(after, {key}).get<long long>() -
                                        json::at(before, {key}).get<long long>());
         };
-        figure("stream_frames_30s", delta("frames"));
-        figure("stream_dropped_frames_30s", delta("dropped"));
-        figure("stream_lagged_frames_30s", delta("lagged"));
-        figure("stream_skipped_frames_30s", delta("skipped"));
+        figure("stream_frames_60s", delta("frames"));
+        figure("stream_dropped_frames_60s", delta("dropped"));
+        figure("stream_lagged_frames_60s", delta("lagged"));
+        figure("stream_skipped_frames_60s", delta("skipped"));
         figure("test_pattern_cpu_s_per_s", (content_ours + rates[1]) / 2, "%.2f");
         // Other work on the machine skews both figures (and lags our renders): say how busy it was.
         std::ifstream load("/proc/loadavg");
         double one_minute = 0;
         if (load >> one_minute)
             figure("machine_load_1m", one_minute, "%.2f");
+    }
+
+    /// 1, 2 and 4 streams of the same screen at once, each in a worker of its own as the
+    /// client runs them: CPU (of one core) and RSS per stream.
+    void scaling()
+    {
+        progress("scaling: 1, 2 and 4 streams at once, 10 s each");
+        for (int count : {1, 2, 4}) {
+            std::vector<std::unique_ptr<obs::worker>> streams;
+            std::vector<pid_t> pids;
+            for (int i = 0; i < count; ++i) {
+                obs::worker::options options;
+                options.defer_video = true;
+                streams.push_back(std::make_unique<obs::worker>(options));
+                std::string key = "scale-" + std::to_string(count) + "-" + std::to_string(i);
+                obs::pipe::stream_result started = streams.back()->stream(order_for(key));
+                if (!started.started)
+                    throw std::runtime_error("stream " + key + " did not start: " + started.error);
+                pids.push_back(streams.back()->pid());
+            }
+            std::this_thread::sleep_for(warm_up); // past the start-up burst
+            auto rates = cpu_rates(pids, scaling_window);
+            double cpu = 0, rss = 0;
+            for (std::size_t i = 0; i < pids.size(); ++i) {
+                cpu += rates[i];
+                rss += static_cast<double>(rss_kib(pids[i]));
+            }
+            std::string prefix = "scaling_" + std::to_string(count) + "_streams_";
+            figure(prefix + "cpu_s_per_s_per_stream", cpu / count, "%.2f");
+            figure(prefix + "rss_kib_per_stream", rss / count);
+            for (auto& stream : streams)
+                stream->shutdown();
+        }
     }
 
     void agent_idle()
@@ -638,17 +735,24 @@ private:
         if (!listed || !service.wait_for_reply(*listed, deadline))
             throw std::runtime_error("the agent did not answer list");
 
-        std::vector<pid_t> pids{agent.pid()};
-        auto workers = test::children_running(agent.pid(), {"orbweave-media-worker"});
-        if (!workers.empty())
-            pids.push_back(workers.front());
+        // Its workers: the listing worker, and the spare stream worker (started without a canvas).
+        std::vector<int> spare;
+        if (!poll_until([&] { return !(spare = test::children_running(agent.pid(), {"--defer-video"})).empty(); },
+                        deadline))
+            throw std::runtime_error("the agent started no spare stream worker");
+        std::vector<pid_t> pids{agent.pid(), spare.front()};
+        for (int pid : test::children_running(agent.pid(), {"orbweave-media-worker"}))
+            if (pid != spare.front())
+                pids.push_back(pid);
+        if (pids.size() != 3)
+            throw std::runtime_error("the agent does not run one listing worker");
         auto rates = cpu_rates(pids, idle_window);
         figure("agent_idle_cpu_s_per_s", rates[0], "%.3f");
         figure("agent_rss_kib", static_cast<double>(rss_kib(agent.pid())));
-        if (pids.size() > 1) {
-            figure("listing_worker_idle_cpu_s_per_s", rates[1], "%.3f");
-            figure("listing_worker_rss_kib", static_cast<double>(rss_kib(pids[1])));
-        }
+        figure("spare_worker_idle_cpu_s_per_s", rates[1], "%.3f");
+        figure("spare_worker_rss_kib", static_cast<double>(rss_kib(pids[1])));
+        figure("listing_worker_idle_cpu_s_per_s", rates[2], "%.3f");
+        figure("listing_worker_rss_kib", static_cast<double>(rss_kib(pids[2])));
         agent.kill(SIGTERM);
         if (!agent.wait_for(15s))
             agent.kill_and_wait();
@@ -656,10 +760,12 @@ private:
 
     stderr_log& log_;
     test::rtmp_ingest ingest_;
+    wire_watch wire_;
     sim::service_sim service_;
     test::client_harness app_;
     std::string screen_id_;
     Json screen_entry_;
+    double first_list_ms_ = 0;
 };
 
 } // namespace
@@ -678,6 +784,10 @@ int main()
         try {
             environment.SetUp();
             bench(log).run();
+            // The figures again, machine-readable, where scripts/bench asks for them.
+            if (const char* path = std::getenv("ORBWEAVE_BENCH_JSON")) {
+                std::ofstream(path) << summary.dump(2) << '\n';
+            }
         } catch (const std::exception& error) {
             std::fprintf(note, "bench_streaming: %s\nlast lines of the log:\n%s", error.what(), log.tail(30).c_str());
             status = 1;

@@ -7,7 +7,10 @@
 #include "media/encoders.hpp"
 #include "media/output.hpp"
 #include "media/runtime.hpp"
+#include "tests/support/eventually.hpp"
+#include "tests/support/fault_proxy.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_chunks.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/stderr_capture.hpp"
 
@@ -191,6 +194,59 @@ TEST_F(Streaming, ScreenAtMediumArrivesAsH264AndAacAndStopsWithItsWorker)
     EXPECT_NE(text.find("\"key\":\"***\""), std::string::npos);
     EXPECT_EQ(text.find(secret_key), std::string::npos) << "the stream key reached the log";
     EXPECT_EQ(log.count_lines_starting(software_fallback_line), 0);
+}
+
+TEST_F(Streaming, TheIngestGetsEachDecoderConfigurationBeforeTheFirstFrameAndAKeyFrameFirst)
+{
+    // Read off the wire between the worker and the ingest: a player that joins at the
+    // start decodes from the very first coded frame.
+    using test::rtmp_chunks;
+    std::mutex mutex;
+    std::vector<rtmp_chunks::message> seen; // audio and video, the first two payload bytes
+    std::atomic<bool> readable{true};
+    rtmp_chunks reader([&](const rtmp_chunks::message& m) {
+        if (m.type != rtmp_chunks::audio && m.type != rtmp_chunks::video)
+            return;
+        rtmp_chunks::message head = m;
+        head.payload.resize(std::min<std::size_t>(head.payload.size(), 2));
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back(head);
+    });
+    test::fault_proxy wire(ingest_->rtmp_port());
+    wire.tap([&](int, std::string_view bytes) {
+        if (!reader.feed(bytes))
+            readable = false;
+    });
+    auto count = [&](std::uint8_t type) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return std::count_if(seen.begin(), seen.end(), [&](const auto& m) { return m.type == type; });
+    };
+
+    auto media = stream_worker();
+    std::string key = new_key("on-the-wire");
+    auto [result, took] = activate(
+        *media, order_for(screen(0), {{"profile", "medium"}}, "rtmp://127.0.0.1:" + std::to_string(wire.port()) + "/live", key));
+    ASSERT_TRUE(result.started) << result.error;
+    ASSERT_TRUE(test::eventually([&] { return count(rtmp_chunks::video) > 10 && count(rtmp_chunks::audio) > 10; }, 15s));
+    media->shutdown();
+    ASSERT_TRUE(readable) << "the chunk stream did not read as RTMP";
+
+    std::lock_guard<std::mutex> lock(mutex);
+    auto first = [&](std::uint8_t type, std::size_t nth) -> std::string {
+        for (const auto& m : seen)
+            if (m.type == type && nth-- == 0)
+                return m.payload;
+        return {};
+    };
+    // Video: key frame + AVC; the decoder configuration (packet type 0), then a coded key frame.
+    EXPECT_EQ(first(rtmp_chunks::video, 0), std::string("\x17\x00", 2));
+    EXPECT_EQ(first(rtmp_chunks::video, 1), std::string("\x17\x01", 2));
+    // Audio: AAC (sound format 10), its configuration (packet type 0), then raw frames.
+    ASSERT_EQ(first(rtmp_chunks::audio, 0).size(), 2u);
+    ASSERT_EQ(first(rtmp_chunks::audio, 1).size(), 2u);
+    EXPECT_EQ(static_cast<std::uint8_t>(first(rtmp_chunks::audio, 0)[0]) >> 4, 10);
+    EXPECT_EQ(first(rtmp_chunks::audio, 0)[1], 0);
+    EXPECT_EQ(first(rtmp_chunks::audio, 1)[1], 1);
 }
 
 struct size_case {

@@ -45,6 +45,7 @@ struct end {
 };
 
 struct link {
+    int number = 0;
     end client;
     end server;
     std::size_t carried = 0;
@@ -144,6 +145,12 @@ void fault_proxy::refuse(bool on)
     refusing_ = on;
 }
 
+void fault_proxy::tap(tap_function watch)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    tap_ = std::move(watch);
+}
+
 void fault_proxy::cut_next_after(std::size_t bytes)
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -157,6 +164,7 @@ void fault_proxy::run()
     for (;;) {
         bool stalled, sliced;
         std::chrono::milliseconds latency;
+        tap_function tap;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (closing_)
@@ -167,6 +175,7 @@ void fault_proxy::run()
             stalled = stalled_;
             sliced = sliced_;
             latency = latency_;
+            tap = tap_;
         }
         current.links.remove_if([](const link& l) { return l.dead; });
 
@@ -222,6 +231,7 @@ void fault_proxy::run()
                     set_nonblocking(client);
                     set_nonblocking(server);
                     link added;
+                    added.number = accepted_;
                     added.client.fd = client;
                     added.server.fd = server;
                     added.cut_after = cut_after;
@@ -239,6 +249,8 @@ void fault_proxy::run()
             if (polled[i].revents & (POLLIN | POLLHUP | POLLERR)) {
                 ssize_t got = ::recv(side->fd, buffer, sizeof buffer, 0);
                 if (got > 0) {
+                    if (tap && side == &l->client)
+                        tap(l->number, std::string_view(buffer, static_cast<std::size_t>(got)));
                     other.pending.push_back({std::string(buffer, static_cast<std::size_t>(got)), now + latency});
                     other.pending_bytes += static_cast<std::size_t>(got);
                 }

@@ -9,8 +9,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 
 namespace orbweave::test {
@@ -41,6 +43,11 @@ public:
     /// The next connection is cut once it has carried this many bytes (both ways).
     void cut_next_after(std::size_t bytes);
 
+    /// Called on the proxy's thread with what each client sends, as it arrives and before it
+    /// is forwarded: the connection's number (1 for the first accepted) and the bytes.
+    using tap_function = std::function<void(int connection, std::string_view bytes)>;
+    void tap(tap_function watch);
+
     /// Connections accepted so far (refused ones included).
     int accepted() const { return accepted_; }
     /// Bytes forwarded so far, both ways.
@@ -64,6 +71,7 @@ private:
     bool refusing_ = false;
     std::chrono::milliseconds latency_{0};
     std::size_t cut_after_ = 0;
+    tap_function tap_;
     bool closing_ = false;
     std::thread thread_;
 };
