@@ -1,5 +1,5 @@
 #include "agent/agent.hpp"
-#include "core/system_info.hpp"
+#include "core/version.hpp"
 
 #include <signal.h>
 #include <unistd.h>

@@ -12,7 +12,7 @@
 #include "app/single_instance.hpp"
 #include "core/command_line.hpp"
 #include "core/log.hpp"
-#include "core/system_info.hpp"
+#include "core/version.hpp"
 #include "ui/permission_dialog.hpp"
 #include "ui/main_window.hpp"
 #include "ui/status_menu.hpp"

@@ -9,7 +9,7 @@
 //   orbweave-audio-server     prints "ready orbweave_virtual" once the device exists
 
 #include "core/log.hpp"
-#include "core/system_info.hpp"
+#include "core/version.hpp"
 
 #include <pulse/pulseaudio.h>
 

@@ -1,11 +1,10 @@
 #pragma once
 
+#include "core/version.hpp"
+
 #include <string>
 
 namespace orbweave {
-
-/// The client version the service expects in "identify".
-inline constexpr const char* client_version = "0.9.4.0";
 
 /// Facts about this machine that "identify" reports.
 struct system_info {

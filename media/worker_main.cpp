@@ -19,6 +19,7 @@
 
 #include "core/log.hpp"
 #include "core/obs/pipe_protocol.hpp"
+#include "core/version.hpp"
 #include "media/catalogue.hpp"
 #include "media/output.hpp"
 #include "media/portal_capture.hpp"
@@ -62,6 +63,11 @@ int log_level_from_environment()
 int main(int argc, char** argv)
 {
     using namespace orbweave;
+
+    if (argc == 2 && !std::strcmp(argv[1], "--version")) {
+        std::printf("orbweave-media-worker %s\n", client_version);
+        return 0;
+    }
 
     // The protocol owns the real stdout; anything libobs or a plug-in prints goes to stderr.
     int protocol_fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);

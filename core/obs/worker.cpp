@@ -49,7 +49,12 @@ std::string worker::default_executable()
     if (length <= 0)
         return worker_program;
     std::string path(self, static_cast<std::size_t>(length));
-    return path.substr(0, path.rfind('/') + 1) + worker_program;
+    std::string folder = path.substr(0, path.rfind('/') + 1);
+    // Beside the running program in a build tree; in the private libexec folder once installed.
+    std::string installed = folder + "../libexec/orbweave/" + worker_program;
+    if (::access((folder + worker_program).c_str(), X_OK) != 0 && ::access(installed.c_str(), X_OK) == 0)
+        return installed;
+    return folder + worker_program;
 }
 
 worker::worker() : worker(options{}) {}
