@@ -42,15 +42,17 @@ worker_manager::worker_manager(post_function post, options options)
 {
     if (!options_.warm)
         return;
+    spare_thread_ = std::make_unique<serial_executor>();
+    // The listing worker first: the service lists right after connecting. The spare
+    // starts once it is ready, so the two do not share the CPU.
     listing_thread_->post([this] {
         try {
             listing_worker();
         } catch (const std::exception&) {
             // Logged by the worker; the first list tries again.
         }
+        refill_spare();
     });
-    spare_thread_ = std::make_unique<serial_executor>();
-    refill_spare();
 }
 
 worker_manager::~worker_manager()
@@ -69,6 +71,7 @@ worker_manager::~worker_manager()
         std::lock_guard<std::mutex> lock(spare_mutex_);
         spare_closing_ = true;
     }
+    spare_changed_.notify_all();
     // The stream threads shut their workers down meanwhile, all at once.
     spare_thread_.reset();
     spare_.reset();
@@ -318,7 +321,10 @@ std::unique_ptr<worker> worker_manager::take_spare()
         return nullptr;
     std::unique_ptr<worker> taken;
     {
-        std::lock_guard<std::mutex> lock(spare_mutex_);
+        std::unique_lock<std::mutex> lock(spare_mutex_);
+        // A spare still starting is further along than a new worker would be: wait for it.
+        spare_changed_.wait_for(lock, options_.stream.start_timeout,
+                                [this] { return !spare_starting_ || spare_closing_; });
         taken = std::move(spare_);
         spare_deaths_ = 0;
     }
@@ -357,6 +363,7 @@ void worker_manager::start_spare()
         dead = std::move(spare_);
         spare_ = std::move(fresh);
     }
+    spare_changed_.notify_all();
     if (!started)
         spare_died();
 }

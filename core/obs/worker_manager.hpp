@@ -174,6 +174,7 @@ private:
     // The spare stream worker (options.warm): started on the spare thread, taken by the
     // next activation. It is not a stream: nothing lists, counts or reports it.
     std::mutex spare_mutex_;
+    std::condition_variable spare_changed_; // a spare start has ended, or closing
     std::unique_ptr<worker> spare_;
     bool spare_starting_ = false;
     bool spare_closing_ = false;
