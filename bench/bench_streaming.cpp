@@ -40,6 +40,7 @@
 #include "tests/support/fault_proxy.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/rtmp_chunks.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -169,12 +170,10 @@ double cpu_seconds(pid_t pid)
 
 long rss_kib(pid_t pid)
 {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    throw std::runtime_error("no VmRSS for " + std::to_string(pid));
+    long kib = test::status_field(pid, "VmRSS");
+    if (kib < 0)
+        throw std::runtime_error("no VmRSS for " + std::to_string(pid));
+    return kib;
 }
 
 /// CPU seconds per second of each pid over window.
@@ -375,16 +374,6 @@ private:
 };
 
 // ---- players and pushers ----------------------------------------------------------------
-
-std::string program_beside_us(const std::string& name)
-{
-    char self[4096];
-    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0)
-        return name;
-    std::string path(self, static_cast<std::size_t>(length));
-    return path.substr(0, path.rfind('/') + 1) + name;
-}
 
 /// The reference: ffmpeg capturing the screen (and the default PulseAudio source unless
 /// video only), x264 veryfast (and AAC), pushed to the ingest. 4:2:0 like ours (x11grab's
@@ -721,7 +710,7 @@ private:
         service.identity().write(state.path());
 
         obs::child_process::options spawn;
-        spawn.argv = {program_beside_us("orbweave-agent"), "--service", service.url(), "--ca-file",
+        spawn.argv = {test::program_beside_self("orbweave-agent"), "--service", service.url(), "--ca-file",
                       state.file("ca.pem"), "--state-dir", state.file("state"), "--allow", "screen",
                       "--bitrate", "1500"};
         spawn.pipe_stdout = true;

@@ -30,6 +30,7 @@
 #include "tests/support/fault_proxy.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
@@ -69,16 +70,6 @@ void progress(const std::string& text)
 
 // ---- the agent as /proc sees it -------------------------------------------------------
 
-long status_field(pid_t pid, const std::string& name)
-{
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind(name + ":", 0) == 0)
-            return std::stol(line.substr(name.size() + 1));
-    return -1;
-}
-
 long open_fds(pid_t pid)
 {
     std::error_code ignored;
@@ -102,8 +93,8 @@ sample take_sample(pid_t pid, clock_type::time_point since)
     sample taken;
     taken.hours = std::chrono::duration<double, std::ratio<3600>>(clock_type::now() - since).count();
     taken.fds = static_cast<double>(open_fds(pid));
-    taken.threads = static_cast<double>(status_field(pid, "Threads"));
-    taken.rss_kib = static_cast<double>(status_field(pid, "VmRSS"));
+    taken.threads = static_cast<double>(test::status_field(pid, "Threads"));
+    taken.rss_kib = static_cast<double>(test::status_field(pid, "VmRSS"));
     taken.children = static_cast<double>(test::children_running(pid).size());
     return taken;
 }
@@ -130,16 +121,6 @@ void print_series(const char* name, const std::vector<sample>& samples, double s
                 slope(samples, value));
 }
 
-std::string program_beside_us(const std::string& name)
-{
-    char self[4096];
-    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0)
-        return name;
-    std::string path(self, static_cast<std::size_t>(length));
-    return path.substr(0, path.rfind('/') + 1) + name;
-}
-
 // ---- the run ---------------------------------------------------------------------------
 
 class soak {
@@ -151,7 +132,7 @@ public:
         service_.identity().write(state_.path());
         log_path_ = state_.file("agent.log");
         obs::child_process::options spawn;
-        spawn.argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>>" + log_path_, program_beside_us("orbweave-agent"),
+        spawn.argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>>" + log_path_, test::program_beside_self("orbweave-agent"),
                       "--service", "wss://127.0.0.1:" + std::to_string(proxy_.port()) + "/api/client",
                       "--ca-file", state_.file("ca.pem"), "--state-dir", state_.file("state"), "--allow", "all",
                       "--bitrate", "1500"};
