@@ -74,7 +74,12 @@ worker_manager::~worker_manager()
     spare_changed_.notify_all();
     // The stream threads shut their workers down meanwhile, all at once.
     spare_thread_.reset();
-    spare_.reset();
+    std::unique_ptr<worker> spare;
+    {
+        std::lock_guard<std::mutex> lock(spare_mutex_); // a starting stream may be taking it
+        spare = std::move(spare_);
+    }
+    spare.reset();
     listing_thread_.reset();
     listing_worker_.reset();
     {
