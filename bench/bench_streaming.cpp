@@ -710,7 +710,7 @@ private:
         service.identity().write(state.path());
 
         obs::child_process::options spawn;
-        spawn.argv = {test::program_beside_self("orbweave-agent"), "--service", service.url(), "--ca-file",
+        spawn.argv = {obs::beside_this_program("orbweave-agent"), "--service", service.url(), "--ca-file",
                       state.file("ca.pem"), "--state-dir", state.file("state"), "--allow", "screen",
                       "--bitrate", "1500"};
         spawn.pipe_stdout = true;

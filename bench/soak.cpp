@@ -132,7 +132,7 @@ public:
         service_.identity().write(state_.path());
         log_path_ = state_.file("agent.log");
         obs::child_process::options spawn;
-        spawn.argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>>" + log_path_, test::program_beside_self("orbweave-agent"),
+        spawn.argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>>" + log_path_, obs::beside_this_program("orbweave-agent"),
                       "--service", "wss://127.0.0.1:" + std::to_string(proxy_.port()) + "/api/client",
                       "--ca-file", state_.file("ca.pem"), "--state-dir", state_.file("state"), "--allow", "all",
                       "--bitrate", "1500"};

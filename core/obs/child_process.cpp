@@ -135,6 +135,16 @@ std::string find_program(const std::string& path)
     return {};
 }
 
+std::string beside_this_program(const std::string& name)
+{
+    char self[4096];
+    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0)
+        return name;
+    std::string path(self, static_cast<std::size_t>(length));
+    return path.substr(0, path.rfind('/') + 1) + name;
+}
+
 child_process::child_process(const options& options)
 {
     if (options.argv.empty())

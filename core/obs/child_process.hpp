@@ -80,5 +80,7 @@ private:
 
 /// path, or the first executable file named path in $PATH when it has no slash; "" when none.
 std::string find_program(const std::string& path);
+/// The path of name in the running program's folder (name alone when that is unknown).
+std::string beside_this_program(const std::string& name);
 
 } // namespace orbweave::obs

@@ -44,17 +44,12 @@ std::string worker::default_executable()
 {
     if (const char* path = std::getenv("ORBWEAVE_MEDIA_WORKER"); path && *path)
         return path;
-    char self[4096];
-    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0)
-        return worker_program;
-    std::string path(self, static_cast<std::size_t>(length));
-    std::string folder = path.substr(0, path.rfind('/') + 1);
     // Beside the running program in a build tree; in the private libexec folder once installed.
-    std::string installed = folder + "../libexec/orbweave/" + worker_program;
-    if (::access((folder + worker_program).c_str(), X_OK) != 0 && ::access(installed.c_str(), X_OK) == 0)
+    std::string beside = beside_this_program(worker_program);
+    std::string installed = beside_this_program(std::string("../libexec/orbweave/") + worker_program);
+    if (::access(beside.c_str(), X_OK) != 0 && ::access(installed.c_str(), X_OK) == 0)
         return installed;
-    return folder + worker_program;
+    return beside;
 }
 
 worker::worker() : worker(options{}) {}

@@ -63,14 +63,4 @@ long status_field(int pid, const std::string& name)
     return -1;
 }
 
-std::string program_beside_self(const std::string& name)
-{
-    char self[4096];
-    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0)
-        return name;
-    std::string path(self, static_cast<std::size_t>(length));
-    return path.substr(0, path.rfind('/') + 1) + name;
-}
-
 } // namespace orbweave::test

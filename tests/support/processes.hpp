@@ -15,7 +15,5 @@ std::vector<int> child_pids();
 bool process_gone(int pid);
 /// A number from /proc/PID/status ("VmRSS" in KiB, "Threads"); -1 when it cannot be read.
 long status_field(int pid, const std::string& name);
-/// The path of a program beside the running one (the build's bin/ folder).
-std::string program_beside_self(const std::string& name);
 
 } // namespace orbweave::test
