@@ -11,6 +11,11 @@
 #include <X11/Xlib.h>
 #include <wayland-client.h>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <dlfcn.h>
+#include <link.h>
+#endif
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -232,8 +237,37 @@ runtime::runtime(const runtime_options& options)
     obs_post_load_modules();
 }
 
+#if defined(__SANITIZE_ADDRESS__)
+namespace {
+
+// libobs unloads its plug-ins (and Mesa its drivers) during shutdown, before
+// LeakSanitizer reports at exit; their leaks would then show as "<unknown module>" and
+// no suppression could name them. Pinning every loaded object keeps its symbols, so
+// scripts/sanitizers/lsan.supp can name each library that leaks and say why.
+void keep_loaded_objects_for_leak_reports()
+{
+    // Names first, dlopen after: dl_iterate_phdr holds the loader's lock, and another
+    // thread's dlclose waiting on it would deadlock with a dlopen made from the callback.
+    std::vector<std::string> names;
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, size_t, void* found) {
+            if (info->dlpi_name && *info->dlpi_name)
+                static_cast<std::vector<std::string>*>(found)->emplace_back(info->dlpi_name);
+            return 0;
+        },
+        &names);
+    for (const auto& name : names)
+        dlopen(name.c_str(), RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+}
+
+} // namespace
+#endif
+
 runtime::~runtime()
 {
+#if defined(__SANITIZE_ADDRESS__)
+    keep_loaded_objects_for_leak_reports();
+#endif
     obs_shutdown();
     close_displays();
 }

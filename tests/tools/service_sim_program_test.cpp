@@ -71,7 +71,10 @@ TEST(ServiceSimProgram, ServesWithAGeneratedCaTakesConsoleCommandsAndOutlivesStd
 
     // A list request goes out; without a permission handler the client rejects it.
     command("list audio");
-    auto reply = output.wait_for_prefix("reply ", deadline);
+    // (The identify reply may be printed after the code; the list's reply is the one.)
+    auto reply = output.wait_for(
+        [](const std::string& line) { return line.rfind("reply ", 0) == 0 && line.find("\"list\"") != std::string::npos; },
+        deadline);
     ASSERT_TRUE(reply);
     EXPECT_NE(reply->find("Rejected"), std::string::npos) << *reply;
 
