@@ -110,19 +110,23 @@ std::vector<window_entry> list_portal_windows()
 
 std::vector<window_entry> list_windows()
 {
+    // The source type's own properties, not a source's: a window capture source made
+    // for listing would start capturing the first window, which needs graphics that the
+    // listing worker does not have.
     std::vector<window_entry> windows;
-    enumerate_props(capture_id::window, "capture_window", [&](prop_info& info, std::size_t i) {
-        const char* value = obs_property_list_item_string(info.property, i);
-        obs_data_set_string(info.settings, "capture_window", value ? value : "");
-        obs_properties_apply_settings(info.properties, info.settings);
+    properties_handle properties(obs_get_source_properties(capture_id::window));
+    obs_property_t* list = properties ? obs_properties_get(properties.get(), "capture_window") : nullptr;
+    std::size_t count = list ? obs_property_list_item_count(list) : 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const char* value = obs_property_list_item_string(list, i);
         long long xid = 0;
         std::string title, window_class;
         if (!value || !detail::split_window_item(value, xid, title, window_class))
-            return;
+            continue;
         if (window_class.empty() && title.empty() && xid == 0)
-            return;
+            continue;
         windows.emplace_back(window_class, title, static_cast<int>(xid));
-    });
+    }
     return windows;
 }
 

@@ -38,10 +38,10 @@ struct canvas {
 
 struct runtime_options {
     /// Video to initialise at start-up; none leaves video for the first stream to set once.
-    /// Listing needs a graphics context but no real canvas: 4x4 is enough, and 10 fps keeps
-    /// shut-down short (obs_shutdown waits out the current frame; at 1 fps about a second)
-    /// for well under 1% of a core.
-    std::optional<canvas> video = canvas{4, 4, 10};
+    /// Listing needs none: the capture plug-ins register their sources and list their
+    /// devices without graphics, and without a canvas the listing worker never loads the
+    /// software GL driver (half its memory: 49 MB instead of 117 on a machine without a GPU).
+    std::optional<canvas> video;
     /// Modules to load; those not found are logged and skipped.
     std::vector<std::string> modules = allowed_modules();
     /// portal: graphics on the Wayland display; anything else: on the X display.

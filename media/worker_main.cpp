@@ -7,9 +7,9 @@
 //                         [--ingest-outage-limit-ms N] [--portal-start-limit-ms N]
 //                         [--send-stall-limit-ms N]
 //
-// --defer-video starts without a video canvas, for a stream worker that sets the
-// canvas once at its final size; --canvas sets the start-up canvas (default: the
-// listing worker's small placeholder); --capture chooses how screens are captured
+// Without --canvas the worker starts without video: a listing worker needs none, and a
+// stream worker (--defer-video, which says so) sets its canvas once at its final size;
+// --canvas WxH@FPS sets one at start-up; --capture chooses how screens are captured
 // (default: portal on a Wayland session, X11 otherwise). The limits: how long a stream
 // may keep reconnecting to a vanished ingest before it ends (default 60 s), how long
 // the desktop's picker may take (default 120 s), and how long a connected stream may

@@ -22,7 +22,10 @@ public:
     void SetUp() override
     {
         route_log_to_stderr(LOG_WARNING);
-        runtime_ = std::make_unique<runtime>();
+        // Encoders are made on the global video, as in a stream worker once it has its canvas.
+        runtime_options options;
+        options.video = canvas{320, 180, 30};
+        runtime_ = std::make_unique<runtime>(options);
     }
     void TearDown() override
     {

@@ -534,9 +534,7 @@ TEST_F(Streaming, X264SettingsTakeEffect)
 // that never reports a size is made up here.
 TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
 {
-    runtime_options options;
-    options.video.reset(); // as a stream worker starts
-    runtime libobs(options);
+    runtime libobs; // without a canvas, as a stream worker starts
     output stream;
     screen_entry made_up(9, "Display 10", "", 0, 0, 0, 0);
     auto begun = clock::now();
