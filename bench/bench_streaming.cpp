@@ -28,6 +28,8 @@
 //   agent_idle_cpu_s_per_s, agent_rss_kib, spare_worker_*, listing_worker_*: orbweave-agent
 //     paired with the simulator and idle (10 s) after one list, and its two workers.
 //
+// Arguments name the parts to run (listing, activation, steady, scaling, idle), for
+// working on one figure; without any, all of them run.
 // With ORBWEAVE_BENCH_JSON set, the figures are also written there as one JSON object.
 // Everything is started here on a private display, PulseAudio, nginx and free ports, and
 // stopped at the end. Standard error of this program and everything it starts goes to a
@@ -473,16 +475,25 @@ public:
         screen_id_ = json::string_at(screen_entry_, {"id"});
     }
 
-    void run()
+    /// The parts named (all when none are).
+    void run(const std::vector<std::string>& parts)
     {
-        listing();
-        activation();
-        {
+        auto wanted = [&](const char* part) {
+            return parts.empty() || std::find(parts.begin(), parts.end(), part) != parts.end();
+        };
+        if (wanted("listing"))
+            listing();
+        if (wanted("activation"))
+            activation();
+        if (wanted("steady") || wanted("scaling")) {
             auto content = start_moving_content();
-            steady_state(*content);
-            scaling();
+            if (wanted("steady"))
+                steady_state(*content);
+            if (wanted("scaling"))
+                scaling();
         }
-        agent_idle();
+        if (wanted("idle"))
+            agent_idle();
     }
 
 private:
@@ -759,8 +770,9 @@ private:
 
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
+    std::vector<std::string> parts(argv + 1, argv + argc);
     test::temp_dir directory("orbweave-bench-streaming");
     std::string log_path = directory.file("bench.log");
     int status = 0;
@@ -772,7 +784,7 @@ int main()
         test::media_environment environment(settings);
         try {
             environment.SetUp();
-            bench(log).run();
+            bench(log).run(parts);
             // The figures again, machine-readable, where scripts/bench asks for them.
             if (const char* path = std::getenv("ORBWEAVE_BENCH_JSON")) {
                 std::ofstream(path) << summary.dump(2) << '\n';

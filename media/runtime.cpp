@@ -63,6 +63,12 @@ const std::vector<std::string>& allowed_modules()
     return modules;
 }
 
+const std::vector<std::string>& capture_modules()
+{
+    static const std::vector<std::string> modules{"linux-capture", "linux-pulseaudio", "linux-v4l2"};
+    return modules;
+}
+
 std::string config_directory()
 {
     namespace fs = std::filesystem;

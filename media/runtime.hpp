@@ -18,8 +18,13 @@ bool initialize_video(unsigned width, unsigned height, unsigned fps);
 /// Resets libobs audio to 44.1 kHz stereo; obs_reset_audio's result.
 bool initialize_audio();
 
-/// The plug-in modules a worker loads, by file name without extension.
+/// The plug-in modules a stream worker loads, by file name without extension.
 const std::vector<std::string>& allowed_modules();
+
+/// The ones of them that capture (and list what they can capture): all a listing worker
+/// loads. The encoders and outputs (obs-ffmpeg alone brings some 70 libraries) would
+/// only lengthen its start.
+const std::vector<std::string>& capture_modules();
 
 /// The id of the RTMP service type the worker registers itself ("server" and "key").
 inline constexpr const char* rtmp_service_id = "rtmp_custom";

@@ -3,12 +3,13 @@
 // requests are in core/obs/pipe_protocol.hpp). "stats" answers read-only frame
 // counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
-//   orbweave-media-worker [--defer-video | --canvas WxH@FPS] [--capture auto|x11|portal]
+//   orbweave-media-worker [--defer-video] [--canvas WxH@FPS] [--capture auto|x11|portal]
 //                         [--ingest-outage-limit-ms N] [--portal-start-limit-ms N]
 //                         [--send-stall-limit-ms N]
 //
-// Without --canvas the worker starts without video: a listing worker needs none, and a
-// stream worker (--defer-video, which says so) sets its canvas once at its final size;
+// Without --defer-video the worker lists: it loads only the capture plug-ins. A stream
+// worker (--defer-video) loads the encoders and outputs too and sets its canvas once, at
+// the stream's size; without --canvas neither starts with video (listing needs none);
 // --canvas WxH@FPS sets one at start-up; --capture chooses how screens are captured
 // (default: portal on a Wayland session, X11 otherwise). The limits: how long a stream
 // may keep reconnecting to a vanished ingest before it ends (default 60 s), how long
@@ -81,6 +82,7 @@ int main(int argc, char** argv)
     obs::runtime_options options;
     obs::stream_limits limits;
     obs::capture_route route = obs::capture_route::automatic;
+    bool stream_worker = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         obs::canvas canvas;
@@ -95,7 +97,7 @@ int main(int argc, char** argv)
             return true;
         };
         if (arg == "--defer-video")
-            options.video.reset();
+            stream_worker = true;
         else if (limit("--ingest-outage-limit-ms", limits.ingest_outage) ||
                  limit("--portal-start-limit-ms", limits.portal_start) ||
                  limit("--send-stall-limit-ms", limits.send_stall))
@@ -109,6 +111,8 @@ int main(int argc, char** argv)
             log::line("media worker: unknown argument " + arg);
     }
 
+    if (!stream_worker)
+        options.modules = obs::capture_modules();
     // Without --capture (a worker started by hand), the session decides, as for the client.
     options.route = obs::resolve_capture_route(route);
     obs::protocol_writer writer(protocol_fd);

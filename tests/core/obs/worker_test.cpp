@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <set>
 #include <future>
 
 namespace orbweave::obs {
@@ -157,6 +158,40 @@ TEST(WorkerProcess, ShutsDownCleanlyWithoutLeaksOrLeftovers)
         pid = idle.pid();
     }
     EXPECT_TRUE(test::process_gone(pid));
+}
+
+/// The file names of the shared objects mapped into process pid.
+std::set<std::string> mapped_libraries(pid_t pid)
+{
+    std::set<std::string> names;
+    std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
+    for (std::string line; std::getline(maps, line);) {
+        auto slash = line.rfind('/');
+        if (slash != std::string::npos && line.find(".so", slash) != std::string::npos)
+            names.insert(line.substr(slash + 1, line.find(".so", slash) - slash - 1));
+    }
+    return names;
+}
+
+// What keeps the idle client small: the listing worker it keeps running loads neither
+// the encoders nor any graphics driver; a stream worker brings the encoders with it.
+TEST(WorkerProcess, AListingWorkerLoadsOnlyCapturePluginsAndNoGraphics)
+{
+    worker listing;
+    ASSERT_FALSE(listing.list_screens().empty());
+    ASSERT_FALSE(listing.list_windows().empty());
+    auto listed = mapped_libraries(listing.pid());
+    EXPECT_TRUE(listed.count("linux-capture"));
+    EXPECT_TRUE(listed.count("linux-pulseaudio"));
+    for (const char* unwanted : {"obs-x264", "obs-ffmpeg", "obs-outputs", "libobs-opengl", "swrast_dri"})
+        EXPECT_FALSE(listed.count(unwanted)) << unwanted;
+
+    worker::options stream_options;
+    stream_options.defer_video = true;
+    worker stream(stream_options);
+    auto streaming = mapped_libraries(stream.pid());
+    for (const char* wanted : {"linux-capture", "obs-x264", "obs-ffmpeg", "obs-outputs"})
+        EXPECT_TRUE(streaming.count(wanted)) << wanted;
 }
 
 TEST(WorkerProcess, AKilledWorkerFailsCallsAtOnce)
