@@ -7,10 +7,10 @@
 //                         [--ingest-outage-limit-ms N] [--portal-start-limit-ms N]
 //                         [--send-stall-limit-ms N]
 //
-// Without --defer-video the worker lists: it loads only the capture plug-ins. A stream
-// worker (--defer-video) loads the encoders and outputs too and sets its canvas once, at
-// the stream's size; without --canvas neither starts with video (listing needs none);
-// --canvas WxH@FPS sets one at start-up; --capture chooses how screens are captured
+// Without --defer-video the worker lists: it loads only the capture plug-ins and starts
+// no video. A stream worker (--defer-video) loads the encoders and outputs too and
+// starts its graphics on a placeholder canvas, remade once at the stream's size;
+// --canvas WxH@FPS sets the start-up canvas instead; --capture chooses how screens are captured
 // (default: portal on a Wayland session, X11 otherwise). The limits: how long a stream
 // may keep reconnecting to a vanished ingest before it ends (default 60 s), how long
 // the desktop's picker may take (default 120 s), and how long a connected stream may
@@ -113,6 +113,8 @@ int main(int argc, char** argv)
 
     if (!stream_worker)
         options.modules = obs::capture_modules();
+    else if (!options.video)
+        options.video = obs::placeholder_canvas;
     // Without --capture (a worker started by hand), the session decides, as for the client.
     options.route = obs::resolve_capture_route(route);
     obs::protocol_writer writer(protocol_fd);
