@@ -49,7 +49,7 @@ void orbweave_client_impl::initialize()
     work_manager_->set_stream_ended_handler([this](const std::string& id, const std::string& reason, bool now_empty) {
         log::line("The stream of source " + id + " ended: " + reason);
         if (now_empty)
-            signal_on_state_change(state_type::connected);
+            signal_streams_gone();
     });
     work_manager_->set_streams_handler(
         [this](const std::vector<callback::active_stream>& streams) { signal_on_streams(streams); });
@@ -193,10 +193,10 @@ void orbweave_client_impl::stop_streaming()
     std::shared_ptr<network_loop> loop = current_loop();
     bool posted = loop && loop->post([this] {
         work_manager_->clear();
-        signal_on_state_change(state_type::connected);
+        signal_streams_gone();
     });
     if (!posted) // not running: nothing streams, and there is no network thread to report on
-        signal_on_state_change(state_type::connected);
+        signal_streams_gone();
 }
 
 bool orbweave_client_impl::deliver(std::string frame, websocket::connection from)
@@ -318,8 +318,16 @@ void orbweave_client_impl::signal_on_streams(const std::vector<callback::active_
 void orbweave_client_impl::signal_on_state_change(state_type::type state)
 {
     lock_guard lock(mutex_);
+    if (state != state_type::streaming)
+        link_state_ = state;
     if (state_change_handler_)
         state_change_handler_(state);
+}
+
+void orbweave_client_impl::signal_streams_gone()
+{
+    lock_guard lock(mutex_);
+    signal_on_state_change(link_state_);
 }
 
 std::string orbweave_client_impl::signal_on_secret()

@@ -48,6 +48,9 @@ public:
 
     // Operations the protocol handlers use; each takes the client's mutex.
     void signal_on_state_change(callback::state_type::type state);
+    /// The last stream has gone: reports the link's own state again (connected, pairing
+    /// or disconnected), not "streaming".
+    void signal_streams_gone();
     std::string signal_on_secret();
     void signal_on_new_code(std::string& code);
     void signal_on_ready(callback::msg::ready& ready);
@@ -98,6 +101,8 @@ private:
     const std::string url_;
     const client_options options_;
     std::recursive_mutex mutex_;
+    /// The last state reported other than streaming (guarded by mutex_).
+    callback::state_type::type link_state_ = callback::state_type::disconnected;
     bool running_ = false;
     std::atomic<std::int32_t> disconnection_counter_{0};
     std::unique_ptr<boost::asio::io_service> io_service_;

@@ -13,6 +13,10 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
+#include <atomic>
+
 namespace orbweave {
 namespace {
 
@@ -200,6 +204,37 @@ TEST_F(WorkerFaults, AStreamWhoseWorkerTurnsToGarbageEndsAndTheNextOneRuns)
         << log.text();
     EXPECT_EQ(screen().value("isActive", true), false);
     EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
+}
+
+// A stream that ends by itself while the link is down leaves the state at the link's
+// ("disconnected"), not "connected": the tray and the agent would show a link there is not.
+TEST_F(WorkerFaults, AStreamThatEndsWhileTheLinkIsDownLeavesTheStateDisconnected)
+{
+    test::stderr_capture log;
+    std::string id = screen().value("id", "");
+    EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
+    auto workers = stream_workers();
+    ASSERT_EQ(workers.size(), 1u);
+
+    test::blocking_queue<state_type::type> states;
+    std::atomic<int> connected{0};
+    app.client().set_state_change_handler([&](state_type::type state) {
+        connected += state == state_type::connected;
+        states.push(state);
+    });
+    service.stop();
+    EXPECT_TRUE(states.pop_until([](state_type::type s) { return s == state_type::disconnected; }, deadline));
+
+    ::kill(workers[0], SIGKILL);
+    EXPECT_TRUE(test::eventually(
+        [&] { return log.count_lines_starting("The stream of source " + id + " ended") == 1; }, deadline))
+        << log.text();
+    app.client().stop_streaming();
+    // Everything the network thread was doing has finished once it is joined.
+    app.client().stop();
+    app.client().join();
+    EXPECT_EQ(connected.load(), 0) << "reported connected with the service down";
 }
 
 } // namespace
