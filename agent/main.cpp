@@ -1,4 +1,5 @@
 #include "agent/agent.hpp"
+#include "agent/line_printer.hpp"
 #include "core/version.hpp"
 
 #include <signal.h>
@@ -7,7 +8,6 @@
 #include <atomic>
 #include <cstdio>
 #include <iostream>
-#include <mutex>
 #include <thread>
 
 int main(int argc, char** argv)
@@ -37,11 +37,10 @@ int main(int argc, char** argv)
     sigaddset(&stop_signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    std::mutex out_mutex;
-    auto print = [&out_mutex](const std::string& line) {
-        std::lock_guard<std::mutex> lock(out_mutex);
-        std::cout << line << std::endl;
-    };
+    // Status lines are written from a thread of their own: a standard output nobody
+    // reads must not stop the network thread that prints them.
+    agent::line_printer printer(STDOUT_FILENO);
+    auto print = [&printer](const std::string& line) { printer.print(line); };
     int prompt_fd = isatty(STDIN_FILENO) ? STDIN_FILENO : -1;
     agent::agent agent(options, print, prompt_fd);
 

@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -307,6 +309,35 @@ TEST_F(AgentProcess, AnswersRequestsByItsPolicy)
     EXPECT_EQ(reply->message["payload"], Json({{"status", "Failure"}, {"results", nullptr}}));
     EXPECT_TRUE(output->wait_for_prefix("allowed list unknown kind", deadline));
     stop(*agent);
+}
+
+TEST_F(AgentProcess, KeepsAnsweringWhileNobodyReadsItsOutput)
+{
+    std::string secret = service.issue_secret({"Ann", ""});
+    ASSERT_TRUE(secret_store(dir.file("state")).save(secret));
+    // Its standard output is the smallest pipe there is: a few hundred status lines fill it.
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    ASSERT_GE(::fcntl(ends[0], F_SETPIPE_SZ, 4096), 0);
+    obs::child_process::options options;
+    options.argv = {agent_program(), "--service", service.url(), "--state-dir", dir.file("state"), "--ca-file",
+                    dir.file("ca.pem"), "--bitrate", "1000", "--allow", "screen"};
+    options.pass_fds = {{ends[1], STDOUT_FILENO}};
+    obs::child_process agent(options);
+    ::close(ends[1]);
+    output = std::make_unique<test::line_reader>(ends[0]);
+    ASSERT_TRUE(output->wait_for_prefix("state connected", deadline));
+    ASSERT_TRUE(service.wait_for_connection(deadline));
+
+    // From here nothing reads the agent's output, and each refused list prints a line.
+    for (int i = 0; i < 600; ++i) {
+        auto state = service.list("window");
+        ASSERT_TRUE(state);
+        ASSERT_TRUE(service.wait_for_reply(*state, deadline)) << "request " << i << " was not answered";
+    }
+    stop(agent); // reading again, the waiting lines arrive, and "stopped" after them
+    output.reset();
+    ::close(ends[0]);
 }
 
 TEST_F(AgentProcess, BadArgumentsExitNonZeroWithAMessage)
