@@ -651,6 +651,15 @@ private:
         stream.shutdown();
         double ours = rates[0];
         double content_ours = rates[1];
+        // A CPU figure only counts for a stream that carries the picture: a flat one (a
+        // broken colour conversion, say) encodes for almost nothing.
+        if (ingest_.wait_until_not_publishing("steady-ours", deadline)) {
+            auto recorded = ingest_.probe_recording("steady-ours");
+            auto frame = ingest_.recording_frame("steady-ours", std::max(0.0, recorded.duration - 1.0), 64, 36);
+            auto [darkest, brightest] = std::minmax_element(frame.begin(), frame.end());
+            if (frame.empty() || *brightest - *darkest <= 40)
+                throw std::runtime_error("our stream's picture is flat: its CPU figure would mean nothing");
+        }
 
         auto pusher = start_ffmpeg_pusher(ingest_.stream_url("steady-ffmpeg"));
         if (!ingest_.wait_for_publishing("steady-ffmpeg", deadline))
