@@ -54,6 +54,14 @@ std::vector<ino_t> tcp_socket_inodes()
     return inodes;
 }
 
+void send_without_delay_since(const std::vector<ino_t>& before)
+{
+    int on = 1;
+    for (const auto& [fd, inode] : tcp_sockets())
+        if (std::find(before.begin(), before.end(), inode) == before.end())
+            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
 void interrupt_connections_since(const std::vector<ino_t>& before)
 {
     for (const auto& [fd, inode] : tcp_sockets())

@@ -30,6 +30,11 @@ struct tcp_progress {
 /// The progress of every TCP socket of this process not in before.
 tcp_progress tcp_progress_since(const std::vector<ino_t>& before);
 
+/// Turns off small-packet coalescing (Nagle) on every TCP socket of this process not in
+/// before. libobs's RTMP library leaves it on, so a frame's last segment, or a packet
+/// written right after another, could wait for the peer's delayed acknowledgement.
+void send_without_delay_since(const std::vector<ino_t>& before);
+
 /// Shuts down every TCP socket of this process not in before. A worker carries one
 /// stream, so the sockets made since it started connecting are that stream's.
 void interrupt_connections_since(const std::vector<ino_t>& before);
