@@ -604,7 +604,7 @@ private:
         for (int run = 0; run < activation_runs; ++run) {
             std::string key = "direct-" + std::to_string(run);
             obs::worker::options options;
-            options.defer_video = true;
+            options.stream_worker = true;
             auto spawned = clock_type::now();
             obs::worker stream(options);
             auto ready = clock_type::now();
@@ -637,7 +637,7 @@ private:
         // Ours: the stream worker exactly as the client starts it, driven directly so its
         // counters can be read.
         obs::worker::options options;
-        options.defer_video = true;
+        options.stream_worker = true;
         obs::worker stream(options);
         obs::pipe::stream_result started = stream.stream(order_for("steady-ours"));
         if (!started.started)
@@ -697,7 +697,7 @@ private:
             std::vector<pid_t> pids;
             for (int i = 0; i < count; ++i) {
                 obs::worker::options options;
-                options.defer_video = true;
+                options.stream_worker = true;
                 streams.push_back(std::make_unique<obs::worker>(options));
                 std::string key = "scale-" + std::to_string(count) + "-" + std::to_string(i);
                 obs::pipe::stream_result started = streams.back()->stream(order_for(key));
@@ -746,7 +746,7 @@ private:
 
         // Its workers: the listing worker, and the spare stream worker (started without a canvas).
         std::vector<int> spare;
-        if (!poll_until([&] { return !(spare = test::children_running(agent.pid(), {"--defer-video"})).empty(); },
+        if (!poll_until([&] { return !(spare = test::children_running(agent.pid(), {"--stream-worker"})).empty(); },
                         deadline))
             throw std::runtime_error("the agent started no spare stream worker");
         std::vector<pid_t> pids{agent.pid(), spare.front()};

@@ -281,7 +281,7 @@ void output::watch_outage()
             lock.unlock();
             tcp_progress seen = tcp_progress_since(sockets_before_);
             if (!seen.waiting || seen.sockets != taken.sockets || seen.acknowledged != taken.acknowledged) {
-                if (seen.sockets != taken.sockets) // connected again, on a new socket
+                if (seen.sockets != taken.sockets) // the first look, or connected again on a new socket
                     send_without_delay_since(sockets_before_);
                 taken = std::move(seen);
                 progressed = now;
@@ -574,8 +574,6 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
             error_ = "rtmp connect timed out";
         else
             active = true;
-        if (active)
-            send_without_delay_since(sockets_before_);
         if (!decided) {
             // Still connecting: end the connection so the output can be released promptly.
             lock.unlock();

@@ -53,19 +53,21 @@ bool initialize_audio()
     return obs_reset_audio(&info);
 }
 
+const std::vector<std::string>& capture_modules()
+{
+    static const std::vector<std::string> modules{"linux-capture", "linux-pulseaudio", "linux-v4l2"};
+    return modules;
+}
+
 const std::vector<std::string>& allowed_modules()
 {
     // rtmp-services is left out on purpose: on load it fetches a services list from the
     // internet. The worker registers its own minimal RTMP service type instead.
-    static const std::vector<std::string> modules{
-        "linux-capture", "linux-pulseaudio", "linux-v4l2", "obs-x264", "obs-ffmpeg", "obs-outputs",
-    };
-    return modules;
-}
-
-const std::vector<std::string>& capture_modules()
-{
-    static const std::vector<std::string> modules{"linux-capture", "linux-pulseaudio", "linux-v4l2"};
+    static const std::vector<std::string> modules = [] {
+        std::vector<std::string> all = capture_modules();
+        all.insert(all.end(), {"obs-x264", "obs-ffmpeg", "obs-outputs"});
+        return all;
+    }();
     return modules;
 }
 

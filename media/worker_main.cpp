@@ -3,13 +3,12 @@
 // requests are in core/obs/pipe_protocol.hpp). "stats" answers read-only frame
 // counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
-//   orbweave-media-worker [--defer-video] [--canvas WxH@FPS] [--capture auto|x11|portal]
+//   orbweave-media-worker [--stream-worker] [--canvas WxH@FPS] [--capture auto|x11|portal]
 //                         [--ingest-outage-limit-ms N] [--portal-start-limit-ms N]
 //                         [--send-stall-limit-ms N]
 //
-// Without --defer-video the worker lists: it loads only the capture plug-ins and starts
-// no video. A stream worker (--defer-video) loads the encoders and outputs too and
-// starts its graphics on a placeholder canvas, remade once at the stream's size;
+// Without --stream-worker the worker lists: it loads only the capture plug-ins and starts
+// no video. A stream worker loads the encoders and outputs too and starts its graphics on a placeholder canvas, remade once at the stream's size;
 // --canvas WxH@FPS sets the start-up canvas instead; --capture chooses how screens are captured
 // (default: portal on a Wayland session, X11 otherwise). The limits: how long a stream
 // may keep reconnecting to a vanished ingest before it ends (default 60 s), how long
@@ -96,7 +95,7 @@ int main(int argc, char** argv)
             ++i;
             return true;
         };
-        if (arg == "--defer-video")
+        if (arg == "--stream-worker")
             stream_worker = true;
         else if (limit("--ingest-outage-limit-ms", limits.ingest_outage) ||
                  limit("--portal-start-limit-ms", limits.portal_start) ||

@@ -60,8 +60,8 @@ worker::worker(const options& options) : options_(options)
         options_.executable = default_executable();
     child_process::options spawn;
     spawn.argv = {options_.executable};
-    if (options_.defer_video)
-        spawn.argv.push_back("--defer-video");
+    if (options_.stream_worker)
+        spawn.argv.push_back("--stream-worker");
     if (options_.capture != capture_route::automatic)
         spawn.argv.insert(spawn.argv.end(), {"--capture", capture_route_name(options_.capture)});
     // A limit left at zero keeps the worker's own default.

@@ -28,8 +28,9 @@ public:
     struct options {
         /// The worker program; empty: $ORBWEAVE_MEDIA_WORKER, else beside the running program.
         std::string executable;
-        /// Start without a video canvas (a stream worker sets it once at its final size).
-        bool defer_video = false;
+        /// A stream worker: it loads the encoders and outputs and starts its graphics at once
+        /// (on a placeholder canvas, remade at the stream's size); otherwise a listing worker.
+        bool stream_worker = false;
         /// How long start-up may take before the worker is killed.
         std::chrono::milliseconds start_timeout{30000};
         /// How long one request may take; a late worker is killed, since replies would fall out of step.

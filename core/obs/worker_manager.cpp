@@ -30,7 +30,7 @@ struct worker_manager::stream {
 worker::options worker_manager::stream_worker_options()
 {
     worker::options stream;
-    stream.defer_video = true;
+    stream.stream_worker = true;
     return stream;
 }
 

@@ -197,15 +197,22 @@ protected:
                                             std::vector<std::pair<std::string, std::string>> environment = {})
     {
         obs::child_process::options options;
-        options.argv = {agent_program(), "--service", service.url(), "--state-dir", dir.file("state")};
-        if (environment.empty())
-            options.argv.insert(options.argv.end(), {"--ca-file", dir.file("ca.pem")});
-        options.argv.insert(options.argv.end(), extra.begin(), extra.end());
+        options.argv = arguments(extra, /*ca_file=*/environment.empty());
         options.environment = std::move(environment);
         options.pipe_stdout = true;
         auto child = std::make_unique<obs::child_process>(options);
         output = std::make_unique<test::line_reader>(child->stdout_fd());
         return child;
+    }
+
+    /// The agent's command line against the simulator, with extra at the end.
+    std::vector<std::string> arguments(const std::vector<std::string>& extra, bool ca_file = true)
+    {
+        std::vector<std::string> argv{agent_program(), "--service", service.url(), "--state-dir", dir.file("state")};
+        if (ca_file)
+            argv.insert(argv.end(), {"--ca-file", dir.file("ca.pem")});
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        return argv;
     }
 
     void stop(obs::child_process& child)
@@ -320,8 +327,7 @@ TEST_F(AgentProcess, KeepsAnsweringWhileNobodyReadsItsOutput)
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     ASSERT_GE(::fcntl(ends[0], F_SETPIPE_SZ, 4096), 0);
     obs::child_process::options options;
-    options.argv = {agent_program(), "--service", service.url(), "--state-dir", dir.file("state"), "--ca-file",
-                    dir.file("ca.pem"), "--bitrate", "1000", "--allow", "screen"};
+    options.argv = arguments({"--bitrate", "1000", "--allow", "screen"});
     options.pass_fds = {{ends[1], STDOUT_FILENO}};
     obs::child_process agent(options);
     ::close(ends[1]);

@@ -156,7 +156,7 @@ protected:
         return reply ? reply->message["payload"] : Json();
     }
 
-    static std::vector<int> stream_workers() { return test::children_running(::getpid(), {"--defer-video"}); }
+    static std::vector<int> stream_workers() { return test::children_running(::getpid(), {"--stream-worker"}); }
 
     sim::service_sim service;
     test::client_harness app{service, false, [](client_options& options) {

@@ -54,7 +54,7 @@ pipe::stream_order order_for(source_entry source, const Json& options, const std
 std::unique_ptr<worker> stream_worker()
 {
     worker::options options;
-    options.defer_video = true;
+    options.stream_worker = true;
     return std::make_unique<worker>(options);
 }
 

@@ -346,7 +346,7 @@ TEST_F(PortalClient, DecliningInThePickerRejectsAndAnotherOutputFails)
     EXPECT_EQ(other["status"], "Failure");
     EXPECT_NE(other.value("error", "").find("another screen"), std::string::npos) << other;
     EXPECT_FALSE(ingest.publishing("other"));
-    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--defer-video"}).empty(); }, 15s))
+    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s))
         << "a stream worker was left";
 
     // The second screen, picked as itself, streams (wlroots' portal says 0,0 for every output).
@@ -377,7 +377,7 @@ TEST_F(PortalClient, WaitingForThePickerIsBoundedAndHoldsUpNothingElse)
     EXPECT_FALSE(ingest.publishing("slow"));
     // The picker's late answer finds nothing waiting, and leaves nothing behind.
     EXPECT_TRUE(test::eventually([&] { return desktop.chooser_idle(); }, 10s));
-    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--defer-video"}).empty(); }, 15s));
+    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s));
     desktop.choose("HEADLESS-1");
 }
 
@@ -395,7 +395,7 @@ TEST_F(PortalClient, ACastTheDesktopEndsStopsTheStreamAndTheClientSaysSo)
     EXPECT_TRUE(client.app().wait_for_state(callback::state_type::connected, portal_client::deadline));
     EXPECT_TRUE(client.app().wait_for_streams({}, portal_client::deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("ended", 10s));
-    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--defer-video"}).empty(); }, 15s))
+    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s))
         << "the stream's worker was left";
     EXPECT_NE(log.text().find("The stream of source " + screen + " ended: "), std::string::npos) << log.text();
     Json listed = client.list("screen")["results"][0];

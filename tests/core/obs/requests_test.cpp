@@ -42,7 +42,7 @@ bool eventually(const std::function<bool()>& condition)
 std::vector<int> stream_workers()
 {
     // Stream workers are the children started without a canvas.
-    return test::children_running(::getpid(), {"--defer-video"});
+    return test::children_running(::getpid(), {"--stream-worker"});
 }
 
 /// The client's options in these tests: fast timings, and streams that give a vanished ingest a second.
@@ -302,7 +302,7 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     ASSERT_TRUE(ingest.wait_for_publishing("sound", deadline));
 
     // Stream workers are the children started without a canvas; kill the first one started.
-    std::vector<int> stream_workers = test::children_running(::getpid(), {"--defer-video"});
+    std::vector<int> stream_workers = test::children_running(::getpid(), {"--stream-worker"});
     ASSERT_EQ(stream_workers.size(), 2u);
     std::sort(stream_workers.begin(), stream_workers.end());
     test::stderr_capture log;
@@ -320,7 +320,7 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     EXPECT_TRUE(app.wait_for_streams({speakers}, deadline));
 
     // The last stream's worker dying leaves the client connected, not streaming.
-    for (int pid : test::children_running(::getpid(), {"--defer-video"}))
+    for (int pid : test::children_running(::getpid(), {"--stream-worker"}))
         ::kill(pid, SIGKILL);
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));

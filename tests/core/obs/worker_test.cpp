@@ -187,7 +187,7 @@ TEST(WorkerProcess, AListingWorkerLoadsOnlyCapturePluginsAndNoGraphics)
         EXPECT_FALSE(listed.count(unwanted)) << unwanted;
 
     worker::options stream_options;
-    stream_options.defer_video = true;
+    stream_options.stream_worker = true;
     worker stream(stream_options);
     auto streaming = mapped_libraries(stream.pid());
     for (const char* wanted : {"linux-capture", "obs-x264", "obs-ffmpeg", "obs-outputs"})
