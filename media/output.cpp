@@ -54,13 +54,15 @@ std::string describe_stop(long long code, const std::string& last_error)
     return text;
 }
 
-/// Reads the source's size until either dimension is non-zero, at most until deadline.
+/// Reads the source's size until both dimensions are known, at most until deadline. A
+/// PipeWire screen once reported a height with no width yet, and the stream went out
+/// 4 pixels wide: half a size is no size.
 std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadline)
 {
     for (;;) {
         int width = static_cast<int>(obs_source_get_width(source));
         int height = static_cast<int>(obs_source_get_height(source));
-        if (width != 0 || height != 0)
+        if (width != 0 && height != 0)
             return {width, height};
         if (clock::now() >= deadline)
             return {0, 0};
@@ -481,7 +483,7 @@ bool output::start(const pipe::stream_order& order)
         error_ = "cannot create the capture source";
         return false;
     }
-    if (with_video && source_size.first == 0 && source_size.second == 0) {
+    if (with_video && (source_size.first == 0 || source_size.second == 0)) {
         error_ = kind == source_type::window ? "window not found" : "source has no size";
         return false;
     }
