@@ -27,6 +27,8 @@ using clock = std::chrono::steady_clock;
 constexpr int no_video_size = 4;
 // How often a source's size is read again while it has none.
 constexpr auto size_poll_interval = 1ms;
+// How long the second dimension of a source's size may lag behind the first.
+constexpr auto half_size_grace = 500ms;
 // How long an output whose connection was shut down may take to report that it stopped.
 constexpr auto interrupt_limit = 2s;
 
@@ -56,16 +58,21 @@ std::string describe_stop(long long code, const std::string& last_error)
 
 /// Reads the source's size until both dimensions are known, at most until deadline. A
 /// PipeWire screen once reported a height with no width yet, and the stream went out
-/// 4 pixels wide: half a size is no size.
+/// 4 pixels wide; so once one dimension is known the other gets half_size_grace to
+/// follow, and after that the stream goes on with what there is.
 std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadline)
 {
+    std::optional<clock::time_point> half_known_until;
     for (;;) {
         int width = static_cast<int>(obs_source_get_width(source));
         int height = static_cast<int>(obs_source_get_height(source));
         if (width != 0 && height != 0)
             return {width, height};
-        if (clock::now() >= deadline)
-            return {0, 0};
+        auto now = clock::now();
+        if ((width != 0 || height != 0) && !half_known_until)
+            half_known_until = std::min(deadline, now + half_size_grace);
+        if (now >= half_known_until.value_or(deadline))
+            return {width, height};
         // The source has no event for "size known"; poll it, bounded by the deadline.
         std::this_thread::sleep_for(size_poll_interval);
     }
@@ -483,7 +490,7 @@ bool output::start(const pipe::stream_order& order)
         error_ = "cannot create the capture source";
         return false;
     }
-    if (with_video && (source_size.first == 0 || source_size.second == 0)) {
+    if (with_video && source_size.first == 0 && source_size.second == 0) {
         error_ = kind == source_type::window ? "window not found" : "source has no size";
         return false;
     }
