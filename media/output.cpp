@@ -27,6 +27,8 @@ using clock = std::chrono::steady_clock;
 constexpr int no_video_size = 4;
 // How often a source's size is read again while it has none.
 constexpr auto size_poll_interval = 1ms;
+// How often the socket of a stream that is connecting is looked at.
+constexpr auto connecting_look_interval = 1ms;
 // How long the second dimension of a source's size may lag behind the first.
 constexpr auto half_size_grace = 500ms;
 // How long an output whose connection was shut down may take to report that it stopped.
@@ -290,8 +292,8 @@ void output::watch_outage()
             lock.unlock();
             tcp_progress seen = tcp_progress_since(sockets_before_);
             if (!seen.waiting || seen.sockets != taken.sockets || seen.acknowledged != taken.acknowledged) {
-                if (seen.sockets != taken.sockets) // the first look, or connected again on a new socket
-                    send_without_delay_since(sockets_before_);
+                if (seen.sockets != taken.sockets) // connected again on a new socket, or the first look
+                    send_without_delay(tcp_descriptors_since(sockets_before_));
                 taken = std::move(seen);
                 progressed = now;
             } else if (now - progressed >= limits_.send_stall) {
@@ -574,9 +576,28 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
     } else {
         // Started only means connecting: the stream runs once the output activates
         // (connected and sending); a refused connection arrives as "stop".
+        auto decided_now = [&] { return observed->activated || observed->stopped; };
+        auto until = clock::now() + output_start_limit;
         std::unique_lock<std::mutex> lock(observed->mutex);
-        bool decided = observed->changed.wait_for(lock, output_start_limit,
-                                                  [&] { return observed->activated || observed->stopped; });
+        // While the output connects, its socket sends each write at once and acknowledges
+        // each read at once: the handshake and the publish commands are short messages in
+        // a row, and coalescing on either side holds each for the other side's delayed
+        // acknowledgement (40 ms on Linux, several times over with nginx-rtmp). The socket
+        // appears only once libobs's RTMP library has loaded the system's certificates, so
+        // it is looked for; and the kernel drops quick acknowledgement by itself, so it is
+        // asked for again on every look.
+        std::vector<int> connection;
+        while (!decided_now() && clock::now() < until) {
+            lock.unlock();
+            if (connection.empty()) {
+                connection = tcp_descriptors_since(sockets_before_);
+                send_without_delay(connection);
+            }
+            acknowledge_at_once(connection);
+            lock.lock();
+            observed->changed.wait_for(lock, connecting_look_interval, decided_now);
+        }
+        bool decided = observed->changed.wait_until(lock, until, decided_now);
         if (observed->stopped)
             error_ = describe_stop(observed->code, observed->last_error);
         else if (!decided)

@@ -54,12 +54,27 @@ std::vector<ino_t> tcp_socket_inodes()
     return inodes;
 }
 
-void send_without_delay_since(const std::vector<ino_t>& before)
+std::vector<int> tcp_descriptors_since(const std::vector<ino_t>& before)
 {
-    int on = 1;
+    std::vector<int> descriptors;
     for (const auto& [fd, inode] : tcp_sockets())
         if (std::find(before.begin(), before.end(), inode) == before.end())
-            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            descriptors.push_back(fd);
+    return descriptors;
+}
+
+void send_without_delay(const std::vector<int>& sockets)
+{
+    int on = 1;
+    for (int fd : sockets)
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+void acknowledge_at_once(const std::vector<int>& sockets)
+{
+    int on = 1;
+    for (int fd : sockets)
+        ::setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
 }
 
 void interrupt_connections_since(const std::vector<ino_t>& before)

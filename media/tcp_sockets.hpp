@@ -30,10 +30,18 @@ struct tcp_progress {
 /// The progress of every TCP socket of this process not in before.
 tcp_progress tcp_progress_since(const std::vector<ino_t>& before);
 
-/// Turns off small-packet coalescing (Nagle) on every TCP socket of this process not in
-/// before. libobs's RTMP library leaves it on, so a frame's last segment, or a packet
+/// The descriptors of this process's TCP sockets not in before.
+std::vector<int> tcp_descriptors_since(const std::vector<ino_t>& before);
+
+/// Turns off small-packet coalescing (Nagle) on these sockets; bytes held back go out at
+/// once. libobs's RTMP library leaves it on, so a frame's last segment, or a command
 /// written right after another, could wait for the peer's delayed acknowledgement.
-void send_without_delay_since(const std::vector<ino_t>& before);
+void send_without_delay(const std::vector<int>& sockets);
+
+/// Acknowledges what these sockets received at once, and from now on until the kernel
+/// decides by itself that the exchange is interactive again: a peer that coalesces its
+/// short replies waits for that acknowledgement before sending the next.
+void acknowledge_at_once(const std::vector<int>& sockets);
 
 /// Shuts down every TCP socket of this process not in before. A worker carries one
 /// stream, so the sockets made since it started connecting are that stream's.
