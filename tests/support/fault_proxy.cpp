@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -29,6 +30,16 @@ constexpr std::size_t max_held_bytes = 256 * 1024;
 void set_nonblocking(int fd)
 {
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+}
+
+/// A side of a link: non-blocking, and every piece forwarded as soon as it is read.
+/// Coalescing would make the proxy wait for acknowledgements that a direct path never
+/// waits for, slowing a handshake's short messages by the peers' delayed acknowledgements.
+void prepare_side(int fd)
+{
+    set_nonblocking(fd);
+    int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 struct chunk {
@@ -228,8 +239,8 @@ void fault_proxy::run()
                     if (server >= 0)
                         ::close(server);
                 } else {
-                    set_nonblocking(client);
-                    set_nonblocking(server);
+                    prepare_side(client);
+                    prepare_side(server);
                     link added;
                     added.number = accepted_;
                     added.client.fd = client;
@@ -249,6 +260,12 @@ void fault_proxy::run()
             if (polled[i].revents & (POLLIN | POLLHUP | POLLERR)) {
                 ssize_t got = ::recv(side->fd, buffer, sizeof buffer, 0);
                 if (got > 0) {
+                    // Acknowledged at once, as the far end might: a sender that holds
+                    // short messages back for an acknowledgement must not wait for the
+                    // proxy's delayed one (the kernel turns quick acknowledgement off
+                    // again by itself, so it is asked for after every read).
+                    int on = 1;
+                    ::setsockopt(side->fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
                     if (tap && side == &l->client)
                         tap(l->number, std::string_view(buffer, static_cast<std::size_t>(got)));
                     other.pending.push_back({std::string(buffer, static_cast<std::size_t>(got)), now + latency});
