@@ -77,7 +77,7 @@ video_encoder_plan plan_video_encoder(bool software, profile_type::type level, i
     settings["bitrate"] = chosen;
 
     if (use_software) {
-        std::string options = std::string(x264_options) + qpmax_suffix(level);
+        std::string options = std::string(x264_options) + qpmax_suffix(level) + x264_pipeline_options;
         settings["preset"] = level == profile_type::extreme ? "faster" : "veryfast";
         settings["x264opts"] = options;
         // x264 ignores a false "cbr" and would run its default, CBR with filler data,

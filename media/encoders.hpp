@@ -47,6 +47,12 @@ inline constexpr const char* x264_options =
     "deblock=0:0 level=3.1 me=hex merange=16 min-keyint=60 mixed-refs=1 profile=main qcomp=0.6 qpmin=1 "
     "qpstep=4 scenecut=0";
 
+/// Appended to every software stream's x264 options, after the level's: x264 runs its
+/// look-ahead on the encoding thread instead of buffering frames for a look-ahead thread
+/// of its own. The coded stream is the same bit for bit; its first frame comes about four
+/// frames (130 ms) sooner, for the same CPU.
+inline constexpr const char* x264_pipeline_options = " sync-lookahead=0";
+
 /// Which video encoder to create and with what settings.
 struct video_encoder_plan {
     std::string id;

@@ -126,7 +126,7 @@ TEST(VideoEncoderObjects, CarryThePlannedSettingsAndOnlyKeysThePluginReads)
     EXPECT_EQ(extreme.settings["rate_control"], "ABR");
     EXPECT_EQ(extreme.settings["x264opts"],
               "deblock=0:0 level=3.1 me=hex merange=16 min-keyint=60 mixed-refs=1 profile=main qcomp=0.6 "
-              "qpmin=1 qpstep=4 scenecut=0 qpmax=30");
+              "qpmin=1 qpstep=4 scenecut=0 qpmax=30 sync-lookahead=0");
 
     // Every key we set is one the plug-in reads (it has a default for it), but the two
     // kept as they have always been written: a false "cbr" and "buffer_Size".
