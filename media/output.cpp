@@ -27,8 +27,11 @@ using clock = std::chrono::steady_clock;
 constexpr int no_video_size = 4;
 // How often a source's size is read again while it has none.
 constexpr auto size_poll_interval = 1ms;
-// How often the socket of a stream that is connecting is looked at.
+// How often the socket of a stream that is connecting is looked at: every millisecond
+// for the first connecting_quick_looks, then every connecting_slow_look_interval.
 constexpr auto connecting_look_interval = 1ms;
+constexpr auto connecting_quick_looks = 200ms;
+constexpr auto connecting_slow_look_interval = 10ms;
 // How long the second dimension of a source's size may lag behind the first.
 constexpr auto half_size_grace = 500ms;
 // How long an output whose connection was shut down may take to report that it stopped.
@@ -577,7 +580,8 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
         // Started only means connecting: the stream runs once the output activates
         // (connected and sending); a refused connection arrives as "stop".
         auto decided_now = [&] { return observed->activated || observed->stopped; };
-        auto until = clock::now() + output_start_limit;
+        auto connecting_since = clock::now();
+        auto until = connecting_since + output_start_limit;
         std::unique_lock<std::mutex> lock(observed->mutex);
         // While the output connects, its socket sends each write at once and acknowledges
         // each read at once: the handshake and the publish commands are short messages in
@@ -595,7 +599,11 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
             }
             acknowledge_at_once(connection);
             lock.lock();
-            observed->changed.wait_for(lock, connecting_look_interval, decided_now);
+            // A connection that takes longer is slow on the network's side, where looking
+            // less often costs no more than the path's own round trips.
+            bool early = clock::now() - connecting_since < connecting_quick_looks;
+            observed->changed.wait_for(lock, early ? connecting_look_interval : connecting_slow_look_interval,
+                                       decided_now);
         }
         bool decided = observed->changed.wait_until(lock, until, decided_now);
         if (observed->stopped)
