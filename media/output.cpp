@@ -32,8 +32,6 @@ constexpr auto size_poll_interval = 1ms;
 constexpr auto connecting_look_interval = 1ms;
 constexpr auto connecting_quick_looks = 200ms;
 constexpr auto connecting_slow_look_interval = 10ms;
-// How long the second dimension of a source's size may lag behind the first.
-constexpr auto half_size_grace = 500ms;
 // How long an output whose connection was shut down may take to report that it stopped.
 constexpr auto interrupt_limit = 2s;
 
@@ -59,28 +57,6 @@ std::string describe_stop(long long code, const std::string& last_error)
     if (!last_error.empty())
         text += ": " + last_error;
     return text;
-}
-
-/// Reads the source's size until both dimensions are known, at most until deadline. A
-/// PipeWire screen once reported a height with no width yet, and the stream went out
-/// 4 pixels wide; so once one dimension is known the other gets half_size_grace to
-/// follow, and after that the stream goes on with what there is.
-std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadline)
-{
-    std::optional<clock::time_point> half_known_until;
-    for (;;) {
-        int width = static_cast<int>(obs_source_get_width(source));
-        int height = static_cast<int>(obs_source_get_height(source));
-        if (width != 0 && height != 0)
-            return {width, height};
-        auto now = clock::now();
-        if ((width != 0 || height != 0) && !half_known_until)
-            half_known_until = std::min(deadline, now + half_size_grace);
-        if (now >= half_known_until.value_or(deadline))
-            return {width, height};
-        // The source has no event for "size known"; poll it, bounded by the deadline.
-        std::this_thread::sleep_for(size_poll_interval);
-    }
 }
 
 /// libobs encodes widths that are a multiple of 4 and even heights, trimming anything else
@@ -419,6 +395,24 @@ bool output::prepare_output(const encoder_handle& video, const encoder_handle& a
     obs_output_set_audio_encoder(output.get(), audio.get(), 0);
     obs_output_set_service(output.get(), service.get());
     return true;
+}
+
+std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadline)
+{
+    std::optional<clock::time_point> half_known_until;
+    for (;;) {
+        int width = static_cast<int>(obs_source_get_width(source));
+        int height = static_cast<int>(obs_source_get_height(source));
+        if (width != 0 && height != 0)
+            return {width, height};
+        auto now = clock::now();
+        if ((width != 0 || height != 0) && !half_known_until)
+            half_known_until = std::min(deadline, now + source_half_size_grace);
+        if (now >= half_known_until.value_or(deadline))
+            return {width, height};
+        // The source has no event for "size known"; poll it, bounded by the deadline.
+        std::this_thread::sleep_for(size_poll_interval);
+    }
 }
 
 void output::set_scene_bounds(obs_scene_t* scene, int width, int height)

@@ -36,6 +36,8 @@ inline constexpr const char* software_fallback_line =
 
 /// How long a capture source may take to report its size.
 inline constexpr std::chrono::seconds source_size_limit{5};
+/// How long the second dimension of a source's size may lag behind the first.
+inline constexpr std::chrono::milliseconds source_half_size_grace{500};
 /// How long the output may take to connect and start sending, or to fail.
 inline constexpr std::chrono::seconds output_start_limit{10};
 /// How long a stopping output may take to report that it stopped.
@@ -56,6 +58,12 @@ struct stream_limits {
     std::chrono::milliseconds portal_start = portal_start_limit;
     std::chrono::milliseconds send_stall = send_stall_limit;
 };
+
+/// Reads the source's size until both dimensions are known, at most until deadline; (0, 0)
+/// when it has none by then. A PipeWire screen once reported its height before its
+/// width, and the stream went out 4 pixels wide: once one dimension is known the other
+/// gets source_half_size_grace to follow, and the stream then goes on with what there is.
+std::pair<int, int> wait_for_size(obs_source_t* source, std::chrono::steady_clock::time_point deadline);
 
 class output {
 public:

@@ -25,6 +25,7 @@
 #include <cerrno>
 #include <chrono>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <condition_variable>
@@ -532,6 +533,57 @@ TEST_F(Streaming, X264SettingsTakeEffect)
 
 // In this process: a catalogue entry can only name a screen that exists, so a source
 // that never reports a size is made up here.
+/// A video source whose width reads zero until it has been read width_after times.
+struct late_width_source {
+    static inline std::atomic<int> reads{0};
+    static inline int width_after = 0;
+
+    static void register_once()
+    {
+        static bool registered = [] {
+            obs_source_info info{};
+            info.id = "orbweave_test_late_width";
+            info.type = OBS_SOURCE_TYPE_INPUT;
+            info.output_flags = OBS_SOURCE_VIDEO;
+            info.get_name = [](void*) { return "late width"; };
+            info.create = [](obs_data_t*, obs_source_t*) -> void* { return &reads; };
+            info.destroy = [](void*) {};
+            info.get_width = [](void*) { return reads.fetch_add(1) >= width_after ? 1280u : 0u; };
+            info.get_height = [](void*) { return 720u; };
+            obs_register_source(&info);
+            return true;
+        }();
+        (void)registered;
+    }
+
+    static source_handle make(int width_after_reads)
+    {
+        register_once();
+        reads = 0;
+        width_after = width_after_reads;
+        return source_handle(obs_source_create("orbweave_test_late_width", "late", nullptr, nullptr));
+    }
+};
+
+TEST(OutputInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
+{
+    runtime libobs;
+    auto far = clock::now() + 1h;
+
+    // The height first, the width on the fifth read: the wait takes both.
+    auto source = late_width_source::make(4);
+    EXPECT_EQ(wait_for_size(source.get(), far), std::make_pair(1280, 720));
+    EXPECT_GE(late_width_source::reads.load(), 5);
+
+    // A width that never comes: after the grace the stream goes on with the height,
+    // long before the deadline.
+    source = late_width_source::make(std::numeric_limits<int>::max());
+    auto begun = clock::now();
+    EXPECT_EQ(wait_for_size(source.get(), far), std::make_pair(0, 720));
+    EXPECT_GE(clock::now() - begun, source_half_size_grace);
+    EXPECT_LT(clock::now() - begun, source_size_limit);
+}
+
 TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
 {
     runtime libobs; // without a canvas, as a stream worker starts
