@@ -9,11 +9,20 @@ namespace orbweave::obs {
 
 using callback::source_type;
 
+namespace {
+
+// Beyond a stopping worker's own shut-down bound: the SIGKILL and the reaping.
+constexpr std::chrono::seconds earlier_stream_kill_margin{2};
+
+} // namespace
+
 /// One stream from its activation to the end of its worker.
 struct worker_manager::stream {
     enum class phase { starting, running, stopping };
 
     std::string id;
+    /// Where it streams: the ingest's address and the stream key.
+    std::string destination;
     /// The source as the user knows it.
     callback::active_stream source;
     std::uint64_t generation = 0;
@@ -102,6 +111,7 @@ void worker_manager::activate(activate_request request, source_entry source, int
 
     auto record = std::make_shared<stream>();
     record->id = request.source.id;
+    record->destination = request.server + " " + request.key;
     record->source = {request.source.id, entry_kind(source), entry_name(source), entry_description(source)};
     record->generation = next_generation_++;
     streams_.emplace(record->generation, record);
@@ -136,7 +146,13 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
         });
         bool cancelled;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            std::unique_lock<std::mutex> lock(mutex_);
+            // "Success" for a deactivate is answered at once, while its worker still stops:
+            // an ingest turns a second publisher of a key away, so a stream to the
+            // destination of one that is stopping waits until that one has let go.
+            changed_.wait_for(lock, options_.stream.shutdown_timeout + earlier_stream_kill_margin, [&] {
+                return record->state == stream::phase::stopping || destination_released_locked(*record);
+            });
             cancelled = record->state == stream::phase::stopping;
             if (!cancelled)
                 record->process = process.get();
@@ -253,6 +269,15 @@ worker_manager::deactivation worker_manager::deactivate(const deactivate_request
 void worker_manager::clear()
 {
     deactivate({true, {}});
+}
+
+bool worker_manager::destination_released_locked(const stream& record) const
+{
+    return std::none_of(streams_.begin(), streams_.end(), [&](const auto& item) {
+        const stream& other = *item.second;
+        return other.generation < record.generation && other.state == stream::phase::stopping &&
+               other.destination == record.destination;
+    });
 }
 
 bool worker_manager::any_running_locked() const

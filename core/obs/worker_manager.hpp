@@ -132,6 +132,8 @@ private:
     /// A running stream ended by itself: it stops, and the owner hears of it.
     void end_locked(stream& record, const std::string& reason);
     bool any_running_locked() const;
+    /// No earlier stream to record's destination is still stopping.
+    bool destination_released_locked(const stream& record) const;
     /// Tells the streams handler of the running streams when they differ from the last told.
     void report_streams_locked();
     void join_finished();

@@ -438,6 +438,22 @@ TEST_F(WarmWorkers, AnActivationTakesTheSpareAndASpareThatDiesIsReplaced)
     EXPECT_TRUE(test::children_running(::getpid(), {"orbweave-media-worker"}).empty());
 }
 
+TEST_F(WarmWorkers, AKeyDeactivatedAMomentAgoCanBeStreamedToAgain)
+{
+    // "Success" for a deactivate comes while the old worker still leaves the ingest, and
+    // the spare makes the next start quicker than that; the ingest turns a second
+    // publisher of a key away.
+    std::string speakers = source_id("audio");
+    ASSERT_EQ(activate(speakers, "same-key"), Json({{"status", "Success"}}));
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_TRUE(eventually([] { return stream_workers().size() == 2; })) << "no spare in round " << round;
+        ASSERT_EQ(deactivate(speakers), Json({{"status", "Success"}})) << "round " << round;
+        EXPECT_EQ(activate(speakers, "same-key"), Json({{"status", "Success"}})) << "round " << round;
+    }
+    EXPECT_TRUE(ingest.wait_for_publishing("same-key", deadline));
+    EXPECT_TRUE(listed_active("audio", speakers));
+}
+
 class FrozenWorker : public Streams {
 protected:
     FrozenWorker()
