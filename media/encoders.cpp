@@ -41,10 +41,10 @@ std::pair<int, int> default_frame_size(profile_type::type level)
     return {854, 480};
 }
 
-std::pair<int, int> target_frame_size(const activate_request& request)
+std::pair<int, int> target_frame_size(const pipe::stream_order& order)
 {
-    auto size = default_frame_size(request.profile);
-    return {request.width.value_or(size.first), request.height.value_or(size.second)};
+    auto size = default_frame_size(order.level);
+    return {order.width.value_or(size.first), order.height.value_or(size.second)};
 }
 
 std::pair<int, int> scale_dimensions(int width, int height, int max_width, int max_height)

@@ -6,7 +6,7 @@
 
 #include "core/encode_profile.hpp"
 #include "core/json.hpp"
-#include "core/obs/requests.hpp"
+#include "core/obs/pipe_protocol.hpp"
 #include "media/unique_handle.hpp"
 
 #include <string>
@@ -34,7 +34,7 @@ std::pair<int, int> default_frame_size(profile_type::type level);
 
 /// The request's level's default frame size, with the requested width and height
 /// replacing either dimension when given.
-std::pair<int, int> target_frame_size(const activate_request& request);
+std::pair<int, int> target_frame_size(const pipe::stream_order& order);
 
 /// (width, height) shrunk to fit inside (max_width, max_height) keeping its aspect
 /// ratio, never enlarged; rounded half away from zero.

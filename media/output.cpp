@@ -494,7 +494,7 @@ bool output::start(const pipe::stream_order& order)
         return false;
     }
 
-    auto target = target_frame_size(order.request);
+    auto target = target_frame_size(order);
     frame_size_ = with_video ? scale_dimensions(source_size.first, source_size.second, target.first, target.second)
                              : std::pair<int, int>{no_video_size, no_video_size};
     frame_size_ = encodable_size(frame_size_);
@@ -545,9 +545,9 @@ bool output::attempt(const pipe::stream_order& order, const source_handle& sourc
     log::line(json::dump(json::redacted(order.to_json())));
     set_scene_bounds(scene.get(), frame_size_.first, frame_size_.second);
 
-    encoder_handle video = create_video_encoder(software, order.request.profile, order.bitrate);
+    encoder_handle video = create_video_encoder(software, order.level, order.bitrate);
     encoder_handle audio = create_audio_encoder();
-    service_handle service = create_service(order.request.server, order.request.key);
+    service_handle service = create_service(order.server, order.key);
     output_handle stream = create_output();
     if (!video || !audio || !service || !stream) {
         clear_channel(scene.get());

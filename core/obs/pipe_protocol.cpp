@@ -2,9 +2,24 @@
 
 namespace orbweave::obs::pipe {
 
+stream_order stream_order::of(const activate_request& request, source_entry source, int bitrate,
+                              std::string restore_token)
+{
+    return {std::move(source), request.server,  request.key, request.profile,
+            request.width,     request.height,  bitrate,     std::move(restore_token)};
+}
+
 Json stream_order::to_json() const
 {
-    Json value{{"source", obs::to_json(source)}, {"request", request.to_json()}, {"bitrate", bitrate}};
+    Json value{{"source", obs::to_json(source)},
+               {"server", server},
+               {"key", key},
+               {"level", profile_type::name(level)},
+               {"bitrate", bitrate}};
+    if (width)
+        value["width"] = *width;
+    if (height)
+        value["height"] = *height;
     if (!restore_token.empty())
         value["restoreToken"] = restore_token;
     return value;
@@ -15,8 +30,19 @@ std::optional<stream_order> stream_order::from_json(const Json& value)
     std::optional<source_entry> source = source_entry_from_json(json::at(value, {"source"}));
     if (!source)
         return std::nullopt;
-    return stream_order{std::move(*source), activate_request::parse(json::at(value, {"request"})),
-                        json::int_at(value, {"bitrate"}), json::string_at(value, {"restoreToken"})};
+    auto dimension = [&](std::string_view name) -> std::optional<int> {
+        if (!json::is_number_at(value, {name}))
+            return std::nullopt;
+        return json::int_at(value, {name});
+    };
+    return stream_order{std::move(*source),
+                        json::string_at(value, {"server"}),
+                        json::string_at(value, {"key"}),
+                        profile_type::parse(json::string_at(value, {"level"})),
+                        dimension("width"),
+                        dimension("height"),
+                        json::int_at(value, {"bitrate"}),
+                        json::string_at(value, {"restoreToken"})};
 }
 
 Json stream_result::to_json() const

@@ -46,14 +46,29 @@ inline constexpr const char* shutdown = "shutdown";
 /// The event a worker sends when its stream ends without being asked to.
 inline constexpr const char* stopped_event = "stopped";
 
-/// A stream worker's one job: the catalogue entry the client looked up, what the
-/// request asks of it, and the measured uplink bitrate (kbps).
+/// A stream worker's one job, in a schema of its own: the catalogue entry the client
+/// looked up, where to stream it, at what level and size, and the measured uplink
+/// bitrate (kbps).
+///
+///   {"source":<entry>,"server":"rtmp://...","key":"...","level":"medium",
+///    "width":1280,"height":720,"bitrate":1500,"restoreToken":"..."}
+///
+/// "width" and "height" are left out when the service named none (the level's size
+/// applies), "restoreToken" when there is none.
 struct stream_order {
     source_entry source;
-    activate_request request;
+    std::string server;
+    std::string key;
+    profile_type::type level = profile_type::low;
+    std::optional<int> width;
+    std::optional<int> height;
     int bitrate = 0;
     /// The desktop portal's token for the screen chosen last time (portal route); "" for none.
     std::string restore_token;
+
+    /// The order for what an activation asks of the source it names.
+    static stream_order of(const activate_request& request, source_entry source, int bitrate,
+                           std::string restore_token);
 
     Json to_json() const;
     /// none when the source entry is missing or names no kind.

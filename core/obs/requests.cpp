@@ -26,19 +26,6 @@ activate_request activate_request::parse(const Json& message)
     return request;
 }
 
-Json activate_request::to_json() const
-{
-    Json options{{"profile", profile_type::name(profile)}};
-    if (width)
-        options["width"] = *width;
-    if (height)
-        options["height"] = *height;
-    return Json{{"payload",
-                 {{"source", {{"type", callback::source_type::name(source.kind)}, {"id", source.id}}},
-                  {"options", std::move(options)},
-                  {"service", {{"server", server}, {"key", key}}}}}};
-}
-
 deactivate_request deactivate_request::parse(const Json& message)
 {
     deactivate_request request;

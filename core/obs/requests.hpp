@@ -33,8 +33,6 @@ struct activate_request {
     std::string key;
 
     static activate_request parse(const Json& message);
-    /// The worker pipe's form (the same keys under "payload"); parse() reads it back.
-    Json to_json() const;
 };
 
 /// A "deactivate": one source, or every stream when "payload" is not an object.

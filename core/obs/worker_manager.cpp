@@ -160,7 +160,7 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
         if (!cancelled) {
             std::string id = request.source.id;
             pipe::stream_result result =
-                process->stream({std::move(source), std::move(request), bitrate, tokens_.get(id)});
+                process->stream(pipe::stream_order::of(request, std::move(source), bitrate, tokens_.get(id)));
             outcome.started = result.started;
             outcome.error = result.error;
             outcome.rejected = result.rejected;

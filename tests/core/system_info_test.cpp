@@ -110,9 +110,6 @@ TEST(Requests, AnActivateIsReadOnceWithTheProtocolsLenientRules)
     }
     EXPECT_EQ(obs::activate_request::parse(Json("not an object")).source.id, "");
 
-    // The pipe form reads back to the same request.
-    auto again = obs::activate_request::parse(full.to_json());
-    EXPECT_EQ(again.to_json(), full.to_json());
 
     auto one = obs::deactivate_request::parse(Json{{"id", "deactivate"}, {"payload", {{"source", {{"id", "x"}}}}}});
     EXPECT_FALSE(one.all);
@@ -123,9 +120,9 @@ TEST(Requests, AnActivateIsReadOnceWithTheProtocolsLenientRules)
 
 TEST(Requests, AStreamOrderCrossesThePipeIntact)
 {
-    obs::pipe::stream_order order{obs::audio_entry("Mic", "USB Mic", "alsa_input.usb", true),
-                                  obs::activate_request::parse(activate_message({{"options", {{"profile", "medium"}}}})),
-                                  2500, "token-1"};
+    auto order = obs::pipe::stream_order::of(
+        obs::activate_request::parse(activate_message({{"options", {{"profile", "medium"}, {"width", 640}}}})),
+        obs::audio_entry("Mic", "USB Mic", "alsa_input.usb", true), 2500, "token-1");
     auto back = obs::pipe::stream_order::from_json(Json::parse(json::dump(order.to_json())));
     ASSERT_TRUE(back);
     EXPECT_EQ(back->to_json(), order.to_json());

@@ -48,9 +48,10 @@ test::media_environment::options display_only()
 [[maybe_unused]] auto* const display = ::testing::AddGlobalTestEnvironment(new test::media_environment(display_only()));
 [[maybe_unused]] auto* const libobs = ::testing::AddGlobalTestEnvironment(new libobs_environment);
 
-activate_request with_options(const Json& options)
+pipe::stream_order with_options(const Json& options)
 {
-    return activate_request::parse(Json{{"payload", {{"options", options}}}});
+    return pipe::stream_order::of(activate_request::parse(Json{{"payload", {{"options", options}}}}), screen_entry{},
+                                  0, "");
 }
 
 struct read_back {

@@ -49,7 +49,7 @@ pipe::stream_order order_for(source_entry source, const Json& options, const std
                              const std::string& key, int bitrate = 1500)
 {
     Json message{{"payload", {{"options", options}, {"service", {{"server", server}, {"key", key}}}}}};
-    return {std::move(source), activate_request::parse(message), bitrate, ""};
+    return pipe::stream_order::of(activate_request::parse(message), std::move(source), bitrate, "");
 }
 
 std::unique_ptr<worker> stream_worker()
@@ -269,7 +269,7 @@ TEST_P(StreamSize, VideoArrivesAtTheLevelsSizeFittedToTheSource)
 {
     const size_case& c = GetParam();
     auto order = order_for(screen(c.screen), c.options, ingest_->url(), new_key(c.name));
-    auto target = target_frame_size(order.request);
+    auto target = target_frame_size(order);
     auto [width, height] = scale_dimensions(static_cast<int>(screen(c.screen).width),
                                             static_cast<int>(screen(c.screen).height), target.first, target.second);
     // Encoded frames are a multiple of 4 wide and of 2 high.
@@ -279,7 +279,7 @@ TEST_P(StreamSize, VideoArrivesAtTheLevelsSizeFittedToTheSource)
     auto media = stream_worker();
     auto [result, took] = activate(*media, order);
     ASSERT_TRUE(result.started) << result.error;
-    auto live = ingest_->probe_live(order.request.key, 15s);
+    auto live = ingest_->probe_live(order.key, 15s);
     ASSERT_TRUE(live.error.empty()) << live.error;
     ASSERT_NE(live.video(), nullptr);
     EXPECT_EQ(live.video()->codec_name, "h264");

@@ -104,7 +104,7 @@ obs::pipe::stream_order order_for(const obs::screen_entry& screen, const test::r
 {
     Json message{{"payload",
                   {{"options", {{"profile", "medium"}}}, {"service", {{"server", ingest.url()}, {"key", key}}}}}};
-    return {screen, obs::activate_request::parse(message), 1500, token};
+    return obs::pipe::stream_order::of(obs::activate_request::parse(message), screen, 1500, token);
 }
 
 obs::worker::options stream_options()
@@ -229,7 +229,7 @@ TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
     test::rtmp_ingest ingest;
     Json message{{"payload", {{"options", {{"profile", "medium"}}}, {"service", {{"server", ingest.url()}, {"key", "sound"}}}}}};
     obs::worker media(stream_options());
-    auto result = media.stream({*virtual_output, obs::activate_request::parse(message), 1500, ""});
+    auto result = media.stream(obs::pipe::stream_order::of(obs::activate_request::parse(message), *virtual_output, 1500, ""));
     ASSERT_TRUE(result.started) << result.error;
     auto live = ingest.probe_live("sound", 15s);
     ASSERT_NE(live.audio(), nullptr) << live.error;

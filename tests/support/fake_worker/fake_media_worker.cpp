@@ -58,7 +58,7 @@ int main()
             send(obs::pipe::ok_reply(Json::array()));
         } else if (request.op == obs::pipe::op::stream) {
             auto order = obs::pipe::stream_order::from_json(json::at(request.body, {"order"}));
-            std::string key = order ? order->request.key : "";
+            std::string key = order ? order->key : "";
             if (key == "garbage") {
                 write_garbage();
             } else if (key == "huge-line") {
