@@ -60,6 +60,13 @@ bool agent::start(const std::function<bool()>& cancelled)
                request_type::type request_kind, const callback::request& request) {
             on_permission(kind, name, description, request_kind, request);
         });
+    client_->set_rule_handler([this](source_type::type kind) {
+        auto decision = options_.permissions.decide(kind);
+        if (decision == permission_policy::decision::allow || (decision == permission_policy::decision::ask && prompt_))
+            return callback::permission_rule::ask; // the permission handler answers, and says so
+        print_(std::string("denied activate ") + source_type::name(kind));
+        return callback::permission_rule::never;
+    });
     client_->set_profile_handler([this] { return encode_profile{profile_type::low, bitrate_.load()}; });
     print_("connecting to " + options_.service_url);
     client_->start();

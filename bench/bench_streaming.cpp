@@ -625,9 +625,9 @@ private:
         auto source = obs::source_entry_from_json(screen_entry_);
         if (!source)
             throw std::runtime_error("the listed screen is not a catalogue entry");
-        return {*source,
-                obs::activate_request::parse(service_.activate_message(request_for(key, ingest_.url()), "bench")),
-                1500, ""};
+        return obs::pipe::stream_order::of(
+            obs::activate_request::parse(service_.activate_message(request_for(key, ingest_.url()), "bench")), *source,
+            1500, "");
     }
 
     void steady_state(const obs::child_process& content)

@@ -35,6 +35,11 @@ struct request_type {
     static const char* name(type request);
 };
 
+/// How the user treats a kind of source: asked each time, always allowed, or never.
+struct permission_rule {
+    enum type : std::int32_t { ask = 0, allow = 1, never = 2 };
+};
+
 /// A stream that runs now, and the source it captures as this machine names it.
 struct active_stream {
     std::string id;

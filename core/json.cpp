@@ -135,24 +135,37 @@ Json redacted(const Json& value)
     return copy;
 }
 
-std::string redacted_text(std::string_view text)
+namespace {
+
+// Cheap test first: most frames name no secret member and are logged as they came.
+// A member name stands in quotes; each frame is searched without building strings.
+bool names_secret(std::string_view text)
 {
-    // Cheap test first: most frames name no secret member and are logged as they came.
-    // A member name stands in quotes; each frame is searched without building strings.
-    bool names_secret = std::any_of(secret_keys.begin(), secret_keys.end(), [text](std::string_view secret) {
+    return std::any_of(secret_keys.begin(), secret_keys.end(), [text](std::string_view secret) {
         for (auto at = text.find(secret); at != std::string_view::npos; at = text.find(secret, at + 1))
             if (at > 0 && text[at - 1] == '"' && at + secret.size() < text.size() && text[at + secret.size()] == '"')
                 return true;
         return false;
     });
-    if (!names_secret)
+}
+
+} // namespace
+
+std::string redacted_text(std::string_view text, const Json& parsed)
+{
+    if (!names_secret(text))
         return std::string(text);
-    Json parsed = parse(text);
     if (parsed.is_null())
         return "(" + std::to_string(text.size()) + " bytes that are not JSON)";
-    if (!redact_in_place(parsed))
+    Json copy = parsed;
+    if (!redact_in_place(copy))
         return std::string(text);
-    return dump(parsed);
+    return dump(copy);
+}
+
+std::string redacted_text(std::string_view text)
+{
+    return names_secret(text) ? redacted_text(text, parse(text)) : std::string(text);
 }
 
 } // namespace orbweave::json

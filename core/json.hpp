@@ -52,8 +52,11 @@ std::string dump(const Json& value);
 /// depth, is "***".
 Json redacted(const Json& value);
 
-/// The text to log for a frame: itself, or its redacted form when it carries a secret;
-/// a frame that names a secret member but cannot be parsed is not logged, only its size.
+/// The text to log for a frame, given the frame and what parse() made of it: the text
+/// itself, or the parsed document redacted when it carries a secret; a frame that names
+/// a secret member but is not JSON is not logged, only its size.
+std::string redacted_text(std::string_view text, const Json& parsed);
+/// The same for a frame not parsed yet: it is parsed only when it names a secret member.
 std::string redacted_text(std::string_view text);
 
 } // namespace json

@@ -47,6 +47,10 @@ public:
     using permission_callback = std::function<void(callback::source_type::type, const std::string&,
                                                   const std::string&, callback::request_type::type,
                                                   const callback::request&)>;
+    /// How the user treats a kind of source, asked for each activation before its source
+    /// is looked up: a kind that is never allowed is answered "Rejected" whatever id the
+    /// request names, so the answer tells the service nothing about what exists here.
+    using rule_callback = std::function<callback::permission_rule::type(callback::source_type::type)>;
     using reset_callback = std::function<void()>;
     using profile_callback = std::function<encode_profile()>;
     using streams_callback = std::function<void(const std::vector<callback::active_stream>&)>;
@@ -71,6 +75,8 @@ public:
     virtual void set_new_code_handler(new_code_callback handler) = 0;
     virtual void set_ready_handler(ready_callback handler) = 0;
     virtual void set_permission_handler(permission_callback handler) = 0;
+    /// Without one, every kind goes to the permission handler.
+    virtual void set_rule_handler(rule_callback handler) = 0;
     virtual void set_reset_handler(reset_callback handler) = 0;
     virtual void set_profile_handler(profile_callback handler) = 0;
     /// Told the running streams, oldest first, whenever they change.

@@ -49,22 +49,25 @@ void orbweave_client_impl::initialize()
     work_manager_->set_stream_ended_handler([this](const std::string& id, const std::string& reason, bool now_empty) {
         log::line("The stream of source " + id + " ended: " + reason);
         if (now_empty)
-            signal_streams_gone();
+            streams_gone();
     });
     work_manager_->set_streams_handler(
-        [this](const std::vector<callback::active_stream>& streams) { signal_on_streams(streams); });
+        [this](const std::vector<callback::active_stream>& streams) { streams_changed(streams); });
     disconnection_counter_ = 0;
 
-    // Every message the client serves, in one place.
+    // Every message the client serves, in one place, each handler given what it uses.
     auto& transport = *websocket_client_;
-    transport.register_message_handler(std::make_unique<obs::activate_handler>(this));
-    transport.register_message_handler(std::make_unique<code_handler>(this));
-    transport.register_message_handler(std::make_unique<obs::deactivate_handler>(this));
+    app_callbacks& app = *this;
+    obs::worker_manager& media = *work_manager_;
+    transport.register_message_handler(std::make_unique<obs::activate_handler>(media, app));
+    transport.register_message_handler(std::make_unique<code_handler>(app));
+    transport.register_message_handler(std::make_unique<obs::deactivate_handler>(media, app));
     transport.register_message_handler(std::make_unique<identify_handler>());
-    transport.register_message_handler(std::make_unique<obs::list_handler>(this));
-    transport.register_message_handler(std::make_unique<open_handler>(this));
-    transport.register_message_handler(std::make_unique<ready_handler>(this));
-    transport.register_message_handler(std::make_unique<reset_handler>(this));
+    transport.register_message_handler(std::make_unique<obs::list_handler>(media, app));
+    transport.register_message_handler(std::make_unique<open_handler>(
+        app, transport, options_.keepalive_interval_ms, [this] { reset_reconnection(); }));
+    transport.register_message_handler(std::make_unique<ready_handler>(app, media));
+    transport.register_message_handler(std::make_unique<reset_handler>(app, media));
     transport.register_message_handler(
         websocket::lambda_message_handler::create("fail", [this](const websocket::connection&, const Json&) {
             on_fail();
@@ -119,7 +122,7 @@ void orbweave_client_impl::start_thread()
         }
         // Whatever went wrong, the link is treated as lost and tried again.
         try {
-            signal_on_state_change(state_type::disconnected);
+            state_changed(state_type::disconnected);
             reconnect();
         } catch (...) {
             log::line("The network thread could not schedule a reconnection");
@@ -137,7 +140,7 @@ void orbweave_client_impl::stop()
     if (!running_) {
         // Never started: there is no network thread to report on.
         lifecycle.unlock();
-        signal_on_state_change(state_type::disconnected);
+        state_changed(state_type::disconnected);
         return;
     }
     if (stopped_)
@@ -151,7 +154,7 @@ void orbweave_client_impl::stop()
 void orbweave_client_impl::finish_run()
 {
     work_manager_->clear();
-    signal_on_state_change(state_type::disconnected);
+    state_changed(state_type::disconnected);
     websocket_client_->stop();
     keep_running_.reset();
     io_service_->stop();
@@ -175,7 +178,6 @@ void orbweave_client_impl::release_run()
     // leave now rather than at the next start().
     work_manager_.reset();
     reconnect_timer_.reset();
-    current_connection_ = {};
     websocket_client_.reset();
     loop_.reset();
     keep_running_.reset();
@@ -193,10 +195,10 @@ void orbweave_client_impl::stop_streaming()
     std::shared_ptr<network_loop> loop = current_loop();
     bool posted = loop && loop->post([this] {
         work_manager_->clear();
-        signal_streams_gone();
+        streams_gone();
     });
     if (!posted) // not running: nothing streams, and there is no network thread to report on
-        signal_streams_gone();
+        streams_gone();
 }
 
 bool orbweave_client_impl::deliver(std::string frame, websocket::connection from)
@@ -209,7 +211,7 @@ bool orbweave_client_impl::deliver(std::string frame, websocket::connection from
 
 void orbweave_client_impl::on_fail()
 {
-    signal_on_state_change(state_type::disconnected);
+    state_changed(state_type::disconnected);
     reconnect();
 }
 
@@ -249,18 +251,6 @@ void orbweave_client_impl::reset_reconnection()
     }
 }
 
-void orbweave_client_impl::set_current_connection(const websocket::connection& connection)
-{
-    lock_guard lock(mutex_);
-    current_connection_ = connection;
-}
-
-websocket::connection orbweave_client_impl::current_connection()
-{
-    lock_guard lock(mutex_);
-    return current_connection_;
-}
-
 template <class Callback>
 void orbweave_client_impl::replace_callback(Callback& field, Callback handler)
 {
@@ -298,6 +288,11 @@ void orbweave_client_impl::set_permission_handler(permission_callback handler)
     replace_callback(permission_handler_, std::move(handler));
 }
 
+void orbweave_client_impl::set_rule_handler(rule_callback handler)
+{
+    replace_callback(rule_handler_, std::move(handler));
+}
+
 void orbweave_client_impl::set_reset_handler(reset_callback handler)
 {
     replace_callback(reset_handler_, std::move(handler));
@@ -308,14 +303,14 @@ void orbweave_client_impl::set_profile_handler(profile_callback handler)
     replace_callback(profile_handler_, std::move(handler));
 }
 
-void orbweave_client_impl::signal_on_streams(const std::vector<callback::active_stream>& streams)
+void orbweave_client_impl::streams_changed(const std::vector<callback::active_stream>& streams)
 {
     lock_guard lock(mutex_);
     if (streams_handler_)
         streams_handler_(streams);
 }
 
-void orbweave_client_impl::signal_on_state_change(state_type::type state)
+void orbweave_client_impl::state_changed(state_type::type state)
 {
     lock_guard lock(mutex_);
     if (state != state_type::streaming)
@@ -324,68 +319,67 @@ void orbweave_client_impl::signal_on_state_change(state_type::type state)
         state_change_handler_(state);
 }
 
-void orbweave_client_impl::signal_streams_gone()
+void orbweave_client_impl::streams_gone()
 {
     lock_guard lock(mutex_);
-    signal_on_state_change(link_state_);
+    state_changed(link_state_);
 }
 
-std::string orbweave_client_impl::signal_on_secret()
+std::string orbweave_client_impl::secret()
 {
     lock_guard lock(mutex_);
     return secret_handler_ ? secret_handler_() : std::string{};
 }
 
-void orbweave_client_impl::signal_on_new_code(std::string& code)
+void orbweave_client_impl::new_code(std::string& code)
 {
     lock_guard lock(mutex_);
     if (new_code_handler_)
         new_code_handler_(code);
 }
 
-void orbweave_client_impl::signal_on_ready(callback::msg::ready& ready)
+void orbweave_client_impl::ready(callback::msg::ready& ready)
 {
     lock_guard lock(mutex_);
     if (ready_handler_)
         ready_handler_(ready);
 }
 
-void orbweave_client_impl::signal_on_reset()
+void orbweave_client_impl::reset()
 {
     lock_guard lock(mutex_);
     if (reset_handler_)
         reset_handler_();
 }
 
-encode_profile orbweave_client_impl::signal_on_profile()
+encode_profile orbweave_client_impl::profile()
 {
     lock_guard lock(mutex_);
     return profile_handler_ ? profile_handler_() : encode_profile{};
 }
 
-void orbweave_client_impl::signal_on_permission(callback::source_type::type type, const std::string& name,
-                                                const std::string& description, callback::request_type::type kind,
-                                                const callback::request& request)
+callback::permission_rule::type orbweave_client_impl::rule(callback::source_type::type kind)
 {
     lock_guard lock(mutex_);
-    if (permission_handler_)
-        permission_handler_(type, name, description, kind, request);
-    else
-        request.answer(false);
+    return rule_handler_ ? rule_handler_(kind) : callback::permission_rule::ask;
 }
 
-void orbweave_client_impl::ask_permission(callback::source_type::type type, const std::string& name,
-                                          const std::string& description, callback::request_type::type kind,
+void orbweave_client_impl::ask_permission(callback::source_type::type kind, const std::string& name,
+                                          const std::string& description, callback::request_type::type request,
                                           std::function<void(bool)> on_answer)
 {
     // The request holds the run's loop, not the client: once the client stops, the loop
     // is closed (or gone) and an answer finds nothing to act on.
-    callback::request request(
+    callback::request pending(
         [loop = std::weak_ptr<network_loop>(loop_), on_answer = std::move(on_answer)](bool allowed) {
             if (auto open = loop.lock())
                 open->post([on_answer, allowed] { on_answer(allowed); });
         });
-    signal_on_permission(type, name, description, kind, request);
+    lock_guard lock(mutex_);
+    if (permission_handler_)
+        permission_handler_(kind, name, description, request, pending);
+    else
+        pending.answer(false);
 }
 
 } // namespace orbweave

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/app_callbacks.hpp"
 #include "core/network_loop.hpp"
 #include "core/obs/worker_manager.hpp"
 #include "core/orbweave_client.hpp"
@@ -19,15 +20,15 @@
 
 namespace orbweave {
 
-/// The one implementation of orbweave_client. The protocol handlers hold a
-/// pointer to it and reach the application through its signal_on_ operations.
+/// The one implementation of orbweave_client. The protocol handlers reach the
+/// application through it as app_callbacks, and the work manager directly.
 ///
 /// Threads: every handler, timer and application callback runs on the network
 /// thread. Other threads (the application's, the work manager's, the worker pipe
 /// readers) reach it only by posting to the run's network_loop, which stop()
 /// closes, so nothing they send arrives after stop(). The client's mutex guards the
 /// callbacks and is held while each one runs; start(), stop() and join() never take it.
-class orbweave_client_impl final : public orbweave_client {
+class orbweave_client_impl final : public orbweave_client, private app_callbacks {
 public:
     orbweave_client_impl(std::string url, client_options options);
     ~orbweave_client_impl() override;
@@ -42,50 +43,34 @@ public:
     void set_new_code_handler(new_code_callback handler) override;
     void set_ready_handler(ready_callback handler) override;
     void set_permission_handler(permission_callback handler) override;
+    void set_rule_handler(rule_callback handler) override;
     void set_reset_handler(reset_callback handler) override;
     void set_profile_handler(profile_callback handler) override;
     void set_streams_handler(streams_callback handler) override;
-
-    // Operations the protocol handlers use; each takes the client's mutex.
-    void signal_on_state_change(callback::state_type::type state);
-    /// The last stream has gone: reports the link's own state again (connected, pairing
-    /// or disconnected), not "streaming".
-    void signal_streams_gone();
-    std::string signal_on_secret();
-    void signal_on_new_code(std::string& code);
-    void signal_on_ready(callback::msg::ready& ready);
-    void signal_on_reset();
-    encode_profile signal_on_profile();
-    void signal_on_streams(const std::vector<callback::active_stream>& streams);
-    /// Asks the application; without a permission handler the request is denied at once.
-    void signal_on_permission(callback::source_type::type type, const std::string& name,
-                              const std::string& description, callback::request_type::type kind,
-                              const callback::request& request);
-    /// Asks the application for permission on the network thread. on_answer runs on the
-    /// network thread with the answer, once, whichever thread answers; an answer given
-    /// after stop() does nothing.
-    void ask_permission(callback::source_type::type type, const std::string& name, const std::string& description,
-                        callback::request_type::type kind, std::function<void(bool allowed)> on_answer);
 
     /// Hands frame to the handlers on the network thread as if it had come over from,
     /// after everything posted before it; false when the client is not running. With an
     /// in-memory connection this drives the whole client without a service (fuzzing).
     bool deliver(std::string frame, websocket::connection from);
 
+private:
+    // app_callbacks: each takes the client's mutex.
+    void state_changed(callback::state_type::type state) override;
+    void streams_gone() override;
+    std::string secret() override;
+    void new_code(std::string& code) override;
+    void ready(callback::msg::ready& ready) override;
+    void reset() override;
+    encode_profile profile() override;
+    callback::permission_rule::type rule(callback::source_type::type kind) override;
+    void ask_permission(callback::source_type::type kind, const std::string& name, const std::string& description,
+                        callback::request_type::type request, std::function<void(bool allowed)> on_answer) override;
+    void streams_changed(const std::vector<callback::active_stream>& streams);
+
     /// Schedules the next connection attempt after a lost link.
     void reconnect();
-    /// What the "open" handler does to the reconnection state: counter to 0, timer cancelled.
+    /// What an opened link does to the reconnection state: counter to 0, timer cancelled.
     void reset_reconnection();
-
-    std::recursive_mutex& mutex() { return mutex_; }
-    obs::worker_manager& work_manager() { return *work_manager_; }
-    websocket::websocket_client& websocket() { return *websocket_client_; }
-    const client_options& options() const { return options_; }
-
-    void set_current_connection(const websocket::connection& connection);
-    websocket::connection current_connection();
-
-private:
     void initialize();
     void start_thread();
     /// Runs on the network thread as the last task of a run.
@@ -117,12 +102,12 @@ private:
     ready_callback ready_handler_;
     reset_callback reset_handler_;
     permission_callback permission_handler_;
+    rule_callback rule_handler_;
     profile_callback profile_handler_;
     streams_callback streams_handler_;
 
     std::unique_ptr<websocket::websocket_client> websocket_client_;
     websocket::timer_ptr reconnect_timer_;
-    websocket::connection current_connection_;
     std::unique_ptr<obs::worker_manager> work_manager_;
 
     // Serialises start(), stop() and join(); they take no other lock of the client.

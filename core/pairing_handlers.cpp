@@ -1,6 +1,7 @@
 #include "core/pairing_handlers.hpp"
 
-#include "core/orbweave_client_impl.hpp"
+#include "core/obs/worker_manager.hpp"
+#include "core/websocket/connection.hpp"
 
 namespace orbweave {
 
@@ -18,8 +19,7 @@ Json code_request_with_secret(const std::string& secret)
     return Json{{"id", "code"}, {"url", connect_path}, {"payload", {{"secret", secret}}}};
 }
 
-code_handler::code_handler(orbweave_client_impl* client)
-    : message_handler("code"), client_(client)
+code_handler::code_handler(app_callbacks& app) : message_handler("code"), app_(app)
 {
 }
 
@@ -27,11 +27,11 @@ void code_handler::handle(const websocket::connection&, const Json& message)
 {
     std::string code = json::string_at(message, {"payload", "code"});
     if (!code.empty())
-        client_->signal_on_new_code(code);
+        app_.new_code(code);
 }
 
-ready_handler::ready_handler(orbweave_client_impl* client)
-    : message_handler("ready"), client_(client)
+ready_handler::ready_handler(app_callbacks& app, const obs::worker_manager& media)
+    : message_handler("ready"), app_(app), media_(media)
 {
 }
 
@@ -42,21 +42,20 @@ void ready_handler::handle(const websocket::connection&, const Json& message)
         json::string_at(message, {"payload", "owner", "displayName"}),
         json::string_at(message, {"payload", "owner", "avatar"}),
     };
-    client_->signal_on_state_change(client_->work_manager().is_empty() ? callback::state_type::connected
-                                                                       : callback::state_type::streaming);
-    client_->signal_on_ready(ready);
+    app_.state_changed(media_.is_empty() ? callback::state_type::connected : callback::state_type::streaming);
+    app_.ready(ready);
 }
 
-reset_handler::reset_handler(orbweave_client_impl* client)
-    : message_handler("reset"), client_(client)
+reset_handler::reset_handler(app_callbacks& app, obs::worker_manager& media)
+    : message_handler("reset"), app_(app), media_(media)
 {
 }
 
 void reset_handler::handle(const websocket::connection& connection, const Json&)
 {
-    client_->work_manager().clear();
-    client_->signal_on_reset();
-    client_->signal_on_state_change(callback::state_type::disconnected);
+    media_.clear();
+    app_.reset();
+    app_.state_changed(callback::state_type::disconnected);
     connection.send(code_request_without_secret());
 }
 

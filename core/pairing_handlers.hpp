@@ -4,11 +4,14 @@
 // owner's details and the machine's secret once the code is claimed ("ready"),
 // and undoes the pairing with "reset".
 
+#include "core/app_callbacks.hpp"
 #include "core/websocket/message_handler.hpp"
 
 namespace orbweave {
 
-class orbweave_client_impl;
+namespace obs {
+class worker_manager;
+}
 
 /// The pairing-code request the client sends when it has no secret.
 Json code_request_without_secret();
@@ -17,29 +20,31 @@ Json code_request_with_secret(const std::string& secret);
 
 class code_handler final : public websocket::message_handler {
 public:
-    explicit code_handler(orbweave_client_impl* client);
+    explicit code_handler(app_callbacks& app);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
-    orbweave_client_impl* client_;
+    app_callbacks& app_;
 };
 
 class ready_handler final : public websocket::message_handler {
 public:
-    explicit ready_handler(orbweave_client_impl* client);
+    ready_handler(app_callbacks& app, const obs::worker_manager& media);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
-    orbweave_client_impl* client_;
+    app_callbacks& app_;
+    const obs::worker_manager& media_;
 };
 
 class reset_handler final : public websocket::message_handler {
 public:
-    explicit reset_handler(orbweave_client_impl* client);
+    reset_handler(app_callbacks& app, obs::worker_manager& media);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
-    orbweave_client_impl* client_;
+    app_callbacks& app_;
+    obs::worker_manager& media_;
 };
 
 } // namespace orbweave

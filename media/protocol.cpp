@@ -2,11 +2,8 @@
 
 #include "core/log.hpp"
 
+#include "core/obs/pipe_channel.hpp"
 #include "core/obs/pipe_protocol.hpp"
-
-#include <unistd.h>
-
-#include <cerrno>
 
 namespace orbweave::obs {
 
@@ -15,51 +12,20 @@ bool protocol_writer::send(const Json& value)
     std::string line = json::dump(value);
     line += '\n';
     std::lock_guard<std::mutex> lock(mutex_);
-    const char* data = line.data();
-    std::size_t left = line.size();
-    while (left > 0) {
-        ssize_t written = ::write(fd_, data, left);
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        data += written;
-        left -= static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
-bool request_loop::next_line(std::string& line)
-{
-    std::size_t searched = 0;
-    for (;;) {
-        auto end = buffer_.find('\n', searched);
-        if (end != std::string::npos) {
-            line = buffer_.substr(0, end);
-            buffer_.erase(0, end + 1);
-            return true;
-        }
-        searched = buffer_.size();
-        if (buffer_.size() > pipe::max_line_bytes) {
-            log::line("media worker: a request line is longer than " + std::to_string(pipe::max_line_bytes) +
-                      " bytes; ending");
-            return false;
-        }
-        char chunk[4096];
-        ssize_t got = ::read(in_fd_, chunk, sizeof chunk);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return false;
-        buffer_.append(chunk, static_cast<std::size_t>(got));
-    }
+    return pipe::write_all(fd_, line);
 }
 
 bool request_loop::run()
 {
     std::string text;
-    while (next_line(text)) {
+    pipe::line_reader lines(in_fd_, pipe::max_line_bytes);
+    for (;;) {
+        pipe::line_reader::status got = lines.next(text);
+        if (got == pipe::line_reader::status::too_long)
+            log::line("media worker: a request line is longer than " + std::to_string(pipe::max_line_bytes) +
+                      " bytes; ending");
+        if (got != pipe::line_reader::status::line)
+            return false;
         if (text.find_first_not_of(" \t\r") == std::string::npos)
             continue;
         pipe::request_line request = pipe::request_line::parse(text);
@@ -85,7 +51,6 @@ bool request_loop::run()
         if (!writer_.send(reply))
             return false;
     }
-    return false;
 }
 
 } // namespace orbweave::obs

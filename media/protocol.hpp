@@ -36,18 +36,17 @@ public:
     request_loop(int in_fd, protocol_writer& writer) : in_fd_(in_fd), writer_(writer) {}
 
     void on(const std::string& op, handler handler) { handlers_[op] = std::move(handler); }
+    /// The result of a registered op, as if requested with no other members.
+    Json call(const std::string& op) { return handlers_.at(op)(Json{{"op", op}}); }
 
     /// Serves requests until a shutdown request (returns true, not yet answered) or
     /// end of input (returns false).
     bool run();
 
 private:
-    bool next_line(std::string& line);
-
     int in_fd_;
     protocol_writer& writer_;
     std::map<std::string, handler> handlers_;
-    std::string buffer_;
 };
 
 } // namespace orbweave::obs

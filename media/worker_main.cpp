@@ -142,6 +142,18 @@ int main(int argc, char** argv)
     });
     loop.on(op::list_audios, [](const Json&) { return obs::to_json(obs::list_audios()); });
     loop.on(op::list_videos, [](const Json&) { return obs::to_json(obs::list_videos()); });
+    // One source by id, for an activation whose kind was not listed first: only that
+    // entry crosses the pipe.
+    loop.on(op::find, [&loop](const Json& request) -> Json {
+        obs::source_ref source = obs::pipe::find_target(request);
+        const char* list = obs::pipe::list_op(source.kind);
+        if (!list)
+            return nullptr;
+        for (const Json& entry : loop.call(list))
+            if (json::string_at(entry, {"id"}) == source.id)
+                return entry;
+        return nullptr;
+    });
 
     // The one stream this worker carries, once started. Stopped before libobs shuts down.
     std::unique_ptr<obs::output> stream;

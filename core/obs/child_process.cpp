@@ -1,5 +1,7 @@
 #include "core/obs/child_process.hpp"
 
+#include "core/serial_executor.hpp"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -33,52 +35,25 @@ namespace {
 }
 
 // PR_SET_PDEATHSIG fires when the *thread* that forked ends, not the process. Children
-// are therefore forked from one thread that lives as long as the process, so a worker
+// are therefore forked on one thread that lives as long as the process, so a worker
 // made on a short-lived thread (a permission answer, a test thread) is not killed with it.
-class spawner {
-public:
-    /// Never destroyed: a thread still running when the process exits (a client that was not
-    /// stopped before exit, a listing thread mid-spawn) must find the spawner intact.
-    static spawner& instance()
-    {
-        static spawner* one = new spawner;
-        return *one;
-    }
+template <class F>
+auto on_spawner_thread(F&& job) -> decltype(job())
+{
+    // Never destroyed: a thread still running when the process exits (a client that was
+    // not stopped before exit, a listing thread mid-spawn) must find it intact.
+    static serial_executor* const spawner = new serial_executor;
+    std::packaged_task<decltype(job())()> task(std::forward<F>(job));
+    auto result = task.get_future();
+    if (!spawner->post([&task] { task(); }))
+        throw std::runtime_error("the spawner thread has stopped");
+    return result.get();
+}
 
-    template <class F>
-    auto run(F&& job) -> decltype(job())
-    {
-        using result = decltype(job());
-        std::packaged_task<result()> task(std::forward<F>(job));
-        auto future = task.get_future();
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            jobs_.emplace_back([&task] { task(); });
-        }
-        wake_.notify_one();
-        return future.get();
-    }
-
-private:
-    spawner() : thread_([this] { loop(); }) {}
-
-    void loop()
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        for (;;) {
-            wake_.wait(lock, [this] { return !jobs_.empty(); });
-            auto job = std::move(jobs_.front());
-            jobs_.pop_front();
-            lock.unlock();
-            job();
-            lock.lock();
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<std::function<void()>> jobs_;
-    std::thread thread_;
+/// What fork() gave on the spawner thread, with its errno from that thread.
+struct forked {
+    pid_t pid = -1;
+    int error = 0;
 };
 
 struct fd_pair {
@@ -215,10 +190,10 @@ child_process::child_process(const options& options)
     bool group = options.new_process_group;
     pid_t parent = ::getpid();
 
-    pid_t pid = spawner::instance().run([&]() -> pid_t {
+    forked fork_result = on_spawner_thread([&]() -> forked {
         pid_t child = ::fork();
         if (child != 0)
-            return child;
+            return {child, child < 0 ? errno : 0};
         // In the child.
         auto fail = [&error_fd](int error) {
             ssize_t ignored = ::write(error_fd, &error, sizeof error);
@@ -273,14 +248,14 @@ child_process::child_process(const options& options)
         ::syscall(SYS_close_range, from, ~0U, 0);
         ::execve(program.c_str(), argv.data(), envp.data());
         fail(errno);
-        return 0;
+        return {};
     });
     if (null_fd >= 0)
         ::close(null_fd);
-    if (pid < 0)
-        throw_errno(errno, "fork");
-    pid_ = pid;
-    pidfd_ = open_pidfd(pid);
+    if (fork_result.pid < 0)
+        throw_errno(fork_result.error, "fork");
+    pid_ = fork_result.pid;
+    pidfd_ = open_pidfd(pid_);
 
     ::close(status_pipe.theirs);
     status_pipe.theirs = -1;

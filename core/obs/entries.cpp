@@ -157,6 +157,11 @@ const std::string& entry_description(const source_entry& entry)
     return std::visit([](const auto& e) -> const std::string& { return e.description; }, entry);
 }
 
+const std::string& entry_id(const source_entry& entry)
+{
+    return std::visit([](const auto& e) -> const std::string& { return e.id; }, entry);
+}
+
 Json to_json(const source_entry& entry)
 {
     return std::visit([](const auto& e) { return e.to_json(); }, entry);

@@ -111,6 +111,7 @@ using source_entry = std::variant<screen_entry, window_entry, audio_entry, video
 
 /// The kind of source the entry is.
 callback::source_type::type entry_kind(const source_entry& entry);
+const std::string& entry_id(const source_entry& entry);
 /// The entry's name and description, as a permission prompt shows them.
 const std::string& entry_name(const source_entry& entry);
 const std::string& entry_description(const source_entry& entry);

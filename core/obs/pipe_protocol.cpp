@@ -45,6 +45,30 @@ std::optional<stream_order> stream_order::from_json(const Json& value)
                         json::string_at(value, {"restoreToken"})};
 }
 
+const char* list_op(callback::source_type::type kind)
+{
+    using callback::source_type;
+    switch (kind) {
+    case source_type::screen: return op::list_screens;
+    case source_type::window: return op::list_windows;
+    case source_type::audio: return op::list_audios;
+    case source_type::video: return op::list_videos;
+    case source_type::none: break;
+    }
+    return nullptr;
+}
+
+Json find_request(const source_ref& source)
+{
+    return Json{{"op", op::find}, {"source", {{"type", callback::source_type::name(source.kind)}, {"id", source.id}}}};
+}
+
+source_ref find_target(const Json& request)
+{
+    return {callback::source_type::map(json::string_at(request, {"source", "type"})),
+            json::string_at(request, {"source", "id"})};
+}
+
 Json stream_result::to_json() const
 {
     Json value = started ? Json{{"started", true}} : Json{{"started", false}, {"error", error}};

@@ -7,6 +7,8 @@
 //   start-up          -> {"ok":true} | {"ok":false,"error":"..."}
 //   {"op":"list_screens"|"list_windows"|"list_audios"|"list_videos"}
 //                     -> {"ok":true,"result":[entry, ...]}
+//   {"op":"find","source":{"type":"screen","id":"..."}}
+//                     -> {"ok":true,"result":entry | null}
 //   {"op":"stream","order":<stream_order>}
 //                     -> {"ok":true,"result":{"started":true} | {"started":false,"error":"..."}}
 //                        (once per worker: a stream worker carries one stream for its life)
@@ -38,6 +40,7 @@ inline constexpr const char* list_screens = "list_screens";
 inline constexpr const char* list_windows = "list_windows";
 inline constexpr const char* list_audios = "list_audios";
 inline constexpr const char* list_videos = "list_videos";
+inline constexpr const char* find = "find";
 inline constexpr const char* stream = "stream";
 inline constexpr const char* stats = "stats";
 inline constexpr const char* shutdown = "shutdown";
@@ -74,6 +77,13 @@ struct stream_order {
     /// none when the source entry is missing or names no kind.
     static std::optional<stream_order> from_json(const Json& value);
 };
+
+/// The list op for a kind of source; nullptr for none.
+const char* list_op(callback::source_type::type kind);
+
+/// A find request for one source, and the source it names as the worker reads it back.
+Json find_request(const source_ref& source);
+source_ref find_target(const Json& request);
 
 /// What became of a stream order.
 struct stream_result {

@@ -2,11 +2,11 @@
 
 #include "core/log.hpp"
 #include "core/obs/requests.hpp"
-#include "core/orbweave_client_impl.hpp"
 #include "core/websocket/connection.hpp"
 
 namespace orbweave::obs {
 
+using callback::permission_rule;
 using callback::request_type;
 using callback::source_type;
 using callback::state_type;
@@ -36,8 +36,8 @@ Json failure(const std::string& error)
 
 } // namespace
 
-list_handler::list_handler(orbweave_client_impl* client)
-    : message_handler("list"), client_(client)
+list_handler::list_handler(worker_manager& media, app_callbacks& app)
+    : message_handler("list"), media_(media), app_(app)
 {
 }
 
@@ -45,12 +45,12 @@ void list_handler::handle(const websocket::connection& connection, const Json& m
 {
     source_type::type kind = source_type::map(json::string_at(message, {"payload", "type"}));
     auto to = websocket::envelope::of(message);
-    client_->ask_permission(kind, "", "", request_type::list, [client = client_, connection, to, kind](bool allowed) {
+    app_.ask_permission(kind, "", "", request_type::list, [&media = media_, connection, to, kind](bool allowed) {
         if (!allowed)
             return send_reply(connection, to, status("Rejected"));
         if (kind == source_type::none)
             return send_reply(connection, to, Json{{"status", "Failure"}, {"results", nullptr}});
-        client->work_manager().list(kind, [connection, to](const worker_manager::listing& listed) {
+        media.list(kind, [connection, to](const worker_manager::listing& listed) {
             if (!listed.error.empty()) {
                 // The catalogue could not be read (its worker failed): say so rather than stay silent.
                 log::line("Listing failed: ", listed.error);
@@ -61,8 +61,8 @@ void list_handler::handle(const websocket::connection& connection, const Json& m
     });
 }
 
-activate_handler::activate_handler(orbweave_client_impl* client)
-    : message_handler("activate"), client_(client)
+activate_handler::activate_handler(worker_manager& media, app_callbacks& app)
+    : message_handler("activate"), media_(media), app_(app)
 {
 }
 
@@ -72,52 +72,62 @@ void activate_handler::handle(const websocket::connection& connection, const Jso
     auto to = websocket::envelope::of(message);
     if (request.source.kind == source_type::none)
         return send_reply(connection, to, failure("unknown source type"));
+    // Before any lookup: whether a source exists is nobody's business for a kind the
+    // user never allows.
+    if (app_.rule(request.source.kind) == permission_rule::never)
+        return send_reply(connection, to, status("Rejected"));
 
-    // The user is asked about the source as this machine names it, so it is looked up first.
-    client_->work_manager().find_source(request.source, [client = client_, connection, to,
-                                                          request](const worker_manager::lookup& found) {
+    // The service lists before it activates, so the entry is usually at hand; otherwise
+    // the listing worker looks that one source up.
+    if (std::optional<source_entry> listed = media_.listed_source(request.source))
+        return ask_and_start(connection, to, request, *listed);
+    media_.find_source(request.source, [this, connection, to, request](const worker_manager::lookup& found) {
         if (!found.entry) {
             std::string error = found.error.empty() ? "source not found" : found.error;
             log::line("The stream did not start: ", error);
             return send_reply(connection, to, failure(error));
         }
-        encode_profile profile = client->signal_on_profile();
-        const source_entry& entry = *found.entry;
-        client->ask_permission(
-            request.source.kind, entry_name(entry), entry_description(entry), request_type::activate,
-            [client, connection, to, request, entry, profile](bool allowed) {
-                if (!allowed)
-                    return send_reply(connection, to, status("Rejected"));
-                client->work_manager().activate(
-                    request, entry, profile.bitrate, [client, connection, to](const worker_manager::activation& outcome) {
-                        if (!outcome.started) {
-                            // Nothing was kept: the service must not wait for a stream that never comes.
-                            log::line("The stream did not start: ", outcome.error);
-                            if (outcome.rejected) // the user said no in the desktop's own picker
-                                return send_reply(connection, to, status("Rejected"));
-                            return send_reply(connection, to, failure(outcome.error));
-                        }
-                        send_reply(connection, to, status("Success"));
-                        if (outcome.first)
-                            client->signal_on_state_change(state_type::streaming);
-                    });
-            });
+        ask_and_start(connection, to, request, *found.entry);
     });
 }
 
-deactivate_handler::deactivate_handler(orbweave_client_impl* client)
-    : message_handler("deactivate"), client_(client)
+void activate_handler::ask_and_start(const websocket::connection& connection, const websocket::envelope& to,
+                                     const activate_request& request, const source_entry& entry)
+{
+    auto start = [this, connection, to, request, entry](bool allowed) {
+        if (!allowed)
+            return send_reply(connection, to, status("Rejected"));
+        media_.activate(request, entry, app_.profile().bitrate,
+                        [&app = app_, connection, to](const worker_manager::activation& outcome) {
+                            if (!outcome.started) {
+                                // Nothing was kept: the service must not wait for a stream that never comes.
+                                log::line("The stream did not start: ", outcome.error);
+                                if (outcome.rejected) // the user said no in the desktop's own picker
+                                    return send_reply(connection, to, status("Rejected"));
+                                return send_reply(connection, to, failure(outcome.error));
+                            }
+                            send_reply(connection, to, status("Success"));
+                            if (outcome.first)
+                                app.state_changed(state_type::streaming);
+                        });
+    };
+    app_.ask_permission(request.source.kind, entry_name(entry), entry_description(entry), request_type::activate,
+                        std::move(start));
+}
+
+deactivate_handler::deactivate_handler(worker_manager& media, app_callbacks& app)
+    : message_handler("deactivate"), media_(media), app_(app)
 {
 }
 
 void deactivate_handler::handle(const websocket::connection& connection, const Json& message)
 {
-    worker_manager::deactivation outcome = client_->work_manager().deactivate(deactivate_request::parse(message));
+    worker_manager::deactivation outcome = media_.deactivate(deactivate_request::parse(message));
     // A source that is not streaming gets no answer at all.
     if (outcome.known)
         send_reply(connection, websocket::envelope::of(message), status("Success"));
     if (outcome.now_empty)
-        client_->signal_on_state_change(state_type::connected);
+        app_.state_changed(state_type::connected);
 }
 
 } // namespace orbweave::obs

@@ -1,44 +1,49 @@
 #pragma once
 
 // The service's requests for this machine's sources: "list" a kind, "activate"
-// (stream) one, "deactivate" one or all. Listing and activation need the
-// application's permission, which may come later and from any thread; the media
-// work runs on the work manager's threads. Every reply is sent on the network thread.
+// (stream) one, "deactivate" one or all. An activation of a kind the user never
+// allows is refused before anything about the source is looked up; otherwise the
+// permission answer may come later and from any thread. The media work
+// runs on the work manager's threads. Every reply is sent on the network thread.
 
-#include "core/callback.hpp"
+#include "core/app_callbacks.hpp"
+#include "core/obs/worker_manager.hpp"
 #include "core/websocket/message_handler.hpp"
-
-namespace orbweave {
-class orbweave_client_impl;
-}
 
 namespace orbweave::obs {
 
 class list_handler final : public websocket::message_handler {
 public:
-    explicit list_handler(orbweave_client_impl* client);
+    list_handler(worker_manager& media, app_callbacks& app);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
-    orbweave_client_impl* client_;
+    worker_manager& media_;
+    app_callbacks& app_;
 };
 
 class activate_handler final : public websocket::message_handler {
 public:
-    explicit activate_handler(orbweave_client_impl* client);
+    activate_handler(worker_manager& media, app_callbacks& app);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
-    orbweave_client_impl* client_;
+    /// The source is known: the user is asked about it as this machine names it.
+    void ask_and_start(const websocket::connection& connection, const websocket::envelope& to,
+                       const activate_request& request, const source_entry& entry);
+
+    worker_manager& media_;
+    app_callbacks& app_;
 };
 
 class deactivate_handler final : public websocket::message_handler {
 public:
-    explicit deactivate_handler(orbweave_client_impl* client);
+    deactivate_handler(worker_manager& media, app_callbacks& app);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
-    orbweave_client_impl* client_;
+    worker_manager& media_;
+    app_callbacks& app_;
 };
 
 } // namespace orbweave::obs

@@ -1,6 +1,7 @@
 #include "core/obs/worker.hpp"
 
 #include "core/log.hpp"
+#include "core/obs/pipe_channel.hpp"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,23 +21,6 @@ using namespace std::chrono_literals;
 // How long a failed send waits for the reader to learn why the worker went away.
 constexpr auto gone_limit = 10s;
 constexpr const char* worker_program = "orbweave-media-worker";
-
-bool send_line(int fd, const std::string& line)
-{
-    const char* data = line.data();
-    std::size_t left = line.size();
-    while (left > 0) {
-        ssize_t sent = ::send(fd, data, left, MSG_NOSIGNAL);
-        if (sent < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        data += sent;
-        left -= static_cast<std::size_t>(sent);
-    }
-    return true;
-}
 
 } // namespace
 
@@ -136,7 +120,7 @@ pipe::worker_line worker::exchange(const Json& request, std::chrono::millisecond
         reply_.reset();
     }
     // A failed send means the worker is going away; the reader then reports why.
-    bool sent = send_line(process_->stdin_fd(), json::dump(request) + "\n");
+    bool sent = pipe::write_all(process_->stdin_fd(), json::dump(request) + "\n");
     std::unique_lock<std::mutex> lock(state_mutex_);
     std::optional<pipe::worker_line> reply = wait_reply(lock, sent ? timeout : std::chrono::milliseconds(gone_limit));
     if (reply)
@@ -207,29 +191,18 @@ std::optional<long> worker::shutdown()
 
 void worker::read_loop()
 {
-    std::string buffer;
-    char chunk[8192];
-    int fd = process_->stdout_fd();
+    pipe::line_reader lines(process_->stdout_fd(), pipe::max_line_bytes);
     // Set when the worker is killed for what it wrote: the reason its stream ends.
     std::string broken;
-    while (broken.empty()) {
-        ssize_t got = ::read(fd, chunk, sizeof chunk);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            break;
-        // Only the new bytes are searched, so a long line costs its length once.
-        std::size_t start = 0, searched = buffer.size(), end;
-        buffer.append(chunk, static_cast<std::size_t>(got));
-        while (broken.empty() && (end = buffer.find('\n', searched)) != std::string::npos) {
-            if (!on_line(std::string_view(buffer).substr(start, end - start)))
-                broken = "wrote a line that is not a JSON object";
-            start = searched = end + 1;
-        }
-        buffer.erase(0, start);
-        // A runaway worker must not make us hold its output without end.
-        if (broken.empty() && buffer.size() > pipe::max_line_bytes)
+    std::string text;
+    for (;;) {
+        pipe::line_reader::status got = lines.next(text);
+        if (got == pipe::line_reader::status::too_long)
             broken = "wrote a line longer than " + std::to_string(pipe::max_line_bytes) + " bytes";
+        else if (got == pipe::line_reader::status::line && !on_line(text))
+            broken = "wrote a line that is not a JSON object";
+        if (got != pipe::line_reader::status::line || !broken.empty())
+            break;
     }
     if (!broken.empty()) {
         // A corrupt worker: nothing more it says can be trusted, so it goes now, and a
@@ -353,6 +326,26 @@ std::vector<audio_entry> worker::list_audios()
 std::vector<video_entry> worker::list_videos()
 {
     return entries_from_json<video_entry>(call(Json{{"op", pipe::op::list_videos}}));
+}
+
+std::vector<source_entry> worker::list(callback::source_type::type kind)
+{
+    const char* op = pipe::list_op(kind);
+    std::vector<source_entry> entries;
+    if (!op)
+        return entries;
+    Json listed = call(Json{{"op", op}});
+    if (!listed.is_array())
+        return entries;
+    for (const Json& value : listed)
+        if (std::optional<source_entry> entry = source_entry_from_json(value))
+            entries.push_back(std::move(*entry));
+    return entries;
+}
+
+std::optional<source_entry> worker::find(const source_ref& source)
+{
+    return source_entry_from_json(call(pipe::find_request(source)));
 }
 
 pipe::stream_result worker::stream(const pipe::stream_order& order)

@@ -64,6 +64,10 @@ public:
     std::vector<window_entry> list_windows();
     std::vector<audio_entry> list_audios();
     std::vector<video_entry> list_videos();
+    /// The catalogue of one kind; none for no kind.
+    std::vector<source_entry> list(callback::source_type::type kind);
+    /// The one source of that kind and id; none when the catalogue has no such source.
+    std::optional<source_entry> find(const source_ref& source);
     /// Starts the one stream this worker carries and returns once it runs or has failed.
     pipe::stream_result stream(const pipe::stream_order& order);
 

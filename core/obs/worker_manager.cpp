@@ -51,7 +51,7 @@ worker_manager::worker_manager(post_function post, options options)
 {
     if (!options_.warm)
         return;
-    spare_thread_ = std::make_unique<serial_executor>();
+    spare_ = std::make_unique<spare_worker>(options_.stream);
     // The listing worker first: the service lists right after connecting. The spare
     // starts once it is ready, so the two do not share the CPU.
     listing_thread_->post([this] {
@@ -60,7 +60,7 @@ worker_manager::worker_manager(post_function post, options options)
         } catch (const std::exception&) {
             // Logged by the worker; the first list tries again.
         }
-        refill_spare();
+        spare_->refill();
     });
 }
 
@@ -76,20 +76,10 @@ worker_manager::~worker_manager()
         }
     }
     changed_.notify_all();
-    {
-        std::lock_guard<std::mutex> lock(spare_mutex_);
-        spare_closing_ = true;
-    }
-    spare_changed_.notify_all();
-    // The stream threads shut their workers down meanwhile, all at once.
-    spare_thread_.reset();
-    std::unique_ptr<worker> spare;
-    {
-        std::lock_guard<std::mutex> lock(spare_mutex_); // a starting stream may be taking it
-        spare = std::move(spare_);
-    }
-    spare.reset();
+    // The stream threads shut their workers down meanwhile, all at once. The listing
+    // thread goes first: it may still be refilling the spare.
     listing_thread_.reset();
+    spare_.reset();
     listing_worker_.reset();
     {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -133,76 +123,16 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
     activation outcome;
     std::unique_ptr<worker> process;
     try {
-        process = take_spare();
-        if (!process)
-            process = std::make_unique<worker>(options_.stream);
-        std::uint64_t generation = record->generation;
-        // Watched from the start: a death right after the start is still noticed.
-        process->set_exit_handler(
-            [this, generation](const std::string& reason) { on_stream_ended(generation, "its media worker " + reason); });
-        process->set_event_handler([this, generation](const std::string& event, const std::string& reason) {
-            if (event == pipe::stopped_event)
-                on_stream_ended(generation, reason);
-        });
-        bool cancelled;
-        {
-            std::unique_lock<std::mutex> lock(mutex_);
-            // "Success" for a deactivate is answered at once, while its worker still stops:
-            // an ingest turns a second publisher of a key away, so a stream to the
-            // destination of one that is stopping waits until that one has let go.
-            changed_.wait_for(lock, options_.stream.shutdown_timeout + earlier_stream_kill_margin, [&] {
-                return record->state == stream::phase::stopping || destination_released_locked(*record);
-            });
-            cancelled = record->state == stream::phase::stopping;
-            if (!cancelled)
-                record->process = process.get();
-        }
-        if (!cancelled) {
-            std::string id = request.source.id;
-            pipe::stream_result result =
-                process->stream(pipe::stream_order::of(request, std::move(source), bitrate, tokens_.get(id)));
-            outcome.started = result.started;
-            outcome.error = result.error;
-            outcome.rejected = result.rejected;
-            // The old token was used up by this start; the desktop hands out a new one.
-            if (!result.restore_token.empty())
-                tokens_.put(id, result.restore_token);
-        }
+        process = acquire_worker(record->generation);
+        outcome = start_stream(*record, *process, request, std::move(source), bitrate);
     } catch (const std::exception& error) {
         outcome.error = error.what();
     }
     // The next spare starts once this start is over, so the two do not compete.
-    if (options_.warm)
-        refill_spare();
-
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (record->state == stream::phase::stopping) {
-            outcome = {false, record->cancel_reason, false, false};
-        } else if (outcome.started) {
-            outcome.first = !any_running_locked();
-            record->state = stream::phase::running;
-            // The new stream runs before an earlier one of the same source stops.
-            for (auto& [generation, other] : streams_)
-                if (other != record && other->id == record->id && other->state == stream::phase::running)
-                    other->state = stream::phase::stopping;
-            changed_.notify_all();
-        } else {
-            record->state = stream::phase::stopping;
-            if (outcome.error.empty())
-                outcome.error = "the stream did not start";
-        }
-        // Reported under the lock, so the owner hears of the start before any end of it.
-        report([done = std::move(done), outcome] { done(outcome); });
-        if (outcome.started && !record->ended_early.empty())
-            end_locked(*record, record->ended_early);
-        report_streams_locked();
-
-        // The stream runs until it is deactivated, replaced, cleared or ends by itself.
-        changed_.wait(lock, [&] { return record->state == stream::phase::stopping; });
-        record->process = nullptr;
-    }
-    // Stops the stream: an orderly shut-down, bounded, then SIGKILL.
+    if (spare_)
+        spare_->refill();
+    hold_until_stopped(*record, std::move(outcome), done);
+    // An orderly shut-down, bounded, then SIGKILL.
     process.reset();
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -210,6 +140,75 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
         finished_.push_back(std::move(record->thread));
     }
     changed_.notify_all();
+}
+
+std::unique_ptr<worker> worker_manager::acquire_worker(std::uint64_t generation)
+{
+    std::unique_ptr<worker> process = spare_ ? spare_->take() : nullptr;
+    if (!process)
+        process = std::make_unique<worker>(options_.stream);
+    // Watched from the start: a death right after the start is still noticed.
+    process->set_exit_handler(
+        [this, generation](const std::string& reason) { on_stream_ended(generation, "its media worker " + reason); });
+    process->set_event_handler([this, generation](const std::string& event, const std::string& reason) {
+        if (event == pipe::stopped_event)
+            on_stream_ended(generation, reason);
+    });
+    return process;
+}
+
+worker_manager::activation worker_manager::start_stream(stream& record, worker& process,
+                                                        const activate_request& request, source_entry source,
+                                                        int bitrate)
+{
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        // "Success" for a deactivate is answered at once, while its worker still stops:
+        // an ingest turns a second publisher of a key away, so a stream to the
+        // destination of one that is stopping waits until that one has let go.
+        changed_.wait_for(lock, options_.stream.shutdown_timeout + earlier_stream_kill_margin, [&] {
+            return record.state == stream::phase::stopping || destination_released_locked(record);
+        });
+        if (record.state == stream::phase::stopping)
+            return {}; // cancelled; hold_until_stopped gives the reason
+        record.process = &process;
+    }
+    const std::string& id = request.source.id;
+    pipe::stream_result result = process.stream(pipe::stream_order::of(request, std::move(source), bitrate, tokens_.get(id)));
+    // The old token was used up by this start; the desktop hands out a new one.
+    if (!result.restore_token.empty())
+        tokens_.put(id, result.restore_token);
+    return {result.started, result.error, result.rejected, false};
+}
+
+void worker_manager::hold_until_stopped(stream& record, activation outcome,
+                                        const std::function<void(const activation&)>& done)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (record.state == stream::phase::stopping) {
+        outcome = {false, record.cancel_reason, false, false};
+    } else if (outcome.started) {
+        outcome.first = !any_running_locked();
+        record.state = stream::phase::running;
+        // The new stream runs before an earlier one of the same source stops.
+        for (auto& [generation, other] : streams_)
+            if (other.get() != &record && other->id == record.id && other->state == stream::phase::running)
+                other->state = stream::phase::stopping;
+        changed_.notify_all();
+    } else {
+        record.state = stream::phase::stopping;
+        if (outcome.error.empty())
+            outcome.error = "the stream did not start";
+    }
+    // Reported under the lock, so the owner hears of the start before any end of it.
+    report([done, outcome] { done(outcome); });
+    if (outcome.started && !record.ended_early.empty())
+        end_locked(record, record.ended_early);
+    report_streams_locked();
+
+    // The stream runs until it is deactivated, replaced, cleared or ends by itself.
+    changed_.wait(lock, [&] { return record.state == stream::phase::stopping; });
+    record.process = nullptr;
 }
 
 void worker_manager::on_stream_ended(std::uint64_t generation, const std::string& reason)
@@ -345,91 +344,24 @@ worker& worker_manager::listing_worker()
     return *listing_worker_;
 }
 
-std::unique_ptr<worker> worker_manager::take_spare()
+std::vector<source_entry> worker_manager::catalogue(source_type::type kind)
 {
-    if (!options_.warm)
-        return nullptr;
-    std::unique_ptr<worker> taken;
-    {
-        std::unique_lock<std::mutex> lock(spare_mutex_);
-        // A spare still starting is further along than a new worker would be: wait for it.
-        spare_changed_.wait_for(lock, options_.stream.start_timeout,
-                                [this] { return !spare_starting_ || spare_closing_; });
-        taken = std::move(spare_);
-        spare_deaths_ = 0;
-    }
-    // Its exit handler would start another spare: from here on the stream watches it.
-    if (taken)
-        taken->set_exit_handler(nullptr);
-    if (taken && !taken->alive())
-        taken.reset();
-    return taken;
+    std::vector<source_entry> entries = listing_worker().list(kind);
+    std::lock_guard<std::mutex> lock(listed_mutex_);
+    listed_[kind] = entries;
+    return entries;
 }
 
-void worker_manager::refill_spare()
-{
-    std::lock_guard<std::mutex> lock(spare_mutex_);
-    if (spare_closing_ || spare_starting_ || (spare_ && spare_->alive()) || spare_deaths_ >= 3)
-        return;
-    // Posted under the lock: the destructor marks closing under it before it ends the thread.
-    spare_starting_ = spare_thread_->post([this] { start_spare(); });
-}
-
-void worker_manager::start_spare()
-{
-    std::unique_ptr<worker> fresh;
-    try {
-        fresh = std::make_unique<worker>(options_.stream);
-        // A spare that dies is replaced (the worker logs its end).
-        fresh->set_exit_handler([this](const std::string&) { spare_died(); });
-    } catch (const std::exception&) {
-        // Logged by the worker.
-    }
-    bool started = fresh != nullptr;
-    std::unique_ptr<worker> dead; // a spare that died, shut down once the lock is released
-    {
-        std::lock_guard<std::mutex> lock(spare_mutex_);
-        spare_starting_ = false;
-        dead = std::move(spare_);
-        spare_ = std::move(fresh);
-    }
-    spare_changed_.notify_all();
-    if (!started)
-        spare_died();
-}
-
-void worker_manager::spare_died()
-{
-    {
-        std::lock_guard<std::mutex> lock(spare_mutex_);
-        ++spare_deaths_;
-    }
-    refill_spare();
-}
-
-template <class Entry>
-Json worker_manager::marked(const std::vector<Entry>& entries) const
+Json worker_manager::marked(const std::vector<source_entry>& entries) const
 {
     std::vector<std::string> active = active_ids();
     Json array = Json::array();
-    for (Entry entry : entries) {
-        entry.is_active = std::find(active.begin(), active.end(), entry.id) != active.end();
-        array.push_back(entry.to_json());
+    for (source_entry entry : entries) {
+        bool streaming = std::find(active.begin(), active.end(), entry_id(entry)) != active.end();
+        std::visit([streaming](auto& typed) { typed.is_active = streaming; }, entry);
+        array.push_back(to_json(entry));
     }
     return array;
-}
-
-template <class Use>
-auto worker_manager::with_catalogue(source_type::type kind, Use use) -> decltype(use(std::vector<screen_entry>{}))
-{
-    switch (kind) {
-    case source_type::screen: return use(listing_worker().list_screens());
-    case source_type::window: return use(listing_worker().list_windows());
-    case source_type::audio: return use(listing_worker().list_audios());
-    case source_type::video: return use(listing_worker().list_videos());
-    case source_type::none: break;
-    }
-    return {};
 }
 
 void worker_manager::list(source_type::type kind, std::function<void(const listing&)> done)
@@ -437,7 +369,7 @@ void worker_manager::list(source_type::type kind, std::function<void(const listi
     listing_thread_->post([this, kind, done = std::move(done)] {
         listing result;
         try {
-            result.entries = with_catalogue(kind, [this](const auto& entries) { return marked(entries); });
+            result.entries = marked(catalogue(kind));
         } catch (const std::exception& error) {
             result.error = error.what();
         }
@@ -445,12 +377,24 @@ void worker_manager::list(source_type::type kind, std::function<void(const listi
     });
 }
 
+std::optional<source_entry> worker_manager::listed_source(const source_ref& source) const
+{
+    std::lock_guard<std::mutex> lock(listed_mutex_);
+    auto kind = listed_.find(source.kind);
+    if (kind == listed_.end())
+        return std::nullopt;
+    for (const source_entry& entry : kind->second)
+        if (entry_id(entry) == source.id)
+            return entry;
+    return std::nullopt;
+}
+
 void worker_manager::find_source(source_ref source, std::function<void(const lookup&)> done)
 {
     listing_thread_->post([this, source = std::move(source), done = std::move(done)] {
         lookup result;
         try {
-            result.entry = with_catalogue(source.kind, [&](const auto& entries) { return find_entry(entries, source.id); });
+            result.entry = listing_worker().find(source);
         } catch (const std::exception& error) {
             result.error = error.what();
         }

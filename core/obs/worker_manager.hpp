@@ -3,6 +3,7 @@
 #include "core/obs/entries.hpp"
 #include "core/obs/requests.hpp"
 #include "core/obs/restore_tokens.hpp"
+#include "core/obs/spare_worker.hpp"
 #include "core/obs/worker.hpp"
 #include "core/serial_executor.hpp"
 
@@ -22,7 +23,8 @@ namespace orbweave::obs {
 /// The registry of streams, keyed by the service's source id, and the media work
 /// behind it. Each stream runs in a media worker process of its own, owned by a
 /// thread of its own from spawning to shut-down; one more worker, started when
-/// first needed and again if it dies, serves every listing on the listing thread.
+/// first needed and again if it dies, serves every listing on the listing thread, and
+/// the last listing of each kind is kept to look activated sources up in.
 ///
 /// Every operation returns at once. Slow work (spawning, starting, stopping,
 /// listing) runs on the manager's threads and reports through the post function,
@@ -72,7 +74,7 @@ public:
         std::string error;
     };
 
-    /// A source looked up in the catalogue.
+    /// A source looked up by the listing worker.
     struct lookup {
         std::optional<source_entry> entry;
         std::string error;
@@ -112,7 +114,11 @@ public:
 
     /// Lists one kind on the listing thread; done gets the result through post.
     void list(callback::source_type::type kind, std::function<void(const listing&)> done);
-    /// Looks a source up on the listing thread; done gets the result through post.
+    /// The source as the last listing of its kind had it; none when it had no such id
+    /// (or that kind was not listed yet). Returns at once.
+    std::optional<source_entry> listed_source(const source_ref& source) const;
+    /// Asks the listing worker for that one source on the listing thread; done gets the
+    /// result through post.
     void find_source(source_ref source, std::function<void(const lookup&)> done);
 
     /// Set before the first activation; called through post.
@@ -125,6 +131,13 @@ private:
 
     void run_stream(std::shared_ptr<stream> record, activate_request request, source_entry source, int bitrate,
                     std::function<void(const activation&)> done);
+    /// The spare if there is one, else a new worker; watched for its end from here on.
+    std::unique_ptr<worker> acquire_worker(std::uint64_t generation);
+    /// Starts the stream in process once no earlier stream holds its destination.
+    activation start_stream(stream& record, worker& process, const activate_request& request, source_entry source,
+                            int bitrate);
+    /// Marks the start's outcome, reports it, and returns once the stream is to stop.
+    void hold_until_stopped(stream& record, activation outcome, const std::function<void(const activation&)>& done);
     void on_stream_ended(std::uint64_t generation, const std::string& reason);
     /// Hands a result to the owner's thread through post_; never throws.
     void report(std::function<void()> task) const noexcept;
@@ -138,19 +151,10 @@ private:
     void report_streams_locked();
     void join_finished();
     worker& listing_worker();
-    /// The spare stream worker, if one is ready; a new spare starts in the background.
-    std::unique_ptr<worker> take_spare();
-    /// Starts a spare on the spare thread unless one is ready or starting.
-    void refill_spare();
-    /// On the spare thread: starts a worker and keeps it as the spare.
-    void start_spare();
-    /// A spare died or could not start: another is started, unless too many did in a row.
-    void spare_died();
-    template <class Entry>
-    Json marked(const std::vector<Entry>& entries) const;
-    /// use(the listing worker's entries of kind); a default result for no kind.
-    template <class Use>
-    auto with_catalogue(callback::source_type::type kind, Use use) -> decltype(use(std::vector<screen_entry>{}));
+    /// The listing worker's entries of kind (on the listing thread), kept for lookups.
+    std::vector<source_entry> catalogue(callback::source_type::type kind);
+    /// The entries as the service sees them, marked active where streaming.
+    Json marked(const std::vector<source_entry>& entries) const;
 
     const options options_;
     const post_function post_;
@@ -173,17 +177,12 @@ private:
     std::unique_ptr<worker> listing_worker_;
     std::unique_ptr<serial_executor> listing_thread_;
 
-    // The spare stream worker (options.warm): started on the spare thread, taken by the
-    // next activation. It is not a stream: nothing lists, counts or reports it.
-    std::mutex spare_mutex_;
-    std::condition_variable spare_changed_; // a spare start has ended, or closing
-    std::unique_ptr<worker> spare_;
-    bool spare_starting_ = false;
-    bool spare_closing_ = false;
-    // Spares that died unused (or did not start) in a row; after three, none is started
-    // until the next activation, so a worker that cannot run is not restarted forever.
-    int spare_deaths_ = 0;
-    std::unique_ptr<serial_executor> spare_thread_;
+    // The last listing of each kind, written on the listing thread.
+    mutable std::mutex listed_mutex_;
+    std::map<callback::source_type::type, std::vector<source_entry>> listed_;
+
+    // The stream worker started ahead of the next activation (options.warm); null otherwise.
+    std::unique_ptr<spare_worker> spare_;
 };
 
 } // namespace orbweave::obs

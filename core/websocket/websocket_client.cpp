@@ -144,8 +144,10 @@ void websocket_client::on_message(connection_hdl handle, endpoint_type::message_
 
 void websocket_client::receive(const connection& from, std::string_view text)
 {
-    log::line("In: ", json::redacted_text(text));
-    dispatch(from, json::parse(text));
+    // Parsed once: the log line is written from the same document the handlers get.
+    Json message = json::parse(text);
+    log::line("In: ", json::redacted_text(text, message));
+    dispatch(from, message);
 }
 
 void websocket_client::dispatch_local(const char* id, connection_hdl handle)

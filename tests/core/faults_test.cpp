@@ -4,6 +4,7 @@
 // workers that break while they start or carry a stream: the request is answered, what
 // was started is killed and forgotten, and the client serves on.
 
+#include "core/obs/entries.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/fault_proxy.hpp"
@@ -188,6 +189,48 @@ TEST_F(WorkerFaults, AWorkerThatBreaksWhileStartingIsAnsweredFailureKilledAndFor
     EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
     EXPECT_EQ(stream_workers().size(), 1u);
     EXPECT_FALSE(service.wait_for_connection(0ms)) << "the link was lost on the way";
+}
+
+// Whether a source exists is no business of a service the user said no to; and an
+// activation after a list looks its source up where the list left it.
+TEST_F(WorkerFaults, SourcesAreLookedUpOnlyForKindsTheUserMayAllow)
+{
+    const std::string display = obs::screen_entry(0, "Display 1", "1280x720", 0, 0, 1280, 720).id;
+    auto activate_id = [&](const std::string& id) {
+        sim::activation request;
+        request.source_id = id;
+        request.type = "Screen";
+        request.key = "ok";
+        auto reply = service.wait_for_reply(service.activate(request).value_or(""), deadline);
+        EXPECT_TRUE(reply) << id;
+        return reply ? reply->message["payload"] : Json();
+    };
+    std::atomic<callback::permission_rule::type> screens{callback::permission_rule::never};
+    app.client().set_rule_handler([&](callback::source_type::type) { return screens.load(); });
+    test::stderr_capture log;
+
+    // Never allowed: "Rejected" for a source that exists and for one that does not, with
+    // no prompt and no request to any worker.
+    EXPECT_EQ(activate_id(display), Json({{"status", "Rejected"}}));
+    EXPECT_EQ(activate_id(std::string(64, 'f')), Json({{"status", "Rejected"}}));
+    EXPECT_EQ(log.count_lines_starting("fake media worker: "), 0) << log.text();
+    EXPECT_FALSE(app.permissions().pop(0ms));
+
+    // Asked about: an unknown source is looked up (that one id) and fails unasked.
+    screens = callback::permission_rule::ask;
+    EXPECT_EQ(activate_id(std::string(64, 'f')), Json({{"status", "Failure"}, {"error", "source not found"}}));
+    EXPECT_EQ(log.count_lines_starting("fake media worker: find"), 1) << log.text();
+    EXPECT_FALSE(app.permissions().pop(0ms));
+
+    // Once listed, a source is not looked up again.
+    EXPECT_EQ(screen().value("id", ""), display);
+    EXPECT_EQ(activate_id(display), Json({{"status", "Success"}}));
+    EXPECT_EQ(log.count_lines_starting("fake media worker: find"), 1) << log.text();
+    auto asked = app.permissions().pop_until(
+        [](const test::client_harness::permission_asked& p) { return p.request == callback::request_type::activate; },
+        0ms);
+    ASSERT_TRUE(asked);
+    EXPECT_EQ(asked->name, "Display 1");
 }
 
 TEST_F(WorkerFaults, AStreamWhoseWorkerTurnsToGarbageEndsAndTheNextOneRuns)

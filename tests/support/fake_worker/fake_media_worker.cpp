@@ -1,7 +1,8 @@
 // A media worker that misbehaves on request, for the client's worker-fault tests.
 // It speaks the pipe protocol well enough to start, list one screen ("Display 1",
 // 1280x720) and take a stream order; what it does with the order depends on the
-// order's stream key:
+// order's stream key (every request's op is written to standard error, so a test
+// can tell which requests reached a worker):
 //
 //   "ok"              reports the stream started and carries it until shut down
 //   "garbage"         writes bytes that are not JSON instead of a reply
@@ -50,10 +51,15 @@ int main()
     std::string text;
     while (std::getline(std::cin, text)) {
         obs::pipe::request_line request = obs::pipe::request_line::parse(text);
+        std::cerr << "fake media worker: " << request.op << std::endl;
         if (request.op == obs::pipe::op::shutdown)
             break;
+        obs::screen_entry display(0, "Display 1", "1280x720", 0, 0, 1280, 720);
         if (request.op == obs::pipe::op::list_screens) {
-            send(obs::pipe::ok_reply(Json::array({obs::screen_entry(0, "Display 1", "1280x720", 0, 0, 1280, 720).to_json()})));
+            send(obs::pipe::ok_reply(Json::array({display.to_json()})));
+        } else if (request.op == obs::pipe::op::find) {
+            bool known = obs::pipe::find_target(request.body).id == display.id;
+            send(obs::pipe::ok_reply(known ? display.to_json() : Json()));
         } else if (request.op.rfind("list_", 0) == 0) {
             send(obs::pipe::ok_reply(Json::array()));
         } else if (request.op == obs::pipe::op::stream) {

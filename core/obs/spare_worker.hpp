@@ -1,0 +1,48 @@
+#pragma once
+
+#include "core/obs/worker.hpp"
+#include "core/serial_executor.hpp"
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+namespace orbweave::obs {
+
+/// A pool of one: a stream worker started ahead of the next activation, so that an
+/// activation does not wait for libobs to start. It is started on a thread of its own,
+/// taken by the next activation and started again once refill() is called; one that
+/// dies unused is replaced, until three have died (or failed to start) in a row, so a
+/// worker that cannot run is not restarted forever. It is not a stream: nothing lists,
+/// counts or reports it.
+class spare_worker {
+public:
+    explicit spare_worker(worker::options options);
+    /// Waits for a start in progress, then shuts the spare down.
+    ~spare_worker();
+
+    spare_worker(const spare_worker&) = delete;
+    spare_worker& operator=(const spare_worker&) = delete;
+
+    /// Starts a spare in the background unless one is ready or starting.
+    void refill();
+    /// The spare, once a start in progress has ended (at most the start-up time); null
+    /// when there is none. From here on the caller watches the worker's end.
+    std::unique_ptr<worker> take();
+
+private:
+    /// On the spare thread: starts a worker and keeps it.
+    void start();
+    void died();
+
+    const worker::options options_;
+    std::mutex mutex_;
+    std::condition_variable changed_; // a start has ended, or closing
+    std::unique_ptr<worker> spare_;
+    bool starting_ = false;
+    bool closing_ = false;
+    int deaths_in_a_row_ = 0;
+    std::unique_ptr<serial_executor> thread_ = std::make_unique<serial_executor>();
+};
+
+} // namespace orbweave::obs
