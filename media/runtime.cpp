@@ -2,7 +2,7 @@
 
 #include "core/log.hpp"
 #include "media/c_boundary.hpp"
-#include "media/portal_capture.hpp"
+#include "media/pipewire_source.hpp"
 
 #include <obsconfig.h> // before obs-nix-platform.h: it says whether Wayland is built in
 #include <obs-nix-platform.h>
