@@ -212,8 +212,13 @@ runtime::runtime(const runtime_options& options)
     if (options.route == capture_route::portal)
         register_portal_source();
 
+    load_modules(options.modules);
+}
+
+void runtime::load_modules(const std::vector<std::string>& names)
+{
     module_search search;
-    search.wanted = &options.modules;
+    search.wanted = &names;
     obs_find_modules2(
         [](void* param, const obs_module_info2* info) {
             // A module that cannot be noted is reported missing below.
@@ -222,7 +227,7 @@ runtime::runtime(const runtime_options& options)
         &search);
 
     // Load in allow-list order, so the log and loaded_modules() read the same on every machine.
-    for (const auto& name : options.modules) {
+    for (const auto& name : names) {
         auto path = std::find_if(search.paths.begin(), search.paths.end(),
                                  [&](const auto& found) { return found.first == name; });
         if (path == search.paths.end()) {
