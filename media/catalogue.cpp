@@ -1,7 +1,7 @@
 #include "media/catalogue.hpp"
 
 #include "core/system_info.hpp"
-#include "media/portal_capture.hpp"
+#include "media/portal_session.hpp"
 #include "media/unique_handle.hpp"
 #include "media/wayland_outputs.hpp"
 

@@ -1,7 +1,8 @@
 #include "media/runtime.hpp"
 
 #include "core/log.hpp"
-#include "media/portal_capture.hpp"
+#include "media/c_boundary.hpp"
+#include "media/pipewire_source.hpp"
 
 #include <obsconfig.h> // before obs-nix-platform.h: it says whether Wayland is built in
 #include <obs-nix-platform.h>
@@ -94,11 +95,7 @@ void log_to_stderr(int level, const char* format, va_list args, void*)
         return;
     char text[4096];
     std::vsnprintf(text, sizeof text, format, args);
-    try {
-        log::line("libobs: ", text);
-    } catch (...) {
-        // Called from libobs (C): nothing may escape.
-    }
+    guarded("libobs's log handler", [&] { log::line("libobs: ", text); });
 }
 
 // The RTMP service: the server address and stream key an activate request names.
@@ -110,13 +107,15 @@ struct rtmp_service {
 void rtmp_service_update(void* data, obs_data_t* settings) noexcept
 {
     auto* service = static_cast<rtmp_service*>(data);
-    try {
-        service->server = obs_data_get_string(settings, "server");
-        service->key = obs_data_get_string(settings, "key");
-    } catch (const std::bad_alloc&) {
-        service->server.clear();
-        service->key.clear();
-    }
+    // Both or neither: a server with another stream's key must not be left behind.
+    service->server.clear();
+    service->key.clear();
+    guarded("the rtmp service's update", [&] {
+        std::string server = obs_data_get_string(settings, "server");
+        std::string key = obs_data_get_string(settings, "key");
+        service->server = std::move(server);
+        service->key = std::move(key);
+    });
 }
 
 void register_rtmp_service()
@@ -150,6 +149,17 @@ void register_rtmp_service()
 struct module_search {
     const std::vector<std::string>* wanted;
     std::vector<std::pair<std::string, std::pair<std::string, std::string>>> paths;
+
+    void note(const obs_module_info2* info)
+    {
+        if (std::find(wanted->begin(), wanted->end(), info->name) == wanted->end())
+            return;
+        // The first path found for a name wins, as in libobs's own loader.
+        for (const auto& known : paths)
+            if (known.first == info->name)
+                return;
+        paths.push_back({info->name, {info->bin_path, info->data_path}});
+    }
 };
 
 } // namespace
@@ -202,28 +212,22 @@ runtime::runtime(const runtime_options& options)
     if (options.route == capture_route::portal)
         register_portal_source();
 
+    load_modules(options.modules);
+}
+
+void runtime::load_modules(const std::vector<std::string>& names)
+{
     module_search search;
-    search.wanted = &options.modules;
+    search.wanted = &names;
     obs_find_modules2(
         [](void* param, const obs_module_info2* info) {
-            auto* search = static_cast<module_search*>(param);
-            const auto& wanted = *search->wanted;
-            if (std::find(wanted.begin(), wanted.end(), info->name) == wanted.end())
-                return;
-            // The first path found for a name wins, as in libobs's own loader.
-            for (const auto& known : search->paths)
-                if (known.first == info->name)
-                    return;
-            try {
-                search->paths.push_back({info->name, {info->bin_path, info->data_path}});
-            } catch (const std::bad_alloc&) {
-                // Called from libobs (C): the module is reported missing instead.
-            }
+            // A module that cannot be noted is reported missing below.
+            guarded("the module search", [&] { static_cast<module_search*>(param)->note(info); });
         },
         &search);
 
     // Load in allow-list order, so the log and loaded_modules() read the same on every machine.
-    for (const auto& name : options.modules) {
+    for (const auto& name : names) {
         auto path = std::find_if(search.paths.begin(), search.paths.end(),
                                  [&](const auto& found) { return found.first == name; });
         if (path == search.paths.end()) {

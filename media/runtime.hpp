@@ -77,6 +77,8 @@ public:
     const std::vector<std::string>& loaded_modules() const { return loaded_; }
 
 private:
+    /// Opens and initialises the modules found of names, in that order, then finishes loading.
+    void load_modules(const std::vector<std::string>& names);
     void close_displays();
 
     void* display_ = nullptr;         // X11 Display

@@ -1,5 +1,7 @@
 #include "media/wayland_outputs.hpp"
 
+#include "media/c_boundary.hpp"
+
 #include "xdg-output-unstable-v1-client-protocol.h"
 
 #include <wayland-client.h>
@@ -35,24 +37,32 @@ const zxdg_output_v1_listener details_listener = {
         out->read.height = height;
     },
     [](void*, zxdg_output_v1*) {},
-    [](void* data, zxdg_output_v1*, const char* name) { static_cast<output_record*>(data)->read.name = name; },
+    [](void* data, zxdg_output_v1*, const char* name) {
+        guarded("the xdg-output name event", [&] { static_cast<output_record*>(data)->read.name = name; });
+    },
     [](void* data, zxdg_output_v1*, const char* description) {
-        static_cast<output_record*>(data)->read.description = description;
+        guarded("the xdg-output description event",
+                [&] { static_cast<output_record*>(data)->read.description = description; });
     },
 };
 
+void note_global(registry_state& state, wl_registry* registry, uint32_t id, const char* interface, uint32_t version)
+{
+    if (std::string(interface) == wl_output_interface.name) {
+        auto record = std::make_unique<output_record>();
+        record->output = static_cast<wl_output*>(wl_registry_bind(registry, id, &wl_output_interface, 1));
+        state.outputs.push_back(std::move(record));
+    } else if (std::string(interface) == zxdg_output_manager_v1_interface.name) {
+        // Version 2 brings the output's name and description.
+        state.manager = static_cast<zxdg_output_manager_v1*>(
+            wl_registry_bind(registry, id, &zxdg_output_manager_v1_interface, std::min(version, 3u)));
+    }
+}
+
 const wl_registry_listener registry_listener = {
     [](void* data, wl_registry* registry, uint32_t id, const char* interface, uint32_t version) {
-        auto* state = static_cast<registry_state*>(data);
-        if (std::string(interface) == wl_output_interface.name) {
-            auto record = std::make_unique<output_record>();
-            record->output = static_cast<wl_output*>(wl_registry_bind(registry, id, &wl_output_interface, 1));
-            state->outputs.push_back(std::move(record));
-        } else if (std::string(interface) == zxdg_output_manager_v1_interface.name) {
-            // Version 2 brings the output's name and description.
-            state->manager = static_cast<zxdg_output_manager_v1*>(
-                wl_registry_bind(registry, id, &zxdg_output_manager_v1_interface, std::min(version, 3u)));
-        }
+        guarded("the Wayland registry's global event",
+                [&] { note_global(*static_cast<registry_state*>(data), registry, id, interface, version); });
     },
     [](void*, wl_registry*, uint32_t) {},
 };

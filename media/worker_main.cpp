@@ -22,7 +22,6 @@
 #include "core/version.hpp"
 #include "media/catalogue.hpp"
 #include "media/output.hpp"
-#include "media/portal_capture.hpp"
 #include "media/protocol.hpp"
 #include "media/runtime.hpp"
 

@@ -4,6 +4,7 @@
 // and ffmpeg check what arrived. Everything runs on loopback and is started here.
 
 #include "core/obs/worker.hpp"
+#include "media/capture_source.hpp"
 #include "media/encoders.hpp"
 #include "media/output.hpp"
 #include "media/runtime.hpp"

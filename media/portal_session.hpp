@@ -1,8 +1,8 @@
 #pragma once
 
-// Screen capture on Wayland: a ScreenCast session of the desktop portal (the desktop's
-// own consent and picker) and a libobs source of ours that shows its PipeWire stream.
-// The only place that links libportal and libpipewire.
+// Screen capture on Wayland, the desktop's side: a ScreenCast session of the desktop
+// portal (the desktop's own consent and picker, restore tokens), which hands over a
+// PipeWire remote that media/pipewire_source shows. The only place that uses libportal.
 
 #include <chrono>
 #include <functional>
@@ -10,13 +10,6 @@
 #include <string>
 
 namespace orbweave::obs {
-
-/// The source type registered with libobs by register_portal_source(): settings
-/// "fd" (a PipeWire remote the source takes over) and "node" (the stream's node id).
-inline constexpr const char* portal_source_id = "orbweave_portal_screen";
-
-/// Registers the source type; once per process, after obs_startup.
-void register_portal_source();
 
 /// What the desktop's portal can cast (its AvailableSourceTypes): bit 1 screens, bit 2
 /// windows; 0 when no portal answers within a few seconds.

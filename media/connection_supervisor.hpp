@@ -1,0 +1,115 @@
+#pragma once
+
+// The RTMP connection of one stream attempt, from the output's start to its stop: the
+// connect wait, with the socket made quick while it connects (media/tcp_sockets.hpp),
+// then a watchdog that shuts a connection the ingest stopped taking from down, and ends
+// a stream whose ingest stays gone for longer than the outage limit.
+
+#include <obs.h>
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace orbweave::obs {
+
+/// How long the output may take to connect and start sending, or to fail.
+inline constexpr std::chrono::seconds output_start_limit{10};
+/// How long a stopping output may take to report that it stopped.
+inline constexpr std::chrono::seconds output_stop_limit{10};
+/// How long a stream may keep reconnecting to an ingest that has gone before it ends
+/// (libobs itself would retry without end, and the service would see a source that
+/// streams nowhere). Ingest restarts and short network drops stay well inside it.
+inline constexpr std::chrono::seconds ingest_outage_limit{60};
+/// How long a connected stream may have data waiting that the ingest does not take
+/// (acknowledge) before its connection counts as lost. libobs would wait without end on
+/// a path that went dark, since the socket stays open; shutting the connection down
+/// makes libobs reconnect, and the outage limit applies from there.
+inline constexpr std::chrono::seconds send_stall_limit{10};
+
+class connection_supervisor {
+public:
+    /// Called once, on whichever thread noticed it (libobs's or the watchdog's), when a
+    /// connected stream ends without being asked to.
+    using ended_handler = std::function<void(const std::string& reason)>;
+
+    connection_supervisor(std::chrono::milliseconds ingest_outage, std::chrono::milliseconds send_stall,
+                          ended_handler on_ended);
+    /// Stops the watchdog and stops following the output's signals; does not stop it.
+    ~connection_supervisor();
+
+    connection_supervisor(const connection_supervisor&) = delete;
+    connection_supervisor& operator=(const connection_supervisor&) = delete;
+
+    /// Starts output and waits, at most output_start_limit, until it is active (connected
+    /// to the ingest and sending). False with error set otherwise; the output is then no
+    /// longer followed.
+    bool connect(obs_output_t* output, std::string& error);
+
+    /// Starts the watchdog over the connected output.
+    void watch();
+    /// Ends the watchdog, waiting for its thread.
+    void end_watch();
+
+    /// Stops the output; false when it did not report stopping within output_stop_limit
+    /// and its connection was shut down.
+    bool stop();
+
+    /// Stops following the output's signals: after this no callback of it runs any more.
+    void disconnect();
+
+private:
+    using clock = std::chrono::steady_clock;
+    struct send_progress;
+
+    static void on_activate(void* data, calldata_t* params) noexcept;
+    static void on_reconnect(void* data, calldata_t* params) noexcept;
+    static void on_reconnect_success(void* data, calldata_t* params) noexcept;
+    static void on_stop(void* data, calldata_t* params) noexcept;
+    /// Connects (or disconnects) the output's signals to this object.
+    void follow(bool on);
+    /// Records a "stop"; why the stream ended when nobody asked it to, "" otherwise.
+    std::string note_stop(calldata_t* params);
+
+    /// Looks at the socket until the output activates or stops, at most until until.
+    bool wait_until_decided(std::unique_lock<std::mutex>& lock, clock::time_point since, clock::time_point until);
+    /// Shuts a connection still connecting down so the output can be released promptly.
+    void abandon_connecting(std::unique_lock<std::mutex>& lock);
+
+    /// The watchdog's thread.
+    void watch_outage();
+    /// Shuts the connection down when the ingest has taken nothing for the send stall limit.
+    void check_progress(send_progress& progress, clock::time_point now);
+    /// Ends the stream whose ingest did not come back.
+    void give_up(std::unique_lock<std::mutex>& lock);
+
+    const std::chrono::milliseconds ingest_outage_;
+    const std::chrono::milliseconds send_stall_;
+    const ended_handler on_ended_;
+    obs_output_t* output_ = nullptr;
+    bool following_ = false;
+    // The process's TCP sockets before the output started: any other is the stream's.
+    std::vector<ino_t> sockets_before_;
+    std::thread watchdog_;
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool activated_ = false;
+    bool stopped_ = false;
+    bool stop_requested_ = false;
+    // Since when libobs has been reconnecting (none while connected).
+    std::optional<clock::time_point> reconnecting_since_;
+    bool watchdog_closing_ = false;
+    std::string gave_up_; // why the watchdog ended the stream
+    long long code_ = 0;
+    std::string last_error_;
+};
+
+} // namespace orbweave::obs

@@ -1,0 +1,320 @@
+#include "media/pipewire_source.hpp"
+
+#include "core/log.hpp"
+#include "media/c_boundary.hpp"
+#include "media/pipewire_params.h"
+
+#include <obs.h>
+#include <pipewire/pipewire.h>
+#include <spa/param/format-utils.h>
+#include <spa/param/video/format-utils.h>
+#include <util/platform.h>
+
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace orbweave::obs {
+
+// The libobs source: a PipeWire stream on its own thread loop, each frame handed to
+// libobs as asynchronous video (libobs keeps showing the last one until the next).
+
+namespace {
+
+/// Emitted on the source's signal handler when its stream ends without being asked to.
+constexpr const char* ended_signal = "void orbweave_capture_ended(ptr source, string reason)";
+
+struct portal_source {
+    obs_source_t* source = nullptr;
+    pw_thread_loop* loop = nullptr;
+    pw_context* context = nullptr;
+    pw_core* core = nullptr;
+    pw_stream* stream = nullptr;
+    pw_registry* registry = nullptr;
+    uint32_t node = SPA_ID_INVALID;
+    spa_hook core_listener{};
+    spa_hook stream_listener{};
+    spa_hook registry_listener{};
+    spa_video_info_raw format{};
+    bool has_format = false;
+    bool streaming = false;
+    bool ended = false;
+    std::vector<uint8_t> swizzled; // RGBx frames, turned into BGRX for libobs
+    // The newest frame's buffer, kept from PipeWire until the next arrives: a still
+    // screen sends one frame only, and libobs needs it again when its canvas is remade.
+    pw_buffer* held = nullptr;
+
+    void end(const std::string& reason)
+    {
+        if (ended)
+            return;
+        ended = true;
+        log::line("media: the screen cast ended: " + reason);
+        calldata_t data{};
+        calldata_set_ptr(&data, "source", source);
+        calldata_set_string(&data, "reason", reason.c_str());
+        signal_handler_signal(obs_source_get_signal_handler(source), portal_source_ended_signal, &data);
+        calldata_free(&data);
+    }
+
+    void on_state(pw_stream_state state, const char* error)
+    {
+        if (state == PW_STREAM_STATE_STREAMING)
+            streaming = true;
+        else if (state == PW_STREAM_STATE_ERROR)
+            end(std::string("the PipeWire stream failed: ") + (error ? error : "unknown error"));
+        else if (state == PW_STREAM_STATE_UNCONNECTED && streaming)
+            end("the PipeWire stream was disconnected");
+    }
+
+    void on_param(uint32_t id, const spa_pod* param)
+    {
+        if (id != SPA_PARAM_Format || !param)
+            return;
+        uint32_t media_type = 0, media_subtype = 0;
+        if (spa_format_parse(param, &media_type, &media_subtype) < 0 || media_type != SPA_MEDIA_TYPE_video ||
+            media_subtype != SPA_MEDIA_SUBTYPE_raw)
+            return;
+        if (spa_format_video_raw_parse(param, &format) < 0)
+            return;
+        has_format = true;
+        uint8_t buffer[256];
+        const spa_pod* params[] = {orbweave_shared_memory_buffers_param(buffer, sizeof buffer)};
+        pw_stream_update_params(stream, params, 1);
+    }
+
+    void on_process()
+    {
+        // Only the newest frame matters; older ones go straight back.
+        pw_buffer* newest = nullptr;
+        while (pw_buffer* next = pw_stream_dequeue_buffer(stream)) {
+            if (newest)
+                pw_stream_queue_buffer(stream, newest);
+            newest = next;
+        }
+        if (!newest)
+            return;
+        show(newest->buffer);
+        if (held)
+            pw_stream_queue_buffer(stream, held);
+        held = newest;
+    }
+
+    /// Shows the newest frame again (libobs's update call).
+    void repeat()
+    {
+        pw_thread_loop_lock(loop);
+        if (held)
+            show(held->buffer);
+        pw_thread_loop_unlock(loop);
+    }
+
+    void show(spa_buffer* buffer)
+    {
+        auto* header = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)));
+        if (header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED))
+            return;
+        spa_data& data = buffer->datas[0];
+        if (!has_format || !data.data || !data.chunk || data.chunk->size == 0)
+            return;
+        uint32_t width = format.size.width, height = format.size.height;
+        uint32_t stride = data.chunk->stride > 0 ? static_cast<uint32_t>(data.chunk->stride) : width * 4;
+        if (static_cast<uint64_t>(stride) * height > data.maxsize - data.chunk->offset % data.maxsize)
+            return;
+        auto* pixels = static_cast<uint8_t*>(data.data) + data.chunk->offset % data.maxsize;
+
+        obs_source_frame frame{};
+        frame.width = width;
+        frame.height = height;
+        frame.timestamp = os_gettime_ns();
+        frame.data[0] = pixels;
+        frame.linesize[0] = stride;
+        switch (format.format) {
+        case SPA_VIDEO_FORMAT_BGRx: frame.format = VIDEO_FORMAT_BGRX; break;
+        case SPA_VIDEO_FORMAT_BGRA: frame.format = VIDEO_FORMAT_BGRA; break;
+        case SPA_VIDEO_FORMAT_RGBA: frame.format = VIDEO_FORMAT_RGBA; break;
+        case SPA_VIDEO_FORMAT_RGBx:
+            // libobs has no RGBX: swap red and blue into BGRX (its alpha is ignored).
+            swizzled.resize(static_cast<size_t>(width) * height * 4);
+            for (uint32_t row = 0; row < height; ++row) {
+                const uint8_t* in = pixels + static_cast<size_t>(row) * stride;
+                uint8_t* out = swizzled.data() + static_cast<size_t>(row) * width * 4;
+                for (uint32_t column = 0; column < width; ++column, in += 4, out += 4) {
+                    out[0] = in[2];
+                    out[1] = in[1];
+                    out[2] = in[0];
+                    out[3] = 255;
+                }
+            }
+            frame.data[0] = swizzled.data();
+            frame.linesize[0] = width * 4;
+            frame.format = VIDEO_FORMAT_BGRX;
+            break;
+        default: return;
+        }
+        obs_source_output_video(source, &frame);
+    }
+
+    static const pw_stream_events* stream_events()
+    {
+        static const pw_stream_events events = [] {
+            pw_stream_events e{};
+            e.version = PW_VERSION_STREAM_EVENTS;
+            e.state_changed = [](void* data, pw_stream_state, pw_stream_state state, const char* error) {
+                guarded("the PipeWire stream's state event",
+                        [&] { static_cast<portal_source*>(data)->on_state(state, error); });
+            };
+            e.param_changed = [](void* data, uint32_t id, const spa_pod* param) {
+                guarded("the PipeWire stream's format event",
+                        [&] { static_cast<portal_source*>(data)->on_param(id, param); });
+            };
+            e.process = [](void* data) {
+                guarded("the PipeWire stream's frame event", [&] { static_cast<portal_source*>(data)->on_process(); });
+            };
+            return e;
+        }();
+        return &events;
+    }
+
+    static const pw_core_events* core_events()
+    {
+        static const pw_core_events events = [] {
+            pw_core_events e{};
+            e.version = PW_VERSION_CORE_EVENTS;
+            e.error = [](void* data, uint32_t id, int, int, const char* message) {
+                guarded("the PipeWire connection's error event", [&] {
+                    if (id == PW_ID_CORE)
+                        static_cast<portal_source*>(data)->end(std::string("PipeWire: ") +
+                                                               (message ? message : "error"));
+                });
+            };
+            return e;
+        }();
+        return &events;
+    }
+
+    static const pw_registry_events* registry_events()
+    {
+        // The cast's node going away is the desktop ending the cast: the stream itself
+        // only pauses.
+        static const pw_registry_events events = [] {
+            pw_registry_events e{};
+            e.version = PW_VERSION_REGISTRY_EVENTS;
+            e.global_remove = [](void* data, uint32_t id) {
+                guarded("the PipeWire registry's remove event", [&] {
+                    auto* self = static_cast<portal_source*>(data);
+                    if (id == self->node)
+                        self->end("the desktop ended the screen cast");
+                });
+            };
+            return e;
+        }();
+        return &events;
+    }
+
+    bool connect(int fd, uint32_t target)
+    {
+        node = target;
+        loop = pw_thread_loop_new("orbweave-pipewire", nullptr);
+        context = loop ? pw_context_new(pw_thread_loop_get_loop(loop), nullptr, 0) : nullptr;
+        if (!context || pw_thread_loop_start(loop) < 0) {
+            ::close(fd);
+            return false;
+        }
+        pw_thread_loop_lock(loop);
+        core = pw_context_connect_fd(context, fd, nullptr, 0); // owns fd from here on
+        if (core) {
+            pw_core_add_listener(core, &core_listener, core_events(), this);
+            registry = pw_core_get_registry(core, PW_VERSION_REGISTRY, 0);
+            if (registry)
+                pw_registry_add_listener(registry, &registry_listener, registry_events(), this);
+            stream = pw_stream_new(core, "Orbweave screen",
+                                   pw_properties_new(PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture",
+                                                     PW_KEY_MEDIA_ROLE, "Screen", nullptr));
+        }
+        bool connected = false;
+        if (stream) {
+            pw_stream_add_listener(stream, &stream_listener, stream_events(), this);
+            uint8_t buffer[1024];
+            const spa_pod* params[] = {orbweave_video_format_param(buffer, sizeof buffer)};
+            connected = pw_stream_connect(stream, PW_DIRECTION_INPUT, node,
+                                          static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT |
+                                                                       PW_STREAM_FLAG_MAP_BUFFERS),
+                                          params, 1) == 0;
+        }
+        pw_thread_loop_unlock(loop);
+        return connected;
+    }
+
+    /// libobs's create: the source for the settings' PipeWire remote and node; null when
+    /// it cannot connect.
+    static void* create(obs_data_t* settings, obs_source_t* source)
+    {
+        signal_handler_add(obs_source_get_signal_handler(source), ended_signal);
+        auto capture = std::make_unique<portal_source>();
+        capture->source = source;
+        // A screen shows each frame as it comes, rather than after a buffering delay.
+        obs_source_set_async_unbuffered(source, true);
+        int fd = static_cast<int>(obs_data_get_int(settings, "fd"));
+        auto node = static_cast<uint32_t>(obs_data_get_int(settings, "node"));
+        if (fd < 0 || !capture->connect(fd, node)) {
+            log::line("media: cannot connect to the screen cast's PipeWire stream");
+            return nullptr;
+        }
+        return capture.release();
+    }
+
+    ~portal_source()
+    {
+        if (loop) {
+            pw_thread_loop_lock(loop);
+            if (stream) {
+                if (held)
+                    pw_stream_queue_buffer(stream, held);
+                spa_hook_remove(&stream_listener);
+                pw_stream_disconnect(stream);
+                pw_stream_destroy(stream);
+            }
+            if (registry) {
+                spa_hook_remove(&registry_listener);
+                pw_proxy_destroy(reinterpret_cast<pw_proxy*>(registry));
+            }
+            if (core) {
+                spa_hook_remove(&core_listener);
+                pw_core_disconnect(core);
+            }
+            pw_thread_loop_unlock(loop);
+            pw_thread_loop_stop(loop);
+        }
+        if (context)
+            pw_context_destroy(context);
+        if (loop)
+            pw_thread_loop_destroy(loop);
+    }
+};
+
+} // namespace
+
+void register_portal_source()
+{
+    pw_init(nullptr, nullptr);
+    obs_source_info info{};
+    info.id = portal_source_id;
+    info.type = OBS_SOURCE_TYPE_INPUT;
+    info.output_flags = OBS_SOURCE_ASYNC_VIDEO | OBS_SOURCE_DO_NOT_DUPLICATE;
+    info.get_name = [](void*) { return "Orbweave screen (desktop portal)"; };
+    info.create = [](obs_data_t* settings, obs_source_t* source) {
+        return guarded("the screen cast source's creation", [&] { return portal_source::create(settings, source); });
+    };
+    info.destroy = [](void* data) {
+        guarded("the screen cast source's destruction", [&] { delete static_cast<portal_source*>(data); });
+    };
+    info.update = [](void* data, obs_data_t*) {
+        guarded("the screen cast source's update", [&] { static_cast<portal_source*>(data)->repeat(); });
+    };
+    obs_register_source(&info);
+}
+
+} // namespace orbweave::obs
