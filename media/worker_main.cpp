@@ -57,30 +57,18 @@ int log_level_from_environment()
     return LOG_WARNING;
 }
 
-} // namespace
+/// What the command line asks of this worker.
+struct worker_arguments {
+    orbweave::obs::runtime_options runtime;
+    orbweave::obs::stream_limits limits;
+    orbweave::obs::capture_route route = orbweave::obs::capture_route::automatic;
+    bool stream_worker = false;
+};
 
-int main(int argc, char** argv)
+worker_arguments parse_arguments(int argc, char** argv)
 {
     using namespace orbweave;
-
-    if (argc == 2 && !std::strcmp(argv[1], "--version")) {
-        std::printf("orbweave-media-worker %s\n", client_version);
-        return 0;
-    }
-
-    // The protocol owns the real stdout; anything libobs or a plug-in prints goes to stderr.
-    int protocol_fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    if (protocol_fd < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
-        log::line("media worker: cannot set up the protocol stream");
-        return 2;
-    }
-    // A parent that goes away must not kill us in the middle of a write; shut down instead.
-    ::signal(SIGPIPE, SIG_IGN);
-
-    obs::runtime_options options;
-    obs::stream_limits limits;
-    obs::capture_route route = obs::capture_route::automatic;
-    bool stream_worker = false;
+    worker_arguments parsed;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         obs::canvas canvas;
@@ -95,42 +83,34 @@ int main(int argc, char** argv)
             return true;
         };
         if (arg == "--stream-worker")
-            stream_worker = true;
-        else if (limit("--ingest-outage-limit-ms", limits.ingest_outage) ||
-                 limit("--portal-start-limit-ms", limits.portal_start) ||
-                 limit("--send-stall-limit-ms", limits.send_stall))
+            parsed.stream_worker = true;
+        else if (limit("--ingest-outage-limit-ms", parsed.limits.ingest_outage) ||
+                 limit("--portal-start-limit-ms", parsed.limits.portal_start) ||
+                 limit("--send-stall-limit-ms", parsed.limits.send_stall))
             continue;
         else if (arg == "--capture" && i + 1 < argc && obs::parse_capture_route(argv[i + 1]))
-            route = *obs::parse_capture_route(argv[++i]);
+            parsed.route = *obs::parse_capture_route(argv[++i]);
         else if (arg == "--canvas" && i + 1 < argc &&
                  std::sscanf(argv[i + 1], "%ux%u@%u", &canvas.width, &canvas.height, &canvas.fps) == 3)
-            options.video = canvas, ++i;
+            parsed.runtime.video = canvas, ++i;
         else
             log::line("media worker: unknown argument " + arg);
     }
-
-    if (!stream_worker)
-        options.modules = obs::capture_modules();
-    else if (!options.video)
-        options.video = obs::placeholder_canvas;
+    if (!parsed.stream_worker)
+        parsed.runtime.modules = obs::capture_modules();
+    else if (!parsed.runtime.video)
+        parsed.runtime.video = obs::placeholder_canvas;
     // Without --capture (a worker started by hand), the session decides, as for the client.
-    options.route = obs::resolve_capture_route(route);
-    obs::protocol_writer writer(protocol_fd);
-    obs::route_log_to_stderr(log_level_from_environment());
+    parsed.runtime.route = obs::resolve_capture_route(parsed.route);
+    return parsed;
+}
 
-    std::unique_ptr<obs::runtime> runtime;
-    try {
-        runtime = std::make_unique<obs::runtime>(options);
-    } catch (const std::exception& error) {
-        log::line("media worker: start-up failed: ", error.what());
-        writer.send(obs::pipe::error_reply(error.what()));
-        return 1;
-    }
-    writer.send(obs::pipe::ok_reply(nullptr));
-
+/// The catalogue's ops: a list per kind, and one source by id.
+void serve_catalogue(orbweave::obs::request_loop& loop, orbweave::obs::capture_route route)
+{
+    using namespace orbweave;
     namespace op = obs::pipe::op;
-    obs::request_loop loop(STDIN_FILENO, writer);
-    bool portal = options.route == obs::capture_route::portal;
+    bool portal = route == obs::capture_route::portal;
     loop.on(op::list_screens, [portal](const Json&) {
         return obs::to_json(portal ? obs::list_portal_screens() : obs::list_screens());
     });
@@ -153,10 +133,15 @@ int main(int argc, char** argv)
                 return entry;
         return nullptr;
     });
+}
 
-    // The one stream this worker carries, once started. Stopped before libobs shuts down.
-    std::unique_ptr<obs::output> stream;
-    loop.on(op::stream, [&stream, &writer, limits, route = options.route](const Json& request) {
+/// The one stream this worker carries, once started; stopped before libobs shuts down.
+void serve_stream(orbweave::obs::request_loop& loop, orbweave::obs::protocol_writer& writer,
+                  std::unique_ptr<orbweave::obs::output>& stream, const worker_arguments& arguments)
+{
+    using namespace orbweave;
+    loop.on(obs::pipe::op::stream, [&stream, &writer, limits = arguments.limits,
+                                    route = arguments.runtime.route](const Json& request) {
         std::optional<obs::pipe::stream_order> order = obs::pipe::stream_order::from_json(json::at(request, {"order"}));
         if (!order)
             throw std::invalid_argument("the stream order names no source");
@@ -175,29 +160,72 @@ int main(int argc, char** argv)
             stream = std::move(started);
         return result.to_json();
     });
-    // Read-only counters for benchmarks: frames the outputs sent and dropped (network),
-    // frames the canvas rendered and lagged (render late), frames the encoders skipped.
-    loop.on(op::stats, [](const Json&) {
-        struct totals {
-            long long frames = 0;
-            long long dropped = 0;
-        } sent;
-        obs_enum_outputs(
-            [](void* data, obs_output_t* output) {
-                auto* sum = static_cast<totals*>(data);
-                sum->frames += obs_output_get_total_frames(output);
-                sum->dropped += obs_output_get_frames_dropped(output);
-                return true;
-            },
-            &sent);
-        video_t* video = obs_get_video();
-        return Json{{"frames", sent.frames},
-                    {"dropped", sent.dropped},
-                    {"rendered", obs_get_total_frames()},
-                    {"lagged", obs_get_lagged_frames()},
-                    {"video_frames", video ? video_output_get_total_frames(video) : 0u},
-                    {"skipped", video ? video_output_get_skipped_frames(video) : 0u}};
-    });
+}
+
+/// Read-only counters for benchmarks: frames the outputs sent and dropped (network),
+/// frames the canvas rendered and lagged (render late), frames the encoders skipped.
+orbweave::Json frame_counters()
+{
+    struct totals {
+        long long frames = 0;
+        long long dropped = 0;
+    } sent;
+    obs_enum_outputs(
+        [](void* data, obs_output_t* output) {
+            auto* sum = static_cast<totals*>(data);
+            sum->frames += obs_output_get_total_frames(output);
+            sum->dropped += obs_output_get_frames_dropped(output);
+            return true;
+        },
+        &sent);
+    video_t* video = obs_get_video();
+    return orbweave::Json{{"frames", sent.frames},
+                          {"dropped", sent.dropped},
+                          {"rendered", obs_get_total_frames()},
+                          {"lagged", obs_get_lagged_frames()},
+                          {"video_frames", video ? video_output_get_total_frames(video) : 0u},
+                          {"skipped", video ? video_output_get_skipped_frames(video) : 0u}};
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    using namespace orbweave;
+
+    if (argc == 2 && !std::strcmp(argv[1], "--version")) {
+        std::printf("orbweave-media-worker %s\n", client_version);
+        return 0;
+    }
+
+    // The protocol owns the real stdout; anything libobs or a plug-in prints goes to stderr.
+    int protocol_fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (protocol_fd < 0 || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+        log::line("media worker: cannot set up the protocol stream");
+        return 2;
+    }
+    // A parent that goes away must not kill us in the middle of a write; shut down instead.
+    ::signal(SIGPIPE, SIG_IGN);
+
+    worker_arguments arguments = parse_arguments(argc, argv);
+    obs::protocol_writer writer(protocol_fd);
+    obs::route_log_to_stderr(log_level_from_environment());
+
+    std::unique_ptr<obs::runtime> runtime;
+    try {
+        runtime = std::make_unique<obs::runtime>(arguments.runtime);
+    } catch (const std::exception& error) {
+        log::line("media worker: start-up failed: ", error.what());
+        writer.send(obs::pipe::error_reply(error.what()));
+        return 1;
+    }
+    writer.send(obs::pipe::ok_reply(nullptr));
+
+    obs::request_loop loop(STDIN_FILENO, writer);
+    serve_catalogue(loop, arguments.runtime.route);
+    std::unique_ptr<obs::output> stream;
+    serve_stream(loop, writer, stream, arguments);
+    loop.on(obs::pipe::op::stats, [](const Json&) { return frame_counters(); });
 
     bool asked = loop.run();
     stream.reset();
