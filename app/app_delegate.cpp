@@ -67,6 +67,15 @@ void app_delegate::init_client()
                                            const callback::request& request) {
         on_permission(kind, name, description, request_kind, request);
     });
+    // "Deny" refuses an activation before its source is looked up.
+    client_->set_rule_handler([this](source_type::type kind) {
+        switch (decide(preferences_, kind, request_type::activate)) {
+        case decision::allow: return callback::permission_rule::allow;
+        case decision::deny: return callback::permission_rule::never;
+        case decision::ask: break;
+        }
+        return callback::permission_rule::ask;
+    });
     client_->set_profile_handler([this] {
         return encode_profile{static_cast<profile_type::type>(preferences_.profile()), bitrate_.load()};
     });

@@ -303,6 +303,16 @@ TEST_F(AgentProcess, AnswersRequestsByItsPolicy)
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->message["payload"], Json({{"status", "Rejected"}}));
     EXPECT_TRUE(output->wait_for_prefix("denied list window", deadline));
+    // Nor is activating a window, whatever it names: nothing is looked up to answer it.
+    sim::activation window;
+    window.source_id = std::string(64, 'f');
+    window.type = "Window";
+    state = service.activate(window);
+    ASSERT_TRUE(state);
+    reply = service.wait_for_reply(*state, deadline);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->message["payload"], Json({{"status", "Rejected"}}));
+    EXPECT_TRUE(output->wait_for_prefix("denied activate window", deadline));
     stop(*agent);
 
     // Everything is allowed: a kind this client does not know is answered, as a failure.
