@@ -550,7 +550,8 @@ private:
         auto worker_ready = log_.first(
             [](const std::string& line) {
                 // The worker logs the stream order it starts.
-                return line.rfind("{", 0) == 0 && line.find("\"request\":{\"payload\"") != std::string::npos;
+                return line.rfind("{", 0) == 0 && line.find("\"level\":") != std::string::npos &&
+                       line.find("\"server\":") != std::string::npos;
             },
             sent);
         times.client_in = client_in ? ms_between(sent, *client_in) : -1;

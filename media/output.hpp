@@ -65,6 +65,8 @@ public:
     bool rejected() const { return rejected_; }
     /// The desktop portal's token for the screen streamed, for next time; "" for none.
     const std::string& restore_token() const { return restore_token_; }
+    /// The canvas the stream runs on: width, height.
+    std::pair<int, int> canvas_size() const { return frame_size_; }
 
     /// Ends a running stream that cannot go on (its capture ended): the stopped handler
     /// hears why, once. Any thread; before the start has finished it takes effect then.

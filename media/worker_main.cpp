@@ -40,6 +40,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -156,6 +157,7 @@ void serve_stream(orbweave::obs::request_loop& loop, orbweave::obs::protocol_wri
         result.error = started->error();
         result.rejected = started->rejected();
         result.restore_token = started->restore_token();
+        std::tie(result.width, result.height) = started->canvas_size();
         if (result.started)
             stream = std::move(started);
         return result.to_json();

@@ -76,13 +76,18 @@ Json stream_result::to_json() const
         value["rejected"] = true;
     if (!restore_token.empty())
         value["restoreToken"] = restore_token;
+    if (started) {
+        value["width"] = width;
+        value["height"] = height;
+    }
     return value;
 }
 
 stream_result stream_result::from_json(const Json& value)
 {
-    return {json::bool_at(value, {"started"}), json::string_at(value, {"error"}), json::bool_at(value, {"rejected"}),
-            json::string_at(value, {"restoreToken"})};
+    return {json::bool_at(value, {"started"}),    json::string_at(value, {"error"}),
+            json::bool_at(value, {"rejected"}),   json::string_at(value, {"restoreToken"}),
+            json::int_at(value, {"width"}),       json::int_at(value, {"height"})};
 }
 
 request_line request_line::parse(std::string_view text)

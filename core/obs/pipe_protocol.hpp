@@ -10,7 +10,7 @@
 //   {"op":"find","source":{"type":"screen","id":"..."}}
 //                     -> {"ok":true,"result":entry | null}
 //   {"op":"stream","order":<stream_order>}
-//                     -> {"ok":true,"result":{"started":true} | {"started":false,"error":"..."}}
+//                     -> {"ok":true,"result":{"started":true,"width":W,"height":H} | {"started":false,"error":"..."}}
 //                        (once per worker: a stream worker carries one stream for its life)
 //   {"op":"stats"}    -> {"ok":true,"result":{frame counters}} (read-only, for benchmarks)
 //   {"op":"shutdown"} or end of input
@@ -94,6 +94,9 @@ struct stream_result {
     bool rejected = false;
     /// The portal's token for this screen from now on (tokens are single-use); "" for none.
     std::string restore_token;
+    /// The canvas the stream runs on (0 x 0 when it did not start).
+    int width = 0;
+    int height = 0;
 
     Json to_json() const;
     static stream_result from_json(const Json& value);

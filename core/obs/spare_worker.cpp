@@ -27,6 +27,13 @@ void spare_worker::refill()
     starting_ = thread_->post([this] { start(); });
 }
 
+void spare_worker::prefer_canvas(int width, int height)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    options_.canvas_width = width;
+    options_.canvas_height = height;
+}
+
 std::unique_ptr<worker> spare_worker::take()
 {
     std::unique_ptr<worker> taken;
@@ -48,9 +55,14 @@ std::unique_ptr<worker> spare_worker::take()
 
 void spare_worker::start()
 {
+    worker::options options;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        options = options_;
+    }
     std::unique_ptr<worker> fresh;
     try {
-        fresh = std::make_unique<worker>(options_);
+        fresh = std::make_unique<worker>(options);
         fresh->set_exit_handler([this](const std::string&) { died(); });
     } catch (const std::exception&) {
         // The worker has logged why.

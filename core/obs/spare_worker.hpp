@@ -26,6 +26,10 @@ public:
 
     /// Starts a spare in the background unless one is ready or starting.
     void refill();
+    /// Later spares start with their canvas at this size: the size of the stream just
+    /// started, which the next activation (often the same source) most likely wants, so
+    /// it skips remaking the canvas.
+    void prefer_canvas(int width, int height);
     /// The spare, once a start in progress has ended (at most the start-up time); null
     /// when there is none. From here on the caller watches the worker's end.
     std::unique_ptr<worker> take();
@@ -35,7 +39,7 @@ private:
     void start();
     void died();
 
-    const worker::options options_;
+    worker::options options_; // guarded by mutex_
     std::mutex mutex_;
     std::condition_variable changed_; // a start has ended, or closing
     std::unique_ptr<worker> spare_;

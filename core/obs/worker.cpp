@@ -48,6 +48,9 @@ worker::worker(const options& options) : options_(options)
         spawn.argv.push_back("--stream-worker");
     if (options_.capture != capture_route::automatic)
         spawn.argv.insert(spawn.argv.end(), {"--capture", capture_route_name(options_.capture)});
+    if (options_.stream_worker && options_.canvas_width > 0 && options_.canvas_height > 0)
+        spawn.argv.insert(spawn.argv.end(), {"--canvas", std::to_string(options_.canvas_width) + "x" +
+                                                             std::to_string(options_.canvas_height) + "@30"});
     // A limit left at zero keeps the worker's own default.
     auto limit = [&](const char* flag, std::chrono::milliseconds value) {
         if (value.count() > 0)

@@ -46,6 +46,10 @@ public:
         /// How long the desktop portal may take to start a cast (its picker waits for the
         /// user); zero keeps the worker's own default (120 s).
         std::chrono::milliseconds portal_start_limit{0};
+        /// A stream worker's first canvas (width x height at 30 fps); 0 x 0 keeps the worker's
+        /// placeholder. A stream of that size starts without remaking it.
+        int canvas_width = 0;
+        int canvas_height = 0;
         /// How the worker captures screens; automatic lets it decide by the session.
         capture_route capture = capture_route::automatic;
     };

@@ -174,10 +174,13 @@ worker_manager::activation worker_manager::start_stream(stream& record, worker& 
         record.process = &process;
     }
     const std::string& id = request.source.id;
+    bool has_video = entry_kind(source) != source_type::audio;
     pipe::stream_result result = process.stream(pipe::stream_order::of(request, std::move(source), bitrate, tokens_.get(id)));
     // The old token was used up by this start; the desktop hands out a new one.
     if (!result.restore_token.empty())
         tokens_.put(id, result.restore_token);
+    if (spare_ && result.started && has_video && result.width > 0 && result.height > 0)
+        spare_->prefer_canvas(result.width, result.height);
     return {result.started, result.error, result.rejected, false};
 }
 
