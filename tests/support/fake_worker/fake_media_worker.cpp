@@ -1,18 +1,22 @@
 // A media worker that misbehaves on request, for the client's worker-fault tests.
-// It speaks the pipe protocol well enough to start, list one screen ("Display 1",
-// 1280x720) and take a stream order; what it does with the order depends on the
-// order's stream key:
+// It speaks the pipe protocol well enough to start, list two screens ("Display 1" and
+// "Display 2", 1280x720 each) and take a stream order; what it does with the order
+// depends on the order's stream key:
 //
-//   "ok"              reports the stream started and carries it until shut down
-//   "garbage"         writes bytes that are not JSON instead of a reply
-//   "huge-line"       writes a line longer than the pipe allows, with no end
-//   "exit"            exits (status 3) without a reply
-//   "started-garbage" reports the stream started, then writes garbage
+//   "ok"               reports the stream started and carries it until shut down
+//   "garbage"          writes bytes that are not JSON instead of a reply
+//   "huge-line"        writes a line longer than the pipe allows, with no end
+//   "exit"             exits (status 3) without a reply
+//   "started-garbage"  reports the stream started, then writes garbage
+//   "hang-on-shutdown" reports the stream started, then never answers the shutdown
+//                      nor ends by itself (SIGTERM ignored): only SIGKILL ends it
 //
 // Test-only: never installed.
 
 #include "core/obs/entries.hpp"
 #include "core/obs/pipe_protocol.hpp"
+
+#include <csignal>
 
 #include <unistd.h>
 
@@ -47,13 +51,15 @@ void write_endless_line()
 int main()
 {
     send(obs::pipe::ok_reply(nullptr));
+    bool hang_on_shutdown = false;
     std::string text;
     while (std::getline(std::cin, text)) {
         obs::pipe::request_line request = obs::pipe::request_line::parse(text);
         if (request.op == obs::pipe::op::shutdown)
             break;
         if (request.op == obs::pipe::op::list_screens) {
-            send(obs::pipe::ok_reply(Json::array({obs::screen_entry(0, "Display 1", "1280x720", 0, 0, 1280, 720).to_json()})));
+            send(obs::pipe::ok_reply(Json::array({obs::screen_entry(0, "Display 1", "1280x720", 0, 0, 1280, 720).to_json(),
+                                                  obs::screen_entry(1, "Display 2", "1280x720", 1280, 0, 1280, 720).to_json()})));
         } else if (request.op.rfind("list_", 0) == 0) {
             send(obs::pipe::ok_reply(Json::array()));
         } else if (request.op == obs::pipe::op::stream) {
@@ -71,10 +77,16 @@ int main()
                 send(obs::pipe::ok_reply(started.to_json()));
                 if (key == "started-garbage")
                     write_garbage();
+                hang_on_shutdown = key == "hang-on-shutdown";
             }
         } else {
             send(obs::pipe::error_reply("unknown op"));
         }
+    }
+    if (hang_on_shutdown) {
+        std::signal(SIGTERM, SIG_IGN);
+        for (;;)
+            ::pause();
     }
     send(obs::pipe::ok_reply(Json{{"leaks", 0}}));
     return 0;
