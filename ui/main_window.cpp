@@ -34,6 +34,8 @@ QString view_for_state(state_type::type state, bool has_set_permissions)
 
 namespace {
 
+constexpr int window_width = 420;
+
 QProgressBar* busy_indicator(const QString& accessible_name)
 {
     auto* busy = new QProgressBar;
@@ -85,7 +87,7 @@ main_window::main_window(app::event_bus& bus, app::preferences& preferences, std
     setObjectName("mainWindow");
     setWindowTitle("Orbweave");
     setWindowFlag(Qt::WindowStaysOnTopHint);
-    setFixedWidth(420);
+    setFixedWidth(window_width);
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     if (tray_menu) {
@@ -161,6 +163,10 @@ void main_window::show_view(const QString& identifier)
     view_ = fresh;
     stack_->addWidget(fresh);
     stack_->setCurrentWidget(fresh);
+    // Exactly as large as the view needs: a window of fixed size gets no resize handle from
+    // the window manager (a stray bar with grips under the view otherwise).
+    setFixedSize(window_width, layout()->hasHeightForWidth() ? layout()->totalHeightForWidth(window_width)
+                                                             : layout()->totalSizeHint().height());
 }
 
 QWidget* main_window::make_view(const QString& identifier)
