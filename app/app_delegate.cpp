@@ -3,6 +3,10 @@
 #include "core/bandwidth_probe.hpp"
 #include "core/log.hpp"
 
+#include <QMetaObject>
+
+#include <utility>
+
 namespace orbweave::app {
 
 using callback::request_type;
@@ -39,9 +43,14 @@ app_delegate::~app_delegate()
     shutdown();
 }
 
-void app_delegate::set_state(int state)
+void app_delegate::set_state(state_type::type state)
 {
-    bus_.post(events::state_changed, state);
+    bus_.post(events::state_changed, QVariant::fromValue(state));
+}
+
+void app_delegate::set_activity(activity now)
+{
+    bus_.post(events::activity_changed, QVariant::fromValue(now));
 }
 
 void app_delegate::init_client()
@@ -80,13 +89,7 @@ void app_delegate::init_client()
         return encode_profile{static_cast<profile_type::type>(preferences_.profile()), bitrate_.load()};
     });
     client_->set_streams_handler([this](const std::vector<callback::active_stream>& streams) {
-        QVariantList running;
-        for (const auto& stream : streams)
-            running.push_back(QVariantMap{{"id", QString::fromStdString(stream.id)},
-                                          {"kind", static_cast<int>(stream.kind)},
-                                          {"name", QString::fromStdString(stream.name)},
-                                          {"description", QString::fromStdString(stream.description)}});
-        bus_.post(events::streams_changed, running);
+        bus_.post(events::streams_changed, QVariant::fromValue(stream_list(streams)));
     });
 }
 
@@ -133,11 +136,8 @@ void app_delegate::start()
 
 std::future<bool> app_delegate::connect_service()
 {
-    std::uint32_t generation;
-    {
-        std::lock_guard<std::mutex> lock(lock_);
-        generation = current_connect_;
-    }
+    // Read without lock_: the connector may hold it for seconds, stopping the client.
+    std::uint32_t generation = current_connect_;
     auto started = std::make_shared<std::promise<bool>>();
     std::future<bool> result = started->get_future();
     bool queued = connector_ && connector_->post([this, generation, started] {
@@ -159,7 +159,7 @@ std::future<bool> app_delegate::connect_service()
     return result;
 }
 
-void app_delegate::disconnect_service()
+std::future<void> app_delegate::disconnect_service()
 {
     std::shared_ptr<prompter> asking = current_prompter();
     if (asking)
@@ -170,14 +170,34 @@ void app_delegate::disconnect_service()
     }
     bus_.post(events::code_changed, QVariant());
     set_state(state_type::disconnected);
-    std::lock_guard<std::mutex> lock(lock_);
+    // At once, so a connect still measuring sees it is stale.
     ++current_connect_;
+    // Stopping waits for every stream's worker (bounded, but seconds): never on the caller's
+    // thread, which is the GUI thread. The connector runs it in order with the connects.
+    auto stopped = std::make_shared<std::promise<void>>();
+    std::future<void> result = stopped->get_future();
+    bool queued = connector_ && connector_->post([this, stopped] {
+        stop_client();
+        stopped->set_value();
+    });
+    if (!queued) { // shut down already: the client is stopped
+        stop_client();
+        stopped->set_value();
+    }
+    return result;
+}
+
+void app_delegate::stop_client()
+{
+    std::lock_guard<std::mutex> lock(lock_);
     client_->stop();
     client_->join();
 }
 
 void app_delegate::sign_out()
 {
+    if (quit_requested_)
+        return;
     // In the reset's order: everything stored goes, launch at login goes off, the interface
     // reads the defaults, the client disconnects, the setup view shows, and it reconnects.
     secrets_.erase();
@@ -185,25 +205,49 @@ void app_delegate::sign_out()
     if (autostart_)
         autostart_->set_enabled(false);
     bus_.post(events::user_changed);
+    set_activity(activity::signing_out);
     disconnect_service();
-    bus_.post(events::view_show, QStringLiteral("setupViewController"));
-    bus_.post(events::window_show);
+    // The connector runs these once the client has stopped, and the connect after them.
+    if (connector_)
+        connector_->post([this] {
+            set_activity(activity::none);
+            bus_.post(events::view_show, QStringLiteral("setupViewController"));
+            bus_.post(events::window_show);
+        });
     connect_service();
+}
+
+void app_delegate::quit(std::function<void()> done)
+{
+    if (std::exchange(quit_requested_, true))
+        return;
+    // A connect still measuring gives up at once, and nothing starts the client again.
+    quitting_ = true;
+    std::shared_ptr<prompter> asking = current_prompter();
+    if (asking)
+        asking->refuse_all();
+    set_activity(activity::stopping);
+    auto finished = std::make_shared<std::function<void()>>(std::move(done));
+    bool queued = connector_ && connector_->post([this, finished] {
+        stop_client();
+        QMetaObject::invokeMethod(this, [finished] { (*finished)(); }, Qt::QueuedConnection);
+    });
+    if (!queued) {
+        shutdown();
+        (*finished)();
+    }
 }
 
 void app_delegate::shutdown()
 {
-    if (quitting_.exchange(true))
-        return;
+    quitting_ = true;
     std::shared_ptr<prompter> asking = current_prompter();
     if (asking)
         asking->refuse_all();
-    // A connect still measuring gives up at once; then nothing can start the client again.
+    // Finishes what the connector runs (a probe gives up at once, a stop ends within its
+    // bound) and drops the rest; the client is then stopped here, a no-op when it is already.
     connector_.reset();
-    std::lock_guard<std::mutex> lock(lock_);
-    ++current_connect_;
-    client_->stop();
-    client_->join();
+    stop_client();
 }
 
 } // namespace orbweave::app

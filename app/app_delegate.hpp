@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -62,17 +63,23 @@ public:
     /// then starts the client, unless a disconnect came first. The future tells whether
     /// this connect started it.
     std::future<bool> connect_service();
-    /// Refuses open prompts, clears the code, reports disconnected, and stops and joins the
-    /// client; a connect still measuring will not start it. Not from a client callback.
-    void disconnect_service();
+    /// Refuses open prompts, clears the code, reports disconnected, and has the client
+    /// stopped and joined on the connector thread; a connect still measuring will not start
+    /// it. Returns at once; the future is ready once the client has stopped.
+    std::future<void> disconnect_service();
     /// Signing out (the user's, or the service's reset): every preference, the secret and
-    /// the autostart entry go, the interface shows the setup view, and the client reconnects
-    /// unpaired. On the GUI thread.
+    /// the autostart entry go at once; the client stops off the GUI thread (the interface
+    /// shows activity::signing_out meanwhile), then the setup view shows and the client
+    /// reconnects unpaired. On the GUI thread; returns at once.
     void sign_out();
-    /// Quitting: open prompts refused, the client stopped and joined (streams end, no
-    /// media worker left).
+    /// Quitting without blocking: open prompts refused, nothing connects again, the client
+    /// stopped and joined off the GUI thread (every stream's worker stops at once, each
+    /// bounded by its shut-down time) while the interface shows activity::stopping; then
+    /// done runs on the GUI thread. A second call while one runs only adds nothing.
+    void quit(std::function<void()> done);
+    /// Quitting and waiting for it: the client stopped and joined on the caller's thread
+    /// (streams end, no media worker left). Safe after quit() and more than once.
     void shutdown();
-
     void set_prompter(std::shared_ptr<prompter> prompter);
     /// The launch-at-login entry, turned off by a sign-out.
     void set_autostart(autostart* entry) { autostart_ = entry; }
@@ -82,7 +89,11 @@ public:
     std::int32_t bitrate() const { return bitrate_; }
 
 private:
-    void set_state(int state);
+    void set_state(callback::state_type::type state);
+    void set_activity(activity now);
+    /// Stops and joins the client under lock_ (seconds while streams run: never on the GUI thread
+    /// but at the very end).
+    void stop_client();
     std::shared_ptr<prompter> current_prompter();
     void init_client();
     void on_permission(callback::source_type::type kind, const std::string& name, const std::string& description,
@@ -95,9 +106,11 @@ private:
     std::unique_ptr<orbweave_client> client_;
     std::atomic<std::int32_t> bitrate_{0};
     std::atomic<bool> quitting_{false};
-    // Serialises start against stop and join, and guards the connection generation.
+    bool quit_requested_ = false; // GUI thread only
+    // Serialises start against stop and join (on the connector thread, and at the end).
     std::mutex lock_;
-    std::uint32_t current_connect_ = 0;
+    // The connection generation: a disconnect makes every connect asked for earlier stale.
+    std::atomic<std::uint32_t> current_connect_{0};
     mutable std::mutex code_mutex_;
     QString code_;
     std::mutex prompter_mutex_;

@@ -6,6 +6,13 @@
 
 namespace orbweave::app {
 
+void register_event_types()
+{
+    qRegisterMetaType<callback::state_type::type>("orbweave::callback::state_type::type");
+    qRegisterMetaType<stream_list>("orbweave::app::stream_list");
+    qRegisterMetaType<activity>("orbweave::app::activity");
+}
+
 void event_bus::post(const char* name, const QVariant& payload)
 {
     std::vector<observer> targets;

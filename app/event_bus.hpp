@@ -4,6 +4,9 @@
 // tray menu, window, views) talk to each other only by posting and observing these
 // names, never by holding each other.
 
+#include "core/callback.hpp"
+
+#include <QMetaType>
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -15,9 +18,19 @@
 
 namespace orbweave::app {
 
+/// The streams running now, oldest first, as the client reports them.
+using stream_list = std::vector<callback::active_stream>;
+
+/// What the app is busy with while its client stops off the GUI thread: the interface
+/// says so, and stays usable, until the work is done.
+enum class activity { none, signing_out, stopping };
+
+/// Registers the payload types below with Qt's meta-type system (once, at start).
+void register_event_types();
+
 /// The event names and their payloads.
 namespace events {
-/// int: the client state (0 pairing, 1 connected, 2 disconnected, 3 streaming).
+/// callback::state_type::type: the client state.
 inline constexpr const char* state_changed = "app:state:changed";
 /// bool: the window was shown (true) or closed while paired (false). Nothing on Linux acts on it.
 inline constexpr const char* dock_change = "app:dock:change";
@@ -43,9 +56,10 @@ inline constexpr const char* launch_at_login_changed = "app:launchAtLogin:change
 inline constexpr const char* audio_popover_hide = "app:audio:popover:hide";
 /// none: open the system's sound output settings.
 inline constexpr const char* audio_settings_show = "app:audio:settings:show";
-/// QVariantList of QVariantMap {"id", "kind" (int, callback::source_type), "name",
-/// "description"}: the streams running now, oldest first. The desktop's own addition.
+/// stream_list: the streams running now, oldest first. The desktop's own addition.
 inline constexpr const char* streams_changed = "app:streams:changed";
+/// activity: a sign-out or quitting began, or ended (none). The desktop's own addition.
+inline constexpr const char* activity_changed = "app:activity:changed";
 } // namespace events
 
 /// Delivers posted events to their observers. post() may be called from any thread;
@@ -77,3 +91,7 @@ private:
 };
 
 } // namespace orbweave::app
+
+Q_DECLARE_METATYPE(orbweave::callback::state_type::type)
+Q_DECLARE_METATYPE(orbweave::app::stream_list)
+Q_DECLARE_METATYPE(orbweave::app::activity)

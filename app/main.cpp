@@ -10,6 +10,7 @@
 #include "app/quit_signals.hpp"
 #include "app/secret_keeper.hpp"
 #include "app/single_instance.hpp"
+#include "app/translations.hpp"
 #include "core/command_line.hpp"
 #include "core/log.hpp"
 #include "core/version.hpp"
@@ -78,7 +79,9 @@ int main(int argc, char** argv)
     QApplication::setDesktopFileName("org.orbweave.Client");
     // The app lives on in the tray when its window closes; only Quit or a signal end it.
     QApplication::setQuitOnLastWindowClosed(false);
+    app::install_translations(QLocale());
 
+    app::register_event_types();
     app::event_bus bus;
     // A second launch shows the running app and ends here.
     app::single_instance instance(bus);
@@ -102,7 +105,11 @@ int main(int argc, char** argv)
     delegate.set_prompter(std::make_shared<app::notification_prompter>(QDBusConnection::sessionBus(),
                                                                        &ui::ask_with_dialog));
 
-    ui::status_menu menu(bus, preferences, launch_at_login, [&delegate] { delegate.sign_out(); });
+    // Quit (the menu's, a signal's, the session's end) stops the client off the GUI thread, so
+    // the interface answers meanwhile, and leaves the event loop once every worker is gone.
+    // exit() rather than quit(): no window gets a say in it.
+    auto quit = [&delegate] { delegate.quit([] { QCoreApplication::exit(0); }); };
+    ui::status_menu menu(bus, preferences, launch_at_login, [&delegate] { delegate.sign_out(); }, quit);
     bool in_tray = menu.show_in_tray();
     if (!in_tray)
         orbweave::log::line("No system tray on this desktop; the main window carries the menu");
@@ -111,7 +118,7 @@ int main(int argc, char** argv)
     ui::main_window window(bus, preferences, [&delegate] { return delegate.code(); }, in_tray ? nullptr : menu.menu());
     window.show_at_start();
 
-    app::quit_signals on_signal([] { QApplication::quit(); });
+    app::quit_signals on_signal(quit);
     QObject::connect(&application, &QCoreApplication::aboutToQuit, [&delegate] { delegate.shutdown(); });
     // The client presents the stored secret, so it connects once that is read.
     secrets.load([&delegate] { delegate.start(); });

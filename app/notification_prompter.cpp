@@ -43,7 +43,7 @@ QString notification_prompter::body(const QString& name, const QString& descript
 void notification_prompter::ask(callback::source_type::type, const std::string& name, const std::string& description,
                                 const callback::request& request)
 {
-    prompt_text text{QStringLiteral("Requesting Permission"), QString::fromStdString(name),
+    prompt_text text{tr("Requesting Permission"), QString::fromStdString(name),
                      QString::fromStdString(description)};
     QMetaObject::invokeMethod(
         this,
@@ -71,7 +71,8 @@ void notification_prompter::show(const prompt_text& text, const std::shared_ptr<
         QVariantMap hints{{"desktop-entry", application_id}, {"urgency", QVariant::fromValue<uchar>(2)}};
         notify << QStringLiteral("Orbweave") << uint(0) << application_id << text.title
                << body(text.name, text.description, markup)
-               << QStringList{"default", "Allow", "allow", "Allow", "deny", "Deny"} << hints << int(0);
+               // The keys are the protocol's; only the labels are the user's language.
+               << QStringList{"default", tr("Allow"), "allow", tr("Allow"), "deny", tr("Deny")} << hints << int(0);
         auto* shown = new QDBusPendingCallWatcher(bus_.asyncCall(notify), this);
         connect(shown, &QDBusPendingCallWatcher::finished, this, [this, text, open](QDBusPendingCallWatcher* s) {
             s->deleteLater();

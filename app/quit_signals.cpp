@@ -1,5 +1,7 @@
 #include "app/quit_signals.hpp"
 
+#include <QCoreApplication>
+
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -36,6 +38,15 @@ quit_signals::quit_signals(std::function<void()> on_signal) : on_signal_(std::mo
     action.sa_flags = SA_RESTART;
     ::sigaction(SIGTERM, &action, nullptr);
     ::sigaction(SIGINT, &action, nullptr);
+    QCoreApplication::instance()->installEventFilter(this);
+}
+
+bool quit_signals::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched != QCoreApplication::instance() || event->type() != QEvent::Quit)
+        return QObject::eventFilter(watched, event);
+    on_signal_();
+    return true;
 }
 
 quit_signals::~quit_signals()

@@ -45,7 +45,7 @@ bool open_sound_settings()
 QString sound_settings_missing_text()
 {
     return QCoreApplication::translate(
-        "orbweave", "No sound settings tool was found. Install pavucontrol (“PulseAudio Volume Control”), "
+        "orbweave::app::sound_settings", "No sound settings tool was found. Install pavucontrol (“PulseAudio Volume Control”), "
                     "or open your desktop's sound settings, and choose “Orbweave Virtual Audio Driver” "
                     "as the output device.");
 }

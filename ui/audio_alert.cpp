@@ -2,6 +2,7 @@
 
 #include "app/sound_settings.hpp"
 #include "ui/icons.hpp"
+#include "ui/popup.hpp"
 
 #include <QGuiApplication>
 #include <QHBoxLayout>
@@ -14,10 +15,6 @@
 #include <QVBoxLayout>
 
 namespace orbweave::ui {
-
-namespace {
-constexpr int margin = 8; // between the popup and the tray icon or the screen's edge
-}
 
 audio_alert::audio_alert(app::event_bus& bus, app::preferences& preferences, QAction* item,
                          std::function<QRect()> anchor)
@@ -119,7 +116,14 @@ void audio_alert::show_popup(bool picked)
     if (!popup_->isVisible()) {
         ignore_->setChecked(preferences_.ignore_audio_device_events());
         popup_->adjustSize();
-        popup_->move(popup_position());
+        QRect anchor = anchor_ ? anchor_() : QRect();
+        // The screen the icon is on, else the primary one.
+        QScreen* screen = anchor.isValid() ? QGuiApplication::screenAt(anchor.center()) : nullptr;
+        if (!screen)
+            screen = QGuiApplication::primaryScreen();
+        if (screen)
+            popup_->move(popup_position(anchor, popup_->size(), screen->geometry(), screen->availableGeometry()));
+        keep_out_of_task_bar(popup_);
         popup_->show();
     }
     // Asked for, it takes the keyboard; shown by itself, it leaves it where it is.
@@ -127,25 +131,6 @@ void audio_alert::show_popup(bool picked)
         popup_->raise();
         popup_->activateWindow();
     }
-}
-
-QPoint audio_alert::popup_position() const
-{
-    QRect anchor = anchor_ ? anchor_() : QRect();
-    QScreen* screen = anchor.isValid() && !anchor.isEmpty() ? QGuiApplication::screenAt(anchor.center()) : nullptr;
-    if (!screen)
-        screen = QGuiApplication::primaryScreen();
-    QRect area = screen ? screen->availableGeometry() : QRect(0, 0, 1024, 768);
-    QSize size = popup_->size();
-    if (!anchor.isValid() || anchor.isEmpty())
-        return {area.right() - margin - size.width() + 1, area.top() + margin};
-    // Under an icon in a panel at the top, above one at the bottom, centred on it, and
-    // always whole on the screen.
-    int x = anchor.center().x() - size.width() / 2;
-    int y = anchor.center().y() < area.center().y() ? anchor.bottom() + margin : anchor.top() - margin - size.height();
-    x = std::clamp(x, area.left() + margin, std::max(area.left() + margin, area.right() - margin - size.width() + 1));
-    y = std::clamp(y, area.top() + margin, std::max(area.top() + margin, area.bottom() - margin - size.height() + 1));
-    return {x, y};
 }
 
 void audio_alert::open_sound_settings()

@@ -24,9 +24,12 @@ namespace orbweave::ui {
 inline constexpr const char* virtual_output_description = "Orbweave Virtual Audio Driver (ORBVirtualAudio)";
 
 class audio_alert : public QObject {
+    Q_OBJECT
+
 public:
     /// item is the menu's audio output item, titled by the checks. anchor gives the tray
-    /// icon's place on screen, or an empty rectangle when the desktop does not tell it.
+    /// icon's place on screen (or the point the user clicked on it), or an invalid
+    /// rectangle when the desktop does not tell it.
     audio_alert(app::event_bus& bus, app::preferences& preferences, QAction* item, std::function<QRect()> anchor);
     ~audio_alert() override;
 
@@ -45,7 +48,6 @@ public:
 private:
     void check(bool picked);
     void show_popup(bool picked);
-    QPoint popup_position() const;
 
     app::event_bus& bus_;
     app::preferences& preferences_;

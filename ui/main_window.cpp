@@ -19,27 +19,31 @@
 namespace orbweave::ui {
 
 using callback::source_type;
+using callback::state_type;
 
-QString view_for_state(int state, bool has_set_permissions)
+QString view_for_state(state_type::type state, bool has_set_permissions)
 {
     switch (state) {
-    case 0: return has_set_permissions ? "readyViewController" : "setupViewController";
-    case 1: return has_set_permissions ? "readyViewController" : "permissionsViewController";
-    case 2: return "disconnectedViewController";
+    case state_type::pairing: return has_set_permissions ? "readyViewController" : "setupViewController";
+    case state_type::connected: return has_set_permissions ? "readyViewController" : "permissionsViewController";
+    case state_type::disconnected: return "disconnectedViewController";
+    case state_type::streaming: break;
     }
     return {};
 }
 
 namespace {
 
-QProgressBar* busy_indicator()
+constexpr int window_width = 420;
+
+QProgressBar* busy_indicator(const QString& accessible_name)
 {
     auto* busy = new QProgressBar;
     busy->setRange(0, 0); // indeterminate: a moving bar
     busy->setTextVisible(false);
     busy->setMaximumHeight(8);
     busy->setMaximumWidth(240);
-    busy->setAccessibleName(QObject::tr("Working"));
+    busy->setAccessibleName(accessible_name);
     return busy;
 }
 
@@ -83,7 +87,7 @@ main_window::main_window(app::event_bus& bus, app::preferences& preferences, std
     setObjectName("mainWindow");
     setWindowTitle("Orbweave");
     setWindowFlag(Qt::WindowStaysOnTopHint);
-    setFixedWidth(420);
+    setFixedWidth(window_width);
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     if (tray_menu) {
@@ -109,9 +113,18 @@ main_window::main_window(app::event_bus& bus, app::preferences& preferences, std
     bus_.observe(app::events::view_show, this, [this](const QVariant& identifier) { show_view(identifier.toString()); });
     bus_.observe(app::events::permissions_changed, this, [this](const QVariant&) { show_view("readyViewController"); });
     bus_.observe(app::events::state_changed, this, [this](const QVariant& state) {
-        QString next = view_for_state(state.toInt(), preferences_.has_set_permissions());
+        // Signing out ends in the setup view, quitting in no view: the states on the way
+        // leave the busy view alone.
+        if (activity_ != app::activity::none)
+            return;
+        QString next = view_for_state(state.value<state_type::type>(), preferences_.has_set_permissions());
         if (!next.isEmpty())
             show_view(next);
+    });
+    bus_.observe(app::events::activity_changed, this, [this](const QVariant& now) {
+        activity_ = now.value<app::activity>();
+        if (activity_ != app::activity::none)
+            show_view("disconnectedViewController");
     });
 }
 
@@ -150,6 +163,10 @@ void main_window::show_view(const QString& identifier)
     view_ = fresh;
     stack_->addWidget(fresh);
     stack_->setCurrentWidget(fresh);
+    // Exactly as large as the view needs: a window of fixed size gets no resize handle from
+    // the window manager (a stray bar with grips under the view otherwise).
+    setFixedSize(window_width, layout()->hasHeightForWidth() ? layout()->totalHeightForWidth(window_width)
+                                                             : layout()->totalSizeHint().height());
 }
 
 QWidget* main_window::make_view(const QString& identifier)
@@ -169,9 +186,14 @@ QWidget* main_window::make_disconnected_view()
 {
     auto* view = new QWidget;
     auto* layout = view_layout(view);
-    layout->addWidget(heading(tr("Connecting to the service…")));
-    layout->addWidget(busy_indicator(), 0, Qt::AlignCenter);
-    layout->addWidget(hint(tr("You can close this window: Orbweave keeps trying in the background.")));
+    switch (activity_) {
+    case app::activity::signing_out: layout->addWidget(heading(tr("Signing out…"))); break;
+    case app::activity::stopping: layout->addWidget(heading(tr("Stopping…"))); break;
+    case app::activity::none: layout->addWidget(heading(tr("Connecting to the service…"))); break;
+    }
+    layout->addWidget(busy_indicator(tr("Working")), 0, Qt::AlignCenter);
+    if (activity_ == app::activity::none)
+        layout->addWidget(hint(tr("You can close this window: Orbweave keeps trying in the background.")));
     return view;
 }
 
@@ -189,7 +211,7 @@ QWidget* main_window::make_setup_view()
     QFont large = QFontDatabase::systemFont(QFontDatabase::FixedFont);
     large.setPointSize(large.pointSize() * 2 + 4);
     code->setFont(large);
-    auto* waiting = busy_indicator();
+    auto* waiting = busy_indicator(tr("Working"));
     auto* copy = new QPushButton(tr("Copy code"));
     copy->setObjectName("codeCopyButton");
     copy->setAccessibleName(tr("Copy code"));

@@ -18,10 +18,12 @@
 
 namespace orbweave::ui {
 
-/// The view the state rule picks; empty when the view stays as it is (3 and above).
-QString view_for_state(int state, bool has_set_permissions);
+/// The view the state rule picks; empty when the view stays as it is (streaming).
+QString view_for_state(callback::state_type::type state, bool has_set_permissions);
 
 class main_window : public QWidget {
+    Q_OBJECT
+
 public:
     /// current_code gives the pairing code shown now. tray_menu, when the desktop has no
     /// tray, is offered behind a menu button in the window.
@@ -50,6 +52,8 @@ private:
     app::event_bus& bus_;
     app::preferences& preferences_;
     std::function<QString()> current_code_;
+    // While signing out or stopping, the connecting view says that instead.
+    app::activity activity_ = app::activity::none;
     QStackedLayout* stack_;
     QPointer<QWidget> view_;
 };

@@ -1,5 +1,8 @@
 #include "ui/permission_dialog.hpp"
 
+#include "ui/popup.hpp"
+
+#include <QCoreApplication>
 #include <QGridLayout>
 #include <QMessageBox>
 #include <QPushButton>
@@ -7,6 +10,9 @@
 #include <memory>
 
 namespace orbweave::ui {
+
+namespace {
+}
 
 void ask_with_dialog(const app::prompt_text& text, std::function<void(bool)> answer)
 {
@@ -17,11 +23,11 @@ void ask_with_dialog(const app::prompt_text& text, std::function<void(bool)> ans
     // program says), so they stand in the plain-text part; the informative text, which
     // Qt may read as markup, is only ours.
     dialog->setTextFormat(Qt::PlainText);
-    dialog->setInformativeText(QObject::tr("The service asks to capture this. Allow it?"));
+    dialog->setInformativeText(QCoreApplication::translate("orbweave::ui::permission_dialog", "The service asks to capture this. Allow it?"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setWindowModality(Qt::NonModal);
-    QPushButton* allow = dialog->addButton(QObject::tr("Allow"), QMessageBox::AcceptRole);
-    dialog->addButton(QObject::tr("Deny"), QMessageBox::RejectRole);
+    QPushButton* allow = dialog->addButton(QCoreApplication::translate("orbweave::ui::permission_dialog", "Allow"), QMessageBox::AcceptRole);
+    dialog->addButton(QCoreApplication::translate("orbweave::ui::permission_dialog", "Deny"), QMessageBox::RejectRole);
     dialog->setEscapeButton(QMessageBox::NoButton);
     // Wide enough that the question reads on one line: a message box takes its width
     // from its contents only.
@@ -34,6 +40,8 @@ void ask_with_dialog(const app::prompt_text& text, std::function<void(bool)> ans
         if (auto answer = std::exchange(*once, nullptr))
             answer(dialog->clickedButton() == allow);
     });
+    // A question about a capture, not a window of the app's own: it stays out of the task bar.
+    keep_out_of_task_bar(dialog);
     dialog->show();
 }
 

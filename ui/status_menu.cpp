@@ -3,6 +3,9 @@
 #include "ui/icons.hpp"
 
 #include <QApplication>
+#include <QCoreApplication>
+#include <QCursor>
+#include <QGuiApplication>
 #include <QIcon>
 
 namespace orbweave::ui {
@@ -12,33 +15,36 @@ namespace {
 constexpr int blink_frames = 8;
 constexpr int blink_interval_ms = 200;
 
-const char* state_text(int state)
+using callback::state_type;
+
+
+QString state_text(state_type::type state)
 {
     switch (state) {
-    case 0: return QT_TR_NOOP("Waiting for pairing");
-    case 1: return QT_TR_NOOP("Connected");
-    case 2: return QT_TR_NOOP("Offline");
-    case 3: return QT_TR_NOOP("Streaming");
+    case state_type::pairing: return QCoreApplication::translate("orbweave::ui::status_menu", "Waiting for pairing");
+    case state_type::connected: return QCoreApplication::translate("orbweave::ui::status_menu", "Connected");
+    case state_type::disconnected: return QCoreApplication::translate("orbweave::ui::status_menu", "Offline");
+    case state_type::streaming: return QCoreApplication::translate("orbweave::ui::status_menu", "Streaming");
     }
-    return "";
+    return {};
 }
 
 /// "Screen: Built-in display", "Window: <its title>", ...: the source as the user knows it.
-QString stream_title(const QVariantMap& stream)
+QString stream_title(const callback::active_stream& stream)
 {
     constexpr int longest = 60;
-    QString name = stream.value("name").toString();
+    QString name = QString::fromStdString(stream.name);
     QString what;
-    switch (stream.value("kind").toInt()) {
-    case callback::source_type::screen: what = QObject::tr("Screen: %1"); break;
+    switch (stream.kind) {
+    case callback::source_type::screen: what = QCoreApplication::translate("orbweave::ui::status_menu", "Screen: %1"); break;
     case callback::source_type::window:
         // A window is known by its title; its name is the program's class.
-        if (!stream.value("description").toString().isEmpty())
-            name = stream.value("description").toString();
-        what = QObject::tr("Window: %1");
+        if (!stream.description.empty())
+            name = QString::fromStdString(stream.description);
+        what = QCoreApplication::translate("orbweave::ui::status_menu", "Window: %1");
         break;
-    case callback::source_type::audio: what = QObject::tr("Audio: %1"); break;
-    case callback::source_type::video: what = QObject::tr("Camera: %1"); break;
+    case callback::source_type::audio: what = QCoreApplication::translate("orbweave::ui::status_menu", "Audio: %1"); break;
+    case callback::source_type::video: what = QCoreApplication::translate("orbweave::ui::status_menu", "Camera: %1"); break;
     default: what = QStringLiteral("%1"); break;
     }
     if (name.size() > longest)
@@ -60,8 +66,9 @@ QIcon image_icon(const QString& name)
 } // namespace
 
 status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app::autostart& launch_at_login,
-                         std::function<void()> sign_out)
+                         std::function<void()> sign_out, std::function<void()> quit)
     : bus_(bus), preferences_(preferences), launch_at_login_(launch_at_login), sign_out_(std::move(sign_out)),
+      quit_(std::move(quit)),
       animator_(blink_frames, blink_interval_ms, [this](int frame) {
           // Odd frames show the connected image, even ones the active image: a blink that
           // ends on active.
@@ -85,22 +92,29 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
     launch_at_login_item->setCheckable(true);
     audio_output_item = menu_.addAction(tr("Audio Output"), this, [this] { audio_->picked(); });
     stop_streaming_item = menu_.addAction(tr("Stop streaming"), this, [this] { bus_.post(app::events::deactivate); });
-    state_item = menu_.addAction(tr(state_text(client_state_)));
+    state_item = menu_.addAction(state_text(client_state_));
     state_item->setEnabled(false);
     separator_item = menu_.addSeparator();
     sign_out_item = menu_.addAction(tr("Sign out"), this, [this] { sign_out_(); });
-    quit_item = menu_.addAction(tr("Quit"), this, [] { QApplication::quit(); });
+    quit_item = menu_.addAction(tr("Quit"), this, [this] { quit_(); });
 
     tray_.setContextMenu(&menu_);
     connect(&tray_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        note_click();
         if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick)
             bus_.post(app::events::window_show);
     });
+    // A panel that shows the exported menu itself still asks for it first.
+    connect(&menu_, &QMenu::aboutToShow, this, [this] { note_click(); });
 
-    audio_ = std::make_unique<audio_alert>(bus_, preferences_, audio_output_item, [this] { return tray_.geometry(); });
+    audio_ = std::make_unique<audio_alert>(bus_, preferences_, audio_output_item, [this] { return anchor(); });
 
-    bus_.observe(app::events::state_changed, this, [this](const QVariant& state) { on_state(state.toInt()); });
-    bus_.observe(app::events::streams_changed, this, [this](const QVariant& streams) { on_streams(streams.toList()); });
+    bus_.observe(app::events::state_changed, this,
+                 [this](const QVariant& state) { on_state(state.value<state_type::type>()); });
+    bus_.observe(app::events::streams_changed, this,
+                 [this](const QVariant& streams) { on_streams(streams.value<app::stream_list>()); });
+    bus_.observe(app::events::activity_changed, this,
+                 [this](const QVariant& now) { on_activity(now.value<app::activity>()); });
     bus_.observe(app::events::user_changed, this, [this](const QVariant&) { update_from_preferences(); });
     bus_.observe(app::events::launch_at_login_changed, this,
                  [this](const QVariant&) { launch_at_login_item->setChecked(launch_at_login_.enabled()); });
@@ -111,6 +125,22 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
 
     update_from_preferences();
     on_state(client_state_);
+}
+
+void status_menu::note_click()
+{
+    // A StatusNotifierItem host gives Qt the click's position but Qt keeps it to itself; on
+    // X11 the pointer is still where the user clicked. Elsewhere the pointer is unknown.
+    if (QGuiApplication::platformName() == QLatin1String("xcb"))
+        clicked_ = QCursor::pos();
+}
+
+QRect status_menu::anchor() const
+{
+    QRect icon = tray_.geometry(); // an XEmbed tray tells it
+    if (icon.isValid() && !icon.isEmpty())
+        return icon;
+    return clicked_ ? QRect(*clicked_, QSize(1, 1)) : QRect();
 }
 
 bool status_menu::show_in_tray()
@@ -139,15 +169,15 @@ void status_menu::update_from_preferences()
         item->setVisible(signed_in);
 }
 
-void status_menu::on_streams(const QVariantList& streams)
+void status_menu::on_streams(const app::stream_list& streams)
 {
     for (QAction* item : stream_items)
         delete item;
     stream_items.clear();
-    for (const QVariant& stream : streams) {
-        auto* item = new QAction(stream_title(stream.toMap()), &menu_);
+    for (const auto& stream : streams) {
+        auto* item = new QAction(stream_title(stream), &menu_);
         item->setEnabled(false);
-        item->setVisible(client_state_ == 3);
+        item->setVisible(client_state_ == state_type::streaming);
         menu_.insertAction(separator_item, item);
         stream_items.push_back(item);
     }
@@ -161,23 +191,42 @@ void status_menu::set_profile(unsigned level)
         preferences_.set_profile(level);
 }
 
-void status_menu::on_state(int state)
+void status_menu::on_activity(app::activity now)
 {
-    stop_streaming_item->setVisible(state == 3);
-    for (QAction* item : stream_items)
-        item->setVisible(state == 3);
-    state_item->setText(tr(state_text(state)));
-    tray_.setToolTip(state_item->text().isEmpty() ? tr("Orbweave") : tr("Orbweave") + " — " + state_item->text());
+    activity_ = now;
+    bool busy = now != app::activity::none;
+    sign_out_item->setEnabled(!busy);
+    quit_item->setEnabled(now != app::activity::stopping);
+    show_state_line();
+}
 
-    bool animate = state == 3 && client_state_ != 3;
+void status_menu::show_state_line()
+{
+    switch (activity_) {
+    case app::activity::signing_out: state_item->setText(tr("Signing out…")); break;
+    case app::activity::stopping: state_item->setText(tr("Stopping…")); break;
+    case app::activity::none: state_item->setText(state_text(client_state_)); break;
+    }
+    tray_.setToolTip(state_item->text().isEmpty() ? tr("Orbweave") : tr("Orbweave") + " — " + state_item->text());
+}
+
+void status_menu::on_state(state_type::type state)
+{
+    bool streaming = state == state_type::streaming;
+    stop_streaming_item->setVisible(streaming);
+    for (QAction* item : stream_items)
+        item->setVisible(streaming);
+
+    bool animate = streaming && client_state_ != state_type::streaming;
     QString image;
-    if (state == 0 || state == 2)
+    if (state == state_type::pairing || state == state_type::disconnected)
         image = "disconnected";
-    else if (state == 1)
+    else if (state == state_type::connected)
         image = "connected";
-    else if (state == 3)
+    else if (streaming)
         image = "active";
     client_state_ = state;
+    show_state_line();
     if (animate) {
         animator_.start();
         return;

@@ -20,15 +20,19 @@
 #include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace orbweave::ui {
 
 class status_menu : public QObject {
+    Q_OBJECT
+
 public:
-    /// sign_out runs the app's reset (app_delegate::sign_out).
+    /// sign_out runs the app's reset (app_delegate::sign_out), quit ends the app
+    /// (app_delegate::quit); both return at once.
     status_menu(app::event_bus& bus, app::preferences& preferences, app::autostart& launch_at_login,
-                std::function<void()> sign_out);
+                std::function<void()> sign_out, std::function<void()> quit);
 
     /// The menu, for the tray or for the main window's menu button.
     QMenu* menu() { return &menu_; }
@@ -38,10 +42,11 @@ public:
     /// Reads the user, the quality level and launch at login again.
     void update_from_preferences();
     /// The reaction to a client state report.
-    void on_state(int state);
-    /// The running streams (the "app:streams:changed" payload): one disabled line each
-    /// under the state line while streaming.
-    void on_streams(const QVariantList& streams);
+    void on_state(callback::state_type::type state);
+    /// The running streams: one disabled line each under the state line while streaming.
+    void on_streams(const app::stream_list& streams);
+    /// While signing out or stopping, the state line says so, and Sign out and Quit wait.
+    void on_activity(app::activity now);
     /// Ticks the level's item (none for a level outside 0..3) and stores it.
     void set_profile(unsigned level);
 
@@ -70,15 +75,23 @@ public:
 private:
     void show_image(const QString& name);
     void show_view(const char* identifier);
+    void show_state_line();
+    /// Remembers where the user clicked the tray icon, where that can be known.
+    void note_click();
+    /// The tray icon's place, or the point clicked on it; invalid when unknown.
+    QRect anchor() const;
 
     app::event_bus& bus_;
     app::preferences& preferences_;
     app::autostart& launch_at_login_;
     std::function<void()> sign_out_;
+    std::function<void()> quit_;
     QMenu menu_;
     QSystemTrayIcon tray_;
     interval_animator animator_;
-    int client_state_ = 2;
+    callback::state_type::type client_state_ = callback::state_type::disconnected;
+    app::activity activity_ = app::activity::none;
+    std::optional<QPoint> clicked_;
     QString image_;
     std::unique_ptr<audio_alert> audio_;
 };

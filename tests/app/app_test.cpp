@@ -10,6 +10,7 @@
 #include "tests/support/session_bus.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/service_peer.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
@@ -35,6 +36,7 @@ namespace {
 using namespace std::chrono_literals;
 using callback::request_type;
 using callback::source_type;
+using callback::state_type;
 
 constexpr auto deadline = 5s;
 
@@ -134,24 +136,24 @@ TEST(EventBus, ObserversRunInTheirOwnThreadAndGoWithTheirObject)
 {
     event_bus bus;
     auto observer = std::make_unique<QObject>();
-    std::vector<int> states;
+    std::vector<state_type::type> states;
     Qt::HANDLE ran_on = nullptr;
     bus.observe(events::state_changed, observer.get(), [&](const QVariant& payload) {
-        states.push_back(payload.toInt());
+        states.push_back(payload.value<state_type::type>());
         ran_on = QThread::currentThreadId();
     });
-    std::thread poster([&] { bus.post(events::state_changed, 3); });
+    std::thread poster([&] { bus.post(events::state_changed, QVariant::fromValue(state_type::streaming)); });
     poster.join();
     EXPECT_TRUE(states.empty()) << "delivered on the posting thread";
     ASSERT_TRUE(pump_until([&] { return !states.empty(); }));
-    EXPECT_EQ(states, std::vector<int>{3});
+    EXPECT_EQ(states, std::vector<state_type::type>{state_type::streaming});
     EXPECT_EQ(ran_on, QThread::currentThreadId());
 
     bus.post(events::code_changed, QString("ABCD2345")); // nobody observes it
     observer.reset();
-    bus.post(events::state_changed, 1);
+    bus.post(events::state_changed, QVariant::fromValue(state_type::connected));
     QCoreApplication::processEvents();
-    EXPECT_EQ(states, std::vector<int>{3});
+    EXPECT_EQ(states, std::vector<state_type::type>{state_type::streaming});
 }
 
 /// The app's non-visual half against the simulator, with preferences in a private folder.
@@ -194,14 +196,14 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
     secrets.load([&] { loaded = true; });
     ASSERT_TRUE(pump_until([&] { return loaded; }));
     delegate.start();
-    EXPECT_TRUE(events.wait_for(events::state_changed, 2)); // the disconnected look first
+    EXPECT_TRUE(events.wait_for(events::state_changed, QVariant::fromValue(state_type::disconnected))); // the disconnected look first
 
     auto code = service.wait_for_code(deadline);
     ASSERT_TRUE(code);
     EXPECT_TRUE(events.wait_for(events::code_changed, QString::fromStdString(*code)));
     auto secret = service.claim(*code, {"Ann Example", "https://avatars.invalid/ann.png"});
     ASSERT_TRUE(secret);
-    EXPECT_TRUE(events.wait_for(events::state_changed, 1)); // reported before the owner's details
+    EXPECT_TRUE(events.wait_for(events::state_changed, QVariant::fromValue(state_type::connected))); // reported before the owner's details
     EXPECT_TRUE(events.wait_for(events::user_changed, QVariant()));
     // The secret is in the keyring, and nowhere in the preferences file.
     EXPECT_TRUE(pump_until([&] { return loaded_secret(stored) == *secret; }));
@@ -224,6 +226,71 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
     EXPECT_TRUE(pump_until([&] { return loaded_secret(stored).empty(); })) << "the keyring kept it";
     EXPECT_EQ(stored.profile(), 1u);
     EXPECT_TRUE(service.wait_for_code(deadline));
+}
+
+TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
+{
+    // Two screens stream, one of them in a worker that never answers its shutdown: stopping
+    // takes its whole bound (2 s here), and none of it may fall on the GUI thread.
+    settings.bitrate = 1500;
+    for (auto* worker : {&settings.client.media.listing, &settings.client.media.stream})
+        worker->executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+    settings.client.media.stream.shutdown_timeout = 2s;
+    app_delegate delegate(bus, stored, secrets, settings);
+    std::vector<activity> activities;
+    QObject observer;
+    bus.observe(events::activity_changed, &observer,
+                [&](const QVariant& now) { activities.push_back(now.value<activity>()); });
+    bool loaded = false;
+    secrets.load([&] { loaded = true; });
+    ASSERT_TRUE(pump_until([&] { return loaded; }));
+    delegate.start();
+
+    auto pair_and_stream = [&] {
+        std::optional<std::string> code;
+        ASSERT_TRUE(pump_until([&] { return (code = service.wait_for_code(0ms)).has_value(); }, deadline));
+        ASSERT_TRUE(service.claim(*code, {"Ann", ""}));
+        std::optional<sim::received> reply;
+        auto wait_reply = [&](const std::optional<std::string>& state) {
+            reply.reset();
+            return pump_until([&] { return (reply = service.wait_for_reply(state.value_or(""), 0ms)).has_value(); },
+                              deadline);
+        };
+        ASSERT_TRUE(wait_reply(service.list("screen")));
+        Json screens = reply->message["payload"]["results"];
+        ASSERT_EQ(screens.size(), 2u);
+        for (std::size_t i = 0; i < 2; ++i) {
+            sim::activation request;
+            request.source_id = screens[i]["id"];
+            request.server = "rtmp://127.0.0.1:9/live";
+            request.key = i == 0 ? "ok" : "hang-on-shutdown";
+            ASSERT_TRUE(wait_reply(service.activate(request)));
+            ASSERT_EQ(reply->message["payload"]["status"], "Success") << reply->message.dump();
+        }
+        ASSERT_EQ(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).size(), 3u)
+            << "the listing worker and two stream workers";
+    };
+    ASSERT_NO_FATAL_FAILURE(pair_and_stream());
+
+    test::loop_watchdog watchdog;
+    delegate.sign_out();
+    EXPECT_EQ(secrets.secret(), "") << "what is stored goes at once";
+    // The client stops in the background, then asks for a new code.
+    ASSERT_TRUE(events.wait_for(events::code_changed, QVariant()));
+    ASSERT_TRUE(pump_until([&] { return activities.size() == 2; }, deadline));
+    EXPECT_EQ(activities, std::vector<activity>({activity::signing_out, activity::none}));
+    EXPECT_LT(watchdog.longest(), 100) << "the GUI thread waited for the sign-out";
+    EXPECT_TRUE(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).empty());
+
+    ASSERT_NO_FATAL_FAILURE(pair_and_stream());
+    watchdog.restart();
+    bool quit = false;
+    delegate.quit([&] { quit = true; });
+    ASSERT_TRUE(pump_until([&] { return quit; }, deadline));
+    EXPECT_LT(watchdog.longest(), 100) << "the GUI thread waited for the quit";
+    EXPECT_EQ(activities.back(), activity::stopping);
+    EXPECT_TRUE(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).empty());
+    EXPECT_TRUE(service.wait_for_disconnect(deadline));
 }
 
 TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)

@@ -8,9 +8,12 @@
 #include "tests/support/session_bus.hpp"
 
 #include <QApplication>
+#include <QElapsedTimer>
+#include <QTimer>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -56,5 +59,33 @@ inline bool pump_until(const std::function<bool()>& condition,
     }
     return true;
 }
+
+/// Watches this thread's event loop: a timer due every 10 ms notes the longest gap between
+/// its runs, that is how long a queued call would have waited at worst.
+class loop_watchdog {
+public:
+    loop_watchdog()
+    {
+        timer_.setInterval(10);
+        QObject::connect(&timer_, &QTimer::timeout, [this] {
+            longest_ = std::max(longest_, clock_.restart());
+        });
+        restart();
+    }
+    /// Forgets what was seen so far.
+    void restart()
+    {
+        longest_ = 0;
+        clock_.start();
+        timer_.start();
+    }
+    /// The longest gap since the last restart, the running one included, in ms.
+    qint64 longest() const { return std::max(longest_, clock_.elapsed()); }
+
+private:
+    QTimer timer_;
+    QElapsedTimer clock_;
+    qint64 longest_ = 0;
+};
 
 } // namespace orbweave::test

@@ -1,23 +1,36 @@
 // The tray as a desktop panel sees it: the orbweave program on Xvfb, on a private bus
 // with a StatusNotifierWatcher stand-in, paired with the service simulator and
 // streaming a screen to nginx-rtmp. The panel reads the exported menu and clicks
-// "Stop streaming".
+// "Stop streaming", and, in German, "Beenden" while a worker hangs. Then once under a
+// real panel (lxqt-panel), clicked with the pointer.
 
 #include "app/preferences.hpp"
 #include "core/obs/child_process.hpp"
 #include "tests/app/qt_support.hpp"
 #include "tests/app/status_notifier_watcher.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/session_bus.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
+#include <QDBusConnectionInterface>
 #include <QDBusInterface>
+#include <QElapsedTimer>
+#include <QStandardPaths>
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+// Last: Xlib's macros (None, Status, ...) would trip the headers above.
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
 
 namespace orbweave::app {
 namespace {
@@ -27,6 +40,8 @@ using callback::source_type;
 using test::pump_until;
 
 constexpr auto deadline = 20s;
+// A worker that hangs on stop is killed after 10 s; quitting may take that long, no more.
+constexpr auto stop_bound = 10s;
 
 /// The test program's private bus (its qt_environment exports it).
 std::string bus_address()
@@ -129,6 +144,279 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     ASSERT_TRUE(status);
     EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
     QDBusConnection::disconnectFromBus("panel");
+}
+
+
+TEST(Tray, QuitInGermanAnswersAtOnceAndEndsTheAppAndEveryWorkerThoughOneHangs)
+{
+    test::temp_dir home;
+    sim::service_sim service;
+    service.identity().write(home.path());
+    auto panel = QDBusConnection::connectToBus(QString::fromStdString(bus_address()), "panel-de");
+    status_notifier_watcher watcher(panel);
+    obs::child_process::options options;
+    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
+                    "--bitrate", "1500"};
+    options.environment = {{"QT_QPA_PLATFORM", "xcb"},
+                           {"XDG_CONFIG_HOME", home.path().string()},
+                           {"DBUS_SESSION_BUS_ADDRESS", bus_address()},
+                           {"LANG", "de_DE.UTF-8"},
+                           {"ORBWEAVE_MEDIA_WORKER", ORBWEAVE_FAKE_MEDIA_WORKER}};
+    options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE"};
+    test::stderr_capture log;
+    obs::child_process program(options);
+    ASSERT_TRUE(pump_until([&] { return !watcher.registered.empty(); }, deadline)) << log.text();
+    auto [item, item_path] = watcher.registered.front();
+    QString menu_path =
+        qvariant_cast<QDBusObjectPath>(QDBusInterface(item, item_path, "org.kde.StatusNotifierItem", panel).property("Menu"))
+            .path();
+
+    // Paired, with two screens streaming, one from a worker that will not stop.
+    std::optional<std::string> code;
+    ASSERT_TRUE(pump_until([&] { return (code = service.wait_for_code(0ms)).has_value(); }, deadline)) << log.text();
+    ASSERT_TRUE(service.claim(*code, {"Ann Example", ""}));
+    std::optional<sim::received> reply;
+    auto wait_reply = [&](const std::optional<std::string>& state) {
+        reply.reset();
+        return pump_until([&] { return (reply = service.wait_for_reply(state.value_or(""), 0ms)).has_value(); },
+                          deadline);
+    };
+    ASSERT_TRUE(wait_reply(service.list("screen")));
+    Json screens = reply->message["payload"]["results"];
+    ASSERT_EQ(screens.size(), 2u);
+    for (std::size_t i = 0; i < 2; ++i) {
+        sim::activation request;
+        request.source_id = screens[i]["id"];
+        request.server = "rtmp://127.0.0.1:9/live";
+        request.key = i == 0 ? "ok" : "hang-on-shutdown";
+        ASSERT_TRUE(wait_reply(service.activate(request)));
+        ASSERT_EQ(reply->message["payload"]["status"], "Success");
+    }
+    std::vector<int> workers = test::children_running(program.pid(), {"orbweave_fake_media_worker"});
+    ASSERT_GE(workers.size(), 3u) << "the listing worker and two stream workers (and a spare)";
+
+    // The menu speaks German; the stream lines name the sources as this machine does.
+    std::optional<menu_entry> menu;
+    ASSERT_TRUE(pump_until([&] {
+        menu = read_menu(panel, item, menu_path);
+        return menu && menu->visible_labels().contains("Bildschirm: Display 2");
+    }, deadline)) << (menu ? menu->visible_labels().join(", ").toStdString() : "no menu");
+    QStringList labels = menu->visible_labels();
+    EXPECT_EQ(labels.mid(labels.size() - 2), QStringList({"Abmelden", "Beenden"})) << labels.join(", ").toStdString();
+    EXPECT_TRUE(labels.contains("Überträgt"));
+    EXPECT_TRUE(labels.contains("Übertragung beenden"));
+
+    // "Beenden": the menu keeps answering, says it is stopping, and the app ends in order
+    // once the hanging worker's bound is up.
+    QElapsedTimer since_quit;
+    since_quit.start();
+    ASSERT_TRUE(click_menu_entry(panel, item, menu_path, menu->find("Beenden")->id));
+    qint64 slowest = 0;
+    bool said_stopping = false;
+    std::optional<int> status;
+    while (!(status = program.wait_for(10ms)) && since_quit.elapsed() < std::chrono::milliseconds(stop_bound + 5s).count()) {
+        QElapsedTimer call;
+        call.start();
+        if (auto now = read_menu(panel, item, menu_path)) {
+            slowest = std::max(slowest, call.elapsed());
+            said_stopping = said_stopping || now->visible_labels().contains("Wird beendet …");
+        }
+    }
+    ASSERT_TRUE(status) << "still running " << since_quit.elapsed() << " ms after Quit\n" << log.text();
+    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_TRUE(said_stopping);
+    // Two processes and a bus between them: a looser bound than the in-process watchdog's.
+    EXPECT_LT(slowest, 500) << "the menu waited for the workers";
+    for (int worker : workers)
+        EXPECT_TRUE(test::process_gone(worker)) << "worker " << worker << " outlived the app";
+    QDBusConnection::disconnectFromBus("panel-de");
+}
+
+/// The X server's top-level windows that are mapped and bypass the window manager (popup
+/// menus, tooltips), by id, with their geometry.
+std::map<Window, QRect> popups(Display* display)
+{
+    std::map<Window, QRect> found;
+    Window root = DefaultRootWindow(display), parent = 0, *children = nullptr;
+    unsigned count = 0;
+    if (!XQueryTree(display, root, &root, &parent, &children, &count))
+        return found;
+    for (unsigned i = 0; i < count; ++i) {
+        XWindowAttributes attributes{};
+        if (XGetWindowAttributes(display, children[i], &attributes) && attributes.map_state == IsViewable &&
+            attributes.override_redirect)
+            found[children[i]] = QRect(attributes.x, attributes.y, attributes.width, attributes.height);
+    }
+    XFree(children);
+    return found;
+}
+
+/// The first mapped window titled title at any depth (a window manager frames top-level
+/// windows), with its geometry on the screen.
+std::optional<std::pair<Window, QRect>> window_titled(Display* display, const std::string& title,
+                                                      Window under = 0)
+{
+    Window root = DefaultRootWindow(display), parent = 0, *children = nullptr;
+    unsigned count = 0;
+    std::optional<std::pair<Window, QRect>> found;
+    if (!XQueryTree(display, under ? under : root, &root, &parent, &children, &count))
+        return found;
+    for (unsigned i = 0; i < count && !found; ++i) {
+        // Qt names its windows in UTF-8 (_NET_WM_NAME), which XFetchName does not read.
+        Atom type = 0;
+        int format = 0;
+        unsigned long length = 0, left = 0;
+        unsigned char* name = nullptr;
+        XWindowAttributes attributes{};
+        if (XGetWindowProperty(display, children[i], XInternAtom(display, "_NET_WM_NAME", False), 0, 256, False,
+                               XInternAtom(display, "UTF8_STRING", False), &type, &format, &length, &left,
+                               &name) == Success && name &&
+            title == std::string(reinterpret_cast<char*>(name), length) &&
+            XGetWindowAttributes(display, children[i], &attributes) && attributes.map_state == IsViewable) {
+            int x = 0, y = 0;
+            Window child = 0;
+            XTranslateCoordinates(display, children[i], root, 0, 0, &x, &y, &child);
+            found = {children[i], QRect(x, y, attributes.width, attributes.height)};
+        }
+        XFree(name);
+        if (!found)
+            found = window_titled(display, title, children[i]);
+    }
+    XFree(children);
+    return found;
+}
+
+/// Whether window's _NET_WM_STATE holds state.
+bool has_state(Display* display, Window window, const char* state)
+{
+    Atom type = 0;
+    int format = 0;
+    unsigned long count = 0, left = 0;
+    unsigned char* data = nullptr;
+    bool found = false;
+    if (XGetWindowProperty(display, window, XInternAtom(display, "_NET_WM_STATE", False), 0, 64, False, XA_ATOM,
+                           &type, &format, &count, &left, &data) == Success && data) {
+        Atom wanted = XInternAtom(display, state, False);
+        for (unsigned long i = 0; i < count; ++i)
+            found = found || reinterpret_cast<Atom*>(data)[i] == wanted;
+    }
+    XFree(data);
+    return found;
+}
+
+TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
+{
+    if (QStandardPaths::findExecutable("lxqt-panel").isEmpty())
+        GTEST_SKIP() << "lxqt-panel is not installed (scripts/setup installs it)";
+    // A display and a bus of its own, and a panel with a task bar and a StatusNotifier host
+    // at the bottom of the screen.
+    test::temp_dir home;
+    test::xvfb_display screen({{1280, 800}});
+    // The window manager keeps the panel's room out of the work area, as on a desktop.
+    test::window_manager manager(screen.name(), home.path());
+    test::session_bus bus;
+    std::filesystem::create_directories(home.path() / "config/lxqt");
+    std::ofstream(home.file("config/lxqt/panel.conf"))
+        << "[panel1]\nplugins=taskbar,statusnotifier\nposition=Bottom\ndesktop=0\n\n"
+           "[taskbar]\ntype=taskbar\n\n[statusnotifier]\ntype=statusnotifier\nalignment=Right\n";
+    std::vector<std::pair<std::string, std::string>> desktop{{"DISPLAY", screen.name()},
+                                                              {"QT_QPA_PLATFORM", "xcb"},
+                                                              {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
+                                                              {"XDG_CONFIG_HOME", home.file("config")},
+                                                              {"HOME", home.path().string()}};
+    obs::child_process::options panel_options;
+    panel_options.argv = {"lxqt-panel"};
+    panel_options.environment = desktop;
+    panel_options.quiet = true;
+    obs::child_process panel(panel_options);
+    auto session = QDBusConnection::connectToBus(QString::fromStdString(bus.address()), "lxqt-session");
+    ASSERT_TRUE(pump_until([&] {
+        return session.interface()->isServiceRegistered("org.kde.StatusNotifierWatcher").value();
+    }, deadline)) << "lxqt-panel offers no StatusNotifierWatcher";
+
+    sim::service_sim service;
+    service.identity().write(home.path());
+    obs::child_process::options options;
+    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
+                    "--bitrate", "1500"};
+    options.environment = desktop;
+    options.environment.insert(options.environment.end(),
+                               {{"PULSE_SERVER", "unix:" + home.file("no-sound-server")}});
+    options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE", "LANG"};
+    test::stderr_capture log;
+    obs::child_process program(options);
+
+    // The item appears in the panel.
+    QDBusInterface watcher("org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher", "org.kde.StatusNotifierWatcher",
+                           session);
+    QString item;
+    ASSERT_TRUE(pump_until([&] {
+        QStringList items = watcher.property("RegisteredStatusNotifierItems").toStringList();
+        item = items.isEmpty() ? QString() : items.first();
+        return !item.isEmpty();
+    }, deadline)) << log.text();
+    QString item_service = item.section('/', 0, 0);
+    QString item_path = "/" + item.section('/', 1);
+    QString menu_path =
+        qvariant_cast<QDBusObjectPath>(QDBusInterface(item_service, item_path, "org.kde.StatusNotifierItem", session)
+                                           .property("Menu"))
+            .path();
+
+    std::unique_ptr<Display, decltype(&XCloseDisplay)> x(XOpenDisplay(screen.name().c_str()), &XCloseDisplay);
+    ASSERT_TRUE(x);
+    std::optional<std::pair<Window, QRect>> bar;
+    ASSERT_TRUE(pump_until([&] { return (bar = window_titled(x.get(), "LXQt Panel")).has_value(); }, deadline))
+        << "the panel has no window:\n" << test::run_program({"xwininfo", "-root", "-tree", "-display", screen.name()}, 5s);
+    QRect work_area(0, 0, 1280, bar->second.top());
+
+    // No sound server: the audio alert comes up by itself, out of the task bar, whole on
+    // the work area.
+    std::optional<std::pair<Window, QRect>> alert;
+    ASSERT_TRUE(pump_until([&] { return (alert = window_titled(x.get(), "Audio output")).has_value(); }, deadline));
+    EXPECT_TRUE(has_state(x.get(), alert->first, "_NET_WM_STATE_SKIP_TASKBAR"));
+    EXPECT_TRUE(work_area.contains(alert->second)) << alert->second.y() << "+" << alert->second.height();
+
+    // A right click on the icon (at the panel's right end, where the host puts it) opens
+    // the menu the app exports.
+    auto before = popups(x.get());
+    std::optional<QRect> opened;
+    auto xdotool = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"env", "DISPLAY=" + screen.name(), "xdotool"});
+        int code = -1;
+        test::run_program(arguments, 5s, &code);
+        return code == 0;
+    };
+    // The host adds the icon's button once it has read the item: try again until it is there.
+    QElapsedTimer trying;
+    trying.start();
+    for (int attempt = 0; !opened && trying.elapsed() < 15000; ++attempt) {
+        int x_at = bar->second.right() - 12 - 16 * (attempt % 3), y_at = bar->second.center().y();
+        ASSERT_TRUE(xdotool({"mousemove", "--sync", std::to_string(x_at), std::to_string(y_at), "click", "3"}));
+        pump_until([&] {
+            for (const auto& [window, place] : popups(x.get()))
+                if (!before.count(window) && place.height() > 60)
+                    opened = place;
+            return opened.has_value();
+        }, 500ms);
+    }
+    ASSERT_TRUE(opened) << "no menu opened from a right click on the panel's right end";
+    auto menu = read_menu(session, item_service, menu_path);
+    ASSERT_TRUE(menu);
+    // Unpaired: offline or already waiting for pairing, whichever the link has reached.
+    QStringList labels = menu->visible_labels();
+    labels.removeOne("Offline") || labels.removeOne("Waiting for pairing");
+    EXPECT_EQ(labels, QStringList({"Connect your computer…", "Launch at login", "Audio Output (Not set!)", "Quit"}))
+        << menu->visible_labels().join(", ").toStdString();
+    // Laid out in the panel's menu, "Quit" is the last entry, at its bottom.
+    QElapsedTimer since_quit;
+    since_quit.start();
+    ASSERT_TRUE(xdotool({"mousemove", "--sync", std::to_string(opened->center().x()),
+                         std::to_string(opened->bottom() - 12), "click", "1"}));
+    auto status = program.wait_for(deadline);
+    ASSERT_TRUE(status) << "Quit did not end the app\n" << log.text();
+    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_LT(since_quit.elapsed(), 2000) << "with no stream to stop, quitting takes moments";
+    QDBusConnection::disconnectFromBus("lxqt-session");
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/scoped_environment.hpp"
 #include "tests/support/temp_dir.hpp"
+#include "ui/popup.hpp"
 #include "ui/status_menu.hpp"
 
 #include <QApplication>
@@ -51,7 +52,7 @@ protected:
     AudioAlert()
         : stored(QString::fromStdString(dir.file("orbweave.conf"))),
           launch_at_login(bus, "/usr/bin/orbweave", QString::fromStdString(dir.file("autostart/entry.desktop"))),
-          menu(bus, stored, launch_at_login, [] {}), path("PATH", dir.file("tools") + ":/usr/bin:/bin")
+          menu(bus, stored, launch_at_login, [] {}, [] {}), path("PATH", dir.file("tools") + ":/usr/bin:/bin")
     {
         std::filesystem::create_directories(dir.path() / "tools");
     }
@@ -164,6 +165,34 @@ TEST_F(AudioAlert, WithoutASoundServerTheItemIsMarkedAndNothingHangs)
 
     // The watcher keeps trying in the background; tearing it down stops that.
     watcher.reset();
+}
+
+TEST(PopupPlacement, NextToTheIconElseAtThePanelsEdgeAndAlwaysWholeOnTheWorkArea)
+{
+    const QRect screen(0, 0, 1280, 800);
+    const QSize size(400, 200);
+    const QRect bottom_panel(0, 0, 1280, 768), top_panel(0, 32, 1280, 768), left_panel(48, 0, 1232, 800);
+    auto at = [&](const QRect& anchor, const QRect& available) {
+        return QRect(popup_position(anchor, size, screen, available), size);
+    };
+    // Clicked on an icon in a bottom panel: above it, centred on it.
+    EXPECT_EQ(at(QRect(1000, 772, 24, 24), bottom_panel), QRect(811, 560, 400, 200));
+    // In a top panel: below it; near the corner it stays a margin off the edge.
+    EXPECT_EQ(at(QRect(1250, 4, 24, 24), top_panel), QRect(872, 40, 400, 200));
+    // In a left panel: to its right. A single clicked point anchors it as well.
+    EXPECT_EQ(at(QRect(QPoint(20, 700), QSize(1, 1)), left_panel), QRect(56, 592, 400, 200));
+
+    // Unknown: the far end of the panel, wherever the panel is; top right with no panel.
+    EXPECT_EQ(at(QRect(), bottom_panel), QRect(872, 560, 400, 200));
+    EXPECT_EQ(at(QRect(), top_panel), QRect(872, 40, 400, 200));
+    EXPECT_EQ(at(QRect(), left_panel), QRect(56, 592, 400, 200));
+    EXPECT_EQ(at(QRect(), screen), QRect(872, 8, 400, 200));
+
+    // Never off the work area: an anchor off screen, or a popup wider than the screen
+    // (its top left corner stays visible).
+    for (const QRect& anchor : {QRect(-500, -500, 10, 10), QRect(5000, 900, 10, 10), QRect(1279, 799, 1, 1)})
+        EXPECT_TRUE(bottom_panel.contains(at(anchor, bottom_panel))) << anchor.x() << "," << anchor.y();
+    EXPECT_EQ(popup_position(QRect(), QSize(2000, 100), screen, bottom_panel), QPoint(8, 660));
 }
 
 } // namespace

@@ -11,9 +11,13 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QComboBox>
+#include <QDir>
+#include <QFile>
 #include <QLabel>
 #include <QPushButton>
 #include <QTest>
+#include <QTranslator>
+#include <QXmlStreamReader>
 
 #include <gtest/gtest.h>
 
@@ -21,18 +25,18 @@ namespace orbweave::ui {
 namespace {
 
 using callback::source_type;
+using callback::state_type;
 using test::pump_until;
 
 TEST(ViewRule, EveryStateAndPermissionsChoice)
 {
-    EXPECT_EQ(view_for_state(0, false), "setupViewController");
-    EXPECT_EQ(view_for_state(0, true), "readyViewController");
-    EXPECT_EQ(view_for_state(1, false), "permissionsViewController");
-    EXPECT_EQ(view_for_state(1, true), "readyViewController");
-    EXPECT_EQ(view_for_state(2, false), "disconnectedViewController");
-    EXPECT_EQ(view_for_state(2, true), "disconnectedViewController");
-    EXPECT_EQ(view_for_state(3, true), "");
-    EXPECT_EQ(view_for_state(9, false), "");
+    EXPECT_EQ(view_for_state(state_type::pairing, false), "setupViewController");
+    EXPECT_EQ(view_for_state(state_type::pairing, true), "readyViewController");
+    EXPECT_EQ(view_for_state(state_type::connected, false), "permissionsViewController");
+    EXPECT_EQ(view_for_state(state_type::connected, true), "readyViewController");
+    EXPECT_EQ(view_for_state(state_type::disconnected, false), "disconnectedViewController");
+    EXPECT_EQ(view_for_state(state_type::disconnected, true), "disconnectedViewController");
+    EXPECT_EQ(view_for_state(state_type::streaming, true), "");
 }
 
 class MainWindow : public ::testing::Test {
@@ -55,18 +59,18 @@ TEST_F(MainWindow, FollowsTheStateAndRequests)
     EXPECT_EQ(window.windowTitle(), "Orbweave");
     EXPECT_TRUE(window.windowFlags() & Qt::WindowStaysOnTopHint);
     EXPECT_EQ(shown(), "disconnectedViewController");
-    bus.post(app::events::state_changed, 0);
+    bus.post(app::events::state_changed, QVariant::fromValue(state_type::pairing));
     EXPECT_TRUE(pump_until([&] { return shown() == "setupViewController"; }));
     QWidget* before = window.view();
-    bus.post(app::events::state_changed, 3); // unchanged
+    bus.post(app::events::state_changed, QVariant::fromValue(state_type::streaming)); // unchanged
     bus.post(app::events::view_show, QString("setupViewController"));
     EXPECT_TRUE(pump_until([&] { return window.view() != before; })) << "a fresh view per switch";
     EXPECT_EQ(shown(), "setupViewController");
-    bus.post(app::events::state_changed, 1);
+    bus.post(app::events::state_changed, QVariant::fromValue(state_type::connected));
     EXPECT_TRUE(pump_until([&] { return shown() == "permissionsViewController"; }));
     bus.post(app::events::view_show, QString("readyViewController"));
     EXPECT_TRUE(pump_until([&] { return shown() == "readyViewController"; }));
-    bus.post(app::events::state_changed, 2);
+    bus.post(app::events::state_changed, QVariant::fromValue(state_type::disconnected));
     EXPECT_TRUE(pump_until([&] { return shown() == "disconnectedViewController"; }));
 
     // Shown at start only when nobody is signed in; Escape closes it.
@@ -169,6 +173,93 @@ TEST_F(MainWindow, TheReadyViewNamesTheUser)
     EXPECT_EQ(link->nextInFocusChain(), find<QPushButton>("buttonDone"));
     link->click();
     EXPECT_TRUE(pump_until([&] { return window.view()->objectName() == "permissionsViewController"; }));
+}
+
+TEST_F(MainWindow, WhileSigningOutOrStoppingItSaysSoAndTheStatesWait)
+{
+    auto heading = [&] { return window.view()->findChild<QLabel*>()->text(); };
+    bus.post(app::events::activity_changed, QVariant::fromValue(app::activity::signing_out));
+    EXPECT_TRUE(pump_until([&] { return heading() == "Signing out…"; }));
+    bus.post(app::events::state_changed, QVariant::fromValue(state_type::disconnected));
+    bus.post(app::events::activity_changed, QVariant::fromValue(app::activity::stopping));
+    EXPECT_TRUE(pump_until([&] { return heading() == "Stopping…"; }));
+    EXPECT_EQ(shown(), "disconnectedViewController");
+    bus.post(app::events::activity_changed, QVariant::fromValue(app::activity::none));
+    bus.post(app::events::state_changed, QVariant::fromValue(state_type::pairing));
+    EXPECT_TRUE(pump_until([&] { return shown() == "setupViewController"; }));
+}
+
+/// Every message of a translation file, as (source, translation, whether finished).
+struct ts_message {
+    QString source;
+    QString translation;
+    bool finished;
+};
+std::vector<ts_message> read_ts(const QString& path)
+{
+    std::vector<ts_message> messages;
+    QFile file(path);
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << path.toStdString();
+    QXmlStreamReader xml(&file);
+    while (!xml.atEnd()) {
+        if (xml.readNext() != QXmlStreamReader::StartElement)
+            continue;
+        if (xml.name() == QLatin1String("source"))
+            messages.push_back({xml.readElementText(), {}, false});
+        else if (xml.name() == QLatin1String("translation") && !messages.empty()) {
+            // "unfinished", "vanished" and "obsolete" all mean a text the app would show untranslated.
+            messages.back().finished = xml.attributes().value("type").isEmpty();
+            messages.back().translation = xml.readElementText();
+        }
+    }
+    EXPECT_FALSE(xml.hasError()) << xml.errorString().toStdString();
+    return messages;
+}
+
+TEST_F(MainWindow, EveryTranslationIsCompleteAndTheViewsSpeakGermanUnderAGermanLocale)
+{
+    QStringList files = QDir(ORBWEAVE_SOURCE_TRANSLATIONS).entryList({"orbweave_*.ts"});
+    ASSERT_TRUE(files.contains("orbweave_de.ts"));
+    for (const QString& name : files) {
+        std::vector<ts_message> messages = read_ts(QString(ORBWEAVE_SOURCE_TRANSLATIONS) + "/" + name);
+        EXPECT_GT(messages.size(), 50u) << name.toStdString();
+        for (const auto& message : messages) {
+            EXPECT_TRUE(message.finished && !message.translation.isEmpty())
+                << name.toStdString() << ": \"" << message.source.toStdString() << "\" is not translated";
+            EXPECT_EQ(message.source.contains("%1"), message.translation.contains("%1")) << message.source.toStdString();
+        }
+    }
+
+    // What the app loads for a German locale.
+    QTranslator german;
+    ASSERT_TRUE(german.load(QLocale(QLocale::German, QLocale::Germany), "orbweave", "_", ORBWEAVE_TRANSLATIONS));
+    QCoreApplication::installTranslator(&german);
+    auto texts = [&] {
+        QStringList all;
+        for (QLabel* label : window.view()->findChildren<QLabel*>())
+            all << label->text();
+        for (QAbstractButton* button : window.view()->findChildren<QAbstractButton*>())
+            all << button->text();
+        for (QComboBox* combo : window.view()->findChildren<QComboBox*>())
+            all << combo->accessibleName() << combo->itemText(0) << combo->itemText(2);
+        return all;
+    };
+    window.show_view("setupViewController");
+    EXPECT_TRUE(texts().contains("Geben Sie diesen Code beim Dienst ein")) << texts().join(" | ").toStdString();
+    EXPECT_TRUE(texts().contains("Code kopieren"));
+    window.show_view("permissionsViewController");
+    EXPECT_TRUE(texts().contains("Was darf der Dienst auf diesem Computer verwenden?")) << texts().join(" | ").toStdString();
+    EXPECT_TRUE(texts().contains("Berechtigung für Kameras"));
+    EXPECT_TRUE(texts().contains("Fragen"));
+    EXPECT_TRUE(texts().contains("Immer erlauben"));
+    EXPECT_TRUE(texts().contains("Weiter"));
+    stored.set_owner("Ann", "");
+    window.show_view("readyViewController");
+    EXPECT_TRUE(texts().contains("Dieser Computer ist mit Ihrem Konto verbunden.")) << texts().join(" | ").toStdString();
+    EXPECT_TRUE(texts().contains("Fertig"));
+    window.show_view("disconnectedViewController");
+    EXPECT_TRUE(texts().contains("Verbindung zum Dienst wird hergestellt …"));
+    QCoreApplication::removeTranslator(&german);
 }
 
 TEST(LinkButton, UnderlinesInItsActiveColourUnderThePointerOrFocus)

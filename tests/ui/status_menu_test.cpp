@@ -17,6 +17,8 @@
 namespace orbweave::ui {
 namespace {
 
+using callback::source_type;
+using callback::state_type;
 using test::pump_until;
 
 [[maybe_unused]] auto* const qt = ::testing::AddGlobalTestEnvironment(new test::qt_environment);
@@ -26,7 +28,7 @@ protected:
     StatusMenu()
         : stored(QString::fromStdString(dir.file("orbweave.conf"))),
           launch_at_login(bus, "/usr/bin/orbweave", QString::fromStdString(dir.file("autostart/org.orbweave.Client.desktop"))),
-          menu(bus, stored, launch_at_login, [this] { ++sign_outs; })
+          menu(bus, stored, launch_at_login, [this] { ++sign_outs; }, [this] { ++quits; })
     {
     }
 
@@ -44,6 +46,7 @@ protected:
     app::preferences stored;
     app::autostart launch_at_login;
     int sign_outs = 0;
+    int quits = 0;
     status_menu menu;
 };
 
@@ -60,12 +63,12 @@ TEST_F(StatusMenu, ShowsWhatTheUserAndTheStateAllow)
 
     stored.set_owner("Ann Example", "");
     menu.update_from_preferences();
-    for (int state : {0, 1, 2, 3}) {
+    for (auto state : {state_type::pairing, state_type::connected, state_type::disconnected, state_type::streaming}) {
         SCOPED_TRACE(state);
         menu.on_state(state);
         menu.animator().stop();
         std::vector<QString> expected{"Ann Example", "Permissions…", "Quality", "Launch at login", "Audio Output"};
-        if (state == 3)
+        if (state == state_type::streaming)
             expected.push_back("Stop streaming");
         const char* line[] = {"Waiting for pairing", "Connected", "Offline", "Streaming"};
         expected.push_back(line[state]);
@@ -79,9 +82,9 @@ TEST_F(StatusMenu, ShowsWhatTheUserAndTheStateAllow)
 
 TEST_F(StatusMenu, EnteringStreamingBlinksNineFramesAndEndsActive)
 {
-    menu.on_state(1);
+    menu.on_state(state_type::connected);
     EXPECT_EQ(menu.image(), "connected");
-    menu.on_state(3);
+    menu.on_state(state_type::streaming);
     EXPECT_TRUE(menu.animator().running());
     std::vector<QString> frames;
     while (menu.animator().running()) {
@@ -91,28 +94,29 @@ TEST_F(StatusMenu, EnteringStreamingBlinksNineFramesAndEndsActive)
     EXPECT_EQ(frames, std::vector<QString>({"active", "connected", "active", "connected", "active", "connected",
                                             "active", "connected", "active"}));
     // A repeated report settles without blinking; leaving streaming stops any blink.
-    menu.on_state(3);
+    menu.on_state(state_type::streaming);
     EXPECT_FALSE(menu.animator().running());
     EXPECT_EQ(menu.image(), "active");
-    menu.on_state(1);
-    menu.on_state(3);
-    menu.on_state(2);
+    menu.on_state(state_type::connected);
+    menu.on_state(state_type::streaming);
+    menu.on_state(state_type::disconnected);
     EXPECT_FALSE(menu.animator().running());
     EXPECT_EQ(menu.image(), "disconnected");
-    menu.on_state(7);
-    EXPECT_EQ(menu.image(), "");
 }
 
 TEST_F(StatusMenu, WhileStreamingEachStreamHasADisabledLineNamingItsSource)
 {
-    auto stream = [](int kind, const QString& name, const QString& description) {
-        return QVariantMap{{"id", "x"}, {"kind", kind}, {"name", name}, {"description", description}};
+    auto stream = [](source_type::type kind, const std::string& name, const std::string& description) {
+        return callback::active_stream{"x", kind, name, description};
     };
-    QString long_title(80, 'w');
-    menu.on_state(3);
+    std::string long_title(80, 'w');
+    menu.on_state(state_type::streaming);
     bus.post(app::events::streams_changed,
-             QVariantList{stream(1, "Screen 1", "1280x720"), stream(2, "xterm", "Build & test"),
-                          stream(2, "firefox", long_title), stream(3, "Speakers", ""), stream(4, "Webcam", "")});
+             QVariant::fromValue(app::stream_list{stream(source_type::screen, "Screen 1", "1280x720"),
+                                                  stream(source_type::window, "xterm", "Build & test"),
+                                                  stream(source_type::window, "firefox", long_title),
+                                                  stream(source_type::audio, "Speakers", ""),
+                                                  stream(source_type::video, "Webcam", "")}));
     ASSERT_TRUE(pump_until([&] { return menu.stream_items.size() == 5; }));
     std::vector<QString> titles = visible_titles();
     auto state_line = std::find(titles.begin(), titles.end(), "Streaming");
@@ -126,11 +130,11 @@ TEST_F(StatusMenu, WhileStreamingEachStreamHasADisabledLineNamingItsSource)
         EXPECT_FALSE(item->isEnabled());
 
     // Lines follow the streams, and show only while streaming.
-    menu.on_streams({stream(4, "Webcam", "")});
+    menu.on_streams({stream(source_type::video, "Webcam", "")});
     EXPECT_EQ(menu.stream_items.size(), 1u);
-    menu.on_state(1);
+    menu.on_state(state_type::connected);
     EXPECT_FALSE(menu.stream_items.front()->isVisible());
-    menu.on_state(3);
+    menu.on_state(state_type::streaming);
     EXPECT_TRUE(menu.stream_items.front()->isVisible());
     menu.on_streams({});
     EXPECT_TRUE(menu.stream_items.empty());
@@ -181,6 +185,28 @@ TEST_F(StatusMenu, ActionsPostTheirEventsAndSignOutResets)
     EXPECT_EQ(seen[3].first, app::events::window_show);
     menu.sign_out_item->trigger();
     EXPECT_EQ(sign_outs, 1);
+    menu.quit_item->trigger();
+    EXPECT_EQ(quits, 1);
+}
+
+TEST_F(StatusMenu, WhileSigningOutOrStoppingTheStateLineSaysSoAndTheActionsWait)
+{
+    stored.set_owner("Ann Example", "");
+    menu.update_from_preferences();
+    menu.on_state(state_type::connected);
+    bus.post(app::events::activity_changed, QVariant::fromValue(app::activity::signing_out));
+    ASSERT_TRUE(pump_until([&] { return menu.state_item->text() == "Signing out…"; }));
+    EXPECT_FALSE(menu.sign_out_item->isEnabled());
+    EXPECT_TRUE(menu.quit_item->isEnabled()) << "quitting is always possible";
+    menu.on_state(state_type::disconnected); // the client stopping says nothing new
+    EXPECT_EQ(menu.state_item->text(), "Signing out…");
+    menu.on_activity(app::activity::stopping);
+    EXPECT_EQ(menu.state_item->text(), "Stopping…");
+    EXPECT_EQ(menu.tray().toolTip(), "Orbweave — Stopping…");
+    EXPECT_FALSE(menu.quit_item->isEnabled());
+    menu.on_activity(app::activity::none);
+    EXPECT_EQ(menu.state_item->text(), "Offline");
+    EXPECT_TRUE(menu.sign_out_item->isEnabled());
 }
 
 } // namespace

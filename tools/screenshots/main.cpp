@@ -27,6 +27,7 @@
 #include <QMenu>
 #include <QPainter>
 #include <QPushButton>
+#include <QScreen>
 #include <QTemporaryDir>
 
 #include <chrono>
@@ -77,6 +78,13 @@ public:
         settle();
         save(name, widget->grab());
     }
+    /// A window as the screen shows it: whatever else lies over or in it shows too.
+    void save_from_screen(const QString& name, QWidget* window)
+    {
+        settle();
+        QRect frame = window->frameGeometry();
+        save(name, window->screen()->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height()));
+    }
 
 private:
     QString directory_;
@@ -122,11 +130,11 @@ void run(const QString& directory)
     settings.client.transport.ca_file = home.filePath("ca.pem").toStdString();
     app::app_delegate delegate(bus, stored, secrets, settings);
     delegate.set_autostart(&launch_at_login);
-    ui::status_menu menu(bus, stored, launch_at_login, [&delegate] { delegate.sign_out(); });
+    ui::status_menu menu(bus, stored, launch_at_login, [&delegate] { delegate.sign_out(); }, [] {});
     ui::main_window window(bus, stored, [&delegate] { return delegate.code(); });
     window.show_at_start();
     wait_until("the main window", [&] { return window.isVisible() && window.view(); });
-    out.save("view-connecting", &window);
+    out.save_from_screen("view-connecting", &window);
 
     // The client pairs with the simulator: the code, then the account's claim.
     bool loaded = false;
@@ -137,20 +145,21 @@ void run(const QString& directory)
     wait_until("a pairing code", [&] { return (code = service.wait_for_code(0ms)).has_value(); });
     wait_until("the setup view", [&] { return window.view()->objectName() == "setupViewController"; });
     wait_until("the code on screen", [&] { return !delegate.code().isEmpty(); });
-    out.save("view-setup", &window);
+    out.save_from_screen("view-setup", &window);
 
     service.claim(*code, {"Ann Example", ""});
     wait_until("the permissions view", [&] { return window.view()->objectName() == "permissionsViewController"; });
-    out.save("view-permissions", &window);
+    out.save_from_screen("view-permissions", &window);
     window.view()->findChild<QPushButton*>("buttonContinue")->click();
     wait_until("the ready view", [&] { return window.view()->objectName() == "readyViewController"; });
-    out.save("view-ready", &window);
+    out.save_from_screen("view-ready", &window);
 
     // The menu while two sources stream.
-    bus.post(app::events::state_changed, 3);
+    bus.post(app::events::state_changed, QVariant::fromValue(callback::state_type::streaming));
     bus.post(app::events::streams_changed,
-             QVariantList{QVariantMap{{"kind", 1}, {"name", "Display 1"}, {"description", "1920x1080"}},
-                          QVariantMap{{"kind", 3}, {"name", "Built-in Audio Analog Stereo"}, {"description", ""}}});
+             QVariant::fromValue(app::stream_list{
+                 {"display", callback::source_type::screen, "Display 1", "1920x1080"},
+                 {"speakers", callback::source_type::audio, "Built-in Audio Analog Stereo", ""}}));
     wait_until("the streaming menu", [&] { return menu.stream_items.size() == 2; });
     menu.animator().stop();
     menu.audio().on_default_output(ui::virtual_output_description);

@@ -1,19 +1,23 @@
 // A media worker that misbehaves on request, for the client's worker-fault tests.
-// It speaks the pipe protocol well enough to start, list one screen ("Display 1",
-// 1280x720) and take a stream order; what it does with the order depends on the
-// order's stream key (every request's op is written to standard error, so a test
-// can tell which requests reached a worker):
+// It speaks the pipe protocol well enough to start, list two screens ("Display 1" and
+// "Display 2", 1280x720 each) and take a stream order; what it does with the order
+// depends on the order's stream key (every request's op is written to standard error,
+// so a test can tell which requests reached a worker):
 //
-//   "ok"              reports the stream started and carries it until shut down
-//   "garbage"         writes bytes that are not JSON instead of a reply
-//   "huge-line"       writes a line longer than the pipe allows, with no end
-//   "exit"            exits (status 3) without a reply
-//   "started-garbage" reports the stream started, then writes garbage
+//   "ok"               reports the stream started and carries it until shut down
+//   "garbage"          writes bytes that are not JSON instead of a reply
+//   "huge-line"        writes a line longer than the pipe allows, with no end
+//   "exit"             exits (status 3) without a reply
+//   "started-garbage"  reports the stream started, then writes garbage
+//   "hang-on-shutdown" reports the stream started, then never answers the shutdown
+//                      nor ends by itself (SIGTERM ignored): only SIGKILL ends it
 //
 // Test-only: never installed.
 
 #include "core/obs/entries.hpp"
 #include "core/obs/pipe_protocol.hpp"
+
+#include <csignal>
 
 #include <unistd.h>
 
@@ -48,18 +52,23 @@ void write_endless_line()
 int main()
 {
     send(obs::pipe::ok_reply(nullptr));
+    bool hang_on_shutdown = false;
     std::string text;
     while (std::getline(std::cin, text)) {
         obs::pipe::request_line request = obs::pipe::request_line::parse(text);
         std::cerr << "fake media worker: " << request.op << std::endl;
         if (request.op == obs::pipe::op::shutdown)
             break;
-        obs::screen_entry display(0, "Display 1", "1280x720", 0, 0, 1280, 720);
+        const obs::screen_entry displays[] = {{0, "Display 1", "1280x720", 0, 0, 1280, 720},
+                                              {1, "Display 2", "1280x720", 1280, 0, 1280, 720}};
         if (request.op == obs::pipe::op::list_screens) {
-            send(obs::pipe::ok_reply(Json::array({display.to_json()})));
+            send(obs::pipe::ok_reply(Json::array({displays[0].to_json(), displays[1].to_json()})));
         } else if (request.op == obs::pipe::op::find) {
-            bool known = obs::pipe::find_target(request.body).id == display.id;
-            send(obs::pipe::ok_reply(known ? display.to_json() : Json()));
+            Json found;
+            for (const auto& display : displays)
+                if (display.id == obs::pipe::find_target(request.body).id)
+                    found = display.to_json();
+            send(obs::pipe::ok_reply(found));
         } else if (request.op.rfind("list_", 0) == 0) {
             send(obs::pipe::ok_reply(Json::array()));
         } else if (request.op == obs::pipe::op::stream) {
@@ -77,10 +86,16 @@ int main()
                 send(obs::pipe::ok_reply(started.to_json()));
                 if (key == "started-garbage")
                     write_garbage();
+                hang_on_shutdown = key == "hang-on-shutdown";
             }
         } else {
             send(obs::pipe::error_reply("unknown op"));
         }
+    }
+    if (hang_on_shutdown) {
+        std::signal(SIGTERM, SIG_IGN);
+        for (;;)
+            ::pause();
     }
     send(obs::pipe::ok_reply(Json{{"leaks", 0}}));
     return 0;
