@@ -297,21 +297,12 @@ TEST_F(AgentProcess, AnswersRequestsByItsPolicy)
     auto agent = run({"--bitrate", "1000", "--allow", "screen", "--ask"}); // no terminal: asking denies
     ASSERT_TRUE(output->wait_for_prefix("state connected", deadline));
     ASSERT_TRUE(service.wait_for_connection(deadline));
-    auto state = service.list("window");
-    ASSERT_TRUE(state);
-    auto reply = service.wait_for_reply(*state, deadline);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->message["payload"], Json({{"status", "Rejected"}}));
+    EXPECT_EQ(service.reply_payload(service.list("window"), deadline), Json({{"status", "Rejected"}}));
     EXPECT_TRUE(output->wait_for_prefix("denied list window", deadline));
     // Nor is activating a window, whatever it names: nothing is looked up to answer it.
-    sim::activation window;
-    window.source_id = std::string(64, 'f');
+    auto window = sim::activation::of(std::string(64, 'f'));
     window.type = "Window";
-    state = service.activate(window);
-    ASSERT_TRUE(state);
-    reply = service.wait_for_reply(*state, deadline);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->message["payload"], Json({{"status", "Rejected"}}));
+    EXPECT_EQ(service.reply_payload(service.activate(window), deadline), Json({{"status", "Rejected"}}));
     EXPECT_TRUE(output->wait_for_prefix("denied activate window", deadline));
     stop(*agent);
 
@@ -319,11 +310,8 @@ TEST_F(AgentProcess, AnswersRequestsByItsPolicy)
     agent = run({"--bitrate", "1000", "--allow", "all"});
     ASSERT_TRUE(output->wait_for_prefix("state connected", deadline));
     ASSERT_TRUE(service.wait_for_connection(deadline));
-    state = service.list("printer");
-    ASSERT_TRUE(state);
-    reply = service.wait_for_reply(*state, deadline);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->message["payload"], Json({{"status", "Failure"}, {"results", nullptr}}));
+    EXPECT_EQ(service.reply_payload(service.list("printer"), deadline),
+              Json({{"status", "Failure"}, {"results", nullptr}}));
     EXPECT_TRUE(output->wait_for_prefix("allowed list unknown kind", deadline));
     stop(*agent);
 }

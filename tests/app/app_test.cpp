@@ -11,7 +11,6 @@
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/processes.hpp"
-#include "tests/support/service_peer.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
@@ -110,26 +109,6 @@ TEST(Preferences, DefaultsCorruptValuesAndReset)
     EXPECT_FALSE(std::filesystem::exists(dir.file("orbweave.conf")));
     EXPECT_EQ(corrupt.secret(), "");
     EXPECT_EQ(corrupt.permission_value(source_type::window), 2u);
-}
-
-TEST(Permissions, TheRuleOverEveryKindAndValue)
-{
-    test::temp_dir dir;
-    preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
-    for (auto kind : {source_type::screen, source_type::window, source_type::audio, source_type::video}) {
-        SCOPED_TRACE(source_type::name(kind));
-        stored.set_permission(kind, 2);
-        EXPECT_EQ(decide(stored, kind, request_type::activate), decision::allow);
-        stored.set_permission(kind, 1);
-        EXPECT_EQ(decide(stored, kind, request_type::list), decision::deny);
-        stored.set_permission(kind, 0);
-        EXPECT_EQ(decide(stored, kind, request_type::list), decision::allow); // no prompt to list
-        EXPECT_EQ(decide(stored, kind, request_type::activate), decision::ask);
-        stored.set_permission(kind, 3);
-        EXPECT_EQ(decide(stored, kind, request_type::activate), decision::deny);
-    }
-    for (int kind : {0, 5})
-        EXPECT_EQ(decide(stored, static_cast<source_type::type>(kind), request_type::list), decision::deny);
 }
 
 TEST(EventBus, ObserversRunInTheirOwnThreadAndGoWithTheirObject)
@@ -296,19 +275,16 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
 TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)
 {
     test::temp_dir dir;
-    test::service_peer peer;
+    sim::service_sim peer;
     std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    peer.set_http_handler([released](const wss::http_request&) -> wss::http_response {
-        released.wait_for(deadline); // a slow uplink measurement
-        return {200, R"({"bytes":1048576,"duration":1000})", "application/json"};
-    });
+    peer.hold_probe(release.get_future().share()); // a slow uplink measurement
+    peer.answer_probe_json({{"bytes", 1048576}, {"duration", 1000}});
     event_bus bus;
     preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
     secret_keeper secrets(stored);
     app_delegate::settings settings;
     settings.service_url = peer.url();
-    settings.client = test::fast_client_options(peer.ca_file());
+    settings.client = test::fast_client_options(test::ca_file_of(peer));
     app_delegate delegate(bus, stored, secrets, settings);
 
     std::future<bool> first = delegate.connect_service();

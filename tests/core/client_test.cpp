@@ -2,7 +2,7 @@
 #include "core/orbweave_client.hpp"
 #include "core/system_info.hpp"
 #include "tests/support/client_harness.hpp"
-#include "tests/support/service_peer.hpp"
+#include "tests/support/eventually.hpp"
 #include "tests/support/stderr_capture.hpp"
 
 #include <gtest/gtest.h>
@@ -176,22 +176,22 @@ TEST(Reconnection, TwoQuickFailuresLeaveOnePendingAttempt)
 TEST(KeepAlive, PingsGoToTheLatestLinkAtTheInterval)
 {
     constexpr auto interval = 40ms;
-    test::service_peer peer;
-    client_options options = test::fast_client_options(peer.ca_file());
+    sim::service_sim peer;
+    client_options options = test::fast_client_options(test::ca_file_of(peer));
     options.keepalive_interval_ms = interval.count();
     auto client = orbweave_client::create(peer.url(), options);
     client->start();
 
     auto first = peer.wait_for_connection(deadline);
     ASSERT_TRUE(first);
-    ASSERT_TRUE(peer.wait_for_pings(3, deadline));
+    ASSERT_TRUE(test::eventually([&] { return peer.pings().size() >= 3; }, deadline));
 
     auto reconnecting = std::chrono::steady_clock::now();
-    peer.close_latest();
+    peer.drop_connections();
     auto second = peer.wait_for_connection(deadline);
     ASSERT_TRUE(second);
     std::size_t before = peer.pings().size();
-    ASSERT_TRUE(peer.wait_for_pings(before + 5, deadline));
+    ASSERT_TRUE(test::eventually([&] { return peer.pings().size() >= before + 5; }, deadline));
     auto elapsed = std::chrono::steady_clock::now() - reconnecting;
     client->stop();
     client->join();
@@ -360,20 +360,16 @@ TEST_F(Probe, FailuresGiveTheFallback)
 TEST_F(Probe, ACancelledProbeEndsPromptlyWithTheFallback)
 {
     // A service that accepts the connection but never answers: only cancelling ends the wait.
-    test::service_peer silent;
+    sim::service_sim silent;
     std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    silent.set_http_handler([released](const wss::http_request&) -> wss::http_response {
-        released.wait_for(deadline); // stalls until the test is done with it
-        return {};
-    });
+    silent.hold_probe(release.get_future().share()); // stalls until the test is done with it
     std::atomic<bool> cancel{false};
     probe_options options;
-    options.ca_file = silent.ca_file();
+    options.ca_file = test::ca_file_of(silent);
     options.cancelled = [&] { return cancel.load(); };
     auto started = std::chrono::steady_clock::now();
     std::thread canceller([&] {
-        silent.wait_for_connection(100ms); // lets the upload begin before cancelling
+        silent.wait_for_probe(deadline); // the upload is in: cancel while the answer is awaited
         cancel = true;
     });
     EXPECT_EQ(recommended_bitrate(silent.url(), options), 1250);

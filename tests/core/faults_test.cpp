@@ -137,24 +137,14 @@ protected:
     }
 
     /// The one screen's list entry.
-    Json screen()
-    {
-        auto state = service.list("screen");
-        auto reply = service.wait_for_reply(state.value_or(""), deadline);
-        EXPECT_TRUE(reply);
-        return reply ? reply->message["payload"]["results"][0] : Json();
-    }
+    Json screen() { return service.reply_payload(service.list("screen"), deadline)["results"][0]; }
 
     /// Activates the screen with this stream key and returns the reply's payload.
     Json activate(const std::string& key)
     {
-        sim::activation request;
-        request.source_id = screen().value("id", "");
-        request.key = key; // the server is never contacted: the stand-in streams nowhere
-        auto state = service.activate(request);
-        auto reply = service.wait_for_reply(state.value_or(""), deadline);
-        EXPECT_TRUE(reply) << key;
-        return reply ? reply->message["payload"] : Json();
+        // The server is never contacted: the stand-in streams nowhere.
+        return service.reply_payload(service.activate(sim::activation::of(screen().value("id", ""), "rtmp://127.0.0.1/live", key)),
+                                     deadline);
     }
 
     static std::vector<int> stream_workers() { return test::children_running(::getpid(), {"--stream-worker"}); }
@@ -197,13 +187,10 @@ TEST_F(WorkerFaults, SourcesAreLookedUpOnlyForKindsTheUserMayAllow)
 {
     const std::string display = obs::screen_entry(0, "Display 1", "1280x720", 0, 0, 1280, 720).id;
     auto activate_id = [&](const std::string& id) {
-        sim::activation request;
-        request.source_id = id;
+        auto request = sim::activation::of(id);
         request.type = "Screen";
         request.key = "ok";
-        auto reply = service.wait_for_reply(service.activate(request).value_or(""), deadline);
-        EXPECT_TRUE(reply) << id;
-        return reply ? reply->message["payload"] : Json();
+        return service.reply_payload(service.activate(request), deadline);
     };
     std::atomic<callback::permission_rule::type> screens{callback::permission_rule::never};
     app.client().set_rule_handler([&](callback::source_type::type) { return screens.load(); });

@@ -139,17 +139,6 @@ TEST(VideoEncoderObjects, CarryThePlannedSettingsAndOnlyKeysThePluginReads)
     }
 }
 
-TEST(VideoEncoderObjects, UnregisteredHardwareIdsAreNotOffered)
-{
-    // libobs creates an object even for an unknown id, so the choice must ask first.
-    std::string hardware = hardware_encoder_id();
-    if (!hardware.empty()) {
-        EXPECT_NE(obs_get_encoder_codec(hardware.c_str()), nullptr);
-    }
-    EXPECT_EQ(obs_get_encoder_codec("no_such_encoder"), nullptr);
-    EXPECT_STREQ(obs_get_encoder_codec("obs_x264"), "h264");
-}
-
 TEST(AudioEncoderObject, IsAacOnTheGlobalAudio)
 {
     encoder_handle encoder = create_audio_encoder();

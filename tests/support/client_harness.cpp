@@ -1,5 +1,7 @@
 #include "tests/support/client_harness.hpp"
 
+#include <atomic>
+
 namespace orbweave::test {
 
 client_options fast_client_options(const std::string& ca_file)
@@ -14,12 +16,19 @@ client_options fast_client_options(const std::string& ca_file)
     return options;
 }
 
+std::string ca_file_of(const sim::service_sim& sim)
+{
+    static temp_dir dir("orbweave-ca");
+    static std::atomic<int> written{0};
+    std::string folder = dir.file("ca-" + std::to_string(++written));
+    sim.identity().write(folder);
+    return folder + "/ca.pem";
+}
+
 client_harness::client_harness(sim::service_sim& sim, bool bare, std::function<void(client_options&)> tweak,
                                int port)
-    : dir_("orbweave-client")
+    : ca_file_(ca_file_of(sim))
 {
-    sim.identity().write(dir_.path());
-    ca_file_ = dir_.file("ca.pem");
     client_options options = fast_client_options(ca_file_);
     if (tweak)
         tweak(options);

@@ -19,6 +19,9 @@ namespace orbweave::test {
 /// Production timing scaled down so reconnection and keep-alive tests take milliseconds.
 client_options fast_client_options(const std::string& ca_file);
 
+/// A PEM file holding the CA that issued sim's certificate; it lasts as long as the program.
+std::string ca_file_of(const sim::service_sim& sim);
+
 class client_harness {
 public:
     /// A client for sim's URL trusting sim's CA, with fast_client_options()
@@ -59,7 +62,6 @@ public:
     const std::string& ca_file() const { return ca_file_; }
 
 private:
-    temp_dir dir_;
     std::string ca_file_;
     std::unique_ptr<orbweave_client> client_;
     blocking_queue<callback::state_type::type> states_;

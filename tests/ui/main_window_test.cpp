@@ -28,17 +28,6 @@ using callback::source_type;
 using callback::state_type;
 using test::pump_until;
 
-TEST(ViewRule, EveryStateAndPermissionsChoice)
-{
-    EXPECT_EQ(view_for_state(state_type::pairing, false), "setupViewController");
-    EXPECT_EQ(view_for_state(state_type::pairing, true), "readyViewController");
-    EXPECT_EQ(view_for_state(state_type::connected, false), "permissionsViewController");
-    EXPECT_EQ(view_for_state(state_type::connected, true), "readyViewController");
-    EXPECT_EQ(view_for_state(state_type::disconnected, false), "disconnectedViewController");
-    EXPECT_EQ(view_for_state(state_type::disconnected, true), "disconnectedViewController");
-    EXPECT_EQ(view_for_state(state_type::streaming, true), "");
-}
-
 class MainWindow : public ::testing::Test {
 protected:
     MainWindow() : stored(QString::fromStdString(dir.file("orbweave.conf"))), window(bus, stored, [this] { return code; }) {}

@@ -85,6 +85,7 @@ void service_sim::start()
     server_options.hooks.on_http = [this](const wss::http_request& request) { return on_http(request); };
     server_options.hooks.accept_path = [](const std::string& resource) { return path_of(resource) == client_path; };
     server_ = std::make_unique<wss::wss_server>(std::move(server_options));
+    server_->answer_pings(answer_pings_);
     port_ = server_->port();
     event("listening " + url());
 }
@@ -215,6 +216,22 @@ void service_sim::drop_connections()
     std::lock_guard<std::mutex> server_lock(server_mutex_);
     if (server_)
         server_->close_all();
+}
+
+void service_sim::cut_connections()
+{
+    std::lock_guard<std::mutex> server_lock(server_mutex_);
+    if (server_)
+        for (wss::connection_id id : server_->open_connections())
+            server_->drop(id);
+}
+
+void service_sim::answer_pings(bool answer)
+{
+    std::lock_guard<std::mutex> server_lock(server_mutex_);
+    answer_pings_ = answer;
+    if (server_)
+        server_->answer_pings(answer);
 }
 
 // ---- messages from clients ---------------------------------------------------------
@@ -469,6 +486,14 @@ std::optional<received> service_sim::wait_for_reply(const std::string& state, du
                     timeout);
 }
 
+Json service_sim::reply_payload(const std::optional<std::string>& state, duration timeout)
+{
+    if (!state)
+        return nullptr;
+    auto reply = wait_for_reply(*state, timeout);
+    return reply ? json::at(reply->message, {"payload"}) : Json();
+}
+
 std::optional<received> service_sim::wait_for_identify(duration timeout)
 {
     return wait_for([](const received& r) { return json::string_at(r.message, {"id"}) == "identify"; }, timeout);
@@ -490,11 +515,19 @@ wss::http_response service_sim::on_http(const wss::http_request& request)
 
     auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(request.received - request.accepted);
     probe_request probe{request.method, request.resource, request.body.size(), std::max<long long>(1, elapsed.count())};
-    wss::http_response response;
+    std::shared_future<void> release;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         probes_.push_back(probe);
         changed_.notify_all();
+        release = probe_release_;
+    }
+    if (release.valid())
+        release.wait_for(std::chrono::minutes(1));
+
+    wss::http_response response;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
         switch (probe_mode_) {
         case probe_mode::measured:
             response = {200, json::dump({{"bytes", probe.bytes}, {"duration", probe.duration_ms}}), "application/json"};
@@ -513,6 +546,12 @@ wss::http_response service_sim::on_http(const wss::http_request& request)
     event("probe " + std::to_string(probe.bytes) + " bytes in " + std::to_string(probe.duration_ms) + " ms, answered "
           + std::to_string(response.status));
     return response;
+}
+
+void service_sim::hold_probe(std::shared_future<void> released)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    probe_release_ = std::move(released);
 }
 
 void service_sim::answer_probe_measured()

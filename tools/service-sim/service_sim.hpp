@@ -12,12 +12,14 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orbweave::sim {
@@ -51,6 +53,16 @@ struct activation {
     std::string type;
     std::string name;
     std::string description;
+
+    /// source_id streamed to server under key; the rest as above.
+    static activation of(std::string source_id, std::string server = "rtmp://127.0.0.1/live", std::string key = "stream")
+    {
+        activation request;
+        request.source_id = std::move(source_id);
+        request.server = std::move(server);
+        request.key = std::move(key);
+        return request;
+    }
 };
 
 /// A bandwidth probe upload the simulator received.
@@ -97,6 +109,10 @@ public:
     std::optional<wss::connection_id> wait_for_disconnect(duration timeout);
     /// Closes every connection with a close handshake; the server keeps listening.
     void drop_connections();
+    /// Cuts every connection without a close handshake, as a network failure would.
+    void cut_connections();
+    /// Whether keep-alive pings are answered with pongs (default true); kept across restarts.
+    void answer_pings(bool answer);
 
     /// The next pairing code issued since the last call.
     std::optional<std::string> wait_for_code(duration timeout);
@@ -129,6 +145,9 @@ public:
     std::optional<received> wait_for(std::function<bool(const received&)> match, duration timeout);
     /// The next reply carrying this "state".
     std::optional<received> wait_for_reply(const std::string& state, duration timeout);
+    /// The payload of the next reply carrying state; null when none came in time (or
+    /// nothing was sent: no state). E.g. reply_payload(list("screen"), 5s)["results"].
+    Json reply_payload(const std::optional<std::string>& state, duration timeout);
     /// The next reply to an "identify".
     std::optional<received> wait_for_identify(duration timeout);
     /// The next "code" request from a client.
@@ -140,6 +159,8 @@ public:
     void answer_probe_json(const Json& value);
     void answer_probe_text(const std::string& body, const std::string& content_type = "text/plain");
     void answer_probe_status(int status, const std::string& body = "");
+    /// Holds every probe answer until released is ready (a minute at most): a slow uplink.
+    void hold_probe(std::shared_future<void> released);
     std::vector<probe_request> probes() const;
     /// The next probe upload received since the last call.
     std::optional<probe_request> wait_for_probe(duration timeout);
@@ -166,6 +187,7 @@ private:
 
     mutable std::mutex server_mutex_; // guards server_; never held while stopping it
     std::unique_ptr<wss::wss_server> server_;
+    bool answer_pings_ = true; // guarded by server_mutex_
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
@@ -186,6 +208,7 @@ private:
     std::string probe_body_;
     std::string probe_content_type_;
     int probe_status_ = 200;
+    std::shared_future<void> probe_release_;
     std::vector<probe_request> probes_;
     std::size_t probes_taken_ = 0;
 };

@@ -77,17 +77,7 @@ protected:
     }
 
     /// Sends a list request and returns the reply's payload.
-    Json list(const std::string& kind)
-    {
-        auto state = service.list(kind);
-        EXPECT_TRUE(state);
-        auto reply = service.wait_for_reply(state.value_or(""), deadline);
-        EXPECT_TRUE(reply);
-        if (!reply)
-            return {};
-        EXPECT_EQ(reply->message["id"], "list");
-        return reply->message["payload"];
-    }
+    Json list(const std::string& kind) { return service.reply_payload(service.list(kind), deadline); }
 
     sim::service_sim service;
     test::client_harness app;
@@ -109,19 +99,12 @@ TEST_F(Requests, ListsEachKindOfSourceWhenAllowed)
     EXPECT_EQ(asked->request, request_type::list);
     EXPECT_EQ(asked->name, "");
 
-    Json windows = list("window");
-    EXPECT_EQ(windows["status"], "Success");
-    std::vector<std::string> titles;
-    for (const auto& window : windows["results"])
-        titles.push_back(window["description"]);
-    for (const auto& opened : test::media_environment::current().windows())
-        EXPECT_NE(std::find(titles.begin(), titles.end(), opened->title()), titles.end()) << opened->title();
-
+    // What each entry says is the catalogue's business (the worker tests); here, that
+    // every kind is served.
+    EXPECT_EQ(list("window")["results"].size(), test::media_environment::current().windows().size());
     Json audio = list("audio");
     EXPECT_EQ(audio["status"], "Success");
-    ASSERT_FALSE(audio["results"].empty());
-    EXPECT_EQ(audio["results"][0]["input"], false); // outputs come first
-    EXPECT_EQ(audio["results"].back()["input"], true);
+    EXPECT_FALSE(audio["results"].empty());
 
     Json cameras = list("video");
     EXPECT_EQ(cameras, Json({{"status", "Success"}, {"results", Json::array()}}));
@@ -166,26 +149,12 @@ protected:
     /// Sends an activate request and returns the reply's payload.
     Json activate(const std::string& id, const std::string& key, const std::string& server = "")
     {
-        sim::activation request;
-        request.source_id = id;
-        request.profile = "medium";
-        request.server = server.empty() ? ingest.url() : server;
-        request.key = key;
-        auto state = service.activate(request);
-        EXPECT_TRUE(state);
-        auto reply = service.wait_for_reply(state.value_or(""), deadline);
-        EXPECT_TRUE(reply);
-        return reply ? reply->message["payload"] : Json{};
+        return service.reply_payload(service.activate(sim::activation::of(id, server.empty() ? ingest.url() : server, key)),
+                                     deadline);
     }
 
     /// Sends a deactivate for id and returns the reply's payload, or null when none came.
-    Json deactivate(const std::string& id)
-    {
-        auto state = service.deactivate(id);
-        EXPECT_TRUE(state);
-        auto reply = service.wait_for_reply(state.value_or(""), deadline);
-        return reply ? reply->message["payload"] : Json{};
-    }
+    Json deactivate(const std::string& id) { return service.reply_payload(service.deactivate(id), deadline); }
 
     bool listed_active(const std::string& kind, const std::string& id)
     {
@@ -245,11 +214,7 @@ TEST_F(Streams, TwoSourcesStreamAtOnceAndReactivatingKeepsOnlyTheNewStream)
     EXPECT_TRUE(listed_active("audio", speakers));
 
     // A deactivate without a payload stops everything.
-    auto state = service.deactivate_all();
-    ASSERT_TRUE(state);
-    auto reply = service.wait_for_reply(*state, deadline);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->message["payload"], Json({{"status", "Success"}}));
+    EXPECT_EQ(service.reply_payload(service.deactivate_all(), deadline), Json({{"status", "Success"}}));
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
     EXPECT_TRUE(app.wait_for_streams({}, deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("second", deadline));
@@ -335,11 +300,7 @@ TEST_F(Streams, AHangingStartNeitherStallsTheLinkNorOutlivesADeactivate)
 
     // The screen's start hangs on an ingest that accepts the connection and never answers.
     test::silent_server silent;
-    sim::activation hanging;
-    hanging.source_id = screen;
-    hanging.server = silent.url();
-    hanging.key = "hangs";
-    auto hanging_state = service.activate(hanging);
+    auto hanging_state = service.activate(sim::activation::of(screen, silent.url(), "hangs"));
     ASSERT_TRUE(hanging_state);
     ASSERT_TRUE(silent.wait_for_client(deadline));
     std::size_t pings_before = service.pings().size();
@@ -470,11 +431,7 @@ TEST_F(FrozenWorker, AStartWhoseWorkerFreezesFailsWithinTheCallTimeAndTheClientS
     std::string screen = source_id("screen");
     // The screen's start waits on a silent ingest; its worker is frozen meanwhile.
     test::silent_server silent;
-    sim::activation request;
-    request.source_id = screen;
-    request.server = silent.url();
-    request.key = "frozen";
-    auto state = service.activate(request);
+    auto state = service.activate(sim::activation::of(screen, silent.url(), "frozen"));
     ASSERT_TRUE(state);
     ASSERT_TRUE(silent.wait_for_client(deadline));
     auto workers = stream_workers();
@@ -531,14 +488,8 @@ TEST(LateAnswers, AnAnswerAfterStopOrFromAnEarlierRunStartsNothing)
         });
     };
     auto activate = [&](const std::string& key) {
-        auto listed = service.list("screen");
-        auto screens = service.wait_for_reply(listed.value_or(""), deadline);
-        EXPECT_TRUE(screens);
-        sim::activation request;
-        request.source_id = screens ? screens->message["payload"]["results"][0]["id"].get<std::string>() : "";
-        request.server = ingest.url();
-        request.key = key;
-        return service.activate(request).value_or("");
+        Json screen = service.reply_payload(service.list("screen"), deadline)["results"][0];
+        return service.activate(sim::activation::of(screen.value("id", ""), ingest.url(), key)).value_or("");
     };
 
     app->start();
@@ -593,16 +544,10 @@ protected:
         app.start();
         EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
         EXPECT_TRUE(service.wait_for_connection(deadline));
-        auto listed = service.list("screen");
-        auto screens = service.wait_for_reply(listed.value_or(""), deadline);
-        EXPECT_TRUE(screens);
-        sim::activation request;
-        request.source_id = screens ? screens->message["payload"]["results"][0]["id"].get<std::string>() : "";
-        request.server = ingest.url();
-        request.key = "live";
-        auto state = service.activate(request);
-        auto reply = service.wait_for_reply(state.value_or(""), deadline);
-        EXPECT_TRUE(reply && reply->message["payload"]["status"] == "Success");
+        Json screen = service.reply_payload(service.list("screen"), deadline)["results"][0];
+        EXPECT_EQ(service.reply_payload(service.activate(sim::activation::of(screen.value("id", ""), ingest.url(), "live")),
+                                        deadline),
+                  Json({{"status", "Success"}}));
         EXPECT_TRUE(ingest.wait_for_publishing("live", deadline));
     }
 
@@ -726,11 +671,7 @@ TEST(RequestsWithoutPermissionHandler, AreRejectedAtOnce)
     test::client_harness app(service, /*bare=*/true);
     app.start();
     ASSERT_TRUE(service.wait_for_code_request(deadline));
-    auto state = service.list("screen");
-    ASSERT_TRUE(state);
-    auto reply = service.wait_for_reply(*state, deadline);
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(reply->message["payload"], Json({{"status", "Rejected"}}));
+    EXPECT_EQ(service.reply_payload(service.list("screen"), deadline), Json({{"status", "Rejected"}}));
 }
 
 } // namespace

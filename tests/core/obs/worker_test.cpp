@@ -5,16 +5,14 @@
 #include "core/obs/worker.hpp"
 #include "core/system_info.hpp"
 #include "tests/support/media_fixtures.hpp"
-#include "tests/support/stderr_capture.hpp"
+#include "tests/support/line_reader.hpp"
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -248,123 +246,14 @@ TEST(WorkerProcess, StandardOutputCarriesOnlyProtocolLines)
     child_process raw(options);
     std::string requests = "{\"op\":\"list_screens\"}\n{\"op\":\"list_audios\"}\nnot json\n{\"op\":\"shutdown\"}\n";
     ASSERT_EQ(::write(raw.stdin_fd(), requests.data(), requests.size()), static_cast<ssize_t>(requests.size()));
-    std::string output;
-    auto deadline = std::chrono::steady_clock::now() + 20s;
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd entry{raw.stdout_fd(), POLLIN, 0};
-        ASSERT_GT(::poll(&entry, 1, static_cast<int>(std::max<long long>(left.count(), 0))), 0) << "no end of output";
-        char chunk[4096];
-        ssize_t got = ::read(raw.stdout_fd(), chunk, sizeof chunk);
-        if (got <= 0)
-            break;
-        output.append(chunk, static_cast<std::size_t>(got));
-    }
+    test::line_reader output(raw.stdout_fd());
     std::vector<Json> lines;
-    for (std::size_t start = 0, end; (end = output.find('\n', start)) != std::string::npos; start = end + 1)
-        lines.push_back(json::parse(output.substr(start, end - start)));
-    ASSERT_EQ(lines.size(), 5u) << output;
-    EXPECT_EQ(lines[0], Json({{"ok", true}, {"result", nullptr}}));
-    EXPECT_EQ(lines[1]["result"].size(), 2u);
-    EXPECT_TRUE(json::bool_at(lines[2], {"ok"}));
-    EXPECT_FALSE(json::bool_at(lines[3], {"ok"}));
-    EXPECT_EQ(lines[4], Json({{"ok", true}, {"result", {{"leaks", 0}}}}));
+    while (auto line = output.next(20s))
+        lines.push_back(json::parse(*line));
+    ASSERT_EQ(lines.size(), 5u) << "no end of output";
     auto status = raw.wait_for(10s);
     ASSERT_TRUE(status);
     EXPECT_EQ(child_process::describe(*status), "exited with code 0");
-}
-
-// A scripted worker for what the real one does not do yet: unsolicited events, and
-// dying while a call waits for its reply.
-class ScriptedWorker : public ::testing::Test {
-protected:
-    std::string script(const std::string& body)
-    {
-        auto path = test::media_environment::current().directory() / ("scripted-" + std::to_string(++count_));
-        std::ofstream(path) << "#!/bin/sh\n" << body;
-        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-        return path.string();
-    }
-    int count_ = 0;
-};
-
-TEST_F(ScriptedWorker, EventLinesGoToTheEventHandlerNotToTheCall)
-{
-    std::string path = script("echo '{\"ok\":true}'\n"
-                              "while read line; do\n"
-                              "  echo '{\"event\":\"stopped\",\"error\":\"rtmp disconnected\"}'\n"
-                              "  echo '{\"ok\":true,\"result\":[]}'\n"
-                              "done\n");
-    ::setenv("ORBWEAVE_MEDIA_WORKER", path.c_str(), 1);
-    worker scripted; // found through ORBWEAVE_MEDIA_WORKER
-    ::unsetenv("ORBWEAVE_MEDIA_WORKER");
-    std::promise<std::string> event;
-    bool first = true; // only touched on the reader thread
-    scripted.set_event_handler([&](const std::string& name, const std::string& reason) {
-        if (std::exchange(first, false))
-            event.set_value(name + ": " + reason);
-    });
-    EXPECT_TRUE(scripted.list_screens().empty());
-    auto got = event.get_future();
-    ASSERT_EQ(got.wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(got.get(), "stopped: rtmp disconnected");
-    EXPECT_TRUE(scripted.list_windows().empty()) << "replies fell out of step";
-}
-
-TEST_F(ScriptedWorker, AWorkerThatIgnoresShutdownIsKilled)
-{
-    worker::options options;
-    options.executable = script("echo '{\"ok\":true}'\nexec sleep 600\n");
-    options.shutdown_timeout = 300ms;
-    pid_t pid;
-    {
-        worker stuck(options);
-        pid = stuck.pid();
-    }
-    EXPECT_TRUE(test::process_gone(pid));
-}
-
-TEST_F(ScriptedWorker, DyingDuringACallFailsThatCall)
-{
-    worker::options options;
-    options.executable = script("echo '{\"ok\":true}'\nread line\nexit 4\n");
-    worker scripted(options);
-    try {
-        scripted.list_screens();
-        FAIL() << "the call returned";
-    } catch (const std::runtime_error& error) {
-        EXPECT_NE(std::string(error.what()).find("exited with code 4"), std::string::npos) << error.what();
-    }
-}
-
-TEST_F(ScriptedWorker, GarbageOrARunawayLineFailsTheCallAndTheWorkerIsKilled)
-{
-    struct broken {
-        const char* what;
-        const char* script;
-    } cases[] = {
-        // A line that is not JSON: nothing after it can be trusted, not even a reply.
-        {"a line that is not a JSON object", "printf 'garbage\\n{\"ok\":true,\"result\":[]}\\n'\nexec sleep 600\n"},
-        {"a line that is not a JSON object", "printf '\\377\\376\\n'\nexec sleep 600\n"},
-        // A line without end: killed once it passes the limit.
-        {"a line longer than", "exec tr -d '\\n' < /dev/zero\n"},
-    };
-    for (const broken& worker_case : cases) {
-        SCOPED_TRACE(worker_case.script);
-        worker::options options;
-        options.executable = script(std::string("echo '{\"ok\":true}'\nread line\n") + worker_case.script);
-        worker broken_worker(options);
-        test::stderr_capture log;
-        try {
-            broken_worker.list_screens();
-            ADD_FAILURE() << "the call returned";
-        } catch (const std::runtime_error& error) {
-            EXPECT_NE(std::string(error.what()).find(worker_case.what), std::string::npos) << error.what();
-        }
-        EXPECT_NE(log.text().find(std::string("wrote ") + worker_case.what), std::string::npos) << log.text();
-        EXPECT_TRUE(test::process_gone(broken_worker.pid()));
-        EXPECT_FALSE(broken_worker.alive());
-    }
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "core/websocket/websocket_client.hpp"
 #include "tests/support/blocking_queue.hpp"
 #include "tests/support/eventually.hpp"
-#include "tests/support/service_peer.hpp"
+#include "tests/support/client_harness.hpp"
 #include "tests/support/stderr_capture.hpp"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::blocking_queue;
-using test::service_peer;
+using service_peer = sim::service_sim;
 
 constexpr auto deadline = 5s;
 
@@ -103,8 +103,15 @@ void expect_open(transport& link, service_peer& peer)
 client_options trusting(const service_peer& peer)
 {
     client_options options;
-    options.ca_file = peer.ca_file();
+    options.ca_file = test::ca_file_of(peer);
     return options;
+}
+
+/// The next frame the peer received, as sent.
+std::optional<std::string> next_frame(service_peer& peer)
+{
+    auto frame = peer.wait_for([](const sim::received&) { return true; }, deadline);
+    return frame ? std::optional<std::string>(frame->text) : std::nullopt;
 }
 
 TEST(TransportTls, HandshakeSucceedsWithTheTrustedCa)
@@ -120,7 +127,9 @@ TEST(TransportTls, UntrustedCertificateFailsWithNothingSent)
 {
     for (bool untrusted_certificate : {true, false}) {
         SCOPED_TRACE(untrusted_certificate ? "self-signed certificate" : "certificate for another host");
-        service_peer peer(untrusted_certificate ? wss::tls_identity::untrusted() : wss::tls_identity::wrong_host());
+        sim::options options;
+        options.identity = untrusted_certificate ? wss::tls_identity::untrusted() : wss::tls_identity::wrong_host();
+        service_peer peer(options);
         test::stderr_capture log;
         transport link(trusting(peer));
         bool opened = false;
@@ -134,7 +143,7 @@ TEST(TransportTls, UntrustedCertificateFailsWithNothingSent)
         EXPECT_FALSE(opened);
         // The handshake failed on our side, so the peer can never have seen a WebSocket open.
         EXPECT_FALSE(peer.wait_for_connection(0ms));
-        EXPECT_TRUE(peer.frames().empty());
+        EXPECT_TRUE(peer.messages().empty());
         EXPECT_EQ(log.count_lines_starting("Out: "), 0);
     }
 }
@@ -174,28 +183,28 @@ TEST(TransportLog, EveryFrameIsLoggedOnceWithSecretsHiddenAndSentIntact)
     test::stderr_capture log;
     transport link(trusting(peer));
     link.on_open = [](const connection& c, const Json&) {
-        c.send(Json{{"id", "code"}, {"payload", {{"secret", "s3cr3t"}}}});
+        c.send(Json{{"id", "hello"}, {"payload", {{"secret", "s3cr3t"}}}});
         c.send(std::string(R"({"id":"activate","payload":{"service":{"key":"live_123","server":"rtmp://h/app"}}})"));
     };
     link.start(peer.url());
 
-    auto first = peer.wait_for_frame(deadline);
-    auto second = peer.wait_for_frame(deadline);
+    auto first = next_frame(peer);
+    auto second = next_frame(peer);
     ASSERT_TRUE(first && second);
     EXPECT_EQ(json::string_at(json::parse(*first), {"payload", "secret"}), "s3cr3t");
     EXPECT_EQ(*second, R"({"id":"activate","payload":{"service":{"key":"live_123","server":"rtmp://h/app"}}})");
 
-    ASSERT_TRUE(peer.send(R"({"id":"hello","payload":{"secret":"from-service","note":"plain"}})"));
+    ASSERT_TRUE(peer.send_raw(R"({"id":"hello","payload":{"secret":"from-service","note":"plain"}})"));
     Json hello = link.next("hello");
     EXPECT_EQ(json::string_at(hello, {"payload", "secret"}), "from-service"); // handlers see it intact
-    ASSERT_TRUE(peer.send("not json at all"));
-    ASSERT_TRUE(peer.send(R"({"id":"echo"})"));
+    ASSERT_TRUE(peer.send_raw("not json at all"));
+    ASSERT_TRUE(peer.send_raw(R"({"id":"echo"})"));
     link.next("echo");
 
     std::string text = log.text();
     EXPECT_EQ(log.count_lines_starting("Out: "), 2);
-    EXPECT_EQ(log.count_lines_starting("In: "), 3);
-    EXPECT_NE(text.find("Out: {\"id\":\"code\",\"payload\":{\"secret\":\"***\"}}\n"), std::string::npos) << text;
+    EXPECT_EQ(log.count_lines_starting("In: "), 4); // the service's "identify", then the three above
+    EXPECT_NE(text.find("Out: {\"id\":\"hello\",\"payload\":{\"secret\":\"***\"}}\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\"key\":\"***\""), std::string::npos) << text;
     EXPECT_NE(text.find("In: {\"id\":\"hello\",\"payload\":{\"note\":\"plain\",\"secret\":\"***\"}}\n"),
               std::string::npos)
@@ -216,13 +225,13 @@ TEST(TransportDispatch, FramesWithoutAKnownIdAreIgnored)
     expect_open(link, peer);
 
     for (const char* frame : {"{not json", R"({"payload":{}})", R"({"id":"unknown"})", R"({"id":42})", "[1,2]"})
-        ASSERT_TRUE(peer.send(frame));
-    ASSERT_TRUE(peer.send(R"({"id":"echo","state":"last"})"));
+        ASSERT_TRUE(peer.send_raw(frame));
+    ASSERT_TRUE(peer.send_raw(R"({"id":"echo","state":"last"})"));
 
     auto next = link.messages().pop(deadline);
     ASSERT_TRUE(next);
     EXPECT_EQ(*next, Json({{"id", "echo"}, {"state", "last"}})); // nothing before it was dispatched
-    EXPECT_EQ(peer.wait_for_frame(deadline), "sentinel");        // and nothing was answered before it
+    EXPECT_EQ(next_frame(peer), "sentinel");        // and nothing was answered before it
 }
 
 TEST(TransportLimits, AMessageOverTheSizeLimitFailsTheLinkAndOneAtTheLimitPasses)
@@ -233,10 +242,10 @@ TEST(TransportLimits, AMessageOverTheSizeLimitFailsTheLinkAndOneAtTheLimitPasses
     expect_open(link, peer);
     // The largest message accepted, padded inside a string, is dispatched.
     std::string head = R"({"id":"hello","pad":")", tail = R"("})";
-    ASSERT_TRUE(peer.send(head + std::string(max_message_bytes - head.size() - tail.size(), 'x') + tail));
+    ASSERT_TRUE(peer.send_raw(head + std::string(max_message_bytes - head.size() - tail.size(), 'x') + tail));
     EXPECT_FALSE(link.next("hello").is_null());
     // One byte more fails the link, once, and the client closes it.
-    ASSERT_TRUE(peer.send(head + std::string(max_message_bytes - head.size() - tail.size() + 1, 'x') + tail));
+    ASSERT_TRUE(peer.send_raw(head + std::string(max_message_bytes - head.size() - tail.size() + 1, 'x') + tail));
     EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
     EXPECT_TRUE(peer.wait_for_disconnect(deadline));
     EXPECT_TRUE(link.failed_link_released());
@@ -256,9 +265,9 @@ TEST(TransportLiveness, AMissingPongEndsInOneFailAndAnsweredPingsKeepTheLinkUp)
         link.start(peer.url());
         ASSERT_FALSE(link.next("open").is_null());
         if (answered) {
-            EXPECT_TRUE(peer.wait_for_pings(1, deadline));
+            EXPECT_TRUE(test::eventually([&] { return !peer.pings().empty(); }, deadline));
             // The pong went out before this frame, so the client has taken it when the frame arrives.
-            ASSERT_TRUE(peer.send(R"({"id":"hello"})"));
+            ASSERT_TRUE(peer.send_raw(R"({"id":"hello"})"));
             EXPECT_FALSE(link.next("hello").is_null());
         } else {
             EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
@@ -279,7 +288,7 @@ TEST(TransportLiveness, ALinkClosedOrCutByTheServiceFailsOnce)
         link.start(peer.url());
         expect_open(link, peer);
         auto lost = std::chrono::steady_clock::now();
-        cut ? peer.drop_latest() : peer.close_latest();
+        cut ? peer.cut_connections() : peer.drop_connections();
         EXPECT_EQ(link.next("fail"), Json({{"id", "fail"}}));
         // Acted on at once, not after a keep-alive or a TLS shutdown time-out.
         EXPECT_LT(std::chrono::steady_clock::now() - lost, 2s);
