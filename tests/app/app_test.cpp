@@ -229,23 +229,8 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
         std::optional<std::string> code;
         ASSERT_TRUE(pump_until([&] { return (code = service.wait_for_code(0ms)).has_value(); }, deadline));
         ASSERT_TRUE(service.claim(*code, {"Ann", ""}));
-        std::optional<sim::received> reply;
-        auto wait_reply = [&](const std::optional<std::string>& state) {
-            reply.reset();
-            return pump_until([&] { return (reply = service.wait_for_reply(state.value_or(""), 0ms)).has_value(); },
-                              deadline);
-        };
-        ASSERT_TRUE(wait_reply(service.list("screen")));
-        Json screens = reply->message["payload"]["results"];
-        ASSERT_EQ(screens.size(), 2u);
-        for (std::size_t i = 0; i < 2; ++i) {
-            sim::activation request;
-            request.source_id = screens[i]["id"];
-            request.server = "rtmp://127.0.0.1:9/live";
-            request.key = i == 0 ? "ok" : "hang-on-shutdown";
-            ASSERT_TRUE(wait_reply(service.activate(request)));
-            ASSERT_EQ(reply->message["payload"]["status"], "Success") << reply->message.dump();
-        }
+        ASSERT_FALSE(
+            test::stream_screens(service, {"ok", "hang-on-shutdown"}, "rtmp://127.0.0.1:9/live", deadline).empty());
         ASSERT_EQ(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).size(), 3u)
             << "the listing worker and two stream workers";
     };

@@ -6,6 +6,7 @@
 
 #include "tests/support/keyring.hpp"
 #include "tests/support/session_bus.hpp"
+#include "tools/service-sim/service_sim.hpp"
 
 #include <QApplication>
 #include <QElapsedTimer>
@@ -17,6 +18,9 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace orbweave::test {
 
@@ -58,6 +62,35 @@ inline bool pump_until(const std::function<bool()>& condition,
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
     }
     return true;
+}
+
+/// The payload of the reply carrying state, this thread's event loop running meanwhile;
+/// null when none came in time.
+inline Json pumped_reply(sim::service_sim& service, const std::optional<std::string>& state,
+                         std::chrono::milliseconds timeout)
+{
+    std::optional<sim::received> reply;
+    pump_until([&] { return state && (reply = service.wait_for_reply(*state, std::chrono::milliseconds(0))); },
+               timeout);
+    return reply ? reply->message["payload"] : Json();
+}
+
+/// Lists the screens and streams the first of them to server under the first key, the
+/// second under the second... each answered "Success", the event loop running meanwhile.
+/// Returns the screens listed; an empty array, with the failure reported, otherwise.
+inline Json stream_screens(sim::service_sim& service, const std::vector<std::string>& keys,
+                           const std::string& server, std::chrono::milliseconds timeout)
+{
+    Json screens = pumped_reply(service, service.list("screen"), timeout)["results"];
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        std::string id = screens.size() > i ? screens[i].value("id", "") : "";
+        Json reply = pumped_reply(service, service.activate(sim::activation::of(id, server, keys[i])), timeout);
+        if (reply != Json({{"status", "Success"}})) {
+            ADD_FAILURE() << "activating screen " << i << " under " << keys[i] << ": " << reply;
+            return Json::array();
+        }
+    }
+    return screens;
 }
 
 /// Watches this thread's event loop: a timer due every 10 ms notes the longest gap between

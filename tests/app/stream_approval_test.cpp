@@ -60,25 +60,15 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     ASSERT_TRUE(service.claim(*code, {"Ann", ""}));
 
     // Listing an "ask" kind needs no prompt.
-    std::optional<sim::received> listed;
-    auto list_state = service.list("screen");
-    ASSERT_TRUE(pump_until([&] { return (listed = service.wait_for_reply(*list_state, 0ms)).has_value(); }, deadline));
-    ASSERT_EQ(listed->message["payload"]["status"], "Success");
-    std::string screen = listed->message["payload"]["results"][0]["id"];
+    Json listed = test::pumped_reply(service, service.list("screen"), deadline);
+    ASSERT_EQ(listed["status"], "Success");
+    std::string screen = listed["results"][0]["id"];
     EXPECT_TRUE(notifications.notified.empty());
 
     auto activate = [&](const std::string& key) {
-        sim::activation request;
-        request.source_id = screen;
-        request.server = ingest.url();
-        request.key = key;
-        return service.activate(request).value_or("");
+        return service.activate(sim::activation::of(screen, ingest.url(), key)).value_or("");
     };
-    auto reply_to = [&](const std::string& state) {
-        std::optional<sim::received> reply;
-        EXPECT_TRUE(pump_until([&] { return (reply = service.wait_for_reply(state, 0ms)).has_value(); }, deadline));
-        return reply ? reply->message["payload"] : Json();
-    };
+    auto reply_to = [&](const std::string& state) { return test::pumped_reply(service, state, deadline); };
 
     // Allowed from the notification: the stream reaches the ingest.
     std::string allowed = activate("approved");

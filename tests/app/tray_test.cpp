@@ -95,20 +95,9 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
 
     // Paired, then a screen streams: the panel shows the stream and "Stop streaming".
     ASSERT_TRUE(service.claim(*code, {"Ann Example", ""}));
-    std::optional<sim::received> listed;
-    auto list_state = service.list("screen");
-    ASSERT_TRUE(pump_until([&] { return (listed = service.wait_for_reply(list_state.value_or(""), 0ms)).has_value(); },
-                           deadline));
-    Json first = listed->message["payload"]["results"][0];
-    sim::activation request;
-    request.source_id = first["id"];
-    request.server = ingest.url();
-    request.key = "tray";
-    auto activated = service.activate(request);
-    std::optional<sim::received> reply;
-    ASSERT_TRUE(pump_until([&] { return (reply = service.wait_for_reply(activated.value_or(""), 0ms)).has_value(); },
-                           deadline));
-    ASSERT_EQ(reply->message["payload"]["status"], "Success");
+    Json screens = test::stream_screens(service, {"tray"}, ingest.url(), deadline);
+    ASSERT_FALSE(screens.empty());
+    Json first = screens[0];
     ASSERT_TRUE(ingest.wait_for_publishing("tray", deadline));
 
     QString stream_line = "Screen: " + QString::fromStdString(first["name"].get<std::string>());
@@ -175,23 +164,7 @@ TEST(Tray, QuitInGermanAnswersAtOnceAndEndsTheAppAndEveryWorkerThoughOneHangs)
     std::optional<std::string> code;
     ASSERT_TRUE(pump_until([&] { return (code = service.wait_for_code(0ms)).has_value(); }, deadline)) << log.text();
     ASSERT_TRUE(service.claim(*code, {"Ann Example", ""}));
-    std::optional<sim::received> reply;
-    auto wait_reply = [&](const std::optional<std::string>& state) {
-        reply.reset();
-        return pump_until([&] { return (reply = service.wait_for_reply(state.value_or(""), 0ms)).has_value(); },
-                          deadline);
-    };
-    ASSERT_TRUE(wait_reply(service.list("screen")));
-    Json screens = reply->message["payload"]["results"];
-    ASSERT_EQ(screens.size(), 2u);
-    for (std::size_t i = 0; i < 2; ++i) {
-        sim::activation request;
-        request.source_id = screens[i]["id"];
-        request.server = "rtmp://127.0.0.1:9/live";
-        request.key = i == 0 ? "ok" : "hang-on-shutdown";
-        ASSERT_TRUE(wait_reply(service.activate(request)));
-        ASSERT_EQ(reply->message["payload"]["status"], "Success");
-    }
+    ASSERT_FALSE(test::stream_screens(service, {"ok", "hang-on-shutdown"}, "rtmp://127.0.0.1:9/live", deadline).empty());
     std::vector<int> workers = test::children_running(program.pid(), {"orbweave_fake_media_worker"});
     ASSERT_GE(workers.size(), 3u) << "the listing worker and two stream workers (and a spare)";
 
