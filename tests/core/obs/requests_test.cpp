@@ -449,23 +449,6 @@ TEST_F(FrozenWorker, AStartWhoseWorkerFreezesFailsWithinTheCallTimeAndTheClientS
     EXPECT_TRUE(ingest.wait_for_publishing("after", deadline));
 }
 
-TEST_F(Streams, AStreamWhoseIngestIsGoneForGoodIsRemoved)
-{
-    auto vanishing = std::make_unique<test::rtmp_ingest>();
-    std::string screen = source_id("screen");
-    ASSERT_EQ(activate(screen, "lost", vanishing->url()), Json({{"status", "Success"}}));
-    ASSERT_TRUE(app.wait_for_state(state_type::streaming, deadline));
-
-    test::stderr_capture log;
-    vanishing.reset(); // stopped, and not started again
-    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-    EXPECT_FALSE(listed_active("screen", screen));
-    EXPECT_EQ(log.count_lines_starting("The stream of source "), 1) << log.text();
-    EXPECT_EQ(log.count_lines_starting("The stream of source " + screen + " ended: rtmp disconnected"), 1)
-        << log.text();
-    EXPECT_TRUE(eventually([] { return stream_workers().empty(); })) << "its worker is left";
-}
-
 TEST(LateAnswers, AnAnswerAfterStopOrFromAnEarlierRunStartsNothing)
 {
     sim::service_sim service;
