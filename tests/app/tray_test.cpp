@@ -23,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -49,12 +50,32 @@ std::string bus_address()
     return qgetenv("DBUS_SESSION_BUS_ADDRESS").toStdString();
 }
 
+/// The app, run as a user starts it on this display and bus, with its settings in home,
+/// signing in to service (whose CA home holds); environment adds to its environment
+/// and overrides the usual platform and settings folder.
+obs::child_process::options app_run(const sim::service_sim& service, const test::temp_dir& home,
+                                    std::vector<std::pair<std::string, std::string>> environment)
+{
+    service.identity().write(home.path());
+    obs::child_process::options options;
+    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
+                    "--bitrate", "1500"};
+    options.environment = std::move(environment);
+    for (std::pair<std::string, std::string> usual : {std::pair<std::string, std::string>{"QT_QPA_PLATFORM", "xcb"},
+                                                      {"XDG_CONFIG_HOME", home.path().string()}})
+        if (std::none_of(options.environment.begin(), options.environment.end(),
+                         [&](const auto& given) { return given.first == usual.first; }))
+            options.environment.push_back(usual);
+    // The language comes from LANG alone.
+    options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE"};
+    return options;
+}
+
 TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
 {
     test::temp_dir home;
     sim::service_sim service;
     test::rtmp_ingest ingest;
-    service.identity().write(home.path());
     {
         // Screens are always allowed, so no prompt stands between activation and stream.
         preferences stored(QString::fromStdString(home.file("orbweave/orbweave.conf")));
@@ -64,15 +85,8 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
 
     auto panel = QDBusConnection::connectToBus(QString::fromStdString(bus_address()), "panel");
     status_notifier_watcher watcher(panel);
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
-                    "--bitrate", "1500"};
-    options.environment = {{"QT_QPA_PLATFORM", "xcb"},
-                           {"XDG_CONFIG_HOME", home.path().string()},
-                           {"DBUS_SESSION_BUS_ADDRESS", bus_address()}};
-    options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION"};
     test::stderr_capture log; // the program inherits our standard error
-    obs::child_process program(options);
+    obs::child_process program(app_run(service, home, {{"DBUS_SESSION_BUS_ADDRESS", bus_address()}}));
 
     // The tray icon registers with the panel, and exports its menu.
     ASSERT_TRUE(pump_until([&] { return !watcher.registered.empty(); }, deadline)) << log.text();
@@ -140,20 +154,13 @@ TEST(Tray, QuitInGermanAnswersAtOnceAndEndsTheAppAndEveryWorkerThoughOneHangs)
 {
     test::temp_dir home;
     sim::service_sim service;
-    service.identity().write(home.path());
     auto panel = QDBusConnection::connectToBus(QString::fromStdString(bus_address()), "panel-de");
     status_notifier_watcher watcher(panel);
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
-                    "--bitrate", "1500"};
-    options.environment = {{"QT_QPA_PLATFORM", "xcb"},
-                           {"XDG_CONFIG_HOME", home.path().string()},
-                           {"DBUS_SESSION_BUS_ADDRESS", bus_address()},
-                           {"LANG", "de_DE.UTF-8"},
-                           {"ORBWEAVE_MEDIA_WORKER", ORBWEAVE_FAKE_MEDIA_WORKER}};
-    options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE"};
     test::stderr_capture log;
-    obs::child_process program(options);
+    obs::child_process program(app_run(service, home,
+                                       {{"DBUS_SESSION_BUS_ADDRESS", bus_address()},
+                                        {"LANG", "de_DE.UTF-8"},
+                                        {"ORBWEAVE_MEDIA_WORKER", ORBWEAVE_FAKE_MEDIA_WORKER}}));
     ASSERT_TRUE(pump_until([&] { return !watcher.registered.empty(); }, deadline)) << log.text();
     auto [item, item_path] = watcher.registered.front();
     QString menu_path =
@@ -308,14 +315,9 @@ TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
     }, deadline)) << "lxqt-panel offers no StatusNotifierWatcher";
 
     sim::service_sim service;
-    service.identity().write(home.path());
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
-                    "--bitrate", "1500"};
-    options.environment = desktop;
-    options.environment.insert(options.environment.end(),
-                               {{"PULSE_SERVER", "unix:" + home.file("no-sound-server")}});
-    options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE", "LANG"};
+    desktop.push_back({"PULSE_SERVER", "unix:" + home.file("no-sound-server")});
+    auto options = app_run(service, home, desktop);
+    options.unset_environment.push_back("LANG");
     test::stderr_capture log;
     obs::child_process program(options);
 
