@@ -1,6 +1,7 @@
 #include "tests/support/rtmp_ingest.hpp"
 
 #include "core/json.hpp"
+#include "tests/support/eventually.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -97,6 +98,20 @@ std::string program_path(const std::string& name, const std::string& usual)
         return usual;
     std::string found = obs::find_program(name);
     return found.empty() ? name : found;
+}
+
+/// ffprobe's account of what input (its last argument, after options) holds.
+probe_result probe(std::vector<std::string> input, std::chrono::milliseconds timeout)
+{
+    std::vector<std::string> argv{program_path("ffprobe", "/usr/bin/ffprobe"), "-v", "error", "-show_streams",
+                                  "-show_format", "-of", "json"};
+    argv.insert(argv.end(), input.begin(), input.end());
+    int code = 0;
+    std::string errors;
+    probe_result result = parse_probe(run_program(argv, timeout, &code, &errors));
+    if (code != 0)
+        result.error = code < 0 ? "ffprobe timed out" : "ffprobe failed: " + errors;
+    return result;
 }
 
 } // namespace
@@ -378,38 +393,17 @@ bool rtmp_ingest::publishing(const std::string& key) const
 
 bool rtmp_ingest::wait_for_publishing(const std::string& key, std::chrono::milliseconds timeout) const
 {
-    auto deadline = clock::now() + timeout;
-    while (!publishing(key)) {
-        if (clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(status_poll_interval);
-    }
-    return true;
+    return eventually([&] { return publishing(key); }, timeout, status_poll_interval);
 }
 
 bool rtmp_ingest::wait_until_not_publishing(const std::string& key, std::chrono::milliseconds timeout) const
 {
-    auto deadline = clock::now() + timeout;
-    while (publishing(key)) {
-        if (clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(status_poll_interval);
-    }
-    return true;
+    return eventually([&] { return !publishing(key); }, timeout, status_poll_interval);
 }
 
 probe_result rtmp_ingest::probe_live(const std::string& key, std::chrono::milliseconds timeout) const
 {
-    int code = 0;
-    std::string errors;
-    std::string output = run_program({program_path("ffprobe", "/usr/bin/ffprobe"), "-v", "error", "-rw_timeout",
-                                      std::to_string(timeout.count() * 1000), "-show_streams", "-show_format",
-                                      "-of", "json", stream_url(key)},
-                                     timeout, &code, &errors);
-    probe_result result = parse_probe(output);
-    if (code != 0)
-        result.error = code < 0 ? "ffprobe timed out" : "ffprobe failed: " + errors;
-    return result;
+    return probe({"-rw_timeout", std::to_string(timeout.count() * 1000), stream_url(key)}, timeout);
 }
 
 std::filesystem::path rtmp_ingest::recording(const std::string& key) const
@@ -419,15 +413,7 @@ std::filesystem::path rtmp_ingest::recording(const std::string& key) const
 
 probe_result rtmp_ingest::probe_recording(const std::string& key, std::chrono::milliseconds timeout) const
 {
-    int code = 0;
-    std::string errors;
-    std::string output = run_program({program_path("ffprobe", "/usr/bin/ffprobe"), "-v", "error", "-show_streams",
-                                      "-show_format", "-of", "json", recording(key).string()},
-                                     timeout, &code, &errors);
-    probe_result result = parse_probe(output);
-    if (code != 0)
-        result.error = code < 0 ? "ffprobe timed out" : "ffprobe failed: " + errors;
-    return result;
+    return probe({recording(key).string()}, timeout);
 }
 
 std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, double at, int width, int height,
