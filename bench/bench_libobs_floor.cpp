@@ -2,13 +2,31 @@
 // Xvfb (1280x720) into a 1280x720 canvas at 30 fps with no encoder, so that a stream's
 // cost (bench_streaming's stream_cpu_s_per_s) splits into capturing and compositing,
 // converting to NV12 and reading it back, and encoding. Capture and GL cost the same
-// whatever the screen shows, so the screen is left still. One line per figure, CPU
-// seconds per second over 20 s (this process; no other work of ours runs in it):
+// whatever the screen shows, so the screen is left still. CPU seconds per second over
+// 20 s (this process; no other work of ours runs in it):
 //
-//   floor_idle_canvas_cpu_s_per_s  the canvas runs and shows nothing
-//   floor_composite_cpu_s_per_s    the canvas shows the screen; nothing takes its frames
-//   floor_nv12_cpu_s_per_s         the same, with a consumer of raw NV12 frames (what an
-//                                  encoder is given; libobs converts and reads back only then)
+//   floor_renderer NAME              the GL renderer libobs draws with
+//   floor_idle_canvas_cpu_s_per_s    the canvas runs and shows nothing
+//   floor_composite_cpu_s_per_s      the canvas shows the screen; nothing takes its frames
+//   floor_nv12_gpu_cpu_s_per_s       the same with a consumer of raw NV12 frames (what an
+//                                    encoder is given), converted by shaders and read back
+//   floor_nv12_cpu_cpu_s_per_s       the same, the canvas read back as BGRA and converted
+//                                    by libobs's scaler on the CPU
+//   floor_chosen_conversion GPU|CPU  the one a stream takes on this renderer
+//
+// And for each of the three, from libobs's own profiler, what one frame goes through:
+//
+//   split_<phase> capture=.. composite=.. output_pass=.. conversion=.. readback=..
+//                 cpu_conversion=.. frame=..   (milliseconds per frame on the thread that
+//                                               does it)
+//   passes_<phase> main=.. output=.. convert=.. readback=..   (per frame)
+//
+// capture is the source's tick (the screen grabbed and uploaded), composite the canvas
+// drawn, output_pass the pass libobs draws when the output differs from the canvas (for
+// BGRA it always does), conversion the two shader passes to NV12, readback the copy to
+// memory, cpu_conversion libobs's scaler on its video thread. A software renderer
+// rasterises a pass when its pixels are next read, so a pass's cost shows where the next
+// one reads it; the CPU figures above are the totals to trust.
 
 #include "media/catalogue.hpp"
 #include "media/runtime.hpp"
@@ -16,12 +34,15 @@
 #include "tests/support/media_fixtures.hpp"
 
 #include <obs.h>
+#include <util/profiler.h>
 
 #include <sys/resource.h>
 
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 namespace {
@@ -32,6 +53,9 @@ using clock_type = std::chrono::steady_clock;
 
 constexpr auto window = 20s;
 constexpr auto warm_up = 3s;
+constexpr unsigned width = 1280;
+constexpr unsigned height = 720;
+constexpr unsigned fps = 30;
 
 double cpu_seconds()
 {
@@ -41,16 +65,56 @@ double cpu_seconds()
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-/// CPU seconds per second of this process over the window, after a warm-up.
-double cpu_rate()
-{
-    std::this_thread::sleep_for(warm_up);
-    double before = cpu_seconds();
-    auto start = clock_type::now();
-    std::this_thread::sleep_for(window);
-    double used = cpu_seconds() - before;
-    return used / std::chrono::duration<double>(clock_type::now() - start).count();
-}
+/// Calls and microseconds per profiler entry (by name, wherever it sits in the tree).
+struct profile {
+    struct totals {
+        double calls = 0;
+        double microseconds = 0;
+    };
+    std::map<std::string, totals> entries;
+
+    static profile now()
+    {
+        profile taken;
+        profiler_snapshot_t* snapshot = profile_snapshot_create();
+        profiler_snapshot_enumerate_roots(snapshot, add, &taken);
+        profile_snapshot_free(snapshot);
+        return taken;
+    }
+
+    profile since(const profile& earlier) const
+    {
+        profile delta = *this;
+        for (const auto& [name, before] : earlier.entries) {
+            delta.entries[name].calls -= before.calls;
+            delta.entries[name].microseconds -= before.microseconds;
+        }
+        return delta;
+    }
+
+    /// The first entry whose name starts with prefix (the graphics thread's root carries its interval).
+    totals of(const std::string& prefix) const
+    {
+        auto found = entries.lower_bound(prefix);
+        if (found == entries.end() || found->first.compare(0, prefix.size(), prefix) != 0)
+            return {};
+        return found->second;
+    }
+
+private:
+    static bool add(void* data, profiler_snapshot_entry_t* entry)
+    {
+        auto* taken = static_cast<profile*>(data);
+        profiler_time_entries_t* times = profiler_snapshot_entry_times(entry);
+        totals& sum = taken->entries[profiler_snapshot_entry_name(entry)];
+        for (size_t i = 0; i < times->num; ++i) {
+            sum.calls += static_cast<double>(times->array[i].count);
+            sum.microseconds += static_cast<double>(times->array[i].count * times->array[i].time_delta);
+        }
+        profiler_snapshot_enumerate_children(entry, add, data);
+        return true;
+    }
+};
 
 void print(const char* name, double value)
 {
@@ -58,12 +122,67 @@ void print(const char* name, double value)
     std::fflush(stdout);
 }
 
-void measure()
+/// CPU seconds per second of this process over the window, after a warm-up; given a
+/// phase, also prints what one frame went through under that name.
+double measure(const char* phase = nullptr)
+{
+    std::this_thread::sleep_for(warm_up);
+    profile before = profile::now();
+    double cpu_before = cpu_seconds();
+    auto start = clock_type::now();
+    std::this_thread::sleep_for(window);
+    double used = cpu_seconds() - cpu_before;
+    double rate = used / std::chrono::duration<double>(clock_type::now() - start).count();
+    if (!phase)
+        return rate;
+
+    profile frame = profile::now().since(before);
+    double frames = frame.of("obs_graphics_thread(").calls;
+    if (frames <= 0)
+        throw std::runtime_error("the graphics thread rendered no frame");
+    auto ms = [&](const char* name) { return frame.of(name).microseconds / 1000.0 / frames; };
+    auto per_frame = [&](const char* name) { return frame.of(name).calls / frames; };
+    std::printf("split_%s capture=%.2f composite=%.2f output_pass=%.2f conversion=%.2f readback=%.2f "
+                "cpu_conversion=%.2f frame=%.2f\n",
+                phase, ms("tick_sources"), ms("render_main_texture"), ms("render_output_texture"),
+                ms("render_convert_texture"), ms("stage_output_texture") + ms("download_frame"),
+                ms("video_thread("), ms("obs_graphics_thread("));
+    std::printf("passes_%s main=%.2f output=%.2f convert=%.2f readback=%.2f\n", phase,
+                per_frame("render_main_texture"), per_frame("render_output_texture"),
+                per_frame("render_convert_texture"), per_frame("stage_output_texture"));
+    std::fflush(stdout);
+    return rate;
+}
+
+/// A consumer of raw NV12 frames at the canvas's size, as an encoder is.
+class nv12_consumer {
+public:
+    nv12_consumer()
+    {
+        video_scale_info nv12{};
+        nv12.format = VIDEO_FORMAT_NV12;
+        nv12.width = width;
+        nv12.height = height;
+        nv12.range = VIDEO_RANGE_DEFAULT;
+        nv12.colorspace = VIDEO_CS_DEFAULT;
+        obs_add_raw_video_callback(&nv12, ignore, nullptr);
+    }
+    ~nv12_consumer() { obs_remove_raw_video_callback(ignore, nullptr); }
+    nv12_consumer(const nv12_consumer&) = delete;
+    nv12_consumer& operator=(const nv12_consumer&) = delete;
+
+private:
+    static void ignore(void*, video_data*) {}
+};
+
+void run()
 {
     obs::runtime_options options;
-    options.video = obs::canvas{1280, 720, 30};
+    options.video = obs::canvas{width, height, fps};
     obs::runtime libobs(options);
-    print("floor_idle_canvas_cpu_s_per_s", cpu_rate());
+    obs::colour_conversion chosen = obs::current_video_path().conversion;
+    std::printf("floor_renderer %s\n", obs::current_video_path().renderer.c_str());
+    print("floor_idle_canvas_cpu_s_per_s", measure());
 
     obs::data_handle settings(obs_data_create());
     obs_data_set_int(settings.get(), "screen", 0);
@@ -71,18 +190,17 @@ void measure()
     if (!screen)
         throw std::runtime_error("cannot create the screen source");
     obs_set_output_source(0, screen.get());
-    print("floor_composite_cpu_s_per_s", cpu_rate());
+    print("floor_composite_cpu_s_per_s", measure("composite"));
 
-    video_scale_info nv12{};
-    nv12.format = VIDEO_FORMAT_NV12;
-    nv12.width = 1280;
-    nv12.height = 720;
-    nv12.range = VIDEO_RANGE_DEFAULT;
-    nv12.colorspace = VIDEO_CS_DEFAULT;
-    auto ignore = [](void*, video_data*) {};
-    obs_add_raw_video_callback(&nv12, ignore, nullptr);
-    print("floor_nv12_cpu_s_per_s", cpu_rate());
-    obs_remove_raw_video_callback(ignore, nullptr);
+    for (auto conversion : {obs::colour_conversion::gpu, obs::colour_conversion::cpu}) {
+        if (!obs::initialize_video(width, height, fps, conversion))
+            throw std::runtime_error("cannot reset the canvas");
+        nv12_consumer consumer;
+        bool gpu = conversion == obs::colour_conversion::gpu;
+        print(gpu ? "floor_nv12_gpu_cpu_s_per_s" : "floor_nv12_cpu_cpu_s_per_s",
+              measure(gpu ? "nv12_gpu" : "nv12_cpu"));
+    }
+    std::printf("floor_chosen_conversion %s\n", obs::to_string(chosen));
     obs_set_output_source(0, nullptr);
 }
 
@@ -91,18 +209,22 @@ void measure()
 int main()
 {
     test::media_environment::options settings;
-    settings.screens = {{1280, 720}};
+    settings.screens = {{static_cast<int>(width), static_cast<int>(height)}};
     settings.windows = {};
     test::media_environment environment(settings);
     int status = 0;
+    // libobs profiles its graphics and video threads only while the profiler runs.
+    profiler_start();
     try {
         environment.SetUp();
         obs::route_log_to_stderr(LOG_ERROR);
-        measure();
+        run();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "bench_libobs_floor: %s\n", error.what());
         status = 1;
     }
     environment.TearDown();
+    profiler_stop();
+    profiler_free();
     return status;
 }

@@ -9,6 +9,7 @@
 #include <obs.h>
 #include <util/base.h>
 
+#include <EGL/egl.h>
 #include <X11/Xlib.h>
 #include <wayland-client.h>
 
@@ -24,10 +25,27 @@
 #include <filesystem>
 #include <new>
 #include <stdexcept>
+#include <string_view>
 
 namespace orbweave::obs {
 
-bool initialize_video(unsigned width, unsigned height, unsigned fps)
+namespace {
+
+/// The conversion ORBWEAVE_COLOUR_CONVERSION names ("cpu" or "gpu", the default), and the
+/// renderer once graphics run.
+video_path& chosen_path()
+{
+    static video_path path = [] {
+        video_path chosen;
+        const char* asked = std::getenv("ORBWEAVE_COLOUR_CONVERSION");
+        if (asked && std::string_view(asked) == "cpu")
+            chosen.conversion = colour_conversion::cpu;
+        return chosen;
+    }();
+    return path;
+}
+
+bool reset_video(unsigned width, unsigned height, unsigned fps, colour_conversion conversion)
 {
     obs_video_info info{};
     info.graphics_module = "libobs-opengl";
@@ -37,13 +55,59 @@ bool initialize_video(unsigned width, unsigned height, unsigned fps)
     info.base_height = height;
     info.output_width = width;
     info.output_height = height;
-    info.output_format = VIDEO_FORMAT_NV12;
+    // libobs reads back, on the CPU path, the texture its output pass draws into, and
+    // draws that pass (at the canvas's own size) only for BGRA: any other format would
+    // read back a texture nothing was drawn into, a flat black picture.
+    info.output_format = conversion == colour_conversion::gpu ? VIDEO_FORMAT_NV12 : VIDEO_FORMAT_BGRA;
+    info.gpu_conversion = conversion == colour_conversion::gpu;
     info.adapter = 0;
-    info.gpu_conversion = true;
     info.colorspace = VIDEO_CS_DEFAULT;
     info.range = VIDEO_RANGE_DEFAULT;
     info.scale_type = OBS_SCALE_DISABLE;
     return obs_reset_video(&info) == OBS_VIDEO_SUCCESS;
+}
+
+/// GL_RENDERER of the context libobs draws with.
+std::string query_renderer()
+{
+    using get_string = const unsigned char* (*)(unsigned);
+    auto get = reinterpret_cast<get_string>(eglGetProcAddress("glGetString"));
+    if (!get)
+        return {};
+    constexpr unsigned gl_renderer = 0x1F01;
+    obs_enter_graphics();
+    const unsigned char* name = get(gl_renderer);
+    std::string renderer = name ? reinterpret_cast<const char*>(name) : "";
+    obs_leave_graphics();
+    return renderer;
+}
+
+} // namespace
+
+const char* to_string(colour_conversion conversion)
+{
+    return conversion == colour_conversion::gpu ? "GPU" : "CPU";
+}
+
+const video_path& current_video_path()
+{
+    return chosen_path();
+}
+
+bool initialize_video(unsigned width, unsigned height, unsigned fps, colour_conversion conversion)
+{
+    video_path& path = chosen_path();
+    path.conversion = conversion;
+    if (!reset_video(width, height, fps, conversion))
+        return false;
+    if (path.renderer.empty())
+        path.renderer = query_renderer();
+    return true;
+}
+
+bool initialize_video(unsigned width, unsigned height, unsigned fps)
+{
+    return initialize_video(width, height, fps, chosen_path().conversion);
 }
 
 bool initialize_audio()

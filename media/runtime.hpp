@@ -12,8 +12,34 @@
 
 namespace orbweave::obs {
 
-/// Resets libobs video to width x height at fps/1, NV12, no scaling; true on success.
+/// How the canvas becomes the NV12 frames the encoders take.
+enum class colour_conversion {
+    /// Two shader passes convert the canvas and NV12 is read back (1.5 bytes a pixel).
+    /// The default, also on a software renderer: on llvmpipe the two passes cost less than
+    /// reading back four bytes a pixel and converting them (bench_libobs_floor).
+    gpu,
+    /// The canvas is read back as BGRA and libobs's scaler converts it on the CPU.
+    cpu,
+};
+
+/// The GL renderer libobs draws with (empty until video has been initialised) and the
+/// conversion in use.
+struct video_path {
+    std::string renderer;
+    colour_conversion conversion = colour_conversion::gpu;
+};
+
+/// Resets libobs video to width x height at fps/1, no scaling, with the process's colour
+/// conversion (ORBWEAVE_COLOUR_CONVERSION=cpu chooses the CPU's); true on success.
 bool initialize_video(unsigned width, unsigned height, unsigned fps);
+
+/// The same with the given conversion, which the process keeps from then on.
+bool initialize_video(unsigned width, unsigned height, unsigned fps, colour_conversion conversion);
+
+const video_path& current_video_path();
+
+/// "GPU" or "CPU".
+const char* to_string(colour_conversion conversion);
 
 /// Resets libobs audio to 44.1 kHz stereo; obs_reset_audio's result.
 bool initialize_audio();

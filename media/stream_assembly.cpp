@@ -153,6 +153,12 @@ std::optional<stream_parts> assemble_stream(const pipe::stream_order& order, obs
         return std::nullopt;
     }
     attach(parts);
+    // Which path this stream's pictures take, for whoever reads the log on a machine
+    // with or without a GPU.
+    const video_path& path = current_video_path();
+    log::line("media: stream drawn by " + (path.renderer.empty() ? std::string("an unknown renderer") : path.renderer) +
+              ", colour conversion on the " + to_string(path.conversion) + ", video encoder " +
+              obs_encoder_get_id(parts.video_encoder.get()));
     return parts;
 }
 

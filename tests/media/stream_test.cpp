@@ -13,15 +13,19 @@
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_chunks.hpp"
 #include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/scoped_environment.hpp"
 #include "tests/support/stderr_capture.hpp"
 
 #include <gtest/gtest.h>
 
 #include <X11/Xlib.h>
+#include <X11/Xutil.h>
 #include <unistd.h>
 #include <signal.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdlib>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -298,6 +302,92 @@ INSTANTIATE_TEST_SUITE_P(
                       size_case{"four_by_three_screen_medium", 1, {{"profile", "medium"}}, 960, 720},
                       size_case{"high_never_enlarges", 0, {{"profile", "high"}, {"fps", 60}}, 1280, 720}),
     [](const ::testing::TestParamInfo<size_case>& info) { return std::string(info.param.name); });
+
+/// ffmpeg's rgbtestsrc over the whole of the first screen (1280x720), shown by ffplay
+/// above every other window while the object lives: a red, a green and a blue stripe from
+/// top to bottom, each a ramp from black on the left to full on the right.
+class colour_stripes {
+public:
+    colour_stripes()
+    {
+        std::string display = std::getenv("DISPLAY");
+        obs::child_process::options options;
+        options.argv = {"ffplay", "-loglevel", "error", "-an", "-f", "lavfi", "-i", "rgbtestsrc=size=1280x720:rate=5",
+                        "-vf", "format=rgb0", "-noborder", "-left", "0", "-top", "0"};
+        options.environment = {{"SDL_AUDIODRIVER", "dummy"}, {"DISPLAY", display}};
+        process_ = std::make_unique<obs::child_process>(options);
+        Display* x = XOpenDisplay(display.c_str());
+        if (!x)
+            throw std::runtime_error("cannot open " + display);
+        // The stripes are up when the screen's middle is half-way up green's ramp.
+        unsigned long pixel = 0;
+        bool shown = test::eventually(
+            [&] {
+                XImage* image = XGetImage(x, RootWindow(x, 0), 640, 360, 1, 1, AllPlanes, ZPixmap);
+                if (!image)
+                    return false;
+                pixel = XGetPixel(image, 0, 0);
+                XDestroyImage(image);
+                return pixel == 0x008000;
+            },
+            15s);
+        XCloseDisplay(x);
+        if (!shown)
+            throw std::runtime_error("the colour stripes did not show on the first screen (its middle is " +
+                                     std::to_string(pixel) + ")");
+    }
+    ~colour_stripes() { process_->kill_and_wait(); }
+    colour_stripes(const colour_stripes&) = delete;
+    colour_stripes& operator=(const colour_stripes&) = delete;
+
+private:
+    std::unique_ptr<obs::child_process> process_;
+};
+
+class ColourConversion : public Streaming, public ::testing::WithParamInterface<const char*> {};
+
+// Both ways of turning the canvas into NV12 (shaders, or a BGRA read-back converted on
+// the CPU, which software renderers take) must send the screen's colours: a wrong
+// format, range or plane order shows as a swapped, dimmed or flat stripe.
+TEST_P(ColourConversion, TheScreensColoursArriveAtTheIngest)
+{
+    std::string conversion = GetParam();
+    test::scoped_environment chosen("ORBWEAVE_COLOUR_CONVERSION", conversion);
+    colour_stripes stripes;
+    test::stderr_capture log;
+    std::string key = new_key("stripes-" + conversion);
+    {
+        auto media = stream_worker();
+        auto [result, took] = activate(*media, order_for(screen(0), {{"profile", "medium"}}, ingest_->url(), key));
+        ASSERT_TRUE(result.started) << result.error;
+        ASSERT_TRUE(ingest_->probe_live(key, 15s).error.empty());
+        ASSERT_TRUE(media->shutdown());
+    }
+    std::string upper = conversion == "gpu" ? "GPU" : "CPU";
+    EXPECT_NE(log.text().find(", colour conversion on the " + upper + ", video encoder obs_x264"), std::string::npos)
+        << "no line names the stream's path";
+
+    auto recorded = ingest_->probe_recording(key);
+    ASSERT_TRUE(recorded.error.empty()) << recorded.error;
+    auto frame = ingest_->recording_frame(key, std::max(0.0, recorded.duration - 0.5), 64, 36, 20s, true);
+    ASSERT_EQ(frame.size(), 64u * 36u * 3u);
+    // Each stripe's middle row, a quarter and three quarters along its ramp, within
+    // what H.264 at 4:2:0 keeps of a smooth ramp.
+    const std::array<std::array<int, 3>, 3> stripes_rgb{{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
+    for (int stripe = 0; stripe < 3; ++stripe) {
+        int y = stripe * 12 + 6;
+        for (int x : {16, 48}) {
+            const std::uint8_t* pixel = &frame[(static_cast<std::size_t>(y) * 64 + x) * 3];
+            int level = (x * 2 + 1) * 256 / 128;
+            for (int channel = 0; channel < 3; ++channel)
+                EXPECT_NEAR(pixel[channel], stripes_rgb[stripe][channel] * level, 24)
+                    << "stripe " << stripe << " at x " << x << ", channel " << channel;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, ColourConversion, ::testing::Values("gpu", "cpu"),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
 {
