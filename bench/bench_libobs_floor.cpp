@@ -12,7 +12,12 @@
 //                                    encoder is given), converted by shaders and read back
 //   floor_nv12_cpu_cpu_s_per_s       the same, the canvas read back as BGRA and converted
 //                                    by libobs's scaler on the CPU
-//   floor_chosen_conversion GPU|CPU  the one a stream takes on this renderer
+//   floor_chosen_conversion GPU|CPU  the one a canvas stream takes
+//   floor_direct_nv12_cpu_s_per_s    no canvas: the screen grabbed through shared memory
+//                                    and converted to NV12 by libobs's scaler for a
+//                                    consumer (media/screen_feed, what a screen stream
+//                                    takes on a software renderer)
+//   floor_direct_chosen yes|no       whether a screen stream on this machine takes it
 //
 // And for each of the three, from libobs's own profiler, what one frame goes through:
 //
@@ -30,10 +35,12 @@
 
 #include "media/catalogue.hpp"
 #include "media/runtime.hpp"
+#include "media/screen_feed.hpp"
 #include "media/unique_handle.hpp"
 #include "tests/support/media_fixtures.hpp"
 
 #include <obs.h>
+#include <media-io/video-io.h>
 #include <util/profiler.h>
 
 #include <sys/resource.h>
@@ -202,6 +209,17 @@ void run()
     }
     std::printf("floor_chosen_conversion %s\n", obs::to_string(chosen));
     obs_set_output_source(0, nullptr);
+    screen.reset();
+
+    // The canvas goes on running (a stream's sound is mixed there) but shows nothing.
+    obs::screen_entry entry(0, "Display 1", "1280x720", 0, 0, width, height);
+    obs::screen_feed feed(entry, {static_cast<int>(width), static_cast<int>(height)});
+    auto ignore = [](void*, video_data*) {};
+    if (!video_output_connect(feed.video(), nullptr, ignore, nullptr))
+        throw std::runtime_error("cannot take the screen feed's frames");
+    print("floor_direct_nv12_cpu_s_per_s", measure());
+    video_output_disconnect(feed.video(), ignore, nullptr);
+    std::printf("floor_direct_chosen %s\n", obs::feeds_screens_directly(obs::capture_route::x11) ? "yes" : "no");
 }
 
 } // namespace

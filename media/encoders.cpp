@@ -122,13 +122,15 @@ data_handle to_obs_data(const Json& object)
     return data;
 }
 
-encoder_handle create_video_encoder(bool software, profile_type::type level, int bitrate)
+encoder_handle create_video_encoder(bool software, profile_type::type level, int bitrate, video_t* video)
 {
     video_encoder_plan plan = plan_video_encoder(software, level, bitrate, hardware_encoder_id());
     data_handle settings = to_obs_data(plan.settings);
     encoder_handle encoder(obs_video_encoder_create(plan.id.c_str(), "video_encoder", settings.get(), nullptr));
-    if (encoder && obs_get_video())
-        obs_encoder_set_video(encoder.get(), obs_get_video());
+    if (!video)
+        video = obs_get_video();
+    if (encoder && video)
+        obs_encoder_set_video(encoder.get(), video);
     return encoder;
 }
 

@@ -71,7 +71,7 @@ std::string hardware_encoder_id();
 data_handle to_obs_data(const Json& object);
 
 /// The H.264 encoder for a stream, attached to the global video output.
-encoder_handle create_video_encoder(bool software, profile_type::type level, int bitrate);
+encoder_handle create_video_encoder(bool software, profile_type::type level, int bitrate, video_t* video = nullptr);
 
 /// The AAC encoder (its own default bitrate), attached to the global audio output.
 encoder_handle create_audio_encoder();

@@ -60,7 +60,8 @@ bool output::start(const pipe::stream_order& order)
         return false;
     }
     source_type::type kind = entry_kind(order.source);
-    if (!prepare_capture(order, kind))
+    bool fed = kind == source_type::screen && feeds_screens_directly(route_);
+    if (!(fed ? prepare_feed(order) : prepare_capture(order, kind)))
         return false;
     // Audio devices and cameras go to the software encoder from the first attempt.
     bool software = kind == source_type::audio || kind == source_type::video;
@@ -99,10 +100,25 @@ bool output::prepare_capture(const pipe::stream_order& order, callback::source_t
     return true;
 }
 
+bool output::prepare_feed(const pipe::stream_order& order)
+{
+    const auto& screen = std::get<screen_entry>(order.source);
+    frame_size_ = stream_frame_size(order, {static_cast<int>(screen.width), static_cast<int>(screen.height)}, true);
+    try {
+        feed_ = std::make_unique<screen_feed>(screen, frame_size_);
+    } catch (const std::exception& failure) {
+        error_ = failure.what();
+        return false;
+    }
+    return true;
+}
+
 bool output::attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software)
 {
     error_.clear();
-    std::optional<stream_parts> parts = assemble_stream(order, capture_->get(), kind, frame_size_, software, error_);
+    std::optional<stream_parts> parts =
+        assemble_stream(order, capture_ ? capture_->get() : nullptr, kind, frame_size_, software, error_,
+                        feed_ ? feed_->video() : nullptr);
     if (!parts)
         return false;
     // Every way a stream ends unasked is told through end(), once.
@@ -145,6 +161,8 @@ void output::release()
     // Destroyed, it no longer follows the output's signals.
     connection_.reset();
     parts_.release();
+    // After the encoder that took its frames.
+    feed_.reset();
     // The desktop stops casting once the capture is gone.
     capture_.reset();
 }

@@ -16,6 +16,7 @@
 #include "core/obs/pipe_protocol.hpp"
 #include "media/capture_source.hpp"
 #include "media/connection_supervisor.hpp"
+#include "media/screen_feed.hpp"
 #include "media/stream_assembly.hpp"
 
 #include <chrono>
@@ -82,6 +83,8 @@ public:
 private:
     /// Makes the capture source and the canvas at the stream's size; false with error_ set.
     bool prepare_capture(const pipe::stream_order& order, callback::source_type::type kind);
+    /// Starts grabbing the order's screen for the encoder, past the canvas; false with error_ set.
+    bool prepare_feed(const pipe::stream_order& order);
     /// One attempt with the prepared capture; true when the output became active.
     bool attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software);
     /// Marks the stream running, and passes on an end that came while it started.
@@ -91,6 +94,8 @@ private:
     stream_limits limits_;
     capture_route route_;
     std::unique_ptr<capture_source> capture_;
+    // A screen fed to the encoder without the canvas, instead of capture_.
+    std::unique_ptr<screen_feed> feed_;
     // The objects of the attempt that became active.
     stream_parts parts_;
     std::unique_ptr<connection_supervisor> connection_;

@@ -84,6 +84,14 @@ std::string query_renderer()
 
 } // namespace
 
+bool software_renderer(const std::string& renderer)
+{
+    for (const char* name : {"llvmpipe", "softpipe", "swrast", "Software Rasterizer"})
+        if (renderer.find(name) != std::string::npos)
+            return true;
+    return false;
+}
+
 const char* to_string(colour_conversion conversion)
 {
     return conversion == colour_conversion::gpu ? "GPU" : "CPU";

@@ -38,6 +38,9 @@ bool initialize_video(unsigned width, unsigned height, unsigned fps, colour_conv
 
 const video_path& current_video_path();
 
+/// Whether renderer (a GL_RENDERER) is a software rasteriser: llvmpipe, softpipe, swrast.
+bool software_renderer(const std::string& renderer);
+
 /// "GPU" or "CPU".
 const char* to_string(colour_conversion conversion);
 

@@ -48,7 +48,8 @@ scene_handle show_scene(obs_source_t* source, callback::source_type::type kind)
 {
     using callback::source_type;
     scene_handle scene(obs_scene_create("scene"));
-    obs_scene_add(scene.get(), source);
+    if (source)
+        obs_scene_add(scene.get(), source);
     if (kind != source_type::audio) {
         // A camera takes the default microphone along; a screen or window the machine's playback.
         const char* companion_id = kind == source_type::video ? capture_id::audio_input : capture_id::audio_output;
@@ -135,7 +136,7 @@ void stream_parts::release()
 
 std::optional<stream_parts> assemble_stream(const pipe::stream_order& order, obs_source_t* source,
                                             callback::source_type::type kind, std::pair<int, int> frame,
-                                            bool software, std::string& error)
+                                            bool software, std::string& error, video_t* feed)
 {
     stream_parts parts;
     parts.scene = show_scene(source, kind);
@@ -143,7 +144,7 @@ std::optional<stream_parts> assemble_stream(const pipe::stream_order& order, obs
     log::line(json::dump(json::redacted(order.to_json())));
     set_scene_bounds(parts.scene.get(), frame.first, frame.second);
 
-    parts.video_encoder = create_video_encoder(software, order.level, order.bitrate);
+    parts.video_encoder = create_video_encoder(software, order.level, order.bitrate, feed);
     parts.audio_encoder = create_audio_encoder();
     parts.service = create_service(order.server, order.key);
     parts.output = create_output();
@@ -156,8 +157,10 @@ std::optional<stream_parts> assemble_stream(const pipe::stream_order& order, obs
     // Which path this stream's pictures take, for whoever reads the log on a machine
     // with or without a GPU.
     const video_path& path = current_video_path();
-    log::line("media: stream drawn by " + (path.renderer.empty() ? std::string("an unknown renderer") : path.renderer) +
-              ", colour conversion on the " + to_string(path.conversion) + ", video encoder " +
+    std::string drawn = feed ? std::string("grabbed straight from the X server (no canvas)")
+                             : "drawn by " + (path.renderer.empty() ? std::string("an unknown renderer") : path.renderer);
+    log::line("media: stream " + drawn + ", colour conversion on the " +
+              to_string(feed ? colour_conversion::cpu : path.conversion) + ", video encoder " +
               obs_encoder_get_id(parts.video_encoder.get()));
     return parts;
 }

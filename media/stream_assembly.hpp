@@ -46,10 +46,12 @@ struct stream_parts {
 
 /// Builds the stream the order describes around source, a capture of the given kind: the
 /// scene bounded to frame on channel 0 (logging the order, key hidden), the encoders
-/// (software or the level's choice), the service and the output, attached. Nothing, with
-/// error set and the scene off the channel again, when an object cannot be made.
+/// (software or the level's choice), the service and the output, attached. With feed,
+/// the video encoder takes its frames instead of the canvas's and the scene carries the
+/// sound alone (source is then null). Nothing, with error set and the scene off the
+/// channel again, when an object cannot be made.
 std::optional<stream_parts> assemble_stream(const pipe::stream_order& order, obs_source_t* source,
                                             callback::source_type::type kind, std::pair<int, int> frame,
-                                            bool software, std::string& error);
+                                            bool software, std::string& error, video_t* feed = nullptr);
 
 } // namespace orbweave::obs

@@ -344,18 +344,28 @@ private:
     std::unique_ptr<obs::child_process> process_;
 };
 
-class ColourConversion : public Streaming, public ::testing::WithParamInterface<const char*> {};
+/// One way a screen becomes the encoder's frames: through the canvas with either colour
+/// conversion, or grabbed straight from the X server.
+struct screen_path {
+    const char* name;
+    const char* capture;    // ORBWEAVE_SCREEN_CAPTURE
+    const char* conversion; // ORBWEAVE_COLOUR_CONVERSION
+    const char* log_line;
+};
 
-// Both ways of turning the canvas into NV12 (shaders, or a BGRA read-back converted on
-// the CPU, which software renderers take) must send the screen's colours: a wrong
-// format, range or plane order shows as a swapped, dimmed or flat stripe.
-TEST_P(ColourConversion, TheScreensColoursArriveAtTheIngest)
+class ScreenPaths : public Streaming, public ::testing::WithParamInterface<screen_path> {};
+
+// Every path (the canvas converting by shader, or reading back BGRA for the CPU to
+// convert; or no canvas at all) must send the screen's colours: a wrong format, range
+// or plane order shows as a swapped, dimmed or flat stripe.
+TEST_P(ScreenPaths, TheScreensColoursArriveAtTheIngest)
 {
-    std::string conversion = GetParam();
-    test::scoped_environment chosen("ORBWEAVE_COLOUR_CONVERSION", conversion);
+    const screen_path& path = GetParam();
+    test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", std::string(path.capture));
+    test::scoped_environment conversion("ORBWEAVE_COLOUR_CONVERSION", std::string(path.conversion));
     colour_stripes stripes;
     test::stderr_capture log;
-    std::string key = new_key("stripes-" + conversion);
+    std::string key = new_key(std::string("stripes-") + path.name);
     {
         auto media = stream_worker();
         auto [result, took] = activate(*media, order_for(screen(0), {{"profile", "medium"}}, ingest_->url(), key));
@@ -363,9 +373,7 @@ TEST_P(ColourConversion, TheScreensColoursArriveAtTheIngest)
         ASSERT_TRUE(ingest_->probe_live(key, 15s).error.empty());
         ASSERT_TRUE(media->shutdown());
     }
-    std::string upper = conversion == "gpu" ? "GPU" : "CPU";
-    EXPECT_NE(log.text().find(", colour conversion on the " + upper + ", video encoder obs_x264"), std::string::npos)
-        << "no line names the stream's path";
+    EXPECT_NE(log.text().find(path.log_line), std::string::npos) << "no line names the stream's path";
 
     auto recorded = ingest_->probe_recording(key);
     ASSERT_TRUE(recorded.error.empty()) << recorded.error;
@@ -386,8 +394,14 @@ TEST_P(ColourConversion, TheScreensColoursArriveAtTheIngest)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Paths, ColourConversion, ::testing::Values("gpu", "cpu"),
-                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
+INSTANTIATE_TEST_SUITE_P(
+    Paths, ScreenPaths,
+    ::testing::Values(screen_path{"canvas_gpu", "canvas", "gpu", ", colour conversion on the GPU, video encoder obs_x264"},
+                      screen_path{"canvas_cpu", "canvas", "cpu", ", colour conversion on the CPU, video encoder obs_x264"},
+                      screen_path{"direct", "direct", "gpu",
+                                  "media: stream grabbed straight from the X server (no canvas), colour conversion on "
+                                  "the CPU, video encoder obs_x264"}),
+    [](const ::testing::TestParamInfo<screen_path>& info) { return std::string(info.param.name); });
 
 TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
 {

@@ -1,0 +1,67 @@
+#pragma once
+
+// An X11 screen fed to the video encoder without libobs's canvas. On a machine whose GL
+// renderer is the CPU itself (llvmpipe: cloud machines and capture racks without a
+// GPU), showing the screen on the canvas, converting it by shader and reading it back
+// costs about 0.6 of a core per 720p30 stream; grabbing the screen through shared
+// memory and converting it with libobs's scaler costs under 0.1 (bench_libobs_floor).
+// The feed is a libobs video output of its own that the encoder takes instead of the
+// canvas; sound still goes through libobs's mixer as for every stream.
+
+#include "core/obs/capture_route.hpp"
+#include "core/obs/entries.hpp"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+struct video_output;
+typedef struct video_output video_t;
+
+namespace orbweave::obs {
+
+/// Whether this worker feeds screens straight to the encoder: on the X11 route when the
+/// renderer is a software rasteriser. ORBWEAVE_SCREEN_CAPTURE=direct|canvas decides
+/// instead (the tests and benchmarks compare both).
+bool feeds_screens_directly(capture_route route);
+
+/// Frames the feeds of this process sent, and how many of them repeated the one before
+/// because a grab came later than its frame's time.
+struct screen_feed_totals {
+    long long frames = 0;
+    long long late = 0;
+};
+screen_feed_totals screen_feed_counters();
+
+class screen_feed {
+public:
+    /// Starts grabbing screen at 30 fps, scaled to frame; throws std::runtime_error with
+    /// the reason when the screen cannot be grabbed.
+    screen_feed(const screen_entry& screen, std::pair<int, int> frame);
+    /// Stops grabbing and closes the video output; the encoder must have let go of it.
+    ~screen_feed();
+
+    screen_feed(const screen_feed&) = delete;
+    screen_feed& operator=(const screen_feed&) = delete;
+
+    /// What the video encoder takes instead of the canvas.
+    video_t* video() const;
+
+private:
+    struct grabber;
+
+    void run();
+
+    std::unique_ptr<grabber> grabber_;
+    video_t* video_ = nullptr;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+} // namespace orbweave::obs
