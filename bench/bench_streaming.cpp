@@ -23,7 +23,8 @@
 //   stream_frames_60s, stream_dropped_frames_60s, stream_lagged_frames_60s,
 //     stream_skipped_frames_60s: our stream over the same 60 s (the worker's "stats").
 //   test_pattern_cpu_s_per_s, machine_load_1m: what else ran meanwhile (2 cores here).
-//   scaling_N_streams_cpu_s_per_s_per_stream, scaling_N_streams_rss_kib_per_stream: N = 1,
+//   scaling_N_streams_cpu_s_per_s_per_stream, scaling_N_streams_rss_kib_per_stream,
+//   scaling_N_streams_lagged_frames (late frames of all N over the window): N = 1,
 //     2 and 4 streams of the screen at once, one worker each (10 s).
 //   agent_idle_cpu_s_per_s, agent_rss_kib, spare_worker_*, listing_worker_*: orbweave-agent
 //     paired with the simulator and idle (10 s) after one list, and its two workers.
@@ -707,7 +708,15 @@ private:
                 pids.push_back(streams.back()->pid());
             }
             std::this_thread::sleep_for(warm_up); // past the start-up burst
+            auto lagged = [&] {
+                long long total = 0;
+                for (auto& stream : streams)
+                    total += json::at(stream->call(Json{{"op", "stats"}}), {"lagged"}).get<long long>();
+                return total;
+            };
+            long long lagged_before = lagged();
             auto rates = cpu_rates(pids, scaling_window);
+            long long lagged_during = lagged() - lagged_before;
             double cpu = 0, rss = 0;
             for (std::size_t i = 0; i < pids.size(); ++i) {
                 cpu += rates[i];
@@ -716,6 +725,8 @@ private:
             std::string prefix = "scaling_" + std::to_string(count) + "_streams_";
             figure(prefix + "cpu_s_per_s_per_stream", cpu / count, "%.2f");
             figure(prefix + "rss_kib_per_stream", rss / count);
+            // Frames rendered or grabbed late, all streams together: a machine that keeps up has none.
+            figure(prefix + "lagged_frames", static_cast<double>(lagged_during));
             for (auto& stream : streams)
                 stream->shutdown();
         }
