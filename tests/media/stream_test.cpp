@@ -8,6 +8,7 @@
 #include "media/encoders.hpp"
 #include "media/output.hpp"
 #include "media/runtime.hpp"
+#include "media/screen_feed.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/fault_proxy.hpp"
 #include "tests/support/media_fixtures.hpp"
@@ -20,6 +21,8 @@
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+#include <X11/cursorfont.h>
+#include <media-io/video-io.h>
 #include <unistd.h>
 #include <signal.h>
 
@@ -37,6 +40,7 @@
 #include <cstdio>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 namespace orbweave::obs {
 namespace {
@@ -700,6 +704,61 @@ TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
     EXPECT_EQ(stream.error(), "source has no size");
     EXPECT_GE(took, source_size_limit);
     EXPECT_LT(took, source_size_limit + 2s);
+}
+
+// The screen feed draws the pointer, as the canvas's screen capture does: a presenter's
+// pointer is part of the picture.
+TEST(ScreenFeedInProcess, FramesCarryTheScreenAndThePointer)
+{
+    runtime libobs; // libobs's video outputs run inside it
+    // The second screen, made flat black with a crosshair pointer in its middle.
+    Display* x = XOpenDisplay(nullptr);
+    ASSERT_NE(x, nullptr);
+    Window root = RootWindow(x, 1);
+    XSetWindowBackground(x, root, BlackPixel(x, 1));
+    XClearWindow(x, root);
+    Cursor crosshair = XCreateFontCursor(x, XC_crosshair);
+    XDefineCursor(x, root, crosshair);
+    XWarpPointer(x, None, root, 0, 0, 0, 0, 512, 384);
+    XSync(x, False);
+
+    struct taken {
+        std::mutex mutex;
+        std::condition_variable arrived;
+        std::vector<std::uint8_t> luma;
+        std::uint32_t width = 0;
+    } frame;
+    auto keep = [](void* data, video_data* video) {
+        auto* into = static_cast<taken*>(data);
+        std::lock_guard<std::mutex> lock(into->mutex);
+        if (!into->luma.empty())
+            return;
+        into->width = video->linesize[0];
+        into->luma.assign(video->data[0], video->data[0] + static_cast<std::size_t>(video->linesize[0]) * 768);
+        into->arrived.notify_all();
+    };
+    {
+        screen_feed feed(screen_entry(1, "Display 2", "1024x768", 0, 0, 1024, 768), {1024, 768});
+        EXPECT_EQ(video_output_get_width(feed.video()), 1024u);
+        EXPECT_EQ(video_output_get_format(feed.video()), VIDEO_FORMAT_NV12);
+        ASSERT_TRUE(video_output_connect(feed.video(), nullptr, keep, &frame));
+        std::unique_lock<std::mutex> lock(frame.mutex);
+        ASSERT_TRUE(frame.arrived.wait_for(lock, 5s, [&] { return !frame.luma.empty(); })) << "no frame came";
+        lock.unlock();
+        video_output_disconnect(feed.video(), keep, &frame);
+    }
+    XUndefineCursor(x, root);
+    XFreeCursor(x, crosshair);
+    XCloseDisplay(x);
+
+    auto luma_at = [&](int px, int py) { return frame.luma[static_cast<std::size_t>(py) * frame.width + px]; };
+    // Black is 16 in the stream's limited range; the crosshair is drawn white around the hot spot.
+    EXPECT_LE(luma_at(100, 100), 20);
+    int brightest = 0;
+    for (int py = 376; py <= 392; ++py)
+        for (int px = 504; px <= 520; ++px)
+            brightest = std::max<int>(brightest, luma_at(px, py));
+    EXPECT_GT(brightest, 200) << "the pointer is not in the picture";
 }
 
 } // namespace
