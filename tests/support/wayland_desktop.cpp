@@ -28,6 +28,36 @@ bool is_unix_socket(const std::filesystem::path& path)
 
 } // namespace
 
+std::string wayland_desktop::missing_parts(kind desktop)
+{
+    namespace fs = std::filesystem;
+    std::vector<std::pair<std::string, std::string>> needed{{"/usr/bin/pipewire", "pipewire"},
+                                                            {"/usr/bin/wireplumber", "wireplumber"},
+                                                            {"/usr/libexec/xdg-desktop-portal", "xdg-desktop-portal"}};
+    if (desktop == kind::sway) {
+        needed.insert(needed.end(), {{"/usr/bin/sway", "sway"},
+                                     {"/usr/libexec/xdg-desktop-portal-wlr", "xdg-desktop-portal-wlr"}});
+    } else {
+        needed.insert(needed.end(), {{"/usr/bin/mutter", "mutter"},
+                                     {"/usr/libexec/xdg-desktop-portal-gnome", "xdg-desktop-portal-gnome"},
+                                     {"/usr/libexec/at-spi-bus-launcher", "at-spi2-core"},
+                                     {"/usr/lib/python3/dist-packages/pyatspi", "python3-pyatspi"}});
+    }
+    std::string missing;
+    for (const auto& [path, package] : needed)
+        if (!fs::exists(path))
+            missing += (missing.empty() ? "" : ", ") + package;
+    return missing.empty() ? "" : "Debian packages missing: " + missing;
+}
+
+wayland_desktop::options wayland_desktop::gnome()
+{
+    options made;
+    made.desktop = kind::gnome;
+    made.outputs = {{"Meta-0", 0, 0, 1280, 720, ""}};
+    return made;
+}
+
 wayland_desktop::wayland_desktop(options options) : options_(std::move(options)), dir_("orbweave-wayland")
 {
     namespace fs = std::filesystem;
@@ -35,9 +65,10 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
     for (const char* folder : {"run", "home", "config/xdg-desktop-portal-wlr", "state", "data", "cache", "logs"})
         fs::create_directories(root / folder);
     fs::permissions(root / "run", fs::perms::owner_all, fs::perm_options::replace);
-    bool as_root = ::geteuid() == 0;
+    bool gnome = options_.desktop == kind::gnome;
     // sway (as nobody when we are root) creates its socket in the runtime folder.
-    if (as_root && (::chown(root.c_str(), nobody, nobody) != 0 || ::chown((root / "run").c_str(), nobody, nobody) != 0))
+    if (!gnome && ::geteuid() == 0 &&
+        (::chown(root.c_str(), nobody, nobody) != 0 || ::chown((root / "run").c_str(), nobody, nobody) != 0))
         throw std::runtime_error("cannot hand the runtime folder to sway's user");
     fs::permissions(root, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec,
                     fs::perm_options::replace);
@@ -50,13 +81,25 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
                     {"XDG_DATA_HOME", (root / "data").string()},
                     {"XDG_CACHE_HOME", (root / "cache").string()},
                     {"XDG_SESSION_TYPE", "wayland"},
-                    {"XDG_CURRENT_DESKTOP", "sway"},
+                    {"XDG_CURRENT_DESKTOP", gnome ? "GNOME" : "sway"},
                     {"LANG", "C.UTF-8"}};
 
     // The session bus; what it starts on demand sees the session's variables (below).
     bus_ = std::make_unique<session_bus>();
     environment_.push_back({"DBUS_SESSION_BUS_ADDRESS", bus_->address()});
 
+    if (gnome)
+        start_gnome();
+    else
+        start_sway();
+    start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp");
+    wait_for_bus_name("org.freedesktop.portal.Desktop");
+}
+
+void wayland_desktop::start_sway()
+{
+    namespace fs = std::filesystem;
+    const fs::path& root = dir_.path();
     // The compositor, its outputs and (when busy) a terminal that keeps changing.
     std::ostringstream sway;
     sway << "xwayland disable\ndefault_border none\n";
@@ -69,7 +112,7 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
                 "'while :; do date +%T.%N | cut -c1-12; sleep 0.2; done'\n";
     std::ofstream(root / "config/sway.conf") << sway.str();
     std::vector<std::string> sway_argv{"sway", "-c", (root / "config/sway.conf").string()};
-    if (as_root)
+    if (::geteuid() == 0)
         sway_argv.insert(sway_argv.begin(),
                          {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
     start(sway_argv, "sway",
@@ -77,6 +120,53 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
            {"WLR_LIBINPUT_NO_DEVICES", "1"},
            {"WLR_RENDERER", "pixman"},
            {"WLR_HEADLESS_OUTPUTS", std::to_string(options_.outputs.size())}});
+    wait_for_compositor("sway");
+    start_media_and_activation();
+
+    // The portal's wlroots backend with a recording chooser.
+    choose(options_.outputs.front().name);
+    // "slow" stands for a user who takes 5 s and then picks nothing.
+    std::ofstream(root / "chooser.sh") << "#!/bin/sh\necho called >> '" << (root / "chooser-calls").string()
+                                       << "'\nchoice=$(cat '" << (root / "choice").string() << "')\n"
+                                       << "if [ \"$choice\" = slow ]; then sleep 5; choice=; fi\n"
+                                       << "echo returned >> '" << (root / "chooser-returns").string() << "'\n"
+                                       << "echo \"$choice\"\n";
+    std::ofstream(root / "config/xdg-desktop-portal-wlr/config")
+        << "[screencast]\nmax_fps=30\nchooser_type=simple\nchooser_cmd=sh " << (root / "chooser.sh").string() << "\n";
+    start_portal_backend();
+}
+
+void wayland_desktop::start_gnome()
+{
+    const std::filesystem::path& root = dir_.path();
+    // mutter alone (gnome-shell wants logind on the system bus), one virtual monitor per output.
+    std::vector<std::string> mutter{"mutter", "--headless", "--wayland", "--no-x11"};
+    for (const output& out : options_.outputs) {
+        mutter.push_back("--virtual-monitor");
+        mutter.push_back(std::to_string(out.width) + "x" + std::to_string(out.height));
+    }
+    start(mutter, "mutter");
+    wait_for_compositor("mutter");
+    start_media_and_activation();
+    if (options_.busy)
+        start({"foot", "--app-id=clock", "--title=Orbweave clock", "--font=DejaVu Sans Mono:size=20", "-e", "sh", "-c",
+               "while :; do date +%T.%N | cut -c1-12; sleep 0.2; done"},
+              "foot");
+
+    // The picker is a GTK 4 dialog of the portal's GNOME backend; it is answered over the
+    // accessibility bus, which must run before the dialog's toolkit looks for it.
+    start({"/usr/libexec/at-spi-bus-launcher", "--launch-immediately"}, "at-spi");
+    wait_for_bus_name("org.a11y.Bus");
+    choose("share");
+    start({"/usr/bin/python3", ORBWEAVE_PICKER_SCRIPT, (root / "choice").string(), (root / "chooser-calls").string()},
+          "picker");
+    start_portal_backend();
+}
+
+void wayland_desktop::wait_for_compositor(const std::string& name)
+{
+    namespace fs = std::filesystem;
+    fs::path runtime = dir_.path() / "run";
     std::string display;
     if (!eventually(
             [&] {
@@ -86,9 +176,13 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
                 return !display.empty();
             },
             start_limit))
-        throw std::runtime_error("sway did not open its socket; see " + (root / "logs/sway.log").string());
+        throw std::runtime_error(name + " did not open its socket; see " + (dir_.path() / "logs").string());
     environment_.push_back({"WAYLAND_DISPLAY", display});
+}
 
+void wayland_desktop::start_media_and_activation()
+{
+    const std::filesystem::path& root = dir_.path();
     // Sound and video: PipeWire, its session manager and its PulseAudio server.
     start({"pipewire"}, "pipewire");
     if (!eventually([&] { return is_unix_socket(root / "run/pipewire-0"); }, start_limit))
@@ -110,20 +204,6 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
     run_program(update, 10s, &status);
     if (status != 0)
         throw std::runtime_error("dbus-update-activation-environment failed");
-
-    // The portal: its wlroots backend with a recording chooser, then the front end.
-    choose(options_.outputs.front().name);
-    // "slow" stands for a user who takes 5 s and then picks nothing.
-    std::ofstream(root / "chooser.sh") << "#!/bin/sh\necho called >> '" << (root / "chooser-calls").string()
-                                       << "'\nchoice=$(cat '" << (root / "choice").string() << "')\n"
-                                       << "if [ \"$choice\" = slow ]; then sleep 5; choice=; fi\n"
-                                       << "echo returned >> '" << (root / "chooser-returns").string() << "'\n"
-                                       << "echo \"$choice\"\n";
-    std::ofstream(root / "config/xdg-desktop-portal-wlr/config")
-        << "[screencast]\nmax_fps=30\nchooser_type=simple\nchooser_cmd=sh " << (root / "chooser.sh").string() << "\n";
-    start_portal_backend();
-    start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp");
-    wait_for_bus_name("org.freedesktop.portal.Desktop");
 }
 
 wayland_desktop::~wayland_desktop()
@@ -151,22 +231,18 @@ void wayland_desktop::start(std::vector<std::string> argv, const std::string& lo
     processes_.push_back(std::make_unique<obs::child_process>(options));
 }
 
+bool wayland_desktop::on_bus(const std::string& name) const
+{
+    std::string reply = run_program({"env", "DBUS_SESSION_BUS_ADDRESS=" + bus_->address(), "dbus-send", "--session",
+                                     "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                     "org.freedesktop.DBus.NameHasOwner", "string:" + name},
+                                    5s);
+    return reply.find("boolean true") != std::string::npos;
+}
+
 void wayland_desktop::wait_for_bus_name(const std::string& name)
 {
-    std::string address;
-    for (const auto& [key, value] : environment_)
-        if (key == "DBUS_SESSION_BUS_ADDRESS")
-            address = value;
-    bool owned = eventually(
-        [&] {
-            std::string reply = run_program({"env", "DBUS_SESSION_BUS_ADDRESS=" + address, "dbus-send", "--session",
-                                             "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                             "org.freedesktop.DBus.NameHasOwner", "string:" + name},
-                                            5s);
-            return reply.find("boolean true") != std::string::npos;
-        },
-        start_limit, 50ms);
-    if (!owned)
+    if (!eventually([&] { return on_bus(name); }, start_limit, 50ms))
         throw std::runtime_error(name + " did not appear on the session bus; see " + dir_.path().string() + "/logs");
 }
 
@@ -179,7 +255,10 @@ void wayland_desktop::export_environment() const
 
 void wayland_desktop::choose(const std::string& output_name)
 {
-    std::ofstream(dir_.path() / "choice") << output_name << (output_name.empty() ? "" : "\n");
+    if (options_.desktop == kind::gnome)
+        std::ofstream(dir_.path() / "choice") << (output_name.empty() ? "cancel" : "share") << "\n";
+    else
+        std::ofstream(dir_.path() / "choice") << output_name << (output_name.empty() ? "" : "\n");
 }
 
 namespace {
@@ -200,6 +279,9 @@ int wayland_desktop::chooser_calls() const
 
 bool wayland_desktop::chooser_idle() const
 {
+    // GNOME's picker is answered as soon as it is seen.
+    if (options_.desktop == kind::gnome)
+        return true;
     return count_lines(dir_.path() / "chooser-returns") == chooser_calls();
 }
 
@@ -220,6 +302,12 @@ bool wayland_desktop::resize_output(const std::string& name, int width, int heig
 
 void wayland_desktop::start_portal_backend()
 {
+    if (options_.desktop == kind::gnome) {
+        start({"/usr/libexec/xdg-desktop-portal-gnome"}, "xdpg");
+        portal_backend_ = processes_.back().get();
+        wait_for_bus_name("org.freedesktop.impl.portal.desktop.gnome");
+        return;
+    }
     start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",
            (dir_.path() / "config/xdg-desktop-portal-wlr/config").string()},
           "xdpw", {{"LD_PRELOAD", ORBWEAVE_XDPW_SHIM}});
