@@ -1,5 +1,6 @@
 #include "media/portal_session.hpp"
 
+#include "core/log.hpp"
 #include "media/c_boundary.hpp"
 
 #include <libportal/portal.h>
@@ -14,7 +15,10 @@
 
 namespace orbweave::obs {
 
-unsigned portal_source_types()
+namespace {
+
+/// A uint32 property of the portal's ScreenCast interface; 0 when it cannot be read.
+unsigned screen_cast_property(const char* name)
 {
     GError* error = nullptr;
     GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
@@ -24,20 +28,38 @@ unsigned portal_source_types()
     }
     GVariant* reply = g_dbus_connection_call_sync(
         bus, "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop", "org.freedesktop.DBus.Properties",
-        "Get", g_variant_new("(ss)", "org.freedesktop.portal.ScreenCast", "AvailableSourceTypes"),
-        G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+        "Get", g_variant_new("(ss)", "org.freedesktop.portal.ScreenCast", name), G_VARIANT_TYPE("(v)"),
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
     g_object_unref(bus);
-    unsigned types = 0;
+    unsigned value = 0;
     if (reply) {
-        GVariant* value = nullptr;
-        g_variant_get(reply, "(v)", &value);
-        if (g_variant_is_of_type(value, G_VARIANT_TYPE_UINT32))
-            types = g_variant_get_uint32(value);
-        g_variant_unref(value);
+        GVariant* inner = nullptr;
+        g_variant_get(reply, "(v)", &inner);
+        if (g_variant_is_of_type(inner, G_VARIANT_TYPE_UINT32))
+            value = g_variant_get_uint32(inner);
+        g_variant_unref(inner);
         g_variant_unref(reply);
     }
     g_clear_error(&error);
-    return types;
+    return value;
+}
+
+/// The pointer drawn into the picture, as on X11, where the portal offers it; hidden
+/// where it offers only that (metadata would leave it out of the picture anyway).
+XdpCursorMode cursor_mode()
+{
+    unsigned offered = screen_cast_property("AvailableCursorModes");
+    if (offered & XDP_CURSOR_MODE_EMBEDDED || !(offered & XDP_CURSOR_MODE_HIDDEN))
+        return XDP_CURSOR_MODE_EMBEDDED;
+    log::line("media: the desktop's screen cast cannot show the pointer; it is left out");
+    return XDP_CURSOR_MODE_HIDDEN;
+}
+
+} // namespace
+
+unsigned portal_source_types()
+{
+    return screen_cast_property("AvailableSourceTypes");
 }
 
 // ---------------------------------------------------------------------------------
@@ -141,7 +163,7 @@ struct portal_session::impl {
         // Without a portal on the bus, the session's creation fails with the reason.
         portal = xdp_portal_new();
         xdp_portal_create_screencast_session(
-            portal, window ? XDP_OUTPUT_WINDOW : XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE, XDP_CURSOR_MODE_EMBEDDED,
+            portal, window ? XDP_OUTPUT_WINDOW : XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE, cursor_mode(),
             XDP_PERSIST_MODE_PERSISTENT, restore_token.empty() ? nullptr : restore_token.c_str(), cancellable,
             [](GObject* source, GAsyncResult* result, gpointer data) {
                 guarded("the screen cast session's creation",
