@@ -39,6 +39,12 @@ bool size_from_screen_label(const std::string& label, unsigned long& width, unsi
     return std::sscanf(label.c_str() + open, "(%lux%lu", &width, &height) == 2;
 }
 
+bool origin_from_screen_label(const std::string& label, long& x, long& y)
+{
+    auto at = label.rfind(" @ ");
+    return at != std::string::npos && std::sscanf(label.c_str() + at, " @ %ld,%ld", &x, &y) == 2;
+}
+
 bool split_window_item(const std::string& value, long long& xid, std::string& title, std::string& window_class)
 {
     auto first = value.find("\r\n");
@@ -58,6 +64,18 @@ bool split_window_item(const std::string& value, long long& xid, std::string& ti
 }
 
 } // namespace detail
+
+std::optional<std::pair<long, long>> x11_screen_origin(int index)
+{
+    std::optional<std::pair<long, long>> origin;
+    enumerate_props(capture_id::screen, "screen", [&](prop_info& info, std::size_t i) {
+        const char* label = obs_property_list_item_name(info.property, i);
+        long x = 0, y = 0;
+        if (static_cast<int>(i) == index && label && detail::origin_from_screen_label(label, x, y))
+            origin = std::make_pair(x, y);
+    });
+    return origin;
+}
 
 std::vector<screen_entry> list_screens()
 {

@@ -11,7 +11,9 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orbweave::obs {
@@ -52,9 +54,16 @@ std::vector<window_entry> list_portal_windows();
 std::vector<audio_entry> list_audios();
 std::vector<video_entry> list_videos();
 
+/// Where on the X display libobs's screen capture finds screen index: the "@ X,Y" of its
+/// item (with RandR or Xinerama the screens are areas of one root window). None when the
+/// capture lists no such screen.
+std::optional<std::pair<long, long>> x11_screen_origin(int index);
+
 namespace detail {
 /// Width and height from an xshm screen item name such as "Screen 1 (1024x768 @ 1280,0)".
 bool size_from_screen_label(const std::string& label, unsigned long& width, unsigned long& height);
+/// The "@ X,Y" of such a name.
+bool origin_from_screen_label(const std::string& label, long& x, long& y);
 /// An xcomposite item value "XID\r\ntitle\r\nclass" split into its parts; false when malformed.
 bool split_window_item(const std::string& value, long long& xid, std::string& title, std::string& window_class);
 } // namespace detail

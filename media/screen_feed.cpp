@@ -1,6 +1,7 @@
 #include "media/screen_feed.hpp"
 
 #include "core/log.hpp"
+#include "media/catalogue.hpp"
 #include "media/encoders.hpp"
 #include "media/runtime.hpp"
 #include "media/unique_handle.hpp"
@@ -41,9 +42,9 @@ bool has_extension(Display* display, const char* name)
     return XQueryExtension(display, name, &opcode, &event, &error);
 }
 
-/// Where on which root window libobs's screen capture finds screen index: with RandR or
-/// Xinerama, an area of the first screen's root (its list names "WxH @ X,Y"); without,
-/// the index is an X screen of its own.
+/// Where on which root window libobs's screen capture finds screen index, so that both
+/// paths send the same picture: with RandR or Xinerama, an area of the first screen's
+/// root at the origin the capture lists; without, the index is an X screen of its own.
 struct screen_area {
     int screen = 0;
     int x = 0;
@@ -58,8 +59,11 @@ screen_area area_of(Display* display, const screen_entry& entry)
     area.width = static_cast<int>(entry.width);
     area.height = static_cast<int>(entry.height);
     if (has_extension(display, "RANDR") || has_extension(display, "XINERAMA")) {
-        area.x = static_cast<int>(entry.left);
-        area.y = static_cast<int>(entry.top);
+        auto origin = x11_screen_origin(entry.index);
+        if (!origin)
+            throw std::runtime_error("screen " + std::to_string(entry.index) + " is not on the X display");
+        area.x = static_cast<int>(origin->first);
+        area.y = static_cast<int>(origin->second);
     } else {
         area.screen = entry.index;
     }

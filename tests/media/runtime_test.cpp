@@ -57,6 +57,11 @@ TEST(CaptureItems, ScreenSizesAndWindowItemsAreReadFromThePluginFormats)
     EXPECT_TRUE(detail::size_from_screen_label("Screen DP-1 (2560x1440 @ 0,0)", width, height));
     EXPECT_EQ(width, 2560u);
     EXPECT_FALSE(detail::size_from_screen_label("Screen 0", width, height));
+    long x = 0, y = 0;
+    EXPECT_TRUE(detail::origin_from_screen_label("Screen HDMI-1 (1024x768 @ 1920,40)", x, y));
+    EXPECT_EQ(x, 1920);
+    EXPECT_EQ(y, 40);
+    EXPECT_FALSE(detail::origin_from_screen_label("Screen 1 (not found)", x, y));
 
     long long xid = 0;
     std::string title, window_class;
