@@ -37,6 +37,14 @@ std::string wayland_desktop::missing_parts(kind desktop)
     if (desktop == kind::sway) {
         needed.insert(needed.end(), {{"/usr/bin/sway", "sway"},
                                      {"/usr/libexec/xdg-desktop-portal-wlr", "xdg-desktop-portal-wlr"}});
+    } else if (desktop == kind::kde) {
+        needed.insert(needed.end(), {{"/usr/bin/kwin_wayland", "kwin-wayland"},
+                                     {"/usr/lib/x86_64-linux-gnu/libexec/xdg-desktop-portal-kde", "xdg-desktop-portal-kde"},
+                                     {"/usr/lib/x86_64-linux-gnu/qt5/plugins/platforms/libqwayland-generic.so", "qtwayland5"},
+                                     {"/usr/lib/x86_64-linux-gnu/qt5/qml/org/kde/pipewire", "qml-module-org-kde-pipewire"},
+                                     {"/usr/lib/x86_64-linux-gnu/qt5/qml/org/kde/taskmanager", "plasma-workspace"},
+                                     {"/usr/libexec/at-spi-bus-launcher", "at-spi2-core"},
+                                     {"/usr/lib/python3/dist-packages/pyatspi", "python3-pyatspi"}});
     } else {
         needed.insert(needed.end(), {{"/usr/bin/mutter", "mutter"},
                                      {"/usr/libexec/xdg-desktop-portal-gnome", "xdg-desktop-portal-gnome"},
@@ -58,6 +66,15 @@ wayland_desktop::options wayland_desktop::gnome()
     return made;
 }
 
+wayland_desktop::options wayland_desktop::kde()
+{
+    options made;
+    made.desktop = kind::kde;
+    made.outputs = {{"Virtual-0", 0, 0, 1280, 720, ""}};
+    made.busy = false;
+    return made;
+}
+
 wayland_desktop::wayland_desktop(options options) : options_(std::move(options)), dir_("orbweave-wayland")
 {
     namespace fs = std::filesystem;
@@ -65,9 +82,9 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
     for (const char* folder : {"run", "home", "config/xdg-desktop-portal-wlr", "state", "data", "cache", "logs"})
         fs::create_directories(root / folder);
     fs::permissions(root / "run", fs::perms::owner_all, fs::perm_options::replace);
-    bool gnome = options_.desktop == kind::gnome;
+    bool sway = options_.desktop == kind::sway;
     // sway (as nobody when we are root) creates its socket in the runtime folder.
-    if (!gnome && ::geteuid() == 0 &&
+    if (sway && ::geteuid() == 0 &&
         (::chown(root.c_str(), nobody, nobody) != 0 || ::chown((root / "run").c_str(), nobody, nobody) != 0))
         throw std::runtime_error("cannot hand the runtime folder to sway's user");
     fs::permissions(root, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec,
@@ -81,15 +98,17 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
                     {"XDG_DATA_HOME", (root / "data").string()},
                     {"XDG_CACHE_HOME", (root / "cache").string()},
                     {"XDG_SESSION_TYPE", "wayland"},
-                    {"XDG_CURRENT_DESKTOP", gnome ? "GNOME" : "sway"},
+                    {"XDG_CURRENT_DESKTOP", sway ? "sway" : options_.desktop == kind::gnome ? "GNOME" : "KDE"},
                     {"LANG", "C.UTF-8"}};
 
     // The session bus; what it starts on demand sees the session's variables (below).
     bus_ = std::make_unique<session_bus>();
     environment_.push_back({"DBUS_SESSION_BUS_ADDRESS", bus_->address()});
 
-    if (gnome)
+    if (options_.desktop == kind::gnome)
         start_gnome();
+    else if (options_.desktop == kind::kde)
+        start_kde();
     else
         start_sway();
     start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp");
@@ -138,7 +157,6 @@ void wayland_desktop::start_sway()
 
 void wayland_desktop::start_gnome()
 {
-    const std::filesystem::path& root = dir_.path();
     // mutter alone (gnome-shell wants logind on the system bus), one virtual monitor per output.
     std::vector<std::string> mutter{"mutter", "--headless", "--wayland", "--no-x11"};
     for (const output& out : options_.outputs) {
@@ -153,14 +171,45 @@ void wayland_desktop::start_gnome()
                "while :; do date +%T.%N | cut -c1-12; sleep 0.2; done"},
               "foot");
 
-    // The picker is a GTK 4 dialog of the portal's GNOME backend; it is answered over the
-    // accessibility bus, which must run before the dialog's toolkit looks for it.
+    // The picker is a GTK 4 dialog of the portal's GNOME backend.
+    start_picker_answers();
+    start_portal_backend();
+}
+
+void wayland_desktop::start_kde()
+{
+    namespace fs = std::filesystem;
+    // Debian installs kwin_wayland with a file capability (cap_sys_resource, to raise
+    // its scheduling limits), which a container that lacks it refuses to execute; a copy
+    // without it runs the same.
+    fs::path kwin = dir_.path() / "kwin_wayland";
+    fs::copy_file("/usr/bin/kwin_wayland", kwin, fs::copy_options::overwrite_existing);
+    const output& first = options_.outputs.front();
+    start({kwin.string(), "--virtual", "--width", std::to_string(first.width), "--height",
+           std::to_string(first.height), "--no-lockscreen", "--socket", "wayland-0"},
+          "kwin");
+    wait_for_compositor("kwin_wayland");
+    start_media_and_activation();
+    // The picker is a Qt Quick dialog of the portal's KDE backend, on Wayland, with Qt's
+    // accessibility bridge on.
+    environment_.insert(environment_.end(), {{"QT_QPA_PLATFORM", "wayland"},
+                                             {"QT_ACCESSIBILITY", "1"},
+                                             {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"},
+                                             {"KDE_FULL_SESSION", "true"}});
+    start_picker_answers();
+    start_portal_backend();
+}
+
+void wayland_desktop::start_picker_answers()
+{
+    // Answered over the accessibility bus, which must run before the dialog's toolkit
+    // looks for it.
+    const std::filesystem::path& root = dir_.path();
     start({"/usr/libexec/at-spi-bus-launcher", "--launch-immediately"}, "at-spi");
     wait_for_bus_name("org.a11y.Bus");
     choose("share");
     start({"/usr/bin/python3", ORBWEAVE_PICKER_SCRIPT, (root / "choice").string(), (root / "chooser-calls").string()},
           "picker");
-    start_portal_backend();
 }
 
 void wayland_desktop::wait_for_compositor(const std::string& name)
@@ -255,7 +304,7 @@ void wayland_desktop::export_environment() const
 
 void wayland_desktop::choose(const std::string& output_name)
 {
-    if (options_.desktop == kind::gnome)
+    if (options_.desktop != kind::sway)
         std::ofstream(dir_.path() / "choice") << (output_name.empty() ? "cancel" : "share") << "\n";
     else
         std::ofstream(dir_.path() / "choice") << output_name << (output_name.empty() ? "" : "\n");
@@ -279,8 +328,8 @@ int wayland_desktop::chooser_calls() const
 
 bool wayland_desktop::chooser_idle() const
 {
-    // GNOME's picker is answered as soon as it is seen.
-    if (options_.desktop == kind::gnome)
+    // GNOME's and KDE's pickers are answered as soon as they are seen.
+    if (options_.desktop != kind::sway)
         return true;
     return count_lines(dir_.path() / "chooser-returns") == chooser_calls();
 }
@@ -306,6 +355,12 @@ void wayland_desktop::start_portal_backend()
         start({"/usr/libexec/xdg-desktop-portal-gnome"}, "xdpg");
         portal_backend_ = processes_.back().get();
         wait_for_bus_name("org.freedesktop.impl.portal.desktop.gnome");
+        return;
+    }
+    if (options_.desktop == kind::kde) {
+        start({"/usr/lib/x86_64-linux-gnu/libexec/xdg-desktop-portal-kde"}, "xdpk");
+        portal_backend_ = processes_.back().get();
+        wait_for_bus_name("org.freedesktop.impl.portal.desktop.kde");
         return;
     }
     start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",

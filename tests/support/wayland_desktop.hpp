@@ -8,6 +8,10 @@
 // casts are chosen by a chooser script that records each call and answers what the test
 // wrote into its choice file (an output name, or nothing for a user who cancels).
 //
+// KDE Plasma: kwin_wayland with one virtual output (Virtual-0), xdg-desktop-portal-kde
+// with Qt's accessibility on. Its picker's rows offer no action over AT-SPI, so only
+// "Cancel" can be answered headless; the tests say so.
+//
 // GNOME: mutter on its headless backend with virtual monitors (Meta-0, Meta-1, ...),
 // xdg-desktop-portal-gnome, and the accessibility bus; the portal's own picker (GTK 4)
 // is answered over AT-SPI by tests/support/wayland/answer_picker.py, which selects the
@@ -40,7 +44,7 @@ public:
         std::string background; // "#rrggbb"
     };
 
-    enum class kind { sway, gnome };
+    enum class kind { sway, gnome, kde };
 
     /// Why the desktop cannot start here (a package missing), or "" when it can.
     static std::string missing_parts(kind desktop);
@@ -57,6 +61,8 @@ public:
     /// The options of a GNOME desktop with one 1280x720 monitor (its background is
     /// mutter's own, not set by the test) and a terminal to share as a window.
     static options gnome();
+    /// The options of a KDE Plasma desktop with one 1280x720 virtual output.
+    static options kde();
 
     wayland_desktop() : wayland_desktop(options{}) {}
     /// Starts the whole stack; throws std::runtime_error when a part does not come up.
@@ -96,6 +102,9 @@ private:
     void start(std::vector<std::string> argv, const std::string& log, std::vector<std::pair<std::string, std::string>> extra = {});
     void start_sway();
     void start_gnome();
+    void start_kde();
+    /// The accessibility bus and the picker's answering script, before the portal backend.
+    void start_picker_answers();
     void start_media_and_activation();
     /// Waits for the compositor's socket and sets WAYLAND_DISPLAY to it.
     void wait_for_compositor(const std::string& name);

@@ -5,7 +5,7 @@ Usage: answer_picker.py CHOICE_FILE RECORD_FILE
 
 Watches the accessibility bus for dialogs with a "Share" button and answers each as
 CHOICE_FILE says at that moment: "share" selects the first entry of its list of
-screens or windows, ticks "Remember this selection" where the dialog has it (so the
+screens or windows, ticks the box that keeps the choice where the dialog has one (so the
 portal hands out a restore token) and presses "Share"; "cancel" presses "Cancel". Each
 answer appends a line to RECORD_FILE. Runs until the test's fixture stops it.
 """
@@ -43,9 +43,16 @@ def press(node):
     return action.nActions > 0 and action.doAction(0)
 
 
+def label_of(node):
+    """A row's own name, or the text of the labels inside it (Qt Quick rows have none of their own)."""
+    texts = [node.name] + [child.name for child in walk(node) if child.getRole() == pyatspi.ROLE_LABEL]
+    return " ".join(text for text in texts if text)
+
+
 def select_first_row(dialog):
     for node in walk(dialog):
-        if node.getRole() in ROWS:
+        # KDE lists "New Virtual Output" first: a screen that does not exist yet.
+        if node.getRole() in ROWS and "New Virtual Output" not in label_of(node):
             parent = node.parent
             try:
                 parent.querySelection().selectChild(node.getIndexInParent())
@@ -73,7 +80,8 @@ def find_button(dialog, name):
 
 def remember(dialog):
     for node in walk(dialog):
-        if node.getRole() == pyatspi.ROLE_CHECK_BOX and "Remember" in node.name:
+        # GNOME: "Remember this selection"; KDE: "Allow restoring on future sessions".
+        if node.getRole() == pyatspi.ROLE_CHECK_BOX and ("Remember" in node.name or "restoring" in node.name):
             if not node.getState().contains(pyatspi.STATE_CHECKED):
                 press(node)
             return
