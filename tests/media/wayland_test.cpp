@@ -469,6 +469,9 @@ TEST_P(WaylandDesktops, ListsTheCompositorsOutputsAsScreensAndWindowsOnlyWhereTh
 TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfterARestart)
 {
     auto& desktop = this->desktop();
+    if (std::string limitation = desktop.picker_limitation(); !limitation.empty())
+        GTEST_SKIP() << "the first pick (and so the restored one) is not tested on "
+                     << test::wayland_desktop::name(desktop.desktop()) << ": " << limitation;
     const auto& output = desktop.outputs()[0];
     test::temp_dir dir;
     std::string tokens = dir.file("state/restore-tokens.json");
@@ -528,6 +531,7 @@ std::string desktop_name(const ::testing::TestParamInfo<desktop_kind>& info)
 // started once for them).
 INSTANTIATE_TEST_SUITE_P(Sway, WaylandDesktops, ::testing::Values(desktop_kind::sway), desktop_name);
 INSTANTIATE_TEST_SUITE_P(Gnome, WaylandDesktops, ::testing::Values(desktop_kind::gnome), desktop_name);
+INSTANTIATE_TEST_SUITE_P(Kde, WaylandDesktops, ::testing::Values(desktop_kind::kde), desktop_name);
 
 } // namespace
 } // namespace orbweave

@@ -78,6 +78,8 @@ public:
     /// cancels), or "slow" (nothing, after 5 s). On GNOME and KDE a name picks the row
     /// showing it, else the first row.
     void choose(const std::string& output_name);
+    /// Why the tests cannot answer this desktop's picker headless; empty where they can.
+    std::string picker_limitation() const;
     /// How often the portal has asked the user to choose.
     int chooser_calls() const;
     /// Whether every chooser call has returned.
