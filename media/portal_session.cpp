@@ -1,5 +1,6 @@
 #include "media/portal_session.hpp"
 
+#include "core/log.hpp"
 #include "media/c_boundary.hpp"
 
 #include <libportal/portal.h>
@@ -14,7 +15,10 @@
 
 namespace orbweave::obs {
 
-unsigned portal_source_types()
+namespace {
+
+/// A uint32 property of the portal's ScreenCast interface; 0 when no portal answers.
+unsigned screen_cast_property(const char* name)
 {
     GError* error = nullptr;
     GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
@@ -24,7 +28,7 @@ unsigned portal_source_types()
     }
     GVariant* reply = g_dbus_connection_call_sync(
         bus, "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop", "org.freedesktop.DBus.Properties",
-        "Get", g_variant_new("(ss)", "org.freedesktop.portal.ScreenCast", "AvailableSourceTypes"),
+        "Get", g_variant_new("(ss)", "org.freedesktop.portal.ScreenCast", name),
         G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
     g_object_unref(bus);
     unsigned types = 0;
@@ -38,6 +42,35 @@ unsigned portal_source_types()
     }
     g_clear_error(&error);
     return types;
+}
+
+const char* cursor_mode_name(unsigned mode)
+{
+    switch (mode) {
+    case portal_cursor_embedded: return "embedded in the picture";
+    case portal_cursor_metadata: return "as metadata beside the picture (not drawn)";
+    default: return "hidden";
+    }
+}
+
+} // namespace
+
+unsigned portal_source_types()
+{
+    return screen_cast_property("AvailableSourceTypes");
+}
+
+unsigned portal_cursor_modes()
+{
+    return screen_cast_property("AvailableCursorModes");
+}
+
+unsigned choose_cursor_mode(unsigned available)
+{
+    for (unsigned mode : {portal_cursor_embedded, portal_cursor_metadata, portal_cursor_hidden})
+        if (available & mode)
+            return mode;
+    return portal_cursor_hidden;
 }
 
 // ---------------------------------------------------------------------------------
@@ -136,12 +169,13 @@ struct portal_session::impl {
         answer(std::move(outcome));
     }
 
-    void start(const std::string& restore_token, bool window)
+    void start(const std::string& restore_token, bool window, unsigned cursor)
     {
         // Without a portal on the bus, the session's creation fails with the reason.
         portal = xdp_portal_new();
         xdp_portal_create_screencast_session(
-            portal, window ? XDP_OUTPUT_WINDOW : XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE, XDP_CURSOR_MODE_EMBEDDED,
+            portal, window ? XDP_OUTPUT_WINDOW : XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE,
+            static_cast<XdpCursorMode>(cursor),
             XDP_PERSIST_MODE_PERSISTENT, restore_token.empty() ? nullptr : restore_token.c_str(), cancellable,
             [](GObject* source, GAsyncResult* result, gpointer data) {
                 guarded("the screen cast session's creation",
@@ -231,7 +265,10 @@ struct portal_session::impl {
 portal_session::portal_session(const std::string& restore_token, bool window, std::chrono::milliseconds limit)
     : impl_(std::make_unique<impl>())
 {
-    impl_->on_loop([this, restore_token, window] { impl_->start(restore_token, window); });
+    // A mode the portal does not offer fails the session, so ask for one it does.
+    unsigned cursor = choose_cursor_mode(portal_cursor_modes());
+    log::line(std::string("media: the screen cast shows the pointer ") + cursor_mode_name(cursor));
+    impl_->on_loop([this, restore_token, window, cursor] { impl_->start(restore_token, window, cursor); });
     std::unique_lock<std::mutex> lock(impl_->mutex);
     if (!impl_->changed.wait_for(lock, limit, [this] { return impl_->answered; })) {
         // Nobody answered the picker in time: give up, and leave nothing open.

@@ -479,6 +479,7 @@ TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfte
     test::rtmp_ingest ingest;
     desktop.choose(output.name);
     int before = desktop.chooser_calls();
+    test::stderr_capture log; // the workers inherit our standard error
     {
         portal_client client(service, tokens);
         Json screens = client.list("screen")["results"];
@@ -510,11 +511,68 @@ TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfte
         EXPECT_EQ(live.video()->width, 1280);
         EXPECT_EQ(live.video()->height, 720);
     }
+    // Every desktop here embeds the pointer, so a presenter's pointer is in the picture.
+    EXPECT_NE(log.text().find("media: the screen cast shows the pointer embedded in the picture"), std::string::npos);
     // What arrived is the compositor's picture: the output's background (the clock sits
     // at the top left), in the last frame sent.
     auto seen = recorded_colour(ingest, "restarted", 60, 32);
     EXPECT_TRUE(near(seen, background_of(output)))
         << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " instead of " << output.background;
+}
+
+// A window picked on the desktop: its picker asks for windows only, the window streams,
+// comes back without the picker, and closing it ends the stream.
+TEST_P(WaylandDesktops, TheWindowEntryAsksForAWindowThenRestoresItAndItsClosingEndsTheStream)
+{
+    auto& desktop = this->desktop();
+    if (desktop.desktop() == desktop_kind::sway)
+        GTEST_SKIP() << "wlroots' portal casts no windows (its empty window list is checked with the listing)";
+    if (std::string limitation = desktop.picker_limitation(); !limitation.empty())
+        GTEST_SKIP() << "no window is picked on " << test::wayland_desktop::name(desktop.desktop()) << ": "
+                     << limitation;
+    const std::string colour = "#22aa44";
+    desktop.open_window("orbweave-window", colour);
+    desktop.choose("orbweave-window");
+    test::temp_dir dir;
+    std::string tokens = dir.file("state/restore-tokens.json");
+    sim::service_sim service;
+    test::rtmp_ingest ingest;
+    portal_client client(service, tokens);
+    Json windows = client.list("window")["results"];
+    ASSERT_EQ(windows.size(), 1u) << windows;
+    EXPECT_EQ(windows[0]["pid"], 0);
+    std::string window = windows[0]["id"];
+
+    int before = desktop.chooser_calls();
+    Json first = client.activate(window, ingest, "window");
+    EXPECT_EQ(desktop.chooser_calls(), before + 1);
+    EXPECT_EQ(desktop.last_picker().rfind("window ", 0), 0u) << "the picker asked for " << desktop.last_picker();
+    if (desktop.last_picker() == "window 0") {
+        // The picker offered nothing, so the user could only cancel.
+        EXPECT_EQ(first, Json({{"status", "Rejected"}}));
+        desktop.close_window("orbweave-window");
+        GTEST_SKIP() << "the window picker offered no window on " << test::wayland_desktop::name(desktop.desktop())
+                     << (desktop.desktop() == desktop_kind::gnome
+                             ? ": xdg-desktop-portal-gnome lists windows through GNOME Shell's "
+                               "org.gnome.Shell.Introspect, and headless GNOME runs mutter without the shell "
+                               "(gnome-shell --headless wants logind on the system bus)"
+                             : "");
+    }
+    ASSERT_EQ(first, Json({{"status", "Success"}}));
+    ASSERT_TRUE(ingest.wait_for_publishing("window", 10s));
+    ASSERT_EQ(client.deactivate(window), Json({{"status", "Success"}}));
+    ASSERT_EQ(client.activate(window, ingest, "restored"), Json({{"status", "Success"}}));
+    EXPECT_EQ(desktop.chooser_calls(), before + 1) << "the window was not restored without the picker";
+    auto live = ingest.probe_live("restored", 15s);
+    ASSERT_NE(live.video(), nullptr) << live.error;
+
+    // The window closed: the desktop ends the cast, and the stream with it.
+    desktop.close_window("orbweave-window");
+    EXPECT_TRUE(client.app().wait_for_streams({}, portal_client::deadline));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("restored", 10s));
+    auto seen = recorded_colour(ingest, "restored", 32, 18);
+    EXPECT_TRUE(near(seen, background_of({"", 0, 0, 0, 0, colour})))
+        << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " instead of the window's " << colour;
 }
 
 std::string desktop_name(const ::testing::TestParamInfo<desktop_kind>& info)

@@ -347,6 +347,15 @@ int wayland_desktop::chooser_calls() const
     return count_lines(dir_.path() / "chooser-calls");
 }
 
+std::string wayland_desktop::last_picker() const
+{
+    std::ifstream lines(dir_.path() / "chooser-calls");
+    std::string last;
+    for (std::string line; std::getline(lines, line);)
+        last = line;
+    return last.rfind("called ", 0) == 0 ? last.substr(7) : std::string();
+}
+
 bool wayland_desktop::chooser_idle() const
 {
     return count_lines(dir_.path() / "chooser-returns") == chooser_calls();

@@ -82,6 +82,9 @@ public:
     std::string picker_limitation() const;
     /// How often the portal has asked the user to choose.
     int chooser_calls() const;
+    /// GNOME: what the newest picker asked for and how many it offered ("window 0");
+    /// empty elsewhere.
+    std::string last_picker() const;
     /// Whether every chooser call has returned.
     bool chooser_idle() const;
     /// sway only: gives an output another size (as a user changing the resolution

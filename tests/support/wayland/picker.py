@@ -4,8 +4,9 @@
 Watches the desktop's accessibility tree for the portal's picker and answers each one
 as the file DIR/choice says: a name (the row whose name contains it is picked, else the
 first row), nothing (Cancel), or "slow" (Cancel after 5 s). Every picker seen is counted
-in DIR/chooser-calls and every answer in DIR/chooser-returns, as the sway fixture's
-chooser script does. Exits after LIFETIME seconds, so a crashed test leaves nothing.
+in DIR/chooser-calls ("called KIND ROWS": what it asks for, screen or window, and how
+many it offers) and every answer in DIR/chooser-returns, as the sway fixture's chooser
+script does. A picker offering nothing is cancelled. Exits after LIFETIME seconds, so a crashed test leaves nothing.
 
 usage: picker.py DIR LIFETIME
 """
@@ -66,10 +67,20 @@ def press(window, label):
     return action.doAction(0)
 
 
+def rows_of(window):
+    return find(window, lambda n: n.getRole() in (pyatspi.ROLE_LIST, pyatspi.ROLE_LIST_BOX, pyatspi.ROLE_TABLE,
+                                                  pyatspi.ROLE_TREE_TABLE) and n.childCount > 0)
+
+
+def asks_for(window):
+    """"window" or "screen", from the picker's prompt."""
+    prompt = find(window, lambda n: n.getRole() == pyatspi.ROLE_LABEL and "to share" in (n.name or ""))
+    return "window" if prompt is not None and "window" in prompt.name.lower() else "screen"
+
+
 def select_row(window, choice):
     """Selects the row whose name contains choice, else the first row."""
-    rows = find(window, lambda n: n.getRole() in (pyatspi.ROLE_LIST, pyatspi.ROLE_LIST_BOX, pyatspi.ROLE_TABLE,
-                                                  pyatspi.ROLE_TREE_TABLE) and n.childCount > 0)
+    rows = rows_of(window)
     if rows is None:
         return False
     index = 0
@@ -94,7 +105,9 @@ def main():
             time.sleep(POLL)
             continue
         window, share, cancel = found
-        append(os.path.join(folder, "chooser-calls"), "called")
+        rows = rows_of(window)
+        append(os.path.join(folder, "chooser-calls"),
+               "called %s %d" % (asks_for(window), rows.childCount if rows is not None else 0))
         with open(os.path.join(folder, "choice")) as f:
             choice = f.read().strip()
         if choice == "slow":
