@@ -123,7 +123,9 @@ std::vector<window_entry> list_portal_windows()
 {
     if (!(portal_source_types() & portal_windows))
         return {};
-    return {window_entry("Window", "a window chosen on the desktop", 0)};
+    // Wayland lets no client see other clients' windows: the entry stands for the one
+    // the user picks in the desktop's window picker when it is activated.
+    return {window_entry("A window you pick", "Asks you on the desktop which window to share", 0)};
 }
 
 std::vector<window_entry> list_windows()

@@ -47,8 +47,8 @@ std::vector<screen_entry> list_screens();
 /// and across changes of the layout).
 std::vector<screen_entry> list_portal_screens();
 std::vector<window_entry> list_windows();
-/// The portal route's windows: one entry standing for "a window chosen on the desktop"
-/// when the desktop's portal casts windows, none otherwise.
+/// The portal route's windows: one entry standing for "a window the user picks" (pid 0,
+/// an id that never changes) when the desktop's portal casts windows, none otherwise.
 std::vector<window_entry> list_portal_windows();
 /// Outputs (what the machine plays) first, then inputs.
 std::vector<audio_entry> list_audios();

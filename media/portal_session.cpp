@@ -17,7 +17,7 @@ namespace orbweave::obs {
 
 namespace {
 
-/// A uint32 property of the portal's ScreenCast interface; 0 when it cannot be read.
+/// A uint32 property of the portal's ScreenCast interface; 0 when no portal answers.
 unsigned screen_cast_property(const char* name)
 {
     GError* error = nullptr;
@@ -28,31 +28,29 @@ unsigned screen_cast_property(const char* name)
     }
     GVariant* reply = g_dbus_connection_call_sync(
         bus, "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop", "org.freedesktop.DBus.Properties",
-        "Get", g_variant_new("(ss)", "org.freedesktop.portal.ScreenCast", name), G_VARIANT_TYPE("(v)"),
-        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+        "Get", g_variant_new("(ss)", "org.freedesktop.portal.ScreenCast", name),
+        G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
     g_object_unref(bus);
-    unsigned value = 0;
+    unsigned types = 0;
     if (reply) {
-        GVariant* inner = nullptr;
-        g_variant_get(reply, "(v)", &inner);
-        if (g_variant_is_of_type(inner, G_VARIANT_TYPE_UINT32))
-            value = g_variant_get_uint32(inner);
-        g_variant_unref(inner);
+        GVariant* value = nullptr;
+        g_variant_get(reply, "(v)", &value);
+        if (g_variant_is_of_type(value, G_VARIANT_TYPE_UINT32))
+            types = g_variant_get_uint32(value);
+        g_variant_unref(value);
         g_variant_unref(reply);
     }
     g_clear_error(&error);
-    return value;
+    return types;
 }
 
-/// The pointer drawn into the picture, as on X11, where the portal offers it; hidden
-/// where it offers only that (metadata would leave it out of the picture anyway).
-XdpCursorMode cursor_mode()
+const char* cursor_mode_name(unsigned mode)
 {
-    unsigned offered = screen_cast_property("AvailableCursorModes");
-    if (offered & XDP_CURSOR_MODE_EMBEDDED || !(offered & XDP_CURSOR_MODE_HIDDEN))
-        return XDP_CURSOR_MODE_EMBEDDED;
-    log::line("media: the desktop's screen cast cannot show the pointer; it is left out");
-    return XDP_CURSOR_MODE_HIDDEN;
+    switch (mode) {
+    case portal_cursor_embedded: return "embedded in the picture";
+    case portal_cursor_metadata: return "as metadata beside the picture (not drawn)";
+    default: return "hidden";
+    }
 }
 
 } // namespace
@@ -60,6 +58,19 @@ XdpCursorMode cursor_mode()
 unsigned portal_source_types()
 {
     return screen_cast_property("AvailableSourceTypes");
+}
+
+unsigned portal_cursor_modes()
+{
+    return screen_cast_property("AvailableCursorModes");
+}
+
+unsigned choose_cursor_mode(unsigned available)
+{
+    for (unsigned mode : {portal_cursor_embedded, portal_cursor_metadata, portal_cursor_hidden})
+        if (available & mode)
+            return mode;
+    return portal_cursor_hidden;
 }
 
 // ---------------------------------------------------------------------------------
@@ -158,12 +169,13 @@ struct portal_session::impl {
         answer(std::move(outcome));
     }
 
-    void start(const std::string& restore_token, bool window)
+    void start(const std::string& restore_token, bool window, unsigned cursor)
     {
         // Without a portal on the bus, the session's creation fails with the reason.
         portal = xdp_portal_new();
         xdp_portal_create_screencast_session(
-            portal, window ? XDP_OUTPUT_WINDOW : XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE, cursor_mode(),
+            portal, window ? XDP_OUTPUT_WINDOW : XDP_OUTPUT_MONITOR, XDP_SCREENCAST_FLAG_NONE,
+            static_cast<XdpCursorMode>(cursor),
             XDP_PERSIST_MODE_PERSISTENT, restore_token.empty() ? nullptr : restore_token.c_str(), cancellable,
             [](GObject* source, GAsyncResult* result, gpointer data) {
                 guarded("the screen cast session's creation",
@@ -253,7 +265,10 @@ struct portal_session::impl {
 portal_session::portal_session(const std::string& restore_token, bool window, std::chrono::milliseconds limit)
     : impl_(std::make_unique<impl>())
 {
-    impl_->on_loop([this, restore_token, window] { impl_->start(restore_token, window); });
+    // A mode the portal does not offer fails the session, so ask for one it does.
+    unsigned cursor = choose_cursor_mode(portal_cursor_modes());
+    log::line(std::string("media: the screen cast shows the pointer ") + cursor_mode_name(cursor));
+    impl_->on_loop([this, restore_token, window, cursor] { impl_->start(restore_token, window, cursor); });
     std::unique_lock<std::mutex> lock(impl_->mutex);
     if (!impl_->changed.wait_for(lock, limit, [this] { return impl_->answered; })) {
         // Nobody answered the picker in time: give up, and leave nothing open.

@@ -17,6 +17,16 @@ unsigned portal_source_types();
 inline constexpr unsigned portal_screens = 1;
 inline constexpr unsigned portal_windows = 2;
 
+/// How the portal can show the pointer (its AvailableCursorModes): bit 1 hidden, bit 2
+/// embedded in the picture, bit 4 as metadata beside it; 0 when no portal answers.
+unsigned portal_cursor_modes();
+inline constexpr unsigned portal_cursor_hidden = 1;
+inline constexpr unsigned portal_cursor_embedded = 2;
+inline constexpr unsigned portal_cursor_metadata = 4;
+/// The mode a cast asks for: embedded where offered, so a presenter's pointer is in the
+/// picture; else metadata, else hidden (and hidden when the portal says nothing).
+unsigned choose_cursor_mode(unsigned available);
+
 /// How long the desktop (and its user, in the picker) may take to start a cast.
 inline constexpr std::chrono::seconds portal_start_limit{120};
 

@@ -19,6 +19,24 @@ namespace {
 using namespace std::chrono_literals;
 constexpr auto start_limit = 20s;
 constexpr uid_t nobody = 65534;
+constexpr const char* kde_portal_backend = "/usr/lib/x86_64-linux-gnu/libexec/xdg-desktop-portal-kde";
+// Qt programs show their widgets on the accessibility bus only when asked to.
+const std::vector<std::pair<std::string, std::string>> qt_accessible{{"QT_ACCESSIBILITY", "1"},
+                                                                     {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"}};
+
+/// The program's path: as given when absolute, else found on PATH; empty when missing.
+std::string find_program(const std::string& program)
+{
+    if (program.front() == '/')
+        return ::access(program.c_str(), X_OK) == 0 ? program : std::string();
+    if (const char* path = std::getenv("PATH")) {
+        std::istringstream folders(path);
+        for (std::string folder; std::getline(folders, folder, ':');)
+            if (!folder.empty() && ::access((folder + "/" + program).c_str(), X_OK) == 0)
+                return folder + "/" + program;
+    }
+    return {};
+}
 
 bool is_unix_socket(const std::filesystem::path& path)
 {
@@ -28,69 +46,71 @@ bool is_unix_socket(const std::filesystem::path& path)
 
 } // namespace
 
-std::string wayland_desktop::missing_parts(kind desktop)
+std::vector<wayland_desktop::output> wayland_desktop::default_outputs(kind desktop)
 {
-    namespace fs = std::filesystem;
-    std::vector<std::pair<std::string, std::string>> needed{{"/usr/bin/pipewire", "pipewire"},
-                                                            {"/usr/bin/wireplumber", "wireplumber"},
-                                                            {"/usr/libexec/xdg-desktop-portal", "xdg-desktop-portal"}};
-    if (desktop == kind::sway) {
-        needed.insert(needed.end(), {{"/usr/bin/sway", "sway"},
-                                     {"/usr/libexec/xdg-desktop-portal-wlr", "xdg-desktop-portal-wlr"}});
-    } else if (desktop == kind::kde) {
-        needed.insert(needed.end(), {{"/usr/bin/kwin_wayland", "kwin-wayland"},
-                                     {"/usr/lib/x86_64-linux-gnu/libexec/xdg-desktop-portal-kde", "xdg-desktop-portal-kde"},
-                                     {"/usr/lib/x86_64-linux-gnu/qt5/plugins/platforms/libqwayland-generic.so", "qtwayland5"},
-                                     {"/usr/lib/x86_64-linux-gnu/qt5/qml/org/kde/pipewire", "qml-module-org-kde-pipewire"},
-                                     {"/usr/lib/x86_64-linux-gnu/qt5/qml/org/kde/taskmanager", "plasma-workspace"},
-                                     {"/usr/libexec/at-spi-bus-launcher", "at-spi2-core"},
-                                     {"/usr/lib/python3/dist-packages/pyatspi", "python3-pyatspi"}});
-    } else {
-        needed.insert(needed.end(), {{"/usr/bin/mutter", "mutter"},
-                                     {"/usr/libexec/xdg-desktop-portal-gnome", "xdg-desktop-portal-gnome"},
-                                     {"/usr/libexec/at-spi-bus-launcher", "at-spi2-core"},
-                                     {"/usr/lib/python3/dist-packages/pyatspi", "python3-pyatspi"}});
+    switch (desktop) {
+    case kind::sway:
+        return {{"HEADLESS-1", 0, 0, 1280, 720, "#1e90ff"}, {"HEADLESS-2", 1280, 0, 1024, 768, "#22aa44"}};
+    case kind::gnome: return {{"Meta-0", 0, 0, 1280, 720, "#1e90ff"}};
+    case kind::kde: return {{"Virtual-0", 0, 0, 1280, 720, "#1e90ff"}};
     }
-    std::string missing;
-    for (const auto& [path, package] : needed)
-        if (!fs::exists(path))
-            missing += (missing.empty() ? "" : ", ") + package;
-    return missing.empty() ? "" : "Debian packages missing: " + missing;
+    return {};
 }
 
-wayland_desktop::options wayland_desktop::gnome()
+std::string wayland_desktop::name(kind desktop)
 {
-    options made;
-    made.desktop = kind::gnome;
-    made.outputs = {{"Meta-0", 0, 0, 1280, 720, ""}};
-    return made;
+    switch (desktop) {
+    case kind::sway: return "sway";
+    case kind::gnome: return "GNOME";
+    case kind::kde: return "KDE Plasma";
+    }
+    return {};
 }
 
-wayland_desktop::options wayland_desktop::kde()
+std::vector<std::string> wayland_desktop::missing_programs(kind desktop)
 {
-    options made;
-    made.desktop = kind::kde;
-    made.outputs = {{"Virtual-0", 0, 0, 1280, 720, ""}};
-    made.busy = false;
-    return made;
+    std::vector<std::string> needed{"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse", "foot",
+                                    "/usr/libexec/xdg-desktop-portal"};
+    switch (desktop) {
+    case kind::sway: needed.insert(needed.end(), {"sway", "swaymsg", "/usr/libexec/xdg-desktop-portal-wlr"}); break;
+    case kind::gnome: needed.insert(needed.end(), {"mutter", "/usr/libexec/xdg-desktop-portal-gnome"}); break;
+    case kind::kde: needed.insert(needed.end(), {"kwin_wayland", kde_portal_backend}); break;
+    }
+    if (desktop != kind::sway)
+        needed.insert(needed.end(), {"/usr/bin/python3", "/usr/libexec/at-spi-bus-launcher"});
+    std::vector<std::string> missing;
+    for (const std::string& program : needed)
+        if (find_program(program).empty())
+            missing.push_back(program);
+    // The user at the picker answers over the accessibility bus, from Python.
+    if (desktop != kind::sway && missing.empty()) {
+        int status = -1;
+        run_program({"/usr/bin/python3", "-c", "import pyatspi"}, 10s, &status);
+        if (status != 0)
+            missing.push_back("python3-pyatspi");
+    }
+    return missing;
 }
 
 wayland_desktop::wayland_desktop(options options) : options_(std::move(options)), dir_("orbweave-wayland")
 {
     namespace fs = std::filesystem;
+    if (options_.outputs.empty())
+        options_.outputs = default_outputs(options_.desktop);
     const fs::path& root = dir_.path();
-    for (const char* folder : {"run", "home", "config/xdg-desktop-portal-wlr", "state", "data", "cache", "logs"})
+    for (const char* folder : {"run", "home", "config/xdg-desktop-portal-wlr", "state", "data", "cache", "logs", "portals"})
         fs::create_directories(root / folder);
     fs::permissions(root / "run", fs::perms::owner_all, fs::perm_options::replace);
-    bool sway = options_.desktop == kind::sway;
+    bool as_root = ::geteuid() == 0;
     // sway (as nobody when we are root) creates its socket in the runtime folder.
-    if (sway && ::geteuid() == 0 &&
+    if (options_.desktop == kind::sway && as_root &&
         (::chown(root.c_str(), nobody, nobody) != 0 || ::chown((root / "run").c_str(), nobody, nobody) != 0))
         throw std::runtime_error("cannot hand the runtime folder to sway's user");
     fs::permissions(root, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec,
                     fs::perm_options::replace);
 
     std::string runtime = (root / "run").string();
+    const char* current_desktop = options_.desktop == kind::sway ? "sway" : options_.desktop == kind::gnome ? "GNOME" : "KDE";
     environment_ = {{"HOME", (root / "home").string()},
                     {"XDG_RUNTIME_DIR", runtime},
                     {"XDG_CONFIG_HOME", (root / "config").string()},
@@ -98,121 +118,67 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
                     {"XDG_DATA_HOME", (root / "data").string()},
                     {"XDG_CACHE_HOME", (root / "cache").string()},
                     {"XDG_SESSION_TYPE", "wayland"},
-                    {"XDG_CURRENT_DESKTOP", sway ? "sway" : options_.desktop == kind::gnome ? "GNOME" : "KDE"},
+                    {"XDG_CURRENT_DESKTOP", current_desktop},
                     {"LANG", "C.UTF-8"}};
 
     // The session bus; what it starts on demand sees the session's variables (below).
     bus_ = std::make_unique<session_bus>();
     environment_.push_back({"DBUS_SESSION_BUS_ADDRESS", bus_->address()});
 
-    if (options_.desktop == kind::gnome)
-        start_gnome();
-    else if (options_.desktop == kind::kde)
-        start_kde();
-    else
-        start_sway();
-    start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp");
+    switch (options_.desktop) {
+    case kind::sway: start_sway(as_root); break;
+    case kind::gnome: start_gnome(); break;
+    case kind::kde: start_kde(); break;
+    }
+
+    // Sound and video: PipeWire, its session manager and its PulseAudio server.
+    start({"pipewire"}, "pipewire");
+    if (!eventually([&] { return is_unix_socket(root / "run/pipewire-0"); }, start_limit))
+        throw std::runtime_error("pipewire did not open its socket");
+    start({"wireplumber"}, "wireplumber");
+    start({"pipewire-pulse"}, "pipewire-pulse");
+    if (!eventually([&] { return is_unix_socket(root / "run/pulse/native"); }, start_limit))
+        throw std::runtime_error("pipewire-pulse did not open its socket");
+    environment_.push_back({"PULSE_SERVER", "unix:" + (root / "run/pulse/native").string()});
+
+    // Programs the bus starts on demand (the portal's permission store, the
+    // accessibility bus) see the session.
+    std::vector<std::string> update{"env"};
+    for (const auto& [name, value] : environment_)
+        update.push_back(name + "=" + value);
+    update.insert(update.end(), {"dbus-update-activation-environment", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR",
+                                 "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME", "HOME",
+                                 "XDG_SESSION_TYPE", "XDG_CURRENT_DESKTOP"});
+    int status = -1;
+    run_program(update, 10s, &status);
+    if (status != 0)
+        throw std::runtime_error("dbus-update-activation-environment failed");
+
+    // The portal: the desktop's backend (with a recording chooser on sway, the user at
+    // the picker elsewhere), then the front end, which sees only that backend.
+    choose(options_.outputs.front().name);
+    if (options_.desktop == kind::sway) {
+        // "slow" stands for a user who takes 5 s and then picks nothing.
+        std::ofstream(root / "chooser.sh") << "#!/bin/sh\necho called >> '" << (root / "chooser-calls").string()
+                                           << "'\nchoice=$(cat '" << (root / "choice").string() << "')\n"
+                                           << "if [ \"$choice\" = slow ]; then sleep 5; choice=; fi\n"
+                                           << "echo returned >> '" << (root / "chooser-returns").string() << "'\n"
+                                           << "echo \"$choice\"\n";
+        std::ofstream(root / "config/xdg-desktop-portal-wlr/config")
+            << "[screencast]\nmax_fps=30\nchooser_type=simple\nchooser_cmd=sh " << (root / "chooser.sh").string()
+            << "\n";
+    }
+    start_portal_backend();
+    if (options_.desktop != kind::sway && picker_limitation().empty())
+        start_picker();
+    const char* portal = options_.desktop == kind::sway ? "wlr" : options_.desktop == kind::gnome ? "gnome" : "kde";
+    fs::copy_file(fs::path("/usr/share/xdg-desktop-portal/portals") / (std::string(portal) + ".portal"),
+                  root / "portals" / (std::string(portal) + ".portal"));
+    start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp", {{"XDG_DESKTOP_PORTAL_DIR", (root / "portals").string()}});
     wait_for_bus_name("org.freedesktop.portal.Desktop");
 }
 
-void wayland_desktop::start_sway()
-{
-    namespace fs = std::filesystem;
-    const fs::path& root = dir_.path();
-    // The compositor, its outputs and (when busy) a terminal that keeps changing.
-    std::ostringstream sway;
-    sway << "xwayland disable\ndefault_border none\n";
-    for (const output& out : options_.outputs)
-        sway << "output " << out.name << " mode " << out.width << "x" << out.height << " position " << out.left << " "
-             << out.top << " bg " << out.background << " solid_color\n";
-    if (options_.busy)
-        sway << "for_window [app_id=\"clock\"] floating enable, resize set 600 120, move position 40 40\n"
-                "exec foot --app-id=clock --font=\"DejaVu Sans Mono:size=20\" -e sh -c "
-                "'while :; do date +%T.%N | cut -c1-12; sleep 0.2; done'\n";
-    std::ofstream(root / "config/sway.conf") << sway.str();
-    std::vector<std::string> sway_argv{"sway", "-c", (root / "config/sway.conf").string()};
-    if (::geteuid() == 0)
-        sway_argv.insert(sway_argv.begin(),
-                         {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
-    start(sway_argv, "sway",
-          {{"WLR_BACKENDS", "headless"},
-           {"WLR_LIBINPUT_NO_DEVICES", "1"},
-           {"WLR_RENDERER", "pixman"},
-           {"WLR_HEADLESS_OUTPUTS", std::to_string(options_.outputs.size())}});
-    wait_for_compositor("sway");
-    start_media_and_activation();
-
-    // The portal's wlroots backend with a recording chooser.
-    choose(options_.outputs.front().name);
-    // "slow" stands for a user who takes 5 s and then picks nothing.
-    std::ofstream(root / "chooser.sh") << "#!/bin/sh\necho called >> '" << (root / "chooser-calls").string()
-                                       << "'\nchoice=$(cat '" << (root / "choice").string() << "')\n"
-                                       << "if [ \"$choice\" = slow ]; then sleep 5; choice=; fi\n"
-                                       << "echo returned >> '" << (root / "chooser-returns").string() << "'\n"
-                                       << "echo \"$choice\"\n";
-    std::ofstream(root / "config/xdg-desktop-portal-wlr/config")
-        << "[screencast]\nmax_fps=30\nchooser_type=simple\nchooser_cmd=sh " << (root / "chooser.sh").string() << "\n";
-    start_portal_backend();
-}
-
-void wayland_desktop::start_gnome()
-{
-    // mutter alone (gnome-shell wants logind on the system bus), one virtual monitor per output.
-    std::vector<std::string> mutter{"mutter", "--headless", "--wayland", "--no-x11"};
-    for (const output& out : options_.outputs) {
-        mutter.push_back("--virtual-monitor");
-        mutter.push_back(std::to_string(out.width) + "x" + std::to_string(out.height));
-    }
-    start(mutter, "mutter");
-    wait_for_compositor("mutter");
-    start_media_and_activation();
-    if (options_.busy)
-        start({"foot", "--app-id=clock", "--title=Orbweave clock", "--font=DejaVu Sans Mono:size=20", "-e", "sh", "-c",
-               "while :; do date +%T.%N | cut -c1-12; sleep 0.2; done"},
-              "foot");
-
-    // The picker is a GTK 4 dialog of the portal's GNOME backend.
-    start_picker_answers();
-    start_portal_backend();
-}
-
-void wayland_desktop::start_kde()
-{
-    namespace fs = std::filesystem;
-    // Debian installs kwin_wayland with a file capability (cap_sys_resource, to raise
-    // its scheduling limits), which a container that lacks it refuses to execute; a copy
-    // without it runs the same.
-    fs::path kwin = dir_.path() / "kwin_wayland";
-    fs::copy_file("/usr/bin/kwin_wayland", kwin, fs::copy_options::overwrite_existing);
-    const output& first = options_.outputs.front();
-    start({kwin.string(), "--virtual", "--width", std::to_string(first.width), "--height",
-           std::to_string(first.height), "--no-lockscreen", "--socket", "wayland-0"},
-          "kwin");
-    wait_for_compositor("kwin_wayland");
-    start_media_and_activation();
-    // The picker is a Qt Quick dialog of the portal's KDE backend, on Wayland, with Qt's
-    // accessibility bridge on.
-    environment_.insert(environment_.end(), {{"QT_QPA_PLATFORM", "wayland"},
-                                             {"QT_ACCESSIBILITY", "1"},
-                                             {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"},
-                                             {"KDE_FULL_SESSION", "true"}});
-    start_picker_answers();
-    start_portal_backend();
-}
-
-void wayland_desktop::start_picker_answers()
-{
-    // Answered over the accessibility bus, which must run before the dialog's toolkit
-    // looks for it.
-    const std::filesystem::path& root = dir_.path();
-    start({"/usr/libexec/at-spi-bus-launcher", "--launch-immediately"}, "at-spi");
-    wait_for_bus_name("org.a11y.Bus");
-    choose("share");
-    start({"/usr/bin/python3", ORBWEAVE_PICKER_SCRIPT, (root / "choice").string(), (root / "chooser-calls").string()},
-          "picker");
-}
-
-void wayland_desktop::wait_for_compositor(const std::string& name)
+void wayland_desktop::wait_for_socket(const std::string& compositor)
 {
     namespace fs = std::filesystem;
     fs::path runtime = dir_.path() / "run";
@@ -225,44 +191,89 @@ void wayland_desktop::wait_for_compositor(const std::string& name)
                 return !display.empty();
             },
             start_limit))
-        throw std::runtime_error(name + " did not open its socket; see " + (dir_.path() / "logs").string());
+        throw std::runtime_error(compositor + " did not open its socket; see " +
+                                 (dir_.path() / "logs" / (compositor + ".log")).string());
     environment_.push_back({"WAYLAND_DISPLAY", display});
 }
 
-void wayland_desktop::start_media_and_activation()
+void wayland_desktop::start_sway(bool as_root)
 {
     const std::filesystem::path& root = dir_.path();
-    // Sound and video: PipeWire, its session manager and its PulseAudio server.
-    start({"pipewire"}, "pipewire");
-    if (!eventually([&] { return is_unix_socket(root / "run/pipewire-0"); }, start_limit))
-        throw std::runtime_error("pipewire did not open its socket");
-    start({"wireplumber"}, "wireplumber");
-    start({"pipewire-pulse"}, "pipewire-pulse");
-    if (!eventually([&] { return is_unix_socket(root / "run/pulse/native"); }, start_limit))
-        throw std::runtime_error("pipewire-pulse did not open its socket");
-    environment_.push_back({"PULSE_SERVER", "unix:" + (root / "run/pulse/native").string()});
+    // The compositor, its outputs and (when busy) a terminal that keeps changing.
+    std::ostringstream sway;
+    sway << "xwayland disable\ndefault_border none\n";
+    for (const output& out : options_.outputs)
+        sway << "output " << out.name << " mode " << out.width << "x" << out.height << " position " << out.left << " "
+             << out.top << " bg " << out.background << " solid_color\n";
+    if (options_.busy)
+        sway << "for_window [app_id=\"clock\"] floating enable, resize set 600 120, move position 40 40\n"
+                "exec foot --app-id=clock --font=\"DejaVu Sans Mono:size=20\" -e sh -c "
+                "'while :; do date +%T.%N | cut -c1-12; sleep 0.2; done'\n";
+    std::ofstream(root / "config/sway.conf") << sway.str();
+    std::vector<std::string> sway_argv{"sway", "-c", (root / "config/sway.conf").string()};
+    if (as_root)
+        sway_argv.insert(sway_argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+    start(sway_argv, "sway",
+          {{"WLR_BACKENDS", "headless"},
+           {"WLR_LIBINPUT_NO_DEVICES", "1"},
+           {"WLR_RENDERER", "pixman"},
+           {"WLR_HEADLESS_OUTPUTS", std::to_string(options_.outputs.size())}});
+    wait_for_socket("sway");
+}
 
-    // Programs the bus starts on demand (the portal's permission store) see the session.
-    std::vector<std::string> update{"env"};
-    for (const auto& [name, value] : environment_)
-        update.push_back(name + "=" + value);
-    update.insert(update.end(), {"dbus-update-activation-environment", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR",
-                                 "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME", "HOME",
-                                 "XDG_SESSION_TYPE", "XDG_CURRENT_DESKTOP"});
-    int status = -1;
-    run_program(update, 10s, &status);
-    if (status != 0)
-        throw std::runtime_error("dbus-update-activation-environment failed");
+void wayland_desktop::start_gnome()
+{
+    // GNOME's compositor alone: gnome-shell wants logind on the system bus, and the
+    // portal needs only mutter's screen cast service.
+    std::vector<std::string> argv{"mutter", "--headless", "--wayland", "--no-x11"};
+    for (const output& out : options_.outputs)
+        argv.insert(argv.end(), {"--virtual-monitor", std::to_string(out.width) + "x" + std::to_string(out.height)});
+    start(argv, "mutter");
+    wait_for_socket("mutter");
+    wait_for_bus_name("org.gnome.Mutter.ScreenCast");
+    if (options_.busy)
+        start_clock();
+}
+
+void wayland_desktop::start_kde()
+{
+    // Debian installs kwin_wayland with a file capability (cap_sys_resource) that a
+    // container's bounding set refuses at exec ("Operation not permitted"); a copy has none.
+    std::filesystem::path kwin = dir_.path() / "kwin_wayland";
+    std::filesystem::copy_file(find_program("kwin_wayland"), kwin);
+    const output& first = options_.outputs.front();
+    start({kwin.string(), "--virtual", "--width", std::to_string(first.width), "--height",
+           std::to_string(first.height), "--output-count", std::to_string(options_.outputs.size()), "--no-lockscreen",
+           "--no-global-shortcuts", "--no-kactivities", "--socket", "wayland-0"},
+          "kwin");
+    wait_for_socket("kwin");
+    wait_for_bus_name("org.kde.KWin");
+    if (options_.busy)
+        start_clock();
+}
+
+void wayland_desktop::start_clock()
+{
+    // Fills the output in its background colour, with the time at the top left.
+    const output& first = options_.outputs.front();
+    start({"foot", "--fullscreen", "--app-id=clock", "-o", "colors.background=" + first.background.substr(1),
+           "--font=DejaVu Sans Mono:size=20", "-e", "sh", "-c", "while :; do date +%T.%N | cut -c1-12; sleep 0.2; done"},
+          "clock");
+}
+
+void wayland_desktop::start_picker()
+{
+    // A crashed test leaves the user at the picker behind for ten minutes at most.
+    start({"/usr/bin/python3", ORBWEAVE_PICKER_SCRIPT, dir_.path().string(), "600"}, "picker");
 }
 
 wayland_desktop::~wayland_desktop()
 {
-    for (auto process = processes_.rbegin(); process != processes_.rend(); ++process) {
-        // Each runs in its own group: its helpers (sway's terminal) end with it.
-        ::kill(-(*process)->pid(), SIGTERM);
-        if (!(*process)->wait_for(5s))
-            ::kill(-(*process)->pid(), SIGKILL);
-    }
+    for (auto& [title, window] : windows_)
+        stop(*window);
+    windows_.clear();
+    for (auto process = processes_.rbegin(); process != processes_.rend(); ++process)
+        stop(**process);
     processes_.clear();
     bus_.reset();
 }
@@ -280,18 +291,22 @@ void wayland_desktop::start(std::vector<std::string> argv, const std::string& lo
     processes_.push_back(std::make_unique<obs::child_process>(options));
 }
 
-bool wayland_desktop::on_bus(const std::string& name) const
-{
-    std::string reply = run_program({"env", "DBUS_SESSION_BUS_ADDRESS=" + bus_->address(), "dbus-send", "--session",
-                                     "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                     "org.freedesktop.DBus.NameHasOwner", "string:" + name},
-                                    5s);
-    return reply.find("boolean true") != std::string::npos;
-}
-
 void wayland_desktop::wait_for_bus_name(const std::string& name)
 {
-    if (!eventually([&] { return on_bus(name); }, start_limit, 50ms))
+    std::string address;
+    for (const auto& [key, value] : environment_)
+        if (key == "DBUS_SESSION_BUS_ADDRESS")
+            address = value;
+    bool owned = eventually(
+        [&] {
+            std::string reply = run_program({"env", "DBUS_SESSION_BUS_ADDRESS=" + address, "dbus-send", "--session",
+                                             "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                             "org.freedesktop.DBus.NameHasOwner", "string:" + name},
+                                            5s);
+            return reply.find("boolean true") != std::string::npos;
+        },
+        start_limit, 50ms);
+    if (!owned)
         throw std::runtime_error(name + " did not appear on the session bus; see " + dir_.path().string() + "/logs");
 }
 
@@ -304,10 +319,7 @@ void wayland_desktop::export_environment() const
 
 void wayland_desktop::choose(const std::string& output_name)
 {
-    if (options_.desktop != kind::sway)
-        std::ofstream(dir_.path() / "choice") << (output_name.empty() ? "cancel" : "share") << "\n";
-    else
-        std::ofstream(dir_.path() / "choice") << output_name << (output_name.empty() ? "" : "\n");
+    std::ofstream(dir_.path() / "choice") << output_name << (output_name.empty() ? "" : "\n");
 }
 
 namespace {
@@ -321,16 +333,31 @@ int count_lines(const std::filesystem::path& path)
 }
 } // namespace
 
+std::string wayland_desktop::picker_limitation() const
+{
+    if (options_.desktop != kind::kde)
+        return {};
+    return "KDE's picker (xdg-desktop-portal-kde 5.27) shows the screens and windows as QML grid items that "
+           "offer no accessible action or selection, and AT-SPI cannot click on Wayland, so nothing can pick one "
+           "headless (pressing Share with nothing picked does nothing)";
+}
+
 int wayland_desktop::chooser_calls() const
 {
     return count_lines(dir_.path() / "chooser-calls");
 }
 
+std::string wayland_desktop::last_picker() const
+{
+    std::ifstream lines(dir_.path() / "chooser-calls");
+    std::string last;
+    for (std::string line; std::getline(lines, line);)
+        last = line;
+    return last.rfind("called ", 0) == 0 ? last.substr(7) : std::string();
+}
+
 bool wayland_desktop::chooser_idle() const
 {
-    // GNOME's and KDE's pickers are answered as soon as they are seen.
-    if (options_.desktop != kind::sway)
-        return true;
     return count_lines(dir_.path() / "chooser-returns") == chooser_calls();
 }
 
@@ -351,23 +378,25 @@ bool wayland_desktop::resize_output(const std::string& name, int width, int heig
 
 void wayland_desktop::start_portal_backend()
 {
-    if (options_.desktop == kind::gnome) {
-        start({"/usr/libexec/xdg-desktop-portal-gnome"}, "xdpg");
+    switch (options_.desktop) {
+    case kind::sway:
+        start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",
+               (dir_.path() / "config/xdg-desktop-portal-wlr/config").string()},
+              "xdpw", {{"LD_PRELOAD", ORBWEAVE_XDPW_SHIM}});
+        portal_backend_ = processes_.back().get();
+        wait_for_bus_name("org.freedesktop.impl.portal.desktop.wlr");
+        break;
+    case kind::gnome:
+        start({"/usr/libexec/xdg-desktop-portal-gnome", "-v"}, "xdp-gnome");
         portal_backend_ = processes_.back().get();
         wait_for_bus_name("org.freedesktop.impl.portal.desktop.gnome");
-        return;
-    }
-    if (options_.desktop == kind::kde) {
-        start({"/usr/lib/x86_64-linux-gnu/libexec/xdg-desktop-portal-kde"}, "xdpk");
+        break;
+    case kind::kde:
+        start({kde_portal_backend}, "xdp-kde", qt_accessible);
         portal_backend_ = processes_.back().get();
         wait_for_bus_name("org.freedesktop.impl.portal.desktop.kde");
-        return;
+        break;
     }
-    start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",
-           (dir_.path() / "config/xdg-desktop-portal-wlr/config").string()},
-          "xdpw", {{"LD_PRELOAD", ORBWEAVE_XDPW_SHIM}});
-    portal_backend_ = processes_.back().get();
-    wait_for_bus_name("org.freedesktop.impl.portal.desktop.wlr");
 }
 
 void wayland_desktop::restart_portal_backend()
@@ -377,6 +406,36 @@ void wayland_desktop::restart_portal_backend()
         portal_backend_->wait_for(5s);
     }
     start_portal_backend();
+}
+
+void wayland_desktop::open_window(const std::string& title, const std::string& colour)
+{
+    obs::child_process::options options;
+    options.argv = {"foot", "--title=" + title, "--app-id=" + title, "-o", "colors.background=" + colour.substr(1),
+                    "-o", "locked-title=yes", "-e", "sleep", "infinity"};
+    options.environment = environment_;
+    options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
+    options.new_process_group = true;
+    options.quiet = true;
+    windows_.emplace_back(title, std::make_unique<obs::child_process>(options));
+}
+
+void wayland_desktop::close_window(const std::string& title)
+{
+    for (auto window = windows_.begin(); window != windows_.end(); ++window)
+        if (window->first == title) {
+            stop(*window->second);
+            windows_.erase(window);
+            return;
+        }
+}
+
+void wayland_desktop::stop(obs::child_process& process)
+{
+    // Each runs in its own group: its helpers (sway's terminal) end with it.
+    ::kill(-process.pid(), SIGTERM);
+    if (!process.wait_for(5s))
+        ::kill(-process.pid(), SIGKILL);
 }
 
 } // namespace orbweave::test
