@@ -33,7 +33,6 @@ namespace {
 
 constexpr std::uint64_t frame_interval_ns = 1'000'000'000 / stream_fps;
 
-std::atomic<long long> fed_frames{0};
 std::atomic<long long> late_frames{0};
 
 bool has_extension(Display* display, const char* name)
@@ -70,6 +69,17 @@ screen_area area_of(Display* display, const screen_entry& entry)
     if (area.screen < 0 || area.screen >= ScreenCount(display))
         throw std::runtime_error("screen " + std::to_string(entry.index) + " is not on the X display");
     return area;
+}
+
+video_scale_info scale_info(video_format format, std::pair<int, int> size, video_range_type range)
+{
+    video_scale_info info{};
+    info.format = format;
+    info.width = static_cast<std::uint32_t>(size.first);
+    info.height = static_cast<std::uint32_t>(size.second);
+    info.range = range;
+    info.colorspace = VIDEO_CS_DEFAULT;
+    return info;
 }
 
 /// Draws the pointer's image (premultiplied ARGB) over the grabbed picture, as the
@@ -115,9 +125,9 @@ bool feeds_screens_directly(capture_route route)
     return software_renderer(current_video_path().renderer);
 }
 
-screen_feed_totals screen_feed_counters()
+long long screen_feed_late_frames()
 {
-    return {fed_frames.load(), late_frames.load()};
+    return late_frames.load();
 }
 
 /// The X side: the display connection, the shared-memory picture of the screen's area,
@@ -182,18 +192,8 @@ struct screen_feed::grabber {
         if (!attached)
             throw std::runtime_error("the X server cannot attach the shared memory");
 
-        video_scale_info from{};
-        from.format = VIDEO_FORMAT_BGRX;
-        from.width = static_cast<std::uint32_t>(area.width);
-        from.height = static_cast<std::uint32_t>(area.height);
-        from.range = VIDEO_RANGE_FULL;
-        from.colorspace = VIDEO_CS_DEFAULT;
-        video_scale_info to{};
-        to.format = VIDEO_FORMAT_NV12;
-        to.width = static_cast<std::uint32_t>(frame.first);
-        to.height = static_cast<std::uint32_t>(frame.second);
-        to.range = VIDEO_RANGE_DEFAULT;
-        to.colorspace = VIDEO_CS_DEFAULT;
+        video_scale_info from = scale_info(VIDEO_FORMAT_BGRX, {area.width, area.height}, VIDEO_RANGE_FULL);
+        video_scale_info to = scale_info(VIDEO_FORMAT_NV12, frame, VIDEO_RANGE_DEFAULT);
         // Bicubic where the picture is scaled; at the screen's own size the filter only
         // halves the chroma, where the fastest one is as good.
         bool scaled = from.width != to.width || from.height != to.height;
@@ -309,12 +309,12 @@ void screen_feed::run()
             grabber_->convert(frame);
             video_output_unlock_frame(video_);
         }
-        fed_frames += count;
         late_frames += count - 1;
         due += frame_interval_ns * static_cast<std::uint64_t>(count);
         lock.lock();
         // Pacing, not synchronisation: the next frame is due then, and a stop wakes us.
-        auto wait = std::chrono::nanoseconds(due > os_gettime_ns() ? due - os_gettime_ns() : 0);
+        now = os_gettime_ns();
+        auto wait = std::chrono::nanoseconds(due > now ? due - now : 0);
         wake_.wait_for(lock, wait, [this] { return stopping_; });
     }
 }

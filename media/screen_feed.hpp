@@ -29,13 +29,9 @@ namespace orbweave::obs {
 /// instead (the tests and benchmarks compare both).
 bool feeds_screens_directly(capture_route route);
 
-/// Frames the feeds of this process sent, and how many of them repeated the one before
-/// because a grab came later than its frame's time.
-struct screen_feed_totals {
-    long long frames = 0;
-    long long late = 0;
-};
-screen_feed_totals screen_feed_counters();
+/// Frames the feeds of this process sent again because a grab came later than the next
+/// frame's time (the canvas's "lagged" frames, for a screen fed past it).
+long long screen_feed_late_frames();
 
 class screen_feed {
 public:

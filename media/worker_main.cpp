@@ -182,11 +182,10 @@ orbweave::Json frame_counters()
         &sent);
     video_t* video = obs_get_video();
     // A screen fed past the canvas lags when its grab comes after its frame's time.
-    orbweave::obs::screen_feed_totals fed = orbweave::obs::screen_feed_counters();
     return orbweave::Json{{"frames", sent.frames},
                           {"dropped", sent.dropped},
                           {"rendered", obs_get_total_frames()},
-                          {"lagged", obs_get_lagged_frames() + fed.late},
+                          {"lagged", obs_get_lagged_frames() + orbweave::obs::screen_feed_late_frames()},
                           {"video_frames", video ? video_output_get_total_frames(video) : 0u},
                           {"skipped", video ? video_output_get_skipped_frames(video) : 0u}};
 }
