@@ -170,6 +170,15 @@ struct portal_source {
                 guarded("the PipeWire stream's format event",
                         [&] { static_cast<portal_source*>(data)->on_param(id, param); });
             };
+            // PipeWire frees a stream's buffers when the format changes or the cast's
+            // node goes: the held frame must not outlive its buffer.
+            e.remove_buffer = [](void* data, pw_buffer* buffer) {
+                guarded("the PipeWire stream's buffer removal", [&] {
+                    auto* self = static_cast<portal_source*>(data);
+                    if (self->held == buffer)
+                        self->held = nullptr;
+                });
+            };
             e.process = [](void* data) {
                 guarded("the PipeWire stream's frame event", [&] { static_cast<portal_source*>(data)->on_process(); });
             };
