@@ -73,7 +73,7 @@ std::vector<std::string> wayland_desktop::missing_programs(kind desktop)
                                     "/usr/libexec/xdg-desktop-portal"};
     switch (desktop) {
     case kind::sway: needed.insert(needed.end(), {"sway", "swaymsg", "/usr/libexec/xdg-desktop-portal-wlr"}); break;
-    case kind::gnome: needed.insert(needed.end(), {"mutter", "/usr/libexec/xdg-desktop-portal-gnome"}); break;
+    case kind::gnome: needed.insert(needed.end(), {"gnome-shell", "/usr/libexec/xdg-desktop-portal-gnome"}); break;
     case kind::kde: needed.insert(needed.end(), {"kwin_wayland", kde_portal_backend}); break;
     }
     if (desktop != kind::sway)
@@ -223,16 +223,53 @@ void wayland_desktop::start_sway(bool as_root)
 
 void wayland_desktop::start_gnome()
 {
-    // GNOME's compositor alone: gnome-shell wants logind on the system bus, and the
-    // portal needs only mutter's screen cast service.
-    std::vector<std::string> argv{"mutter", "--headless", "--wayland", "--no-x11"};
+    // GNOME Shell, whose Introspect service lets the portal offer windows. It asks
+    // logind for the session over the system bus and goes on without one when that bus
+    // is a private, empty one.
+    std::vector<std::string> argv{"gnome-shell", "--headless", "--wayland", "--no-x11"};
     for (const output& out : options_.outputs)
         argv.insert(argv.end(), {"--virtual-monitor", std::to_string(out.width) + "x" + std::to_string(out.height)});
-    start(argv, "mutter");
-    wait_for_socket("mutter");
+    system_bus_ = std::make_unique<session_bus>();
+    start(argv, "gnome-shell", {{"DBUS_SYSTEM_BUS_ADDRESS", system_bus_->address()}});
+    wait_for_socket("gnome-shell");
     wait_for_bus_name("org.gnome.Mutter.ScreenCast");
+    wait_for_bus_name("org.gnome.Shell.Introspect");
+    leave_overview();
     if (options_.busy)
         start_clock();
+}
+
+void wayland_desktop::leave_overview()
+{
+    // The shell ends its start-up in the overview, which hides every window; a user
+    // starts working by leaving it.
+    auto overview = [&](const char* method, std::vector<std::string> more = {}) {
+        std::vector<std::string> argv{"dbus-send", "--session", "--print-reply", "--dest=org.gnome.Shell",
+                                      "/org/gnome/Shell", std::string("org.freedesktop.DBus.Properties.") + method,
+                                      "string:org.gnome.Shell", "string:OverviewActive"};
+        argv.insert(argv.end(), more.begin(), more.end());
+        return session_call(argv);
+    };
+    auto shown = [&] { return overview("Get").find("boolean true") != std::string::npos; };
+    if (!eventually(shown, start_limit, 50ms))
+        throw std::runtime_error("GNOME Shell did not finish starting (no overview)");
+    if (!eventually(
+            [&] {
+                overview("Set", {"variant:boolean:false"});
+                return eventually([&] { return overview("Get").find("boolean false") != std::string::npos; }, 2s, 50ms);
+            },
+            start_limit, 50ms))
+        throw std::runtime_error("GNOME Shell did not leave its overview");
+}
+
+std::string wayland_desktop::session_call(std::vector<std::string> argv) const
+{
+    std::string address;
+    for (const auto& [key, value] : environment_)
+        if (key == "DBUS_SESSION_BUS_ADDRESS")
+            address = value;
+    argv.insert(argv.begin(), {"env", "DBUS_SESSION_BUS_ADDRESS=" + address});
+    return run_program(argv, 5s);
 }
 
 void wayland_desktop::start_kde()
@@ -276,6 +313,7 @@ wayland_desktop::~wayland_desktop()
         stop(**process);
     processes_.clear();
     bus_.reset();
+    system_bus_.reset();
 }
 
 void wayland_desktop::start(std::vector<std::string> argv, const std::string& log,
@@ -293,17 +331,11 @@ void wayland_desktop::start(std::vector<std::string> argv, const std::string& lo
 
 void wayland_desktop::wait_for_bus_name(const std::string& name)
 {
-    std::string address;
-    for (const auto& [key, value] : environment_)
-        if (key == "DBUS_SESSION_BUS_ADDRESS")
-            address = value;
     bool owned = eventually(
         [&] {
-            std::string reply = run_program({"env", "DBUS_SESSION_BUS_ADDRESS=" + address, "dbus-send", "--session",
-                                             "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                             "org.freedesktop.DBus.NameHasOwner", "string:" + name},
-                                            5s);
-            return reply.find("boolean true") != std::string::npos;
+            return session_call({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
+                                 "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:" + name})
+                       .find("boolean true") != std::string::npos;
         },
         start_limit, 50ms);
     if (!owned)

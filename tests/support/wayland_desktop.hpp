@@ -8,7 +8,8 @@
 //   are chosen by a chooser script. sway refuses to run as root, so as root it runs as
 //   nobody. Debian 12's xdg-desktop-portal-wlr cannot start a cast without a GPU; the
 //   fixture preloads a test-only shim into it (tests/support/wayland/xdpw_shm_shim.c).
-// - GNOME: mutter --headless with a virtual monitor, xdg-desktop-portal-gnome.
+// - GNOME: gnome-shell --headless with a virtual monitor (on a private system bus:
+//   no logind), xdg-desktop-portal-gnome.
 // - KDE Plasma: kwin_wayland --virtual, xdg-desktop-portal-kde.
 // On GNOME and KDE the portal shows its own picker window; a script playing the user
 // (tests/support/wayland/picker.py) answers it over the accessibility bus.
@@ -109,12 +110,17 @@ private:
     void stop(obs::child_process& process);
     void start(std::vector<std::string> argv, const std::string& log, std::vector<std::pair<std::string, std::string>> extra = {});
     void wait_for_bus_name(const std::string& name);
+    /// Runs argv (dbus-send --session ...) on the desktop's session bus; its output.
+    std::string session_call(std::vector<std::string> argv) const;
+    void leave_overview();
     void start_portal_backend();
 
     options options_;
     temp_dir dir_;
     std::vector<std::pair<std::string, std::string>> environment_;
     std::unique_ptr<session_bus> bus_;
+    /// GNOME Shell's system bus: private and empty (no logind).
+    std::unique_ptr<session_bus> system_bus_;
     // In start order; stopped in reverse.
     std::vector<std::unique_ptr<obs::child_process>> processes_;
     obs::child_process* portal_backend_ = nullptr;
