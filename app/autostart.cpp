@@ -63,6 +63,7 @@ void autostart::set_enabled(bool on)
                               "Type=Application\n"
                               "Name=Orbweave\n"
                               "Comment=Lets your live-production service use this computer's sources\n"
+                              "Comment[de]=Lässt Ihren Live-Produktionsdienst die Quellen dieses Computers nutzen\n"
                               "Exec=%1\n"
                               "Icon=org.orbweave.Client\n"
                               "X-GNOME-Autostart-enabled=true\n")

@@ -3,6 +3,7 @@
 #include "app/autostart.hpp"
 #include "app/event_bus.hpp"
 #include "core/obs/child_process.hpp"
+#include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/session_bus.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -51,6 +52,10 @@ TEST(LaunchAtLogin, TheEntryIsWrittenOnceRemovedAndWatched)
     EXPECT_EQ(text.find("[Desktop Entry]\n"), 0u);
     EXPECT_NE(text.find("\nExec=\"/opt/Orb Weave/orbweave\"\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\nType=Application\n"), std::string::npos);
+    EXPECT_NE(text.find("\nComment[de]=Lässt "), std::string::npos) << "the German comment is not UTF-8";
+    int valid = -1;
+    std::string problems = test::run_program({"desktop-file-validate", path}, 10s, &valid);
+    EXPECT_EQ(valid, 0) << problems;
     ASSERT_TRUE(pump_until([&] { return changes > 0; })) << "our own change is announced too";
 
     // Someone else turns it off by editing the entry, then removes it: both are seen.
