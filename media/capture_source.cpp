@@ -118,15 +118,11 @@ bool capture_source::open(const source_entry& entry, const std::string& restore_
     // The canvas is made once, at the stream's final size, so the source's size must be
     // known first.
     if (route_ == capture_route::portal && (kind == source_type::screen || kind == source_type::window)) {
-        // Frames reach an asynchronous source through a running canvas, as for a camera.
-        ensure_canvas({no_video_size, no_video_size});
         source_ = open_portal(std::get_if<screen_entry>(&entry), restore_token);
         if (!source_)
             return false;
-        // The first frame brings the size: the desktop may take its time to send it.
+        // The stream's format brings the size: the desktop may take its time to agree it.
         size_ = wait_for_size(source_.get(), clock::now() + source_size_limit);
-        // Once the canvas is remade at the stream's size, the newest frame is shown again.
-        restart_after_canvas_ = true;
     } else {
         open_plugin_source(entry);
     }

@@ -8,23 +8,32 @@
 #include <pipewire/pipewire.h>
 #include <spa/param/format-utils.h>
 #include <spa/param/video/format-utils.h>
-#include <util/platform.h>
 
 #include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace orbweave::obs {
 
-// The libobs source: a PipeWire stream on its own thread loop, each frame handed to
-// libobs as asynchronous video (libobs keeps showing the last one until the next).
+// The libobs source: a PipeWire stream on its own thread loop. The newest frame's buffer
+// is kept from PipeWire, and the source draws it itself: libobs's graphics thread uploads
+// it into the source's texture when it draws the source, so a still window or screen,
+// which sends one frame, is drawn from that frame as long as the stream lasts. The size
+// is the negotiated format's, known before the first frame.
 
 namespace {
 
 /// Emitted on the source's signal handler when its stream ends without being asked to.
 constexpr const char* ended_signal = "void orbweave_capture_ended(ptr source, string reason)";
+
+/// A frame's pixels as PipeWire handed them over; null pixels when the buffer holds none.
+struct frame_view {
+    const uint8_t* pixels = nullptr;
+    uint32_t stride = 0;
+};
 
 struct portal_source {
     obs_source_t* source = nullptr;
@@ -37,14 +46,18 @@ struct portal_source {
     spa_hook core_listener{};
     spa_hook stream_listener{};
     spa_hook registry_listener{};
-    spa_video_info_raw format{};
-    bool has_format = false;
     bool streaming = false;
     bool ended = false;
-    std::vector<uint8_t> swizzled; // RGBx frames, turned into BGRX for libobs
-    // The newest frame's buffer, kept from PipeWire until the next arrives: a still
-    // screen sends one frame only, and libobs needs it again when its canvas is remade.
-    pw_buffer* held = nullptr;
+    // Guarded by the loop's lock: the stream's thread writes them, libobs's threads read.
+    spa_video_info_raw format{};
+    bool has_format = false;
+    pw_buffer* held = nullptr; // the newest frame, kept until the next arrives
+    bool uploaded = false;     // whether the texture shows the held frame
+    // The negotiated size, read by libobs without the lock.
+    std::atomic<uint32_t> width{0}, height{0};
+    // libobs's graphics thread only.
+    gs_texture_t* texture = nullptr;
+    std::vector<uint8_t> swizzled; // RGBx frames, turned into BGRX
 
     void end(const std::string& reason)
     {
@@ -79,7 +92,10 @@ struct portal_source {
             return;
         if (spa_format_video_raw_parse(param, &format) < 0)
             return;
-        has_format = true;
+        has_format = supported(format.format);
+        width = has_format ? format.size.width : 0;
+        height = has_format ? format.size.height : 0;
+        uploaded = false;
         uint8_t buffer[256];
         const spa_pod* params[] = {orbweave_shared_memory_buffers_param(buffer, sizeof buffer)};
         pw_stream_update_params(stream, params, 1);
@@ -96,65 +112,84 @@ struct portal_source {
         }
         if (!newest)
             return;
-        show(newest->buffer);
+        if (view(newest->buffer).pixels == nullptr) {
+            pw_stream_queue_buffer(stream, newest); // damaged or empty: keep the last good one
+            return;
+        }
         if (held)
             pw_stream_queue_buffer(stream, held);
         held = newest;
+        uploaded = false;
     }
 
-    /// Shows the newest frame again (libobs's update call).
-    void repeat()
+    static bool supported(uint32_t video_format)
     {
-        pw_thread_loop_lock(loop);
-        if (held)
-            show(held->buffer);
-        pw_thread_loop_unlock(loop);
+        return video_format == SPA_VIDEO_FORMAT_BGRx || video_format == SPA_VIDEO_FORMAT_BGRA ||
+               video_format == SPA_VIDEO_FORMAT_RGBx || video_format == SPA_VIDEO_FORMAT_RGBA;
     }
 
-    void show(spa_buffer* buffer)
+    /// The buffer's pixels, when it holds a whole frame of the negotiated format.
+    frame_view view(spa_buffer* buffer) const
     {
         auto* header = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)));
         if (header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED))
-            return;
-        spa_data& data = buffer->datas[0];
-        if (!has_format || !data.data || !data.chunk || data.chunk->size == 0)
-            return;
-        uint32_t width = format.size.width, height = format.size.height;
-        uint32_t stride = data.chunk->stride > 0 ? static_cast<uint32_t>(data.chunk->stride) : width * 4;
-        if (static_cast<uint64_t>(stride) * height > data.maxsize - data.chunk->offset % data.maxsize)
-            return;
-        auto* pixels = static_cast<uint8_t*>(data.data) + data.chunk->offset % data.maxsize;
+            return {};
+        const spa_data& data = buffer->datas[0];
+        if (!has_format || !data.data || !data.chunk || data.chunk->size == 0 || data.maxsize == 0)
+            return {};
+        uint32_t stride = data.chunk->stride > 0 ? static_cast<uint32_t>(data.chunk->stride) : format.size.width * 4;
+        uint32_t offset = data.chunk->offset % data.maxsize;
+        if (stride < format.size.width * 4 || static_cast<uint64_t>(stride) * format.size.height > data.maxsize - offset)
+            return {};
+        return {static_cast<const uint8_t*>(data.data) + offset, stride};
+    }
 
-        obs_source_frame frame{};
-        frame.width = width;
-        frame.height = height;
-        frame.timestamp = os_gettime_ns();
-        frame.data[0] = pixels;
-        frame.linesize[0] = stride;
-        switch (format.format) {
-        case SPA_VIDEO_FORMAT_BGRx: frame.format = VIDEO_FORMAT_BGRX; break;
-        case SPA_VIDEO_FORMAT_BGRA: frame.format = VIDEO_FORMAT_BGRA; break;
-        case SPA_VIDEO_FORMAT_RGBA: frame.format = VIDEO_FORMAT_RGBA; break;
-        case SPA_VIDEO_FORMAT_RGBx:
-            // libobs has no RGBX: swap red and blue into BGRX (its alpha is ignored).
-            swizzled.resize(static_cast<size_t>(width) * height * 4);
-            for (uint32_t row = 0; row < height; ++row) {
+    /// libobs's draw call, on its graphics thread: uploads the newest frame when it has
+    /// not been yet, then draws the texture.
+    void draw()
+    {
+        pw_thread_loop_lock(loop);
+        if (held && !uploaded)
+            upload(view(held->buffer));
+        pw_thread_loop_unlock(loop);
+        if (texture)
+            obs_source_draw(texture, 0, 0, 0, 0, false);
+    }
+
+    void upload(frame_view frame)
+    {
+        if (!frame.pixels)
+            return;
+        uint32_t w = format.size.width, h = format.size.height;
+        bool alpha = format.format == SPA_VIDEO_FORMAT_BGRA || format.format == SPA_VIDEO_FORMAT_RGBA;
+        gs_color_format wanted = alpha ? GS_BGRA : GS_BGRX;
+        if (!texture || gs_texture_get_width(texture) != w || gs_texture_get_height(texture) != h ||
+            gs_texture_get_color_format(texture) != wanted) {
+            gs_texture_destroy(texture);
+            texture = gs_texture_create(w, h, wanted, 1, nullptr, GS_DYNAMIC);
+            if (!texture)
+                return;
+        }
+        const uint8_t* pixels = frame.pixels;
+        uint32_t stride = frame.stride;
+        if (format.format == SPA_VIDEO_FORMAT_RGBx || format.format == SPA_VIDEO_FORMAT_RGBA) {
+            // No RGB-ordered texture format in libobs: red and blue swap places.
+            swizzled.resize(static_cast<size_t>(w) * h * 4);
+            for (uint32_t row = 0; row < h; ++row) {
                 const uint8_t* in = pixels + static_cast<size_t>(row) * stride;
-                uint8_t* out = swizzled.data() + static_cast<size_t>(row) * width * 4;
-                for (uint32_t column = 0; column < width; ++column, in += 4, out += 4) {
+                uint8_t* out = swizzled.data() + static_cast<size_t>(row) * w * 4;
+                for (uint32_t column = 0; column < w; ++column, in += 4, out += 4) {
                     out[0] = in[2];
                     out[1] = in[1];
                     out[2] = in[0];
-                    out[3] = 255;
+                    out[3] = in[3];
                 }
             }
-            frame.data[0] = swizzled.data();
-            frame.linesize[0] = width * 4;
-            frame.format = VIDEO_FORMAT_BGRX;
-            break;
-        default: return;
+            pixels = swizzled.data();
+            stride = w * 4;
         }
-        obs_source_output_video(source, &frame);
+        gs_texture_set_image(texture, pixels, stride, false);
+        uploaded = true;
     }
 
     static const pw_stream_events* stream_events()
@@ -264,8 +299,6 @@ struct portal_source {
         signal_handler_add(obs_source_get_signal_handler(source), ended_signal);
         auto capture = std::make_unique<portal_source>();
         capture->source = source;
-        // A screen shows each frame as it comes, rather than after a buffering delay.
-        obs_source_set_async_unbuffered(source, true);
         int fd = static_cast<int>(obs_data_get_int(settings, "fd"));
         auto node = static_cast<uint32_t>(obs_data_get_int(settings, "node"));
         if (fd < 0 || !capture->connect(fd, node)) {
@@ -297,6 +330,11 @@ struct portal_source {
             pw_thread_loop_unlock(loop);
             pw_thread_loop_stop(loop);
         }
+        if (texture) {
+            obs_enter_graphics();
+            gs_texture_destroy(texture);
+            obs_leave_graphics();
+        }
         if (context)
             pw_context_destroy(context);
         if (loop)
@@ -312,7 +350,7 @@ void register_portal_source()
     obs_source_info info{};
     info.id = portal_source_id;
     info.type = OBS_SOURCE_TYPE_INPUT;
-    info.output_flags = OBS_SOURCE_ASYNC_VIDEO | OBS_SOURCE_DO_NOT_DUPLICATE;
+    info.output_flags = OBS_SOURCE_VIDEO | OBS_SOURCE_DO_NOT_DUPLICATE;
     info.get_name = [](void*) { return "Orbweave screen (desktop portal)"; };
     info.create = [](obs_data_t* settings, obs_source_t* source) {
         return guarded("the screen cast source's creation", [&] { return portal_source::create(settings, source); });
@@ -320,8 +358,10 @@ void register_portal_source()
     info.destroy = [](void* data) {
         guarded("the screen cast source's destruction", [&] { delete static_cast<portal_source*>(data); });
     };
-    info.update = [](void* data, obs_data_t*) {
-        guarded("the screen cast source's update", [&] { static_cast<portal_source*>(data)->repeat(); });
+    info.get_width = [](void* data) { return static_cast<portal_source*>(data)->width.load(); };
+    info.get_height = [](void* data) { return static_cast<portal_source*>(data)->height.load(); };
+    info.video_render = [](void* data, gs_effect_t*) {
+        guarded("the screen cast source's drawing", [&] { static_cast<portal_source*>(data)->draw(); });
     };
     obs_register_source(&info);
 }
