@@ -97,10 +97,10 @@ std::array<int, 3> recorded_colour(const test::rtmp_ingest& ingest, const std::s
     return {frame[at], frame[at + 1], frame[at + 2]};
 }
 
-/// An output's background colour, from its "#rrggbb".
-std::array<int, 3> background_of(const test::wayland_desktop::output& output)
+/// A "#rrggbb" colour's channels.
+std::array<int, 3> rgb(const std::string& colour)
 {
-    auto channel = [&](int at) { return std::stoi(output.background.substr(1 + 2 * at, 2), nullptr, 16); };
+    auto channel = [&](int at) { return std::stoi(colour.substr(1 + 2 * at, 2), nullptr, 16); };
     return {channel(0), channel(1), channel(2)};
 }
 
@@ -146,7 +146,7 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
 
     // The background of the output, far from the clock, in the last frame sent.
     auto seen = recorded_colour(ingest, output.name, 60, 32);
-    EXPECT_TRUE(near(seen, background_of(output)))
+    EXPECT_TRUE(near(seen, rgb(output.background)))
         << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " instead of " << output.background;
 }
 
@@ -175,7 +175,7 @@ TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
 
     // The last frame shows the output's background, scaled in (not a frozen or black picture).
     auto seen = recorded_colour(ingest, "resized", 40, 32);
-    EXPECT_TRUE(near(seen, background_of(output))) << "saw " << seen[0] << "," << seen[1] << "," << seen[2];
+    EXPECT_TRUE(near(seen, rgb(output.background))) << "saw " << seen[0] << "," << seen[1] << "," << seen[2];
     // 4:3 now, fitted into 16:9: bars at the sides show the new size was followed.
     auto side = recorded_colour(ingest, "resized", 2, 18);
     EXPECT_TRUE(near(side, {0, 0, 0})) << "saw " << side[0] << "," << side[1] << "," << side[2] << " at the side";
@@ -520,7 +520,7 @@ TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfte
     // What arrived is the compositor's picture: the output's background (the clock sits
     // at the top left), in the last frame sent.
     auto seen = recorded_colour(ingest, "restarted", 60, 32);
-    EXPECT_TRUE(near(seen, background_of(output)))
+    EXPECT_TRUE(near(seen, rgb(output.background)))
         << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " instead of " << output.background;
 }
 
@@ -565,7 +565,7 @@ TEST_P(WaylandDesktops, TheWindowEntryAsksForAWindowThenRestoresItAndItsClosingE
     EXPECT_TRUE(ingest.wait_until_not_publishing("restored", 10s));
     // A still window sends one frame: it is the picture until the end.
     auto seen = recorded_colour(ingest, "restored", 32, 18);
-    EXPECT_TRUE(near(seen, background_of({"", 0, 0, 0, 0, colour})))
+    EXPECT_TRUE(near(seen, rgb(colour)))
         << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " instead of the window's " << colour;
 }
 

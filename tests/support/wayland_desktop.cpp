@@ -264,11 +264,7 @@ void wayland_desktop::leave_overview()
 
 std::string wayland_desktop::session_call(std::vector<std::string> argv) const
 {
-    std::string address;
-    for (const auto& [key, value] : environment_)
-        if (key == "DBUS_SESSION_BUS_ADDRESS")
-            address = value;
-    argv.insert(argv.begin(), {"env", "DBUS_SESSION_BUS_ADDRESS=" + address});
+    argv.insert(argv.begin(), {"env", "DBUS_SESSION_BUS_ADDRESS=" + bus_->address()});
     return run_program(argv, 5s);
 }
 
