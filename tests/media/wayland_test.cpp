@@ -391,14 +391,6 @@ protected:
             desktop_ = session->desktop.get();
             return;
         }
-        auto missing = test::wayland_desktop::missing_programs(kind);
-        if (!missing.empty()) {
-            std::string list;
-            for (const std::string& program : missing)
-                list += (list.empty() ? "" : ", ") + program;
-            GTEST_SKIP() << test::wayland_desktop::name(kind) << " is not installed here (missing " << list
-                         << "); scripts/setup installs it";
-        }
         // One desktop per suite; a desktop that did not come up fails each case at once.
         ASSERT_TRUE(other_failure_.empty()) << other_failure_;
         if (!other_) {

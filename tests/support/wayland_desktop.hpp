@@ -55,8 +55,9 @@ public:
     static std::vector<output> default_outputs(kind desktop);
     /// "sway", "GNOME", "KDE Plasma".
     static std::string name(kind desktop);
-    /// The programs the desktop needs that are not installed (empty: it can run).
-    static std::vector<std::string> missing_programs(kind desktop);
+    /// The Debian packages the desktop needs (programs, plug-ins, fonts) that are not
+    /// installed (empty: it can run). The constructor refuses to start without them.
+    static std::vector<std::string> missing_packages(kind desktop);
 
     wayland_desktop() : wayland_desktop(options{}) {}
     /// Starts the whole stack; throws std::runtime_error when a part does not come up.
@@ -123,6 +124,8 @@ private:
     std::unique_ptr<session_bus> system_bus_;
     // In start order; stopped in reverse.
     std::vector<std::unique_ptr<obs::child_process>> processes_;
+    /// The log of the program started last (the owner of the bus name waited for next).
+    std::string last_log_;
     obs::child_process* portal_backend_ = nullptr;
     std::vector<std::pair<std::string, std::unique_ptr<obs::child_process>>> windows_;
 };
