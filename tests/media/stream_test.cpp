@@ -16,6 +16,7 @@
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/scoped_environment.hpp"
 #include "tests/support/stderr_capture.hpp"
+#include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -406,6 +407,177 @@ INSTANTIATE_TEST_SUITE_P(
                                   "media: stream grabbed straight from the X server (no canvas), colour conversion on "
                                   "the CPU, video encoder obs_x264"}),
     [](const ::testing::TestParamInfo<screen_path>& info) { return std::string(info.param.name); });
+
+/// An RGB pixel of a live frame 64 pixels wide.
+std::array<int, 3> pixel_at(const std::vector<std::uint8_t>& frame, int x, int y)
+{
+    const std::uint8_t* pixel = &frame[(static_cast<std::size_t>(y) * 64 + x) * 3];
+    return {pixel[0], pixel[1], pixel[2]};
+}
+
+bool near(const std::array<int, 3>& pixel, const std::array<int, 3>& expected)
+{
+    for (int channel = 0; channel < 3; ++channel)
+        if (std::abs(pixel[channel] - expected[channel]) > 48)
+            return false;
+    return true;
+}
+
+std::string rgb(const std::array<int, 3>& pixel)
+{
+    return "(" + std::to_string(pixel[0]) + "," + std::to_string(pixel[1]) + "," + std::to_string(pixel[2]) + ")";
+}
+
+constexpr std::array<int, 3> black{0, 0, 0};
+constexpr std::array<int, 3> red{255, 0, 0};
+constexpr std::array<int, 3> green{0, 255, 0};
+constexpr std::array<int, 3> blue{0, 0, 255};
+
+/// A screen whose mode changes under a running stream: Xorg with the dummy driver
+/// (Xvfb cannot change its size), streamed by either route (ORBWEAVE_SCREEN_CAPTURE).
+class ScreenChanges : public Streaming, public ::testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override
+    {
+        directory_ = std::make_unique<test::temp_dir>("orbweave-xorg");
+        xorg_ = std::make_unique<test::xorg_display>(directory_->path());
+        display_ = std::make_unique<test::scoped_environment>("DISPLAY", xorg_->name());
+        capture_ = std::make_unique<test::scoped_environment>("ORBWEAVE_SCREEN_CAPTURE", std::string(GetParam()));
+    }
+
+    void set_mode(const std::string& mode)
+    {
+        xorg_->run({"xrandr", "--output", test::xorg_display::output, "--mode", mode});
+    }
+
+    /// Paints the whole screen (its root window) in colour, and returns once X shows it.
+    void paint(const std::string& name, const std::array<int, 3>& colour)
+    {
+        xorg_->run({"xsetroot", "-solid", name});
+        Display* x = XOpenDisplay(xorg_->name().c_str());
+        ASSERT_NE(x, nullptr);
+        unsigned long expected = static_cast<unsigned long>(colour[0] << 16 | colour[1] << 8 | colour[2]);
+        bool shown = test::eventually(
+            [&] {
+                XImage* image = XGetImage(x, DefaultRootWindow(x), 100, 100, 1, 1, AllPlanes, ZPixmap);
+                if (!image)
+                    return false;
+                bool same = XGetPixel(image, 0, 0) == expected;
+                XDestroyImage(image);
+                return same;
+            },
+            10s);
+        XCloseDisplay(x);
+        ASSERT_TRUE(shown) << name << " did not show on the screen";
+    }
+
+    /// Waits until the ingest's live picture is colour in the middle and bar at the sides
+    /// (the colour too when the screen fills the frame), at the stream's first size; how
+    /// long that took from the call.
+    void expect_at_ingest(const std::string& key, const std::array<int, 3>& colour, const std::array<int, 3>& bar)
+    {
+        auto begun = clock::now();
+        std::vector<std::uint8_t> frame;
+        bool arrived = test::eventually(
+            [&] {
+                frame = ingest_->live_frame(key, 64, 36);
+                return !frame.empty() && near(pixel_at(frame, 32, 18), colour) && near(pixel_at(frame, 2, 18), bar);
+            },
+            30s);
+        ASSERT_FALSE(frame.empty()) << "no live frame of " << key;
+        ASSERT_TRUE(arrived) << "middle " << rgb(pixel_at(frame, 32, 18)) << ", left edge "
+                             << rgb(pixel_at(frame, 2, 18));
+        std::cout << "[ measured ] " << GetParam() << ": the screen's new picture at the ingest after "
+                  << std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begun).count() << " ms\n";
+        // The bars are beside the picture only: its aspect is kept, its height fills the frame.
+        EXPECT_TRUE(near(pixel_at(frame, 61, 18), bar)) << "right edge " << rgb(pixel_at(frame, 61, 18));
+        EXPECT_TRUE(near(pixel_at(frame, 12, 1), colour)) << "top, inside the picture " << rgb(pixel_at(frame, 12, 1));
+        EXPECT_TRUE(near(pixel_at(frame, 51, 34), colour))
+            << "bottom, inside the picture " << rgb(pixel_at(frame, 51, 34));
+        auto live = ingest_->probe_live(key, 15s);
+        ASSERT_NE(live.video(), nullptr) << live.error;
+        EXPECT_EQ(live.video()->width, 1280);
+        EXPECT_EQ(live.video()->height, 720);
+    }
+
+    std::unique_ptr<test::temp_dir> directory_;
+    std::unique_ptr<test::xorg_display> xorg_;
+    std::unique_ptr<test::scoped_environment> display_;
+    std::unique_ptr<test::scoped_environment> capture_;
+};
+
+// A screen that changes its mode keeps streaming at the size the stream started with,
+// its new picture fitted inside with the aspect kept (800x600 in 1280x720: bars of 160
+// pixels left and right), and fills the frame again once back at its old size.
+TEST_P(ScreenChanges, AStreamKeepsItsSizeAndFitsTheScreensNewPicture)
+{
+    test::stderr_capture log;
+    paint("#00ff00", green);
+    worker listing;
+    auto screens = listing.list_screens();
+    ASSERT_EQ(screens.size(), 1u);
+    ASSERT_EQ(screens[0].width, 1280u);
+    std::string key = new_key(std::string("mode-") + GetParam());
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(screens[0], {{"profile", "medium"}}, ingest_->url(), key)).result.started);
+    expect_at_ingest(key, green, green);
+
+    set_mode("800x600");
+    paint("#0000ff", blue);
+    expect_at_ingest(key, blue, black);
+
+    set_mode("1280x720");
+    paint("#ff0000", red);
+    expect_at_ingest(key, red, red);
+    EXPECT_TRUE(media->alive());
+    ASSERT_TRUE(media->shutdown());
+
+    // X errors of a grab that no longer fits are counted, not logged once a frame.
+    std::string text = log.text();
+    std::size_t failures = 0;
+    for (std::size_t at = text.find("cannot grab screen"); at != std::string::npos;
+         at = text.find("cannot grab screen", at + 1))
+        ++failures;
+    EXPECT_LE(failures, 2u) << text;
+    EXPECT_EQ(text.find("X Error"), std::string::npos) << text;
+}
+
+// A screen that goes away (its RandR monitor removed) ends its stream, saying why, as a
+// window that closes or a screen cast the desktop ends.
+TEST_P(ScreenChanges, AScreenThatGoesAwayEndsItsStream)
+{
+    xorg_->run({"xrandr", "--setmonitor", "orbweave-extra", "640/170x360/100+640+360", "none"});
+    worker listing;
+    auto screens = listing.list_screens();
+    ASSERT_EQ(screens.size(), 2u);
+    ASSERT_EQ(screens[1].width, 640u);
+
+    std::string key = new_key(std::string("gone-") + GetParam());
+    auto media = stream_worker();
+    std::mutex mutex;
+    std::vector<std::string> events;
+    media->set_event_handler([&](const std::string& event, const std::string& reason) {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(event + ": " + reason);
+    });
+    ASSERT_TRUE(activate(*media, order_for(screens[1], {{"profile", "medium"}}, ingest_->url(), key)).result.started);
+    ASSERT_TRUE(ingest_->wait_for_publishing(key, 15s));
+
+    xorg_->run({"xrandr", "--delmonitor", "orbweave-extra"});
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return std::find(events.begin(), events.end(), "stopped: screen 2 is gone from the X display") !=
+                   events.end();
+        },
+        10s))
+        << "the stream was not ended";
+    ASSERT_TRUE(media->shutdown());
+    EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 10s));
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, ScreenChanges, ::testing::Values("direct", "canvas"),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
 {
