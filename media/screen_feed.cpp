@@ -1,11 +1,11 @@
 #include "media/screen_feed.hpp"
 
 #include "core/log.hpp"
-#include "media/catalogue.hpp"
 #include "media/encoders.hpp"
 #include "media/runtime.hpp"
 #include "media/unique_handle.hpp"
 #include "media/x11_screens.hpp"
+#include "media/xcb_reply.hpp"
 
 #include <obs.h>
 #include <media-io/video-frame.h>
@@ -37,23 +37,6 @@ namespace {
 constexpr std::uint64_t frame_interval_ns = 1'000'000'000 / stream_fps;
 
 std::atomic<long long> late_frames{0};
-
-template <class T>
-struct freed {
-    T* reply;
-    ~freed() { std::free(reply); }
-    T* operator->() const { return reply; }
-    explicit operator bool() const { return reply != nullptr; }
-};
-
-xcb_screen_t* root_screen(xcb_connection_t* xcb, int number)
-{
-    xcb_screen_iterator_t roots = xcb_setup_roots_iterator(xcb_get_setup(xcb));
-    for (int i = 0; roots.rem; ++i, xcb_screen_next(&roots))
-        if (i == number)
-            return roots.data;
-    return nullptr;
-}
 
 bool has_32_bit_pixels(xcb_connection_t* xcb, std::uint8_t depth)
 {
@@ -288,7 +271,7 @@ struct screen_feed::grabber {
     void grab()
     {
         xcb_generic_error_t* error = nullptr;
-        freed<xcb_shm_get_image_reply_t> image{xcb_shm_get_image_reply(
+        xcb_reply<xcb_shm_get_image_reply_t> image{xcb_shm_get_image_reply(
             xcb,
             xcb_shm_get_image(xcb, root, static_cast<std::int16_t>(area.x), static_cast<std::int16_t>(area.y),
                               static_cast<std::uint16_t>(area.width), static_cast<std::uint16_t>(area.height),
@@ -311,8 +294,8 @@ struct screen_feed::grabber {
         // Both asked at once: one round trip.
         auto where_cookie = xcb_query_pointer(xcb, root);
         auto cursor_cookie = xcb_xfixes_get_cursor_image(xcb);
-        freed<xcb_query_pointer_reply_t> where{xcb_query_pointer_reply(xcb, where_cookie, nullptr)};
-        freed<xcb_xfixes_get_cursor_image_reply_t> cursor{
+        xcb_reply<xcb_query_pointer_reply_t> where{xcb_query_pointer_reply(xcb, where_cookie, nullptr)};
+        xcb_reply<xcb_xfixes_get_cursor_image_reply_t> cursor{
             xcb_xfixes_get_cursor_image_reply(xcb, cursor_cookie, nullptr)};
         // The pointer is on another X screen, or nowhere near this one.
         if (!where || !where->same_screen || !cursor)

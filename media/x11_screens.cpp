@@ -3,6 +3,7 @@
 #include "core/log.hpp"
 #include "media/c_boundary.hpp"
 #include "media/catalogue.hpp"
+#include "media/xcb_reply.hpp"
 
 #include <xcb/randr.h>
 #include <xcb/xcb.h>
@@ -22,28 +23,11 @@ namespace orbweave::obs {
 
 namespace {
 
-template <class T>
-struct freed {
-    T* reply;
-    ~freed() { std::free(reply); }
-    T* operator->() const { return reply; }
-    explicit operator bool() const { return reply != nullptr; }
-};
-
 bool has_extension(xcb_connection_t* xcb, const char* name)
 {
-    freed<xcb_query_extension_reply_t> reply{xcb_query_extension_reply(
+    xcb_reply<xcb_query_extension_reply_t> reply{xcb_query_extension_reply(
         xcb, xcb_query_extension(xcb, static_cast<std::uint16_t>(std::strlen(name)), name), nullptr)};
     return reply && reply->present;
-}
-
-xcb_screen_t* root_screen(xcb_connection_t* xcb, int number)
-{
-    xcb_screen_iterator_t roots = xcb_setup_roots_iterator(xcb_get_setup(xcb));
-    for (int i = 0; roots.rem; ++i, xcb_screen_next(&roots))
-        if (i == number)
-            return roots.data;
-    return nullptr;
 }
 
 } // namespace
@@ -74,7 +58,7 @@ struct x11_screen_watch::connection {
         randr = extension && extension->present;
         if (randr) {
             randr_event_base = extension->first_event;
-            freed<xcb_randr_query_version_reply_t> version{xcb_randr_query_version_reply(
+            xcb_reply<xcb_randr_query_version_reply_t> version{xcb_randr_query_version_reply(
                 xcb, xcb_randr_query_version(xcb, XCB_RANDR_MAJOR_VERSION, XCB_RANDR_MINOR_VERSION), nullptr)};
             monitors = version && (version->major_version > 1 || version->minor_version >= 5);
         } else {
@@ -92,7 +76,7 @@ struct x11_screen_watch::connection {
         if (!first)
             return screens;
         if (monitors) {
-            freed<xcb_randr_get_monitors_reply_t> reply{
+            xcb_reply<xcb_randr_get_monitors_reply_t> reply{
                 xcb_randr_get_monitors_reply(xcb, xcb_randr_get_monitors(xcb, first->root, 1), nullptr)};
             if (!reply)
                 return screens;
@@ -101,7 +85,7 @@ struct x11_screen_watch::connection {
                 screens.push_back({i, 0, each.data->x, each.data->y, each.data->width, each.data->height,
                                    each.data->name});
         } else if (randr) {
-            freed<xcb_randr_get_screen_resources_current_reply_t> resources{
+            xcb_reply<xcb_randr_get_screen_resources_current_reply_t> resources{
                 xcb_randr_get_screen_resources_current_reply(
                     xcb, xcb_randr_get_screen_resources_current(xcb, first->root), nullptr)};
             if (!resources)
@@ -109,7 +93,7 @@ struct x11_screen_watch::connection {
             int count = xcb_randr_get_screen_resources_current_crtcs_length(resources.reply);
             xcb_randr_crtc_t* crtcs = xcb_randr_get_screen_resources_current_crtcs(resources.reply);
             for (int i = 0; i < count; ++i) {
-                freed<xcb_randr_get_crtc_info_reply_t> crtc{xcb_randr_get_crtc_info_reply(
+                xcb_reply<xcb_randr_get_crtc_info_reply_t> crtc{xcb_randr_get_crtc_info_reply(
                     xcb, xcb_randr_get_crtc_info(xcb, crtcs[i], resources->config_timestamp), nullptr)};
                 if (crtc)
                     screens.push_back({i, 0, crtc->x, crtc->y, crtc->width, crtc->height, crtcs[i]});
