@@ -9,9 +9,11 @@
 #include "media/output.hpp"
 #include "media/runtime.hpp"
 #include "media/screen_feed.hpp"
+#include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/fault_proxy.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/rtmp_chunks.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/scoped_environment.hpp"
@@ -544,38 +546,49 @@ TEST_P(ScreenChanges, AStreamKeepsItsSizeAndFitsTheScreensNewPicture)
     EXPECT_EQ(text.find("X Error"), std::string::npos) << text;
 }
 
-// A screen that goes away (its RandR monitor removed) ends its stream, saying why, as a
-// window that closes or a screen cast the desktop ends.
+// A screen that goes away (its RandR monitor removed) ends its stream as a window that
+// closes or a screen cast the desktop ends: the client reports the stream gone and says
+// why, the ingest loses it and its worker ends.
 TEST_P(ScreenChanges, AScreenThatGoesAwayEndsItsStream)
 {
     xorg_->run({"xrandr", "--setmonitor", "orbweave-extra", "640/170x360/100+640+360", "none"});
-    worker listing;
-    auto screens = listing.list_screens();
-    ASSERT_EQ(screens.size(), 2u);
-    ASSERT_EQ(screens[1].width, 640u);
+    test::stderr_capture log;
+    sim::service_sim service;
+    {
+        test::client_harness app(service);
+        app.set_secret(service.issue_secret({"Ann", ""}));
+        app.on_permission([](callback::source_type::type, const std::string&, const std::string&,
+                             callback::request_type::type, const callback::request& request) { request.answer(true); });
+        app.start();
+        ASSERT_TRUE(app.wait_for_state(callback::state_type::connected, 30s));
+        auto listed = service.wait_for_reply(service.list("screen").value_or(""), 30s);
+        ASSERT_TRUE(listed);
+        Json screens = listed->message["payload"]["results"];
+        ASSERT_EQ(screens.size(), 2u) << screens;
+        std::string id = screens[1]["id"];
 
-    std::string key = new_key(std::string("gone-") + GetParam());
-    auto media = stream_worker();
-    std::mutex mutex;
-    std::vector<std::string> events;
-    media->set_event_handler([&](const std::string& event, const std::string& reason) {
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(event + ": " + reason);
-    });
-    ASSERT_TRUE(activate(*media, order_for(screens[1], {{"profile", "medium"}}, ingest_->url(), key)).result.started);
-    ASSERT_TRUE(ingest_->wait_for_publishing(key, 15s));
+        sim::activation request;
+        request.source_id = id;
+        request.profile = "medium";
+        request.server = ingest_->url();
+        request.key = new_key(std::string("gone-") + GetParam());
+        auto activated = service.wait_for_reply(service.activate(request).value_or(""), 60s);
+        ASSERT_TRUE(activated);
+        ASSERT_EQ(activated->message["payload"], Json({{"status", "Success"}}));
+        ASSERT_TRUE(ingest_->wait_for_publishing(request.key, 15s));
 
-    xorg_->run({"xrandr", "--delmonitor", "orbweave-extra"});
-    EXPECT_TRUE(test::eventually(
-        [&] {
-            std::lock_guard<std::mutex> lock(mutex);
-            return std::find(events.begin(), events.end(), "stopped: screen 2 is gone from the X display") !=
-                   events.end();
-        },
-        10s))
-        << "the stream was not ended";
-    ASSERT_TRUE(media->shutdown());
-    EXPECT_TRUE(ingest_->wait_until_not_publishing(key, 10s));
+        xorg_->run({"xrandr", "--delmonitor", "orbweave-extra"});
+        EXPECT_TRUE(app.wait_for_state(callback::state_type::connected, 30s));
+        EXPECT_TRUE(app.wait_for_streams({}, 30s));
+        EXPECT_TRUE(ingest_->wait_until_not_publishing(request.key, 15s));
+        EXPECT_TRUE(
+            test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s))
+            << "the stream's worker was left";
+        EXPECT_NE(log.text().find("The stream of source " + id + " ended: screen 2 is gone from the X display"),
+                  std::string::npos)
+            << log.text();
+    }
+    EXPECT_EQ(log.text().find("killed by signal"), std::string::npos) << "a worker crashed:\n" << log.text();
 }
 
 INSTANTIATE_TEST_SUITE_P(Routes, ScreenChanges, ::testing::Values("direct", "canvas"),
