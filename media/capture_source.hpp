@@ -9,6 +9,7 @@
 #include "core/obs/entries.hpp"
 #include "media/portal_session.hpp"
 #include "media/unique_handle.hpp"
+#include "media/x11_screens.hpp"
 
 #include <chrono>
 #include <functional>
@@ -70,6 +71,9 @@ private:
     std::unique_ptr<portal_session> start_cast(const screen_entry* screen, const std::string& restore_token);
     /// Makes the source, or measures the window, of the X11, PulseAudio and V4L2 plug-ins.
     void open_plugin_source(const source_entry& entry);
+    /// Follows X11 screen index while the source shows it: a new size or place is passed
+    /// on to the source, a screen that goes away ends the capture.
+    void watch_screen(int index);
     static void on_capture_ended(void* data, calldata_t* params) noexcept;
 
     capture_route route_;
@@ -78,6 +82,8 @@ private:
     // Declared before the source: the cast is closed after the source showing it is gone.
     std::unique_ptr<portal_session> portal_;
     source_handle source_;
+    // Declared after the source: it stops telling the source of changes before it goes.
+    std::unique_ptr<x11_screen_watch> screen_watch_;
     std::pair<int, int> size_{0, 0};
     // An X11 window waits for the canvas before its source is made.
     std::optional<window_entry> window_;

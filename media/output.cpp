@@ -105,7 +105,7 @@ bool output::prepare_feed(const pipe::stream_order& order)
     const auto& screen = std::get<screen_entry>(order.source);
     frame_size_ = stream_frame_size(order, {static_cast<int>(screen.width), static_cast<int>(screen.height)}, true);
     try {
-        feed_ = std::make_unique<screen_feed>(screen, frame_size_);
+        feed_ = std::make_unique<screen_feed>(screen, frame_size_, [this](const std::string& reason) { end(reason); });
     } catch (const std::exception& failure) {
         error_ = failure.what();
         return false;

@@ -9,13 +9,16 @@
 #include "media/output.hpp"
 #include "media/runtime.hpp"
 #include "media/screen_feed.hpp"
+#include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/fault_proxy.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/rtmp_chunks.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/scoped_environment.hpp"
 #include "tests/support/stderr_capture.hpp"
+#include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -406,6 +409,190 @@ INSTANTIATE_TEST_SUITE_P(
                                   "media: stream grabbed straight from the X server (no canvas), colour conversion on "
                                   "the CPU, video encoder obs_x264"}),
     [](const ::testing::TestParamInfo<screen_path>& info) { return std::string(info.param.name); });
+
+/// An RGB pixel of a live frame 64 pixels wide.
+std::array<int, 3> pixel_at(const std::vector<std::uint8_t>& frame, int x, int y)
+{
+    const std::uint8_t* pixel = &frame[(static_cast<std::size_t>(y) * 64 + x) * 3];
+    return {pixel[0], pixel[1], pixel[2]};
+}
+
+bool near(const std::array<int, 3>& pixel, const std::array<int, 3>& expected)
+{
+    for (int channel = 0; channel < 3; ++channel)
+        if (std::abs(pixel[channel] - expected[channel]) > 48)
+            return false;
+    return true;
+}
+
+std::string rgb(const std::array<int, 3>& pixel)
+{
+    return "(" + std::to_string(pixel[0]) + "," + std::to_string(pixel[1]) + "," + std::to_string(pixel[2]) + ")";
+}
+
+constexpr std::array<int, 3> black{0, 0, 0};
+constexpr std::array<int, 3> red{255, 0, 0};
+constexpr std::array<int, 3> green{0, 255, 0};
+constexpr std::array<int, 3> blue{0, 0, 255};
+
+/// A screen whose mode changes under a running stream: Xorg with the dummy driver
+/// (Xvfb cannot change its size), streamed by either route (ORBWEAVE_SCREEN_CAPTURE).
+class ScreenChanges : public Streaming, public ::testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override
+    {
+        directory_ = std::make_unique<test::temp_dir>("orbweave-xorg");
+        xorg_ = std::make_unique<test::xorg_display>(directory_->path());
+        display_ = std::make_unique<test::scoped_environment>("DISPLAY", xorg_->name());
+        capture_ = std::make_unique<test::scoped_environment>("ORBWEAVE_SCREEN_CAPTURE", std::string(GetParam()));
+    }
+
+    void set_mode(const std::string& mode)
+    {
+        xorg_->run({"xrandr", "--output", test::xorg_display::output, "--mode", mode});
+    }
+
+    /// Paints the whole screen (its root window) in colour, and returns once X shows it.
+    void paint(const std::string& name, const std::array<int, 3>& colour)
+    {
+        xorg_->run({"xsetroot", "-solid", name});
+        Display* x = XOpenDisplay(xorg_->name().c_str());
+        ASSERT_NE(x, nullptr);
+        unsigned long expected = static_cast<unsigned long>(colour[0] << 16 | colour[1] << 8 | colour[2]);
+        bool shown = test::eventually(
+            [&] {
+                XImage* image = XGetImage(x, DefaultRootWindow(x), 100, 100, 1, 1, AllPlanes, ZPixmap);
+                if (!image)
+                    return false;
+                bool same = XGetPixel(image, 0, 0) == expected;
+                XDestroyImage(image);
+                return same;
+            },
+            10s);
+        XCloseDisplay(x);
+        ASSERT_TRUE(shown) << name << " did not show on the screen";
+    }
+
+    /// Waits until the ingest's live picture is colour in the middle and bar at the sides
+    /// (the colour too when the screen fills the frame), at the stream's first size; how
+    /// long that took from the call.
+    void expect_at_ingest(const std::string& key, const std::array<int, 3>& colour, const std::array<int, 3>& bar)
+    {
+        auto begun = clock::now();
+        std::vector<std::uint8_t> frame;
+        bool arrived = test::eventually(
+            [&] {
+                frame = ingest_->live_frame(key, 64, 36);
+                return !frame.empty() && near(pixel_at(frame, 32, 18), colour) && near(pixel_at(frame, 2, 18), bar);
+            },
+            30s);
+        ASSERT_FALSE(frame.empty()) << "no live frame of " << key;
+        ASSERT_TRUE(arrived) << "middle " << rgb(pixel_at(frame, 32, 18)) << ", left edge "
+                             << rgb(pixel_at(frame, 2, 18));
+        // A player starts at the newest key frame (one every 2 s): an upper bound.
+        std::cout << "[ measured ] " << GetParam() << ": a player of the stream sees the screen's new picture "
+                  << std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begun).count()
+                  << " ms after it was painted\n";
+        // The bars are beside the picture only: its aspect is kept, its height fills the frame.
+        EXPECT_TRUE(near(pixel_at(frame, 61, 18), bar)) << "right edge " << rgb(pixel_at(frame, 61, 18));
+        EXPECT_TRUE(near(pixel_at(frame, 12, 1), colour)) << "top, inside the picture " << rgb(pixel_at(frame, 12, 1));
+        EXPECT_TRUE(near(pixel_at(frame, 51, 34), colour))
+            << "bottom, inside the picture " << rgb(pixel_at(frame, 51, 34));
+        auto live = ingest_->probe_live(key, 15s);
+        ASSERT_NE(live.video(), nullptr) << live.error;
+        EXPECT_EQ(live.video()->width, 1280);
+        EXPECT_EQ(live.video()->height, 720);
+    }
+
+    std::unique_ptr<test::temp_dir> directory_;
+    std::unique_ptr<test::xorg_display> xorg_;
+    std::unique_ptr<test::scoped_environment> display_;
+    std::unique_ptr<test::scoped_environment> capture_;
+};
+
+// A screen that changes its mode keeps streaming at the size the stream started with,
+// its new picture fitted inside with the aspect kept (800x600 in 1280x720: bars of 160
+// pixels left and right), and fills the frame again once back at its old size.
+TEST_P(ScreenChanges, AStreamKeepsItsSizeAndFitsTheScreensNewPicture)
+{
+    test::stderr_capture log;
+    paint("#00ff00", green);
+    worker listing;
+    auto screens = listing.list_screens();
+    ASSERT_EQ(screens.size(), 1u);
+    ASSERT_EQ(screens[0].width, 1280u);
+    std::string key = new_key(std::string("mode-") + GetParam());
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(screens[0], {{"profile", "medium"}}, ingest_->url(), key)).result.started);
+    expect_at_ingest(key, green, green);
+
+    set_mode("800x600");
+    paint("#0000ff", blue);
+    expect_at_ingest(key, blue, black);
+
+    set_mode("1280x720");
+    paint("#ff0000", red);
+    expect_at_ingest(key, red, red);
+    EXPECT_TRUE(media->alive());
+    ASSERT_TRUE(media->shutdown());
+
+    // X errors of a grab that no longer fits are counted, not logged once a frame.
+    std::string text = log.text();
+    std::size_t failures = 0;
+    for (std::size_t at = text.find("cannot grab screen"); at != std::string::npos;
+         at = text.find("cannot grab screen", at + 1))
+        ++failures;
+    EXPECT_LE(failures, 2u) << text;
+    EXPECT_EQ(text.find("X Error"), std::string::npos) << text;
+}
+
+// A screen that goes away (its RandR monitor removed) ends its stream as a window that
+// closes or a screen cast the desktop ends: the client reports the stream gone and says
+// why, the ingest loses it and its worker ends.
+TEST_P(ScreenChanges, AScreenThatGoesAwayEndsItsStream)
+{
+    xorg_->run({"xrandr", "--setmonitor", "orbweave-extra", "640/170x360/100+640+360", "none"});
+    test::stderr_capture log;
+    sim::service_sim service;
+    {
+        test::client_harness app(service);
+        app.set_secret(service.issue_secret({"Ann", ""}));
+        app.on_permission([](callback::source_type::type, const std::string&, const std::string&,
+                             callback::request_type::type, const callback::request& request) { request.answer(true); });
+        app.start();
+        ASSERT_TRUE(app.wait_for_state(callback::state_type::connected, 30s));
+        auto listed = service.wait_for_reply(service.list("screen").value_or(""), 30s);
+        ASSERT_TRUE(listed);
+        Json screens = listed->message["payload"]["results"];
+        ASSERT_EQ(screens.size(), 2u) << screens;
+        std::string id = screens[1]["id"];
+
+        sim::activation request;
+        request.source_id = id;
+        request.profile = "medium";
+        request.server = ingest_->url();
+        request.key = new_key(std::string("gone-") + GetParam());
+        auto activated = service.wait_for_reply(service.activate(request).value_or(""), 60s);
+        ASSERT_TRUE(activated);
+        ASSERT_EQ(activated->message["payload"], Json({{"status", "Success"}}));
+        ASSERT_TRUE(ingest_->wait_for_publishing(request.key, 15s));
+
+        xorg_->run({"xrandr", "--delmonitor", "orbweave-extra"});
+        EXPECT_TRUE(app.wait_for_state(callback::state_type::connected, 30s));
+        EXPECT_TRUE(app.wait_for_streams({}, 30s));
+        EXPECT_TRUE(ingest_->wait_until_not_publishing(request.key, 15s));
+        EXPECT_TRUE(
+            test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s))
+            << "the stream's worker was left";
+        EXPECT_NE(log.text().find("The stream of source " + id + " ended: screen 2 is gone from the X display"),
+                  std::string::npos)
+            << log.text();
+    }
+    EXPECT_EQ(log.text().find("killed by signal"), std::string::npos) << "a worker crashed:\n" << log.text();
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, ScreenChanges, ::testing::Values("direct", "canvas"),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
 {

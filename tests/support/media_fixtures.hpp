@@ -42,6 +42,28 @@ private:
     std::string name_;
 };
 
+/// Xorg with the dummy video driver on the first free display: one screen, at 1280x720
+/// to begin with, whose mode xrandr changes (Xvfb cannot change its size) among
+/// 1280x720, 1024x768 and 800x600. Its configuration and log live in directory; it
+/// runs as any user (Xorg reads a configuration named relative to where it starts).
+class xorg_display {
+public:
+    explicit xorg_display(const std::filesystem::path& directory);
+    ~xorg_display();
+    /// ":N".
+    const std::string& name() const { return name_; }
+    /// The dummy driver's first output, which shows the screen.
+    static constexpr const char* output = "DUMMY0";
+    /// Runs an X client (xrandr, xsetroot, ...) on this display and waits for it; throws
+    /// std::runtime_error with what it said when it fails.
+    void run(std::vector<std::string> argv) const;
+
+private:
+    std::filesystem::path directory_;
+    std::unique_ptr<obs::child_process> process_;
+    std::string name_;
+};
+
 /// openbox managing display; returns once its start-up has finished (its --startup
 /// command has run), so no window mapped afterwards can be missed.
 class window_manager {

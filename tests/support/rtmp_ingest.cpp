@@ -432,6 +432,21 @@ std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, d
     return std::vector<std::uint8_t>(output.begin(), output.end());
 }
 
+std::vector<std::uint8_t> rtmp_ingest::live_frame(const std::string& key, int width, int height,
+                                                  std::chrono::milliseconds timeout) const
+{
+    int code = 0;
+    std::string output = run_program(
+        {program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error", "-i", stream_url(key), "-an",
+         "-frames:v", "1", "-vf", "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=rgb24",
+         "-f", "rawvideo", "-"},
+        timeout, &code);
+    std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
+    if (code != 0 || output.size() != size)
+        return {};
+    return std::vector<std::uint8_t>(output.begin(), output.end());
+}
+
 std::string rtmp_ingest::error_log() const
 {
     return read_file(std::filesystem::path(directory_.path()) / "error.log");

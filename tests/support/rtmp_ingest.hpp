@@ -110,6 +110,11 @@ public:
                                               std::chrono::milliseconds timeout = std::chrono::seconds(20),
                                               bool colour = false) const;
 
+    /// The first frame a player of the live stream gets (from the newest key frame on),
+    /// scaled to width x height as RGB triplets; empty when none comes within timeout.
+    std::vector<std::uint8_t> live_frame(const std::string& key, int width, int height,
+                                         std::chrono::milliseconds timeout = std::chrono::seconds(15)) const;
+
     /// nginx's error log so far (for failure messages).
     std::string error_log() const;
 
