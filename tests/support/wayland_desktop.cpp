@@ -436,10 +436,15 @@ void wayland_desktop::restart_portal_backend()
     start_portal_backend();
 }
 
-void wayland_desktop::open_window(const std::string& title, const std::string& colour)
+void wayland_desktop::open_window(const std::string& title, const std::string& colour, int width, int height)
 {
+    // A terminal running nothing, its text and cursor in its background's colour and
+    // no title bar: one colour to its edges.
     obs::child_process::options options;
-    options.argv = {"foot", "--title=" + title, "--app-id=" + title, "-o", "colors.background=" + colour.substr(1),
+    std::string rgb = colour.substr(1);
+    options.argv = {"foot", "--title=" + title, "--app-id=" + title,
+                    "--window-size-pixels=" + std::to_string(width) + "x" + std::to_string(height),
+                    "-o", "colors.background=" + rgb, "-o", "colors.foreground=" + rgb, "-o", "csd.preferred=none",
                     "-o", "locked-title=yes", "-e", "sleep", "infinity"};
     options.environment = environment_;
     options.unset_environment = {"DISPLAY", "LD_PRELOAD"};

@@ -93,9 +93,10 @@ public:
     bool resize_output(const std::string& name, int width, int height);
     /// Kills the portal backend (every cast it serves ends) and starts a fresh one.
     void restart_portal_backend();
-    /// Starts a window on the desktop with this title, filled with colour ("#rrggbb");
-    /// it lives until close_window() or the desktop's end.
-    void open_window(const std::string& title, const std::string& colour);
+    /// Starts a window on the desktop with this title, width x height pixels without
+    /// decorations, all of it colour ("#rrggbb"); it lives until close_window() or the
+    /// desktop's end.
+    void open_window(const std::string& title, const std::string& colour, int width = 640, int height = 400);
     void close_window(const std::string& title);
 
     const std::filesystem::path& directory() const { return dir_.path(); }
