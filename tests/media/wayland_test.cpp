@@ -104,6 +104,20 @@ std::array<int, 3> colour_at(const std::vector<std::uint8_t>& frame, int x, int 
     return {frame[at], frame[at + 1], frame[at + 2]};
 }
 
+/// A 64x36 RGB frame's colours on a 9x5 grid, row by row, for a failure message.
+std::string describe(const std::vector<std::uint8_t>& frame)
+{
+    std::string text;
+    for (int y : {1, 9, 18, 26, 34}) {
+        text += "\n ";
+        for (int x : {1, 8, 16, 24, 32, 40, 48, 56, 62}) {
+            auto seen = colour_at(frame, x, y);
+            text += " " + std::to_string(seen[0]) + "," + std::to_string(seen[1]) + "," + std::to_string(seen[2]);
+        }
+    }
+    return text;
+}
+
 /// The colour of the recording's last frame at (x, y) of a 64x36 scale-down.
 std::array<int, 3> recorded_colour(const test::rtmp_ingest& ingest, const std::string& key, int x, int y)
 {
@@ -578,18 +592,33 @@ TEST_P(WaylandDesktops, TheWindowEntryAsksForAWindowThenRestoresItAndItsClosingE
     EXPECT_EQ(live.video()->width, window_width);
     EXPECT_EQ(live.video()->height, window_height);
 
+    // A still window sends one frame: it is the picture, the window's colour from edge to
+    // edge (its corners and the middle of each side) and in the middle.
+    const std::array<int, 3> green = rgb(colour), black{0, 0, 0};
+    std::vector<std::uint8_t> frame;
+    auto shows = [&](std::initializer_list<std::pair<int, int>> points, std::array<int, 3> expected) {
+        return std::all_of(points.begin(), points.end(),
+                           [&](auto point) { return near(colour_at(frame, point.first, point.second), expected); });
+    };
+    auto fills = [&] {
+        frame = last_recorded_frame(ingest, "restored");
+        return shows({{1, 1}, {32, 1}, {62, 1}, {1, 18}, {32, 18}, {62, 18}, {1, 34}, {32, 34}, {62, 34}}, green);
+    };
+    EXPECT_TRUE(test::eventually(fills, 20s, 250ms)) << "the window does not fill the picture: " << describe(frame);
+
+    // Made square, it is fitted into the stream whole, its aspect kept: 400 of the 640
+    // columns (40 of 64) in its colour from top to bottom, bars left and right.
+    desktop.resize_window("orbweave-window", 400, 400);
+    auto fitted = [&] {
+        frame = last_recorded_frame(ingest, "restored");
+        return shows({{2, 18}, {61, 18}}, black) && shows({{13, 1}, {13, 34}, {32, 18}, {50, 1}, {50, 34}}, green);
+    };
+    EXPECT_TRUE(test::eventually(fitted, 20s, 250ms)) << "the resized window is not fitted: " << describe(frame);
+
     // The window closed: the desktop ends the cast, and the stream with it.
     desktop.close_window("orbweave-window");
     EXPECT_TRUE(client.app().wait_for_streams({}, portal_client::deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("restored", 10s));
-    // A still window sends one frame: it is the picture until the end, the window's
-    // colour from edge to edge (its corners and the middle of each side) and in the middle.
-    auto frame = last_recorded_frame(ingest, "restored");
-    for (auto [x, y] : {std::pair{1, 1}, {32, 1}, {62, 1}, {1, 18}, {32, 18}, {62, 18}, {1, 34}, {32, 34}, {62, 34}}) {
-        auto seen = colour_at(frame, x, y);
-        EXPECT_TRUE(near(seen, rgb(colour))) << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " at " << x
-                                             << "," << y << " of 64x36 instead of the window's " << colour;
-    }
 }
 
 std::string desktop_name(const ::testing::TestParamInfo<desktop_kind>& info)

@@ -88,6 +88,10 @@ std::vector<std::string> wayland_desktop::missing_programs(kind desktop)
         run_program({"/usr/bin/python3", "-c", "import pyatspi"}, 10s, &status);
         if (status != 0)
             missing.push_back("python3-pyatspi");
+        // The window the tests share is GTK 3's.
+        run_program({"/usr/bin/python3", "-c", "import gi; gi.require_version('Gtk', '3.0')"}, 10s, &status);
+        if (status != 0)
+            missing.push_back("gir1.2-gtk-3.0");
     }
     return missing;
 }
@@ -438,19 +442,22 @@ void wayland_desktop::restart_portal_backend()
 
 void wayland_desktop::open_window(const std::string& title, const std::string& colour, int width, int height)
 {
-    // A terminal running nothing, its text and cursor in its background's colour and
-    // no title bar: one colour to its edges.
     obs::child_process::options options;
-    std::string rgb = colour.substr(1);
-    options.argv = {"foot", "--title=" + title, "--app-id=" + title,
-                    "--window-size-pixels=" + std::to_string(width) + "x" + std::to_string(height),
-                    "-o", "colors.background=" + rgb, "-o", "colors.foreground=" + rgb, "-o", "csd.preferred=none",
-                    "-o", "locked-title=yes", "-e", "sleep", "infinity"};
+    options.argv = {"/usr/bin/python3",      ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
+                    std::to_string(height), (dir_.path() / ("size-of-" + title)).string()};
     options.environment = environment_;
     options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
     options.new_process_group = true;
     options.quiet = true;
     windows_.emplace_back(title, std::make_unique<obs::child_process>(options));
+}
+
+void wayland_desktop::resize_window(const std::string& title, int width, int height)
+{
+    std::ofstream(dir_.path() / ("size-of-" + title)) << width << "x" << height << "\n";
+    for (const auto& [name, window] : windows_)
+        if (name == title)
+            ::kill(window->pid(), SIGUSR1);
 }
 
 void wayland_desktop::close_window(const std::string& title)
