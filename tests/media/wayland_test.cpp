@@ -552,8 +552,9 @@ TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfte
 }
 
 // A window picked on the desktop: its picker asks for windows only, the window streams
-// filling the picture (GNOME casts it in monitor-sized frames and marks where it is),
-// comes back without the picker, and closing it ends the stream.
+// filling the picture (GNOME casts it in monitor-sized frames and marks where it is) and
+// is fitted into it whole when resized, comes back without the picker, and closing it
+// ends the stream.
 TEST_P(WaylandDesktops, TheWindowEntryAsksForAWindowThenRestoresItAndItsClosingEndsTheStream)
 {
     auto& desktop = this->desktop();

@@ -442,14 +442,19 @@ void wayland_desktop::restart_portal_backend()
 
 void wayland_desktop::open_window(const std::string& title, const std::string& colour, int width, int height)
 {
+    std::filesystem::path shown = dir_.path() / ("shown-" + title);
+    std::filesystem::remove(shown);
     obs::child_process::options options;
-    options.argv = {"/usr/bin/python3",      ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
-                    std::to_string(height), (dir_.path() / ("size-of-" + title)).string()};
+    options.argv = {"/usr/bin/python3",    ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
+                    std::to_string(height), shown.string(),         (dir_.path() / ("size-of-" + title)).string()};
     options.environment = environment_;
     options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
     options.new_process_group = true;
     options.quiet = true;
     windows_.emplace_back(title, std::make_unique<obs::child_process>(options));
+    // A picker opened before the window is on the screen would not offer it.
+    if (!eventually([&] { return std::filesystem::exists(shown); }, start_limit, 50ms))
+        throw std::runtime_error("the window " + title + " did not appear");
 }
 
 void wayland_desktop::resize_window(const std::string& title, int width, int height)

@@ -1,10 +1,11 @@
 #!/usr/bin/python3
 """A window for the Wayland tests: one colour to its edges, without decorations.
 
-Its title and application id are TITLE. SIGUSR1 gives it the size written in the file
-SIZE ("WIDTHxHEIGHT"), as a user dragging its corner would. Exits on SIGTERM.
+Its title and application id are TITLE. Once it is on the screen the file SHOWN is
+made. SIGUSR1 gives it the size written in the file SIZE ("WIDTHxHEIGHT"), as a user
+dragging its corner would. Exits on SIGTERM.
 
-usage: window.py TITLE COLOUR WIDTH HEIGHT SIZE
+usage: window.py TITLE COLOUR WIDTH HEIGHT SHOWN SIZE
 """
 import signal
 import sys
@@ -17,7 +18,7 @@ from gi.repository import Gdk, GLib, Gtk  # noqa: E402
 
 
 def main():
-    title, colour, width, height, size_file = sys.argv[1:6]
+    title, colour, width, height, shown_file, size_file = sys.argv[1:7]
     GLib.set_prgname(title)
     if not Gdk.RGBA().parse(colour):
         sys.exit("not a colour: " + colour)
@@ -32,6 +33,12 @@ def main():
     Gtk.StyleContext.add_provider_for_screen(Gdk.Screen.get_default(), style,
                                              Gtk.STYLE_PROVIDER_PRIORITY_APPLICATION)
     window.connect("destroy", Gtk.main_quit)
+
+    def shown(*_):
+        open(shown_file, "w").close()
+        return False
+
+    window.connect("map-event", shown)
 
     def resize():
         with open(size_file) as f:
