@@ -134,6 +134,10 @@ std::vector<std::string> wayland_desktop::missing_packages(kind desktop)
         run_program({"/usr/bin/python3", "-c", "import pyatspi"}, 10s, &status);
         if (status != 0)
             note("python3-pyatspi");
+        // The window the tests share is GTK 3's.
+        run_program({"/usr/bin/python3", "-c", "import gi; gi.require_version('Gtk', '3.0')"}, 10s, &status);
+        if (status != 0)
+            note("gir1.2-gtk-3.0");
     }
     return missing;
 }
@@ -500,16 +504,29 @@ void wayland_desktop::restart_portal_backend()
     start_portal_backend();
 }
 
-void wayland_desktop::open_window(const std::string& title, const std::string& colour)
+void wayland_desktop::open_window(const std::string& title, const std::string& colour, int width, int height)
 {
+    std::filesystem::path shown = dir_.path() / ("shown-" + title);
+    std::filesystem::remove(shown);
     obs::child_process::options options;
-    options.argv = {"foot", "--title=" + title, "--app-id=" + title, "-o", "colors.background=" + colour.substr(1),
-                    "-o", "locked-title=yes", "-e", "sleep", "infinity"};
+    options.argv = {"/usr/bin/python3",    ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
+                    std::to_string(height), shown.string(),         (dir_.path() / ("size-of-" + title)).string()};
     options.environment = environment_;
     options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
     options.new_process_group = true;
     options.quiet = true;
     windows_.emplace_back(title, std::make_unique<obs::child_process>(options));
+    // A picker opened before the window is on the screen would not offer it.
+    if (!eventually([&] { return std::filesystem::exists(shown); }, start_limit, 50ms))
+        throw std::runtime_error("the window " + title + " did not appear");
+}
+
+void wayland_desktop::resize_window(const std::string& title, int width, int height)
+{
+    std::ofstream(dir_.path() / ("size-of-" + title)) << width << "x" << height << "\n";
+    for (const auto& [name, window] : windows_)
+        if (name == title)
+            ::kill(window->pid(), SIGUSR1);
 }
 
 void wayland_desktop::close_window(const std::string& title)

@@ -94,9 +94,13 @@ public:
     bool resize_output(const std::string& name, int width, int height);
     /// Kills the portal backend (every cast it serves ends) and starts a fresh one.
     void restart_portal_backend();
-    /// Starts a window on the desktop with this title, filled with colour ("#rrggbb");
-    /// it lives until close_window() or the desktop's end.
-    void open_window(const std::string& title, const std::string& colour);
+    /// Starts a window on the desktop with this title, width x height pixels without
+    /// decorations, all of it colour ("#rrggbb") (tests/support/wayland/window.py), and
+    /// returns once it is on the screen; it lives until close_window() or the desktop's
+    /// end. Throws std::runtime_error when it does not appear.
+    void open_window(const std::string& title, const std::string& colour, int width = 640, int height = 400);
+    /// Gives an open window another size, as a user dragging its corner would.
+    void resize_window(const std::string& title, int width, int height);
     void close_window(const std::string& title);
 
     const std::filesystem::path& directory() const { return dir_.path(); }
