@@ -65,8 +65,10 @@ protected:
         return test::children_running(::getpid(), {"orbweave_fake_media_worker"}).empty();
     }
 
-    serial_executor owner; // the client's network thread, to which results are posted
+    // Destroyed in reverse: the manager, then the thread its results go to, then where
+    // that thread puts them.
     test::blocking_queue<worker_manager::activation> outcomes;
+    serial_executor owner; // the client's network thread, to which results are posted
     std::unique_ptr<worker_manager> manager;
 };
 
