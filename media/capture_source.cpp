@@ -100,8 +100,8 @@ std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadli
     }
 }
 
-capture_source::capture_source(capture_route route, std::chrono::milliseconds portal_start, ended_handler on_ended)
-    : route_(route), portal_start_(portal_start), on_ended_(std::move(on_ended))
+capture_source::capture_source(capture_route route, const stream_limits& limits, ended_handler on_ended)
+    : route_(route), portal_start_(limits.portal_start), source_size_(limits.source_size), on_ended_(std::move(on_ended))
 {
 }
 
@@ -124,7 +124,7 @@ bool capture_source::open(const source_entry& entry, const std::string& restore_
         if (!source_)
             return false;
         // The stream's format brings the size: the desktop may take its time to agree it.
-        size_ = wait_for_size(source_.get(), clock::now() + source_size_limit);
+        size_ = wait_for_size(source_.get(), clock::now() + source_size_);
     } else {
         open_plugin_source(entry);
     }
@@ -144,7 +144,7 @@ void capture_source::open_plugin_source(const source_entry& entry)
     // A screen reports its size without a canvas; a window is measured through X (window
     // capture needs the graphics context to exist before it is created); a camera only
     // learns its size from frames, which need a running canvas, so it gets a small one first.
-    auto deadline = clock::now() + source_size_limit;
+    auto deadline = clock::now() + source_size_;
     if (auto* screen = std::get_if<screen_entry>(&entry)) {
         source_ = create_screen_source(*screen);
         if (source_)

@@ -7,6 +7,7 @@
 
 #include "core/obs/capture_route.hpp"
 #include "core/obs/entries.hpp"
+#include "core/obs/media_limits.hpp"
 #include "media/portal_session.hpp"
 #include "media/unique_handle.hpp"
 #include "media/x11_screens.hpp"
@@ -20,8 +21,6 @@
 
 namespace orbweave::obs {
 
-/// How long a capture source may take to report its size.
-inline constexpr std::chrono::seconds source_size_limit{5};
 /// How long the second dimension of a source's size may lag behind the first.
 inline constexpr std::chrono::milliseconds source_half_size_grace{500};
 
@@ -39,7 +38,8 @@ public:
     /// Told why, once, on whichever thread noticed it, when the desktop ends the cast.
     using ended_handler = std::function<void(const std::string& reason)>;
 
-    capture_source(capture_route route, std::chrono::milliseconds portal_start, ended_handler on_ended);
+    /// Waits for the desktop's picker and for the source's size at most as long as limits say.
+    capture_source(capture_route route, const stream_limits& limits, ended_handler on_ended);
     ~capture_source();
 
     capture_source(const capture_source&) = delete;
@@ -78,6 +78,7 @@ private:
 
     capture_route route_;
     std::chrono::milliseconds portal_start_;
+    std::chrono::milliseconds source_size_;
     ended_handler on_ended_;
     // Declared before the source: the cast is closed after the source showing it is gone.
     std::unique_ptr<portal_session> portal_;

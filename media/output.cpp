@@ -78,7 +78,7 @@ bool output::start(const pipe::stream_order& order)
 
 bool output::prepare_capture(const pipe::stream_order& order, callback::source_type::type kind)
 {
-    capture_ = std::make_unique<capture_source>(route_, limits_.portal_start,
+    capture_ = std::make_unique<capture_source>(route_, limits_,
                                                 [this](const std::string& reason) { end(reason); });
     bool opened = capture_->open(order.source, order.restore_token);
     rejected_ = capture_->rejected();
@@ -123,7 +123,7 @@ bool output::attempt(const pipe::stream_order& order, callback::source_type::typ
         return false;
     // Every way a stream ends unasked is told through end(), once.
     auto connection = std::make_unique<connection_supervisor>(
-        limits_.ingest_outage, limits_.send_stall, [this](const std::string& reason) { end(reason); });
+        limits_, [this](const std::string& reason) { end(reason); });
     if (!connection->connect(parts->output.get(), error_)) {
         clear_channel(parts->scene.get());
         return false;

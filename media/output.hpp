@@ -13,6 +13,7 @@
 
 #include "core/callback.hpp"
 #include "core/obs/capture_route.hpp"
+#include "core/obs/media_limits.hpp"
 #include "core/obs/pipe_protocol.hpp"
 #include "media/capture_source.hpp"
 #include "media/connection_supervisor.hpp"
@@ -32,13 +33,6 @@ namespace orbweave::obs {
 inline constexpr const char* software_fallback_line =
     "Failed to start stream; attempting to fallback to software encoder";
 
-/// How long a stream waits on what it depends on; the defaults are the production values.
-struct stream_limits {
-    std::chrono::milliseconds ingest_outage = ingest_outage_limit;
-    std::chrono::milliseconds portal_start = portal_start_limit;
-    std::chrono::milliseconds send_stall = send_stall_limit;
-};
-
 class output {
 public:
     /// Called once, on whichever thread noticed it (libobs's, the outage watchdog's, the
@@ -48,7 +42,7 @@ public:
 
     /// On the portal route a screen is captured through the desktop portal and PipeWire.
     explicit output(stream_limits limits = {}, capture_route route = capture_route::x11);
-    /// Stops the stream (waiting at most output_stop_limit for the output to stop) and
+    /// Stops the stream (waiting at most the output stop limit for the output to stop) and
     /// releases everything it holds.
     ~output();
 
@@ -77,7 +71,7 @@ public:
     void set_stopped_handler(stopped_handler handler);
 
     /// Stops the stream now (the destructor does the same); false when the output did
-    /// not report stopping within output_stop_limit and was forced.
+    /// not report stopping within the output stop limit and was forced.
     bool stop();
 
 private:

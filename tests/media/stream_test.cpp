@@ -681,7 +681,7 @@ TEST_F(Streaming, AServerThatNeverAnswersFailsWithinTheBound)
     std::cout << "[ measured ] silent server: " << took.count() << " ms, " << result.error << "\n";
     EXPECT_FALSE(result.started);
     EXPECT_EQ(result.error, "rtmp connect timed out");
-    EXPECT_LT(took, 2 * output_start_limit + 3s);
+    EXPECT_LT(took, limits::connect_attempts * limits::output_start + 3s);
     media->shutdown();
     EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1);
 }
@@ -877,7 +877,7 @@ TEST(OutputInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
     auto begun = clock::now();
     EXPECT_EQ(wait_for_size(source.get(), far), std::make_pair(0, 720));
     EXPECT_GE(clock::now() - begun, source_half_size_grace);
-    EXPECT_LT(clock::now() - begun, source_size_limit);
+    EXPECT_LT(clock::now() - begun, limits::source_size);
 }
 
 TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
@@ -889,8 +889,8 @@ TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
     EXPECT_FALSE(stream.start(order_for(made_up, {{"profile", "medium"}}, "rtmp://127.0.0.1:1/live", "k")));
     auto took = clock::now() - begun;
     EXPECT_EQ(stream.error(), "source has no size");
-    EXPECT_GE(took, source_size_limit);
-    EXPECT_LT(took, source_size_limit + 2s);
+    EXPECT_GE(took, limits::source_size);
+    EXPECT_LT(took, limits::source_size + 2s);
 }
 
 // The screen feed draws the pointer, as the canvas's screen capture does: a presenter's

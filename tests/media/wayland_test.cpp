@@ -244,11 +244,14 @@ class portal_client {
 public:
     portal_client(sim::service_sim& service, const std::string& tokens_file,
                   obs::capture_route route = obs::capture_route::portal,
-                  std::chrono::milliseconds portal_limit = std::chrono::milliseconds(0))
+                  std::chrono::milliseconds portal_limit = std::chrono::milliseconds(0),
+                  std::chrono::milliseconds call_limit = std::chrono::milliseconds(0))
         : service_(service), app_(service, false, [&](client_options& options) {
               options.media.listing.capture = route;
               options.media.stream.capture = route;
               options.media.stream.portal_start_limit = portal_limit;
+              if (call_limit.count() > 0)
+                  options.media.stream.call_timeout = call_limit;
               options.media.restore_tokens = tokens_file;
           })
     {
@@ -347,6 +350,19 @@ TEST_F(PortalClient, WaitingForThePickerIsBoundedAndHoldsUpNothingElse)
     // The picker's late answer finds nothing waiting, and leaves nothing behind.
     EXPECT_TRUE(test::eventually([&] { return desktop.chooser_idle(); }, 10s));
     EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s));
+    desktop.choose("HEADLESS-1");
+}
+
+TEST_F(PortalClient, APickerAnsweredAfterAnOrdinaryCallsTimeStillStreams)
+{
+    // Shortened in the relation the defaults have (the picker may take 120 s, an ordinary
+    // call to a worker 60 s): the user answers after the call time, within the picker's.
+    portal_client client(service, tokens, obs::capture_route::portal, 10000ms, 2000ms);
+    std::string screen = first_screen(client);
+    desktop.choose("delay 5 HEADLESS-1");
+    EXPECT_EQ(client.activate(screen, ingest, "patient"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_for_publishing("patient", 10s));
+    EXPECT_EQ(client.deactivate(screen), Json({{"status", "Success"}}));
     desktop.choose("HEADLESS-1");
 }
 

@@ -232,7 +232,7 @@ std::string run_program(const std::vector<std::string>& argv, std::chrono::milli
         auto status = program.wait_for(finished ? std::max(left_until(deadline), 1000ms) : 5000ms);
         if (!status)
             status = program.kill_and_wait();
-        if (finished && WIFEXITED(*status))
+        if (finished && status && WIFEXITED(*status))
             code = WEXITSTATUS(*status);
     } catch (...) {
         if (error_fd >= 0)

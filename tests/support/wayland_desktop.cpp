@@ -215,10 +215,13 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
     // the picker elsewhere), then the front end, which sees only that backend.
     choose(options_.outputs.front().name);
     if (options_.desktop == kind::sway) {
-        // "slow" stands for a user who takes 5 s and then picks nothing.
+        // "slow" stands for a user who takes 5 s and then picks nothing, "delay N NAME" for
+        // one who picks NAME after N seconds.
         std::ofstream(root / "chooser.sh") << "#!/bin/sh\necho called >> '" << (root / "chooser-calls").string()
                                            << "'\nchoice=$(cat '" << (root / "choice").string() << "')\n"
                                            << "if [ \"$choice\" = slow ]; then sleep 5; choice=; fi\n"
+                                           << "case \"$choice\" in \"delay \"*) set -- $choice; sleep \"$2\"; "
+                                              "choice=\"$3\";; esac\n"
                                            << "echo returned >> '" << (root / "chooser-returns").string() << "'\n"
                                            << "echo \"$choice\"\n";
         std::ofstream(root / "config/xdg-desktop-portal-wlr/config")

@@ -77,7 +77,8 @@ public:
     kind desktop() const { return options_.desktop; }
     const std::vector<output>& outputs() const { return options_.outputs; }
     /// What the picker answers from now on: an output (or window) name, "" (the user
-    /// cancels), or "slow" (nothing, after 5 s). On GNOME and KDE a name picks the row
+    /// cancels), "slow" (nothing, after 5 s) or, on sway, "delay N NAME" (NAME after N
+    /// seconds). On GNOME and KDE a name picks the row
     /// showing it, else the first row.
     void choose(const std::string& output_name);
     /// Why the tests cannot answer this desktop's picker headless; empty where they can.
