@@ -611,6 +611,151 @@ TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
     EXPECT_EQ(live.video()->height, 4);
 }
 
+// The sound of the ingest's decoded stream, in dBFS (RMS over about 100 ms): the test
+// tone measures about -20, silence -inf or below -90.
+constexpr double heard_level = -40;
+constexpr double silent_level = -70;
+// A device back (or a new default) is heard again within 2 s; what the ingest hears
+// also waits for the encoder, the ingest and the decoder, and a loaded machine.
+constexpr auto device_back_limit = 2s;
+constexpr auto ingest_latency_allowance = 3s;
+
+std::string pactl(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> argv{"pactl"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    int code = 0;
+    std::string error;
+    std::string output = test::run_program(argv, 10s, &code, &error);
+    if (code != 0)
+        throw std::runtime_error("pactl failed: " + error);
+    return output;
+}
+
+/// A PulseAudio source playing a 440 Hz tone, loaded as a module of its own: unloading
+/// it is a microphone unplugged, loading it again (same name) the microphone back.
+class tone_device {
+public:
+    static constexpr const char* name = "orbweave_tone";
+    tone_device() { load(); }
+    ~tone_device()
+    {
+        try {
+            unload();
+        } catch (...) {
+        }
+    }
+    void load()
+    {
+        module_ = std::stoi(pactl({"load-module", "module-sine-source", std::string("source_name=") + name,
+                                   "frequency=440"}));
+    }
+    void unload()
+    {
+        if (module_ >= 0)
+            pactl({"unload-module", std::to_string(module_)});
+        module_ = -1;
+    }
+    /// After the sound server restarted: the old module went with it.
+    void forget() { module_ = -1; }
+    static audio_entry entry() { return audio_entry("Tone", "Tone", name, true); }
+
+private:
+    int module_ = -1;
+};
+
+std::chrono::milliseconds since(clock::time_point begun)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begun);
+}
+
+TEST_F(Streaming, AnAudioDeviceThatGoesLeavesSilenceAndIsHeardAgainWhenItComesBack)
+{
+    tone_device tone;
+    std::string key = new_key("unplugged");
+    test::stderr_capture log;
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(tone_device::entry(), {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    ASSERT_TRUE(sound.wait_for_sound(heard_level, 20s)) << "the tone never arrived";
+
+    // Unplugged: the stream goes on, silent.
+    tone.unload();
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 10s)) << "still loud after the device went";
+    EXPECT_TRUE(ingest_->publishing(key));
+
+    // Plugged back under the same name: heard again.
+    auto back = clock::now();
+    tone.load();
+    auto level = sound.wait_for_sound(heard_level, device_back_limit + ingest_latency_allowance);
+    ASSERT_TRUE(level) << "the device came back but the stream stayed silent";
+    std::cout << "[ measured ] device back to tone at the ingest: " << since(back).count() << " ms (" << *level
+              << " dB)\n";
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    // Told once each way.
+    EXPECT_EQ(log.count_lines_starting("media: the audio device 'orbweave_tone' is gone"), 1) << log.text();
+    EXPECT_EQ(log.count_lines_starting("media: the audio device 'orbweave_tone' is back"), 1) << log.text();
+}
+
+TEST_F(Streaming, TheDefaultEntryFollowsTheDefaultDevice)
+{
+    tone_device tone;
+    pactl({"set-default-source", test::pulse_server::source_name});
+    std::string key = new_key("default");
+    auto media = stream_worker();
+    audio_entry default_input("Default", "Default", "default", true);
+    ASSERT_TRUE(activate(*media, order_for(default_input, {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    // The silent microphone is the default.
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 20s));
+
+    for (const char* device : {tone_device::name, test::pulse_server::source_name, tone_device::name}) {
+        SCOPED_TRACE(device);
+        bool loud = device == std::string(tone_device::name);
+        auto changed = clock::now();
+        pactl({"set-default-source", device});
+        auto level = loud ? sound.wait_for_sound(heard_level, device_back_limit + ingest_latency_allowance)
+                          : sound.wait_for_silence(silent_level, device_back_limit + ingest_latency_allowance);
+        ASSERT_TRUE(level) << "the stream did not follow the default to " << device;
+        std::cout << "[ measured ] default to " << device << " at the ingest: " << since(changed).count() << " ms ("
+                  << *level << " dB)\n";
+    }
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    pactl({"set-default-source", test::pulse_server::source_name});
+}
+
+TEST_F(Streaming, AStreamOutlivesARestartOfTheSoundServer)
+{
+    auto tone = std::make_unique<tone_device>();
+    std::string key = new_key("server-restart");
+    test::stderr_capture log;
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(tone_device::entry(), {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    ASSERT_TRUE(sound.wait_for_sound(heard_level, 20s));
+
+    auto& server = test::media_environment::current().audio();
+    server.stop();
+    tone->forget();
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 10s)) << "still loud with no sound server";
+    EXPECT_TRUE(ingest_->publishing(key));
+
+    server.start();
+    auto back = clock::now();
+    tone->load();
+    // Found again within the follower's longest pause between attempts, then as any device back.
+    auto level = sound.wait_for_sound(heard_level, sound_server_retry_limit + device_back_limit +
+                                                       ingest_latency_allowance);
+    ASSERT_TRUE(level) << "the sound server came back but the stream stayed silent";
+    std::cout << "[ measured ] sound server back to tone at the ingest: " << since(back).count() << " ms\n";
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    EXPECT_EQ(log.count_lines_starting("media: the sound server is gone"), 1) << log.text();
+    EXPECT_EQ(log.count_lines_starting("media: the sound server is back"), 1) << log.text();
+}
+
 TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
 {
     const auto& windows = test::media_environment::current().windows();
