@@ -470,8 +470,9 @@ live_loudness::live_loudness(const rtmp_ingest& ingest, const std::string& key)
 live_loudness::~live_loudness() = default;
 
 std::optional<double> live_loudness::wait_for(const std::function<bool(double)>& accept,
-                                              std::chrono::milliseconds timeout)
+                                              std::chrono::milliseconds timeout, int run)
 {
+    int in_a_row = 0;
     static const std::string prefix = "lavfi.astats.Overall.RMS_level=";
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
@@ -484,7 +485,8 @@ std::optional<double> live_loudness::wait_for(const std::function<bool(double)>&
         if (line->rfind(prefix, 0) != 0)
             continue;
         double level = std::strtod(line->c_str() + prefix.size(), nullptr);
-        if (accept(level))
+        in_a_row = accept(level) ? in_a_row + 1 : 0;
+        if (in_a_row >= run)
             return level;
     }
 }
@@ -496,7 +498,8 @@ std::optional<double> live_loudness::wait_for_sound(double decibels, std::chrono
 
 std::optional<double> live_loudness::wait_for_silence(double decibels, std::chrono::milliseconds timeout)
 {
-    return wait_for([decibels](double level) { return level < decibels; }, timeout);
+    constexpr int frames_a_second = 44100 / 1024 + 1;
+    return wait_for([decibels](double level) { return level < decibels; }, timeout, frames_a_second);
 }
 
 } // namespace orbweave::test

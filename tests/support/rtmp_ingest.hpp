@@ -138,12 +138,14 @@ public:
     live_loudness(const live_loudness&) = delete;
     live_loudness& operator=(const live_loudness&) = delete;
 
-    /// Reads the levels in the order they arrived until one that accept takes (returned)
-    /// or the timeout passes (nullopt).
-    std::optional<double> wait_for(const std::function<bool(double)>& accept, std::chrono::milliseconds timeout);
+    /// Reads the levels in the order they arrived until `run` of them in a row are ones that
+    /// accept takes (the last one is returned) or the timeout passes (nullopt). A level
+    /// comes with every AAC frame, 43 a second.
+    std::optional<double> wait_for(const std::function<bool(double)>& accept, std::chrono::milliseconds timeout,
+                                   int run = 1);
     /// The first level of at least decibels from now on: sound is heard.
     std::optional<double> wait_for_sound(double decibels, std::chrono::milliseconds timeout);
-    /// The first level below decibels from now on: silence.
+    /// A second of levels below decibels from now on: silence, and a stream that goes on.
     std::optional<double> wait_for_silence(double decibels, std::chrono::milliseconds timeout);
 
 private:
