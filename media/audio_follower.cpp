@@ -139,8 +139,11 @@ void audio_follower::run()
             auto left = std::chrono::duration_cast<std::chrono::microseconds>(retry_at - clock::now());
             timeout = static_cast<int>(std::max<std::chrono::microseconds::rep>(left.count(), 0));
         }
-        if (pa_mainloop_prepare(loop_, timeout) < 0 || pa_mainloop_poll(loop_) < 0 || pa_mainloop_dispatch(loop_) < 0)
+        if (pa_mainloop_prepare(loop_, timeout) < 0 || pa_mainloop_poll(loop_) < 0 ||
+            pa_mainloop_dispatch(loop_) < 0) {
+            log::line("media: the sound server's events can no longer be read; audio devices are not followed");
             break;
+        }
     }
 }
 
@@ -287,6 +290,8 @@ void audio_follower::remake(const std::vector<std::size_t>& indices, const snaps
     std::vector<obs_weak_source_t*> old;
     for (std::size_t i : indices) {
         followed& source = followed_[i];
+        if (!source.item)
+            continue; // its last making failed
         obs_source_t* current = obs_sceneitem_get_source(source.item);
         if (fresh_connection)
             old.push_back(obs_source_get_weak_source(current));
