@@ -7,7 +7,9 @@
 // back under the same name; a source of the "Default" entry stays on whatever device
 // was the default when it started; and a sound server that restarts leaves every source
 // on a dead connection (the plug-in shares one connection per process and never renews
-// it while a source holds it). The stream itself goes on, carrying silence.
+// it while a source holds it: libobs 29's linux-pulseaudio/pulse-wrapper.c leaves the
+// reconnection as a to-do, and its update with an unchanged device does nothing). The
+// stream itself goes on, carrying silence.
 //
 // The follower watches the sound server on a connection of its own and remakes a source
 // in the stream's scene when its device is back, or when the default it follows changes;
