@@ -54,6 +54,9 @@ public:
     bool ready_for_canvas();
 
     obs_source_t* get() const { return source_.get(); }
+    /// Gives the reference to the source to whoever keeps it from here (the follower of a
+    /// stream's audio devices, which may make the source again); get() is null afterwards.
+    source_handle hand_over() { return std::move(source_); }
     /// The size the source reported (or its window has); meaningless for audio.
     std::pair<int, int> size() const { return size_; }
     /// Why open() or ready_for_canvas() failed: a short reason.

@@ -131,6 +131,9 @@ bool output::attempt(const pipe::stream_order& order, callback::source_type::typ
     parts_ = std::move(*parts);
     connection_ = std::move(connection);
     started_ = true;
+    // A captured audio device is the follower's to keep (and make again) from here.
+    source_handle held = capture_ && kind == callback::source_type::audio ? capture_->hand_over() : source_handle{};
+    audio_ = std::make_unique<audio_follower>(parts_.scene.get(), std::move(held));
     connection_->watch();
     run();
     return true;
@@ -155,6 +158,8 @@ void output::release()
         std::lock_guard<std::mutex> lock(end_mutex_);
         ended_ = true;
     }
+    // Before the scene it remakes sources in goes.
+    audio_.reset();
     if (connection_)
         connection_->end_watch();
     stop();

@@ -15,6 +15,7 @@
 #include "core/obs/capture_route.hpp"
 #include "core/obs/media_limits.hpp"
 #include "core/obs/pipe_protocol.hpp"
+#include "media/audio_follower.hpp"
 #include "media/capture_source.hpp"
 #include "media/connection_supervisor.hpp"
 #include "media/screen_feed.hpp"
@@ -93,6 +94,8 @@ private:
     // The objects of the attempt that became active.
     stream_parts parts_;
     std::unique_ptr<connection_supervisor> connection_;
+    // Keeps the running stream's sound sources on their devices as these come and go.
+    std::unique_ptr<audio_follower> audio_;
     std::string error_;
     std::pair<int, int> frame_size_{0, 0};
     bool started_ = false;

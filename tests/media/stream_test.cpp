@@ -3,6 +3,7 @@
 // PulseAudio, encodes it and pushes it over RTMP to a private nginx ingest; ffprobe
 // and ffmpeg check what arrived. Everything runs on loopback and is started here.
 
+#include "core/obs/child_process.hpp"
 #include "core/obs/worker.hpp"
 #include "media/capture_source.hpp"
 #include "media/encoders.hpp"
@@ -41,6 +42,7 @@
 #include <mutex>
 #include <condition_variable>
 #include <cstdio>
+#include <filesystem>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -609,6 +611,180 @@ TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
     EXPECT_EQ(live.video()->codec_name, "h264");
     EXPECT_EQ(live.video()->width, 4);
     EXPECT_EQ(live.video()->height, 4);
+}
+
+// The sound of the ingest's decoded stream, in dBFS (RMS over about 100 ms): the test
+// tone measures about -25, silence -inf or below -90.
+constexpr double heard_level = -40;
+constexpr double silent_level = -70;
+// A device back (or a new default) is heard again within 2 s; what the ingest hears
+// also waits for the encoder, the ingest and the decoder, and a loaded machine.
+constexpr auto device_back_limit = 2s;
+constexpr auto ingest_latency_allowance = 2s;
+
+std::string pactl(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> argv{"pactl"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    int code = 0;
+    std::string error;
+    std::string output = test::run_program(argv, 10s, &code, &error);
+    if (code != 0)
+        throw std::runtime_error("pactl failed: " + error);
+    return output;
+}
+
+/// A microphone hearing a 440 Hz tone: a PulseAudio source of its own (a remapped monitor
+/// of a sink that pacat plays the tone into, at a real device's pace), loaded as a module
+/// of its own. Unloading that module is the microphone unplugged, loading it again (same
+/// name) the microphone plugged back.
+class tone_device {
+public:
+    static constexpr const char* name = "orbweave_tone";
+    tone_device() { reload(); }
+    ~tone_device()
+    {
+        try {
+            unload();
+            if (feed_module_ >= 0)
+                pactl({"unload-module", std::to_string(feed_module_)});
+        } catch (...) {
+        }
+    }
+    void load()
+    {
+        module_ = std::stoi(pactl({"load-module", "module-remap-source", std::string("source_name=") + name,
+                                   std::string("master=") + feed + ".monitor"}));
+    }
+    void unload()
+    {
+        if (module_ >= 0)
+            pactl({"unload-module", std::to_string(module_)});
+        module_ = -1;
+    }
+    /// Loads everything (again, after the sound server restarted and took it all along).
+    void reload()
+    {
+        feed_module_ = std::stoi(pactl({"load-module", "module-null-sink", std::string("sink_name=") + feed}));
+        obs::child_process::options options;
+        options.argv = {"pacat", "--playback", "-d", feed, "--latency-msec=20", "--raw", "--format=s16le",
+                        "--rate=44100", "--channels=1", tone_file()};
+        options.quiet = true;
+        player_ = std::make_unique<obs::child_process>(options);
+        load();
+    }
+    static audio_entry entry() { return audio_entry("Tone", "Tone", name, true); }
+
+private:
+    static constexpr const char* feed = "orbweave_tone_feed";
+    /// Two minutes of the tone, made once per test program.
+    static std::string tone_file()
+    {
+        auto path = test::media_environment::current().directory() / "tone.raw";
+        if (!std::filesystem::exists(path))
+            test::run_program({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "sine=frequency=440:duration=120",
+                               "-f", "s16le", "-ac", "1", "-ar", "44100", path.string()},
+                              30s);
+        return path.string();
+    }
+
+    int module_ = -1;
+    int feed_module_ = -1;
+    std::unique_ptr<obs::child_process> player_;
+};
+
+std::chrono::milliseconds since(clock::time_point begun)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begun);
+}
+
+TEST_F(Streaming, AnAudioDeviceThatGoesLeavesSilenceAndIsHeardAgainWhenItComesBack)
+{
+    tone_device tone;
+    std::string key = new_key("unplugged");
+    test::stderr_capture log;
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(tone_device::entry(), {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    ASSERT_TRUE(sound.wait_for_sound(heard_level, 20s)) << "the tone never arrived";
+
+    // Unplugged: the stream goes on, silent.
+    auto gone = clock::now();
+    tone.unload();
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 10s)) << "still loud after the device went";
+    // What the ingest hears lags by the whole path (encoder, ingest, decoder): this much.
+    std::cout << "[ measured ] device gone to silence at the ingest: " << since(gone).count() << " ms\n";
+    EXPECT_TRUE(ingest_->publishing(key));
+
+    // Plugged back under the same name: heard again.
+    auto back = clock::now();
+    tone.load();
+    auto level = sound.wait_for_sound(heard_level, device_back_limit + ingest_latency_allowance);
+    ASSERT_TRUE(level) << "the device came back but the stream stayed silent";
+    std::cout << "[ measured ] device back to tone at the ingest: " << since(back).count() << " ms (" << *level
+              << " dB)\n";
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    // Told once each way.
+    EXPECT_EQ(log.count_lines_starting("media: the audio device 'orbweave_tone' is gone"), 1) << log.text();
+    EXPECT_EQ(log.count_lines_starting("media: the audio device 'orbweave_tone' is back"), 1) << log.text();
+}
+
+TEST_F(Streaming, TheDefaultEntryFollowsTheDefaultDevice)
+{
+    tone_device tone;
+    pactl({"set-default-source", test::pulse_server::source_name});
+    std::string key = new_key("default");
+    auto media = stream_worker();
+    audio_entry default_input("Default", "Default", "default", true);
+    ASSERT_TRUE(activate(*media, order_for(default_input, {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    // The silent microphone is the default.
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 20s));
+
+    for (const char* device : {tone_device::name, test::pulse_server::source_name, tone_device::name}) {
+        SCOPED_TRACE(device);
+        bool loud = device == std::string(tone_device::name);
+        auto changed = clock::now();
+        pactl({"set-default-source", device});
+        auto level = loud ? sound.wait_for_sound(heard_level, device_back_limit + ingest_latency_allowance)
+                          : sound.wait_for_silence(silent_level, device_back_limit + ingest_latency_allowance);
+        ASSERT_TRUE(level) << "the stream did not follow the default to " << device;
+        std::cout << "[ measured ] default to " << device << " at the ingest: " << since(changed).count() << " ms ("
+                  << *level << " dB)\n";
+    }
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    pactl({"set-default-source", test::pulse_server::source_name});
+}
+
+TEST_F(Streaming, AStreamOutlivesARestartOfTheSoundServer)
+{
+    tone_device tone;
+    std::string key = new_key("server-restart");
+    test::stderr_capture log;
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(tone_device::entry(), {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    ASSERT_TRUE(sound.wait_for_sound(heard_level, 20s));
+
+    auto& server = test::media_environment::current().audio();
+    server.stop();
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 10s)) << "still loud with no sound server";
+    EXPECT_TRUE(ingest_->publishing(key));
+
+    server.start();
+    auto back = clock::now();
+    tone.reload();
+    // Found again within the follower's longest pause between attempts, then as any device back.
+    auto level = sound.wait_for_sound(heard_level, sound_server_retry_limit + device_back_limit +
+                                                       ingest_latency_allowance);
+    ASSERT_TRUE(level) << "the sound server came back but the stream stayed silent";
+    std::cout << "[ measured ] sound server back to tone at the ingest: " << since(back).count() << " ms\n";
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    EXPECT_EQ(log.count_lines_starting("media: the sound server is gone"), 1) << log.text();
+    EXPECT_EQ(log.count_lines_starting("media: the sound server is back"), 1) << log.text();
 }
 
 TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)

@@ -338,8 +338,13 @@ test_window::~test_window() = default;
 pulse_server::pulse_server(const std::filesystem::path& directory) : runtime_path_(directory)
 {
     std::filesystem::create_directories(runtime_path_ / "state");
+    server_ = "unix:" + (runtime_path_ / "native").string();
+    start();
+}
+
+void pulse_server::start()
+{
     std::string socket = (runtime_path_ / "native").string();
-    server_ = "unix:" + socket;
     obs::child_process::options options;
     options.argv = {
         "pulseaudio",
@@ -350,9 +355,9 @@ pulse_server::pulse_server(const std::filesystem::path& directory) : runtime_pat
         "--log-target=stderr",
         "--log-level=error",
         "--load=module-native-protocol-unix socket=" + socket + " auth-anonymous=1",
-        std::string("--load=module-null-sink sink_name=orbweave_speakers sink_properties=device.description=") +
-            sink_description,
-        std::string("--load=module-null-source source_name=orbweave_microphone description=") + source_description,
+        std::string("--load=module-null-sink sink_name=") + sink_name +
+            " sink_properties=device.description=" + sink_description,
+        std::string("--load=module-null-source source_name=") + source_name + " description=" + source_description,
     };
     options.environment = {{"PULSE_RUNTIME_PATH", runtime_path_.string()},
                            {"PULSE_STATE_PATH", (runtime_path_ / "state").string()},
@@ -361,6 +366,14 @@ pulse_server::pulse_server(const std::filesystem::path& directory) : runtime_pat
     options.quiet = true;
     process_ = std::make_unique<obs::child_process>(options);
     wait_for_socket(socket, clock::now() + start_limit);
+}
+
+void pulse_server::stop()
+{
+    // The socket file stays behind, as after a crash; the next daemon replaces it.
+    if (process_)
+        process_->kill_and_wait();
+    process_.reset();
 }
 
 pulse_server::~pulse_server() = default;
@@ -393,6 +406,13 @@ void media_environment::TearDown()
     window_manager_.reset();
     display_.reset();
     directory_.reset();
+}
+
+pulse_server& media_environment::audio()
+{
+    if (!pulse_)
+        throw std::logic_error("the media environment runs without a sound server");
+    return *pulse_;
 }
 
 media_environment& media_environment::current()

@@ -102,8 +102,15 @@ public:
     /// "unix:<socket>", for PULSE_SERVER.
     const std::string& server() const { return server_; }
     const std::filesystem::path& runtime_path() const { return runtime_path_; }
+    static constexpr const char* sink_name = "orbweave_speakers";
+    static constexpr const char* source_name = "orbweave_microphone";
     static constexpr const char* sink_description = "Orbweave-Speakers";
     static constexpr const char* source_description = "Orbweave-Microphone";
+
+    /// Ends the daemon (as a crash would: SIGKILL) and waits until it has gone.
+    void stop();
+    /// Starts it again on the same socket, with the same sink and source; returns once it answers.
+    void start();
 
 private:
     std::filesystem::path runtime_path_;
@@ -135,6 +142,8 @@ public:
     const options& settings() const { return options_; }
     const std::vector<std::unique_ptr<test_window>>& windows() const { return windows_; }
     const std::filesystem::path& directory() const { return directory_->path(); }
+    /// The sound server; throws when the environment runs without one.
+    pulse_server& audio();
 
 private:
     options options_;

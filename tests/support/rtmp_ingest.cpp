@@ -2,6 +2,7 @@
 
 #include "core/json.hpp"
 #include "tests/support/eventually.hpp"
+#include "tests/support/line_reader.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -450,6 +451,55 @@ std::vector<std::uint8_t> rtmp_ingest::live_frame(const std::string& key, int wi
 std::string rtmp_ingest::error_log() const
 {
     return read_file(std::filesystem::path(directory_.path()) / "error.log");
+}
+
+live_loudness::live_loudness(const rtmp_ingest& ingest, const std::string& key)
+{
+    obs::child_process::options options;
+    // astats measures each AAC frame (1024 samples), summed up over windows of four.
+    options.argv = {"ffmpeg", "-hide_banner", "-nostats", "-loglevel", "error", "-fflags", "nobuffer", "-i",
+                    ingest.stream_url(key), "-vn", "-af",
+                    "astats=metadata=1:reset=4,"
+                    "ametadata=mode=print:key=lavfi.astats.Overall.RMS_level:file=-:direct=1",
+                    "-f", "null", "-"};
+    options.pipe_stdout = true;
+    process_ = std::make_unique<obs::child_process>(options);
+    lines_ = std::make_unique<line_reader>(process_->stdout_fd());
+}
+
+live_loudness::~live_loudness() = default;
+
+std::optional<double> live_loudness::wait_for(const std::function<bool(double)>& accept,
+                                              std::chrono::milliseconds timeout, int run)
+{
+    int in_a_row = 0;
+    static const std::string prefix = "lavfi.astats.Overall.RMS_level=";
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return std::nullopt;
+        auto line = lines_->next(left);
+        if (!line)
+            return std::nullopt;
+        if (line->rfind(prefix, 0) != 0)
+            continue;
+        double level = std::strtod(line->c_str() + prefix.size(), nullptr);
+        in_a_row = accept(level) ? in_a_row + 1 : 0;
+        if (in_a_row >= run)
+            return level;
+    }
+}
+
+std::optional<double> live_loudness::wait_for_sound(double decibels, std::chrono::milliseconds timeout)
+{
+    return wait_for([decibels](double level) { return level >= decibels; }, timeout);
+}
+
+std::optional<double> live_loudness::wait_for_silence(double decibels, std::chrono::milliseconds timeout)
+{
+    constexpr int frames_a_second = 44100 / 1024 + 1;
+    return wait_for([decibels](double level) { return level < decibels; }, timeout, frames_a_second);
 }
 
 } // namespace orbweave::test
