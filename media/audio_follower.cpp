@@ -22,8 +22,6 @@ using clock = std::chrono::steady_clock;
 
 /// The first pause before reaching a sound server again; it doubles up to the limit.
 constexpr std::chrono::milliseconds first_retry{100};
-/// How long the old sources may take to be destroyed before new ones are made anyway.
-constexpr auto release_limit = 2s;
 /// How often that is checked: libobs tells nobody when a source is finally released.
 constexpr auto release_poll_interval = 5ms;
 
@@ -50,7 +48,7 @@ std::string setting_of(obs_source_t* source)
 /// Waits, bounded, until every one of sources has been destroyed; then releases them.
 void wait_until_destroyed(std::vector<obs_weak_source_t*>& sources)
 {
-    auto deadline = clock::now() + release_limit;
+    auto deadline = clock::now() + limits::audio_source_release;
     for (;;) {
         bool released = std::all_of(sources.begin(), sources.end(),
                                     [](obs_weak_source_t* weak) { return obs_weak_source_expired(weak); });
@@ -191,7 +189,7 @@ void audio_follower::check_connection(clock::time_point& retry_at, std::chrono::
         source.gone = true;
     drop_connection();
     retry_at = clock::now() + backoff;
-    backoff = std::min(backoff * 2, sound_server_retry_limit);
+    backoff = std::min(backoff * 2, limits::sound_server_retry);
 }
 
 void audio_follower::drop_connection()

@@ -16,6 +16,7 @@
 // when the server itself comes back it remakes them all, after the last one is gone, so
 // that the plug-in opens a new connection. Each change is logged once.
 
+#include "core/obs/media_limits.hpp"
 #include "media/unique_handle.hpp"
 
 #include <atomic>
@@ -30,9 +31,6 @@ struct pa_mainloop;
 struct pa_context;
 
 namespace orbweave::obs {
-
-/// The longest pause between two attempts to reach a sound server that went away.
-inline constexpr std::chrono::milliseconds sound_server_retry_limit{1000};
 
 class audio_follower {
 public:

@@ -6,6 +6,8 @@
 // capture counts them (RandR monitors, or CRTCs before RandR 1.5; X screens without
 // RandR), so a screen's index means the same to both.
 
+#include "core/obs/media_limits.hpp"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -66,7 +68,7 @@ private:
 
     using clock = std::chrono::steady_clock;
     /// How long a screen may be missing (a mode set turns it off and on) before it is gone.
-    static constexpr std::chrono::milliseconds gone_grace{1000};
+    static constexpr std::chrono::milliseconds gone_grace = limits::screen_gone_grace;
     /// How often RandR monitors, which come and go without an event, are looked at.
     static constexpr std::chrono::milliseconds monitor_recheck{1000};
 

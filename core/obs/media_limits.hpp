@@ -44,6 +44,15 @@ inline constexpr milliseconds ingest_outage{60000};
 /// A connected stream whose data the ingest does not take, before it reconnects.
 inline constexpr milliseconds send_stall{10000};
 
+/// The longest pause between two attempts to reach a sound server that went away.
+inline constexpr milliseconds sound_server_retry{1000};
+/// Audio sources released after their sound server went: until libobs has destroyed
+/// them (the plug-in renews its connection only then); past it new ones are made anyway.
+inline constexpr milliseconds audio_source_release{2000};
+/// A streamed X11 screen missing from the screen list, before its stream ends (a mode
+/// change turns the screen's output off and on again).
+inline constexpr milliseconds screen_gone_grace{1000};
+
 } // namespace limits
 
 /// The bounds of one stream's steps as its worker applies them; tests shorten them.

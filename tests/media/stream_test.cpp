@@ -777,7 +777,7 @@ TEST_F(Streaming, AStreamOutlivesARestartOfTheSoundServer)
     auto back = clock::now();
     tone.reload();
     // Found again within the follower's longest pause between attempts, then as any device back.
-    auto level = sound.wait_for_sound(heard_level, sound_server_retry_limit + device_back_limit +
+    auto level = sound.wait_for_sound(heard_level, obs::limits::sound_server_retry + device_back_limit +
                                                        ingest_latency_allowance);
     ASSERT_TRUE(level) << "the sound server came back but the stream stayed silent";
     std::cout << "[ measured ] sound server back to tone at the ingest: " << since(back).count() << " ms\n";
