@@ -46,7 +46,8 @@ worker::options worker_manager::stream_worker_options()
 worker_manager::worker_manager(post_function post) : worker_manager(std::move(post), options{}) {}
 
 worker_manager::worker_manager(post_function post, options options)
-    : options_(std::move(options)), post_(std::move(post)), tokens_(options_.restore_tokens),
+    : options_(std::move(options)),
+      post_(std::move(post)), tokens_(options_.restore_tokens),
       listing_thread_(std::make_unique<serial_executor>())
 {
     if (!options_.warm)
@@ -175,10 +176,12 @@ worker_manager::activation worker_manager::start_stream(stream& record, worker& 
     }
     const std::string& id = request.source.id;
     bool has_video = entry_kind(source) != source_type::audio;
+    std::uint64_t consent = tokens_.consent();
     pipe::stream_result result = process.stream(pipe::stream_order::of(request, std::move(source), bitrate, tokens_.get(id)));
-    // The old token was used up by this start; the desktop hands out a new one.
+    // The old token was used up by this start; the desktop hands out a new one (unless the
+    // pairing it was granted under has gone meanwhile).
     if (!result.restore_token.empty())
-        tokens_.put(id, result.restore_token);
+        tokens_.put(id, result.restore_token, consent);
     if (spare_ && result.started && has_video && result.width > 0 && result.height > 0)
         spare_->prefer_canvas(result.width, result.height);
     return {result.started, result.error, result.rejected, false};
@@ -298,6 +301,16 @@ void worker_manager::report_streams_locked()
         return;
     streams_told_ = running;
     report([handler = streams_handler_, running = std::move(running)] { handler(running); });
+}
+
+void worker_manager::forget_consent()
+{
+    tokens_.forget();
+}
+
+void worker_manager::paired_with(const std::string& account)
+{
+    tokens_.paired_with(account);
 }
 
 bool worker_manager::is_empty() const

@@ -121,6 +121,13 @@ public:
     /// result through post.
     void find_source(source_ref source, std::function<void(const lookup&)> done);
 
+    /// The pairing has gone (reset, sign-out): the desktop's screen-cast consent (every
+    /// restore token) goes with it, so the desktop's picker asks again.
+    void forget_consent();
+    /// The client is paired with account (the owner's name, as the service gives it):
+    /// consent given while paired with another account is forgotten.
+    void paired_with(const std::string& account);
+
     /// Set before the first activation; called through post.
     void set_stream_ended_handler(ended_handler handler);
     /// Set before the first activation; called through post.

@@ -3,6 +3,7 @@
 #include "app/preferences.hpp"
 #include "app/secret_keeper.hpp"
 #include "core/obs/child_process.hpp"
+#include "core/obs/restore_tokens.hpp"
 #include "core/orbweave_client.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
@@ -145,9 +146,19 @@ protected:
         service.identity().write(dir.path());
         settings.service_url = service.url();
         settings.client = test::fast_client_options(dir.file("ca.pem"));
+        settings.client.media.restore_tokens = tokens;
+    }
+
+    /// The desktop's consent to cast a screen, as a start would have kept it.
+    void grant_screen_cast()
+    {
+        obs::restore_tokens kept(tokens);
+        kept.put("screen-1", "token-1", kept.consent());
+        ASSERT_EQ(obs::restore_tokens(tokens).get("screen-1"), "token-1");
     }
 
     test::temp_dir dir;
+    const std::string tokens = dir.file("state/restore-tokens.json");
     sim::service_sim service;
     event_bus bus;
     preferences stored;
@@ -236,6 +247,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     };
     ASSERT_NO_FATAL_FAILURE(pair_and_stream());
 
+    ASSERT_NO_FATAL_FAILURE(grant_screen_cast());
     test::loop_watchdog watchdog;
     delegate.sign_out();
     EXPECT_EQ(secrets.secret(), "") << "what is stored goes at once";
@@ -245,6 +257,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     EXPECT_EQ(activities, std::vector<activity>({activity::signing_out, activity::none}));
     EXPECT_LT(watchdog.longest(), 100) << "the GUI thread waited for the sign-out";
     EXPECT_TRUE(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).empty());
+    EXPECT_EQ(obs::restore_tokens(tokens).get("screen-1"), "") << "the screen-cast consent outlived the sign-out";
 
     ASSERT_NO_FATAL_FAILURE(pair_and_stream());
     watchdog.restart();
