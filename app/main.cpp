@@ -97,6 +97,10 @@ int main(int argc, char** argv)
     settings.bitrate = options.bitrate;
     settings.client.transport.ca_file = options.ca_file;
     command_line::use_capture_route(options.capture, settings.client);
+    std::optional<int> max_streams = options.max_streams;
+    if (!max_streams && preferences.max_streams() > 0)
+        max_streams = static_cast<int>(preferences.max_streams());
+    command_line::use_stream_limit(max_streams, settings.client);
     settings.client.media.restore_tokens = app::state_home().toStdString() + "/orbweave/restore-tokens.json";
     settings.client.media.warm = true;
     app::app_delegate delegate(bus, preferences, secrets, settings);

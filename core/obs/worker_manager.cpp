@@ -1,6 +1,7 @@
 #include "core/obs/worker_manager.hpp"
 
 #include "core/log.hpp"
+#include "core/obs/stream_limit.hpp"
 
 #include <algorithm>
 #include <system_error>
@@ -47,6 +48,7 @@ worker_manager::worker_manager(post_function post) : worker_manager(std::move(po
 
 worker_manager::worker_manager(post_function post, options options)
     : options_(std::move(options)),
+      max_streams_(options_.max_streams > 0 ? options_.max_streams : stream_limit_for(this_machine())),
       post_(std::move(post)), tokens_(options_.restore_tokens),
       listing_thread_(std::make_unique<serial_executor>())
 {
@@ -96,6 +98,11 @@ void worker_manager::activate(activate_request request, source_entry source, int
     std::lock_guard<std::mutex> lock(mutex_);
     if (closing_)
         return;
+    // Before anything changes: a refused activation cancels or replaces nothing.
+    if (std::string refused = refusal_locked(); !refused.empty()) {
+        report([done, refused] { done({false, refused, false, false}); });
+        return;
+    }
     for (auto& [generation, record] : streams_)
         if (record->id == request.source.id && record->state == stream::phase::starting)
             cancel_locked(*record, "superseded by a later activation");
@@ -301,6 +308,20 @@ void worker_manager::report_streams_locked()
         return;
     streams_told_ = running;
     report([handler = streams_handler_, running = std::move(running)] { handler(running); });
+}
+
+std::string worker_manager::refusal() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return refusal_locked();
+}
+
+std::string worker_manager::refusal_locked() const
+{
+    // Streams still stopping count too: their workers are alive until they have stopped.
+    if (streams_.size() < max_streams_)
+        return {};
+    return "too many streams: at most " + std::to_string(max_streams_) + " run at once on this machine";
 }
 
 void worker_manager::forget_consent()

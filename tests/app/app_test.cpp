@@ -76,12 +76,14 @@ TEST(Preferences, DefaultsCorruptValuesAndReset)
     EXPECT_EQ(fresh.username(), "");
     EXPECT_FALSE(fresh.has_set_permissions());
     EXPECT_FALSE(fresh.ignore_audio_device_events());
+    EXPECT_EQ(fresh.max_streams(), 0u) << "as many as the machine carries";
 
     fresh.set_secret("s3cr3t");
     fresh.set_owner("Ann", "https://avatars.invalid/ann.png");
     fresh.set_permission(source_type::window, 0);
     fresh.set_profile(3);
     fresh.set_has_set_permissions(true);
+    fresh.set_max_streams(2);
     struct stat file {};
     ASSERT_EQ(::stat(dir.file("orbweave.conf").c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 0777, 0600u) << "the file holds the secret";
@@ -95,16 +97,19 @@ TEST(Preferences, DefaultsCorruptValuesAndReset)
     QSettings raw(QString::fromStdString(dir.file("orbweave.conf")), QSettings::IniFormat);
     EXPECT_EQ(raw.value("clientPermissionWindow").toString(), "0");
     EXPECT_EQ(raw.value("clientHasSetPermissions").toString(), "true");
+    EXPECT_EQ(raw.value("clientMaxStreams").toString(), "2");
 
     // Values that are not what their key holds read as the defaults.
     raw.setValue("clientPermissionAudio", "banana");
     raw.setValue("clientProfile", "-1");
     raw.setValue("clientHasSetPermissions", "maybe");
+    raw.setValue("clientMaxStreams", "1001");
     raw.sync();
     preferences corrupt(QString::fromStdString(dir.file("orbweave.conf")));
     EXPECT_EQ(corrupt.permission_value(source_type::audio), 2u);
     EXPECT_EQ(corrupt.profile(), 1u);
     EXPECT_FALSE(corrupt.has_set_permissions());
+    EXPECT_EQ(corrupt.max_streams(), 0u);
 
     corrupt.reset();
     EXPECT_FALSE(std::filesystem::exists(dir.file("orbweave.conf")));
