@@ -1,9 +1,11 @@
 #include "media/capture_source.hpp"
 
+#include "core/log.hpp"
 #include "media/c_boundary.hpp"
 #include "media/catalogue.hpp"
 #include "media/pipewire_source.hpp"
 #include "media/stream_assembly.hpp"
+#include "media/x11_screens.hpp"
 #include "media/x11_window.hpp"
 
 #include <obs.h>
@@ -98,8 +100,8 @@ std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadli
     }
 }
 
-capture_source::capture_source(capture_route route, std::chrono::milliseconds portal_start, ended_handler on_ended)
-    : route_(route), portal_start_(portal_start), on_ended_(std::move(on_ended))
+capture_source::capture_source(capture_route route, const stream_limits& limits, ended_handler on_ended)
+    : route_(route), portal_start_(limits.portal_start), source_size_(limits.source_size), on_ended_(std::move(on_ended))
 {
 }
 
@@ -122,7 +124,7 @@ bool capture_source::open(const source_entry& entry, const std::string& restore_
         if (!source_)
             return false;
         // The stream's format brings the size: the desktop may take its time to agree it.
-        size_ = wait_for_size(source_.get(), clock::now() + source_size_limit);
+        size_ = wait_for_size(source_.get(), clock::now() + source_size_);
     } else {
         open_plugin_source(entry);
     }
@@ -142,12 +144,14 @@ void capture_source::open_plugin_source(const source_entry& entry)
     // A screen reports its size without a canvas; a window is measured through X (window
     // capture needs the graphics context to exist before it is created); a camera only
     // learns its size from frames, which need a running canvas, so it gets a small one first.
-    auto deadline = clock::now() + source_size_limit;
+    auto deadline = clock::now() + source_size_;
     if (auto* screen = std::get_if<screen_entry>(&entry)) {
         source_ = create_screen_source(*screen);
         if (source_)
             size_ = wait_for_size(source_.get(), deadline);
         restart_after_canvas_ = true;
+        if (size_.first > 0 && size_.second > 0)
+            watch_screen(screen->index);
     } else if (auto* window = std::get_if<window_entry>(&entry)) {
         size_ = x11_window_size(window->pid);
         window_ = *window;
@@ -158,6 +162,23 @@ void capture_source::open_plugin_source(const source_entry& entry)
         source_ = create_video_source(*camera);
         if (source_)
             size_ = wait_for_size(source_.get(), deadline);
+    }
+}
+
+void capture_source::watch_screen(int index)
+{
+    // The capture reads where its screen is only when its settings change: told so when
+    // the screen changes, it captures the screen's new size, which the scene fits into
+    // the canvas with the aspect kept. Its own index may change as monitors come and go.
+    auto moved = [this](const x11_screen& now) {
+        data_handle settings(obs_data_create());
+        obs_data_set_int(settings.get(), "screen", now.index);
+        obs_source_update(source_.get(), settings.get());
+    };
+    try {
+        screen_watch_ = std::make_unique<x11_screen_watch>(index, moved, on_ended_);
+    } catch (const std::exception& failure) {
+        log::line(std::string("media: the screen's changes are not followed: ") + failure.what());
     }
 }
 

@@ -7,8 +7,10 @@
 
 #include "core/obs/capture_route.hpp"
 #include "core/obs/entries.hpp"
+#include "core/obs/media_limits.hpp"
 #include "media/portal_session.hpp"
 #include "media/unique_handle.hpp"
+#include "media/x11_screens.hpp"
 
 #include <chrono>
 #include <functional>
@@ -19,8 +21,6 @@
 
 namespace orbweave::obs {
 
-/// How long a capture source may take to report its size.
-inline constexpr std::chrono::seconds source_size_limit{5};
 /// How long the second dimension of a source's size may lag behind the first.
 inline constexpr std::chrono::milliseconds source_half_size_grace{500};
 
@@ -38,7 +38,8 @@ public:
     /// Told why, once, on whichever thread noticed it, when the desktop ends the cast.
     using ended_handler = std::function<void(const std::string& reason)>;
 
-    capture_source(capture_route route, std::chrono::milliseconds portal_start, ended_handler on_ended);
+    /// Waits for the desktop's picker and for the source's size at most as long as limits say.
+    capture_source(capture_route route, const stream_limits& limits, ended_handler on_ended);
     ~capture_source();
 
     capture_source(const capture_source&) = delete;
@@ -53,6 +54,9 @@ public:
     bool ready_for_canvas();
 
     obs_source_t* get() const { return source_.get(); }
+    /// Gives the reference to the source to whoever keeps it from here (the follower of a
+    /// stream's audio devices, which may make the source again); get() is null afterwards.
+    source_handle hand_over() { return std::move(source_); }
     /// The size the source reported (or its window has); meaningless for audio.
     std::pair<int, int> size() const { return size_; }
     /// Why open() or ready_for_canvas() failed: a short reason.
@@ -70,14 +74,20 @@ private:
     std::unique_ptr<portal_session> start_cast(const screen_entry* screen, const std::string& restore_token);
     /// Makes the source, or measures the window, of the X11, PulseAudio and V4L2 plug-ins.
     void open_plugin_source(const source_entry& entry);
+    /// Follows X11 screen index while the source shows it: a new size or place is passed
+    /// on to the source, a screen that goes away ends the capture.
+    void watch_screen(int index);
     static void on_capture_ended(void* data, calldata_t* params) noexcept;
 
     capture_route route_;
     std::chrono::milliseconds portal_start_;
+    std::chrono::milliseconds source_size_;
     ended_handler on_ended_;
     // Declared before the source: the cast is closed after the source showing it is gone.
     std::unique_ptr<portal_session> portal_;
     source_handle source_;
+    // Declared after the source: it stops telling the source of changes before it goes.
+    std::unique_ptr<x11_screen_watch> screen_watch_;
     std::pair<int, int> size_{0, 0};
     // An X11 window waits for the canvas before its source is made.
     std::optional<window_entry> window_;

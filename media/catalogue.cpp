@@ -77,6 +77,18 @@ std::optional<std::pair<long, long>> x11_screen_origin(int index)
     return origin;
 }
 
+std::optional<std::pair<int, int>> x11_screen_size(int index)
+{
+    std::optional<std::pair<int, int>> size;
+    enumerate_props(capture_id::screen, "screen", [&](prop_info& info, std::size_t i) {
+        const char* label = obs_property_list_item_name(info.property, i);
+        unsigned long width = 0, height = 0;
+        if (static_cast<int>(i) == index && label && detail::size_from_screen_label(label, width, height))
+            size = std::make_pair(static_cast<int>(width), static_cast<int>(height));
+    });
+    return size;
+}
+
 std::vector<screen_entry> list_screens()
 {
     std::vector<screen_entry> screens;

@@ -58,6 +58,8 @@ std::vector<video_entry> list_videos();
 /// item (with RandR or Xinerama the screens are areas of one root window). None when the
 /// capture lists no such screen.
 std::optional<std::pair<long, long>> x11_screen_origin(int index);
+/// The width and height of that item; none when the capture lists no such screen.
+std::optional<std::pair<int, int>> x11_screen_size(int index);
 
 namespace detail {
 /// Width and height from an xshm screen item name such as "Screen 1 (1024x768 @ 1280,0)".

@@ -18,8 +18,6 @@ using namespace std::chrono_literals;
 constexpr auto connecting_look_interval = 1ms;
 constexpr auto connecting_quick_looks = 200ms;
 constexpr auto connecting_slow_look_interval = 10ms;
-// How long an output whose connection was shut down may take to report that it stopped.
-constexpr auto interrupt_limit = 2s;
 
 const char* output_code_text(long long code)
 {
@@ -53,9 +51,8 @@ struct connection_supervisor::send_progress {
     clock::time_point progressed = clock::now();
 };
 
-connection_supervisor::connection_supervisor(std::chrono::milliseconds ingest_outage,
-                                             std::chrono::milliseconds send_stall, ended_handler on_ended)
-    : ingest_outage_(ingest_outage), send_stall_(send_stall), on_ended_(std::move(on_ended))
+connection_supervisor::connection_supervisor(const stream_limits& limits, ended_handler on_ended)
+    : limits_(limits), on_ended_(std::move(on_ended))
 {
 }
 
@@ -153,7 +150,7 @@ bool connection_supervisor::connect(obs_output_t* output, std::string& error)
         // (connected and sending); a refused connection arrives as "stop".
         auto since = clock::now();
         std::unique_lock<std::mutex> lock(mutex_);
-        bool decided = wait_until_decided(lock, since, since + output_start_limit);
+        bool decided = wait_until_decided(lock, since, since + limits_.output_start);
         active = decided && !stopped_;
         if (stopped_)
             error = describe_stop(code_, last_error_);
@@ -200,7 +197,7 @@ void connection_supervisor::abandon_connecting(std::unique_lock<std::mutex>& loc
     lock.unlock();
     interrupt_connections_since(sockets_before_);
     lock.lock();
-    if (!changed_.wait_for(lock, interrupt_limit, [this] { return stopped_; }))
+    if (!changed_.wait_for(lock, limits::connection_release, [this] { return stopped_; }))
         log::line("media: the rtmp output is still connecting; releasing it may take a while");
 }
 
@@ -216,14 +213,14 @@ bool connection_supervisor::stop()
         lock.unlock();
         obs_output_stop(output_);
         lock.lock();
-        stopped = changed_.wait_for(lock, output_stop_limit, [this] { return stopped_; });
+        stopped = changed_.wait_for(lock, limits_.output_stop, [this] { return stopped_; });
         lock.unlock();
         if (!stopped) {
             // A server that stopped reading holds the send thread in a full socket.
             log::line("media: the stream did not stop in time; closing its connection");
             interrupt_connections_since(sockets_before_);
             lock.lock();
-            changed_.wait_for(lock, interrupt_limit, [this] { return stopped_; });
+            changed_.wait_for(lock, limits::connection_release, [this] { return stopped_; });
         }
     }
     return stopped;
@@ -249,7 +246,7 @@ void connection_supervisor::end_watch()
 void connection_supervisor::watch_outage()
 {
     send_progress progress;
-    auto check_interval = std::clamp<std::chrono::milliseconds>(send_stall_ / 4, 10ms, 1000ms);
+    auto check_interval = std::clamp<std::chrono::milliseconds>(limits_.send_stall / 4, 10ms, 1000ms);
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         if (watchdog_closing_ || stopped_)
@@ -263,7 +260,7 @@ void connection_supervisor::watch_outage()
             continue;
         }
         progress.progressed = now; // a new connection starts its own count
-        auto until = *reconnecting_since_ + ingest_outage_;
+        auto until = *reconnecting_since_ + limits_.ingest_outage;
         if (now >= until)
             break;
         changed_.wait_until(lock, until);
@@ -282,8 +279,8 @@ void connection_supervisor::check_progress(send_progress& progress, clock::time_
             send_without_delay(tcp_descriptors_since(sockets_before_));
         taken = std::move(seen);
         progress.progressed = now;
-    } else if (now - progress.progressed >= send_stall_) {
-        log::line("media: the ingest took nothing for " + std::to_string(send_stall_.count()) +
+    } else if (now - progress.progressed >= limits_.send_stall) {
+        log::line("media: the ingest took nothing for " + std::to_string(limits_.send_stall.count()) +
                   " ms; closing the connection to reconnect");
         interrupt_connections_since(sockets_before_);
         progress.progressed = now;
@@ -292,7 +289,7 @@ void connection_supervisor::check_progress(send_progress& progress, clock::time_
 
 void connection_supervisor::give_up(std::unique_lock<std::mutex>& lock)
 {
-    gave_up_ = "rtmp disconnected: the ingest did not come back within " + std::to_string(ingest_outage_.count()) +
+    gave_up_ = "rtmp disconnected: the ingest did not come back within " + std::to_string(limits_.ingest_outage.count()) +
                " ms";
     lock.unlock();
     log::line("media: ", gave_up_);

@@ -5,6 +5,8 @@
 // then a watchdog that shuts a connection the ingest stopped taking from down, and ends
 // a stream whose ingest stays gone for longer than the outage limit.
 
+#include "core/obs/media_limits.hpp"
+
 #include <obs.h>
 
 #include <sys/types.h>
@@ -20,35 +22,21 @@
 
 namespace orbweave::obs {
 
-/// How long the output may take to connect and start sending, or to fail.
-inline constexpr std::chrono::seconds output_start_limit{10};
-/// How long a stopping output may take to report that it stopped.
-inline constexpr std::chrono::seconds output_stop_limit{10};
-/// How long a stream may keep reconnecting to an ingest that has gone before it ends
-/// (libobs itself would retry without end, and the service would see a source that
-/// streams nowhere). Ingest restarts and short network drops stay well inside it.
-inline constexpr std::chrono::seconds ingest_outage_limit{60};
-/// How long a connected stream may have data waiting that the ingest does not take
-/// (acknowledge) before its connection counts as lost. libobs would wait without end on
-/// a path that went dark, since the socket stays open; shutting the connection down
-/// makes libobs reconnect, and the outage limit applies from there.
-inline constexpr std::chrono::seconds send_stall_limit{10};
-
 class connection_supervisor {
 public:
     /// Called once, on whichever thread noticed it (libobs's or the watchdog's), when a
     /// connected stream ends without being asked to.
     using ended_handler = std::function<void(const std::string& reason)>;
 
-    connection_supervisor(std::chrono::milliseconds ingest_outage, std::chrono::milliseconds send_stall,
-                          ended_handler on_ended);
+    /// Applies the output's start and stop bounds, the outage limit and the send stall limit of limits.
+    connection_supervisor(const stream_limits& limits, ended_handler on_ended);
     /// Stops the watchdog and stops following the output's signals; does not stop it.
     ~connection_supervisor();
 
     connection_supervisor(const connection_supervisor&) = delete;
     connection_supervisor& operator=(const connection_supervisor&) = delete;
 
-    /// Starts output and waits, at most output_start_limit, until it is active (connected
+    /// Starts output and waits, at most the output start limit, until it is active (connected
     /// to the ingest and sending). False with error set otherwise; the output is then no
     /// longer followed.
     bool connect(obs_output_t* output, std::string& error);
@@ -58,7 +46,7 @@ public:
     /// Ends the watchdog, waiting for its thread.
     void end_watch();
 
-    /// Stops the output; false when it did not report stopping within output_stop_limit
+    /// Stops the output; false when it did not report stopping within the output stop limit
     /// and its connection was shut down.
     bool stop();
 
@@ -90,8 +78,7 @@ private:
     /// Ends the stream whose ingest did not come back.
     void give_up(std::unique_lock<std::mutex>& lock);
 
-    const std::chrono::milliseconds ingest_outage_;
-    const std::chrono::milliseconds send_stall_;
+    const stream_limits limits_;
     const ended_handler on_ended_;
     obs_output_t* output_ = nullptr;
     bool following_ = false;

@@ -78,7 +78,7 @@ bool output::start(const pipe::stream_order& order)
 
 bool output::prepare_capture(const pipe::stream_order& order, callback::source_type::type kind)
 {
-    capture_ = std::make_unique<capture_source>(route_, limits_.portal_start,
+    capture_ = std::make_unique<capture_source>(route_, limits_,
                                                 [this](const std::string& reason) { end(reason); });
     bool opened = capture_->open(order.source, order.restore_token);
     rejected_ = capture_->rejected();
@@ -105,7 +105,7 @@ bool output::prepare_feed(const pipe::stream_order& order)
     const auto& screen = std::get<screen_entry>(order.source);
     frame_size_ = stream_frame_size(order, {static_cast<int>(screen.width), static_cast<int>(screen.height)}, true);
     try {
-        feed_ = std::make_unique<screen_feed>(screen, frame_size_);
+        feed_ = std::make_unique<screen_feed>(screen, frame_size_, [this](const std::string& reason) { end(reason); });
     } catch (const std::exception& failure) {
         error_ = failure.what();
         return false;
@@ -123,7 +123,7 @@ bool output::attempt(const pipe::stream_order& order, callback::source_type::typ
         return false;
     // Every way a stream ends unasked is told through end(), once.
     auto connection = std::make_unique<connection_supervisor>(
-        limits_.ingest_outage, limits_.send_stall, [this](const std::string& reason) { end(reason); });
+        limits_, [this](const std::string& reason) { end(reason); });
     if (!connection->connect(parts->output.get(), error_)) {
         clear_channel(parts->scene.get());
         return false;
@@ -131,6 +131,9 @@ bool output::attempt(const pipe::stream_order& order, callback::source_type::typ
     parts_ = std::move(*parts);
     connection_ = std::move(connection);
     started_ = true;
+    // A captured audio device is the follower's to keep (and make again) from here.
+    source_handle held = capture_ && kind == callback::source_type::audio ? capture_->hand_over() : source_handle{};
+    audio_ = std::make_unique<audio_follower>(parts_.scene.get(), std::move(held));
     connection_->watch();
     run();
     return true;
@@ -155,6 +158,8 @@ void output::release()
         std::lock_guard<std::mutex> lock(end_mutex_);
         ended_ = true;
     }
+    // Before the scene it remakes sources in goes.
+    audio_.reset();
     if (connection_)
         connection_->end_watch();
     stop();

@@ -13,7 +13,9 @@
 
 #include "core/callback.hpp"
 #include "core/obs/capture_route.hpp"
+#include "core/obs/media_limits.hpp"
 #include "core/obs/pipe_protocol.hpp"
+#include "media/audio_follower.hpp"
 #include "media/capture_source.hpp"
 #include "media/connection_supervisor.hpp"
 #include "media/screen_feed.hpp"
@@ -32,13 +34,6 @@ namespace orbweave::obs {
 inline constexpr const char* software_fallback_line =
     "Failed to start stream; attempting to fallback to software encoder";
 
-/// How long a stream waits on what it depends on; the defaults are the production values.
-struct stream_limits {
-    std::chrono::milliseconds ingest_outage = ingest_outage_limit;
-    std::chrono::milliseconds portal_start = portal_start_limit;
-    std::chrono::milliseconds send_stall = send_stall_limit;
-};
-
 class output {
 public:
     /// Called once, on whichever thread noticed it (libobs's, the outage watchdog's, the
@@ -48,7 +43,7 @@ public:
 
     /// On the portal route a screen is captured through the desktop portal and PipeWire.
     explicit output(stream_limits limits = {}, capture_route route = capture_route::x11);
-    /// Stops the stream (waiting at most output_stop_limit for the output to stop) and
+    /// Stops the stream (waiting at most the output stop limit for the output to stop) and
     /// releases everything it holds.
     ~output();
 
@@ -77,7 +72,7 @@ public:
     void set_stopped_handler(stopped_handler handler);
 
     /// Stops the stream now (the destructor does the same); false when the output did
-    /// not report stopping within output_stop_limit and was forced.
+    /// not report stopping within the output stop limit and was forced.
     bool stop();
 
 private:
@@ -99,6 +94,8 @@ private:
     // The objects of the attempt that became active.
     stream_parts parts_;
     std::unique_ptr<connection_supervisor> connection_;
+    // Keeps the running stream's sound sources on their devices as these come and go.
+    std::unique_ptr<audio_follower> audio_;
     std::string error_;
     std::pair<int, int> frame_size_{0, 0};
     bool started_ = false;

@@ -1,6 +1,7 @@
 #include "media/pipewire_params.h"
 
 #include <spa/buffer/buffer.h>
+#include <spa/buffer/meta.h>
 #include <spa/param/buffers.h>
 #include <spa/param/format.h>
 #include <spa/param/param.h>
@@ -33,4 +34,12 @@ const struct spa_pod* orbweave_shared_memory_buffers_param(uint8_t* buffer, size
     return spa_pod_builder_add_object(
         &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers,
         SPA_PARAM_BUFFERS_dataType, SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemFd) | (1 << SPA_DATA_MemPtr)));
+}
+
+const struct spa_pod* orbweave_crop_meta_param(uint8_t* buffer, size_t size)
+{
+    struct spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, size);
+    return spa_pod_builder_add_object(&builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta,
+                                      SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoCrop),
+                                      SPA_PARAM_META_size, SPA_POD_Int(sizeof(struct spa_meta_region)));
 }

@@ -14,6 +14,9 @@ extern "C" {
 const struct spa_pod* orbweave_video_format_param(uint8_t* buffer, size_t size);
 /* Buffers in shared memory only (memfd or mapped pointers), no DMA-BUF. */
 const struct spa_pod* orbweave_shared_memory_buffers_param(uint8_t* buffer, size_t size);
+/* Buffers that carry the producer's crop region (the part of the frame that shows the
+ * capture: a window cast draws its window into a larger frame). */
+const struct spa_pod* orbweave_crop_meta_param(uint8_t* buffer, size_t size);
 
 #ifdef __cplusplus
 }

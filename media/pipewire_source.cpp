@@ -6,12 +6,15 @@
 
 #include <obs.h>
 #include <pipewire/pipewire.h>
+#include <spa/buffer/meta.h>
 #include <spa/param/format-utils.h>
 #include <spa/param/video/format-utils.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,19 +24,34 @@ namespace orbweave::obs {
 // The libobs source: a PipeWire stream on its own thread loop. The newest frame's buffer
 // is kept from PipeWire, and the source draws it itself: libobs's graphics thread uploads
 // it into the source's texture when it draws the source, so a still window or screen,
-// which sends one frame, is drawn from that frame as long as the stream lasts. The size
-// is the negotiated format's, known before the first frame.
+// which sends one frame, is drawn from that frame as long as the stream lasts.
+//
+// What is shown is the part of each frame the compositor marks with its crop region,
+// where it marks one: GNOME casts a window in monitor-sized frames with the window at
+// the top left, and the region follows the window as it is resized. The source's size
+// is that part's size, so the stream's canvas is made at the window's shape and the
+// scene fits the window into it, aspect kept, when it changes. Without a crop region
+// the whole frame is shown, and the size is the negotiated format's, known before the
+// first frame; with one, the first frame brings it.
 
 namespace {
 
 /// Emitted on the source's signal handler when its stream ends without being asked to.
 constexpr const char* ended_signal = "void orbweave_capture_ended(ptr source, string reason)";
 
-/// A frame's pixels as PipeWire handed them over; null pixels when the buffer holds none.
+/// The part of a frame to show, as PipeWire handed it over: its top left pixel, the
+/// frame's stride and the part's size; null pixels when the buffer holds no frame.
 struct frame_view {
     const uint8_t* pixels = nullptr;
     uint32_t stride = 0;
+    uint32_t width = 0, height = 0;
 };
+
+/// A width and a height in one word, so that libobs never reads one without the other.
+uint64_t pack(uint32_t width, uint32_t height)
+{
+    return static_cast<uint64_t>(width) << 32 | height;
+}
 
 struct portal_source {
     obs_source_t* source = nullptr;
@@ -52,9 +70,11 @@ struct portal_source {
     spa_video_info_raw format{};
     bool has_format = false;
     pw_buffer* held = nullptr; // the newest frame, kept until the next arrives
+    frame_view shown;          // the part of the held frame to show
     bool uploaded = false;     // whether the texture shows the held frame
-    // The negotiated size, read by libobs without the lock.
-    std::atomic<uint32_t> width{0}, height{0};
+    bool told_bad_crop = false;
+    // The size of what is shown (pack()), read by libobs without the lock.
+    std::atomic<uint64_t> size{0};
     // libobs's graphics thread only.
     gs_texture_t* texture = nullptr;
     std::vector<uint8_t> swizzled; // RGBx frames, turned into BGRX
@@ -93,12 +113,22 @@ struct portal_source {
         if (spa_format_video_raw_parse(param, &format) < 0)
             return;
         has_format = supported(format.format);
-        width = has_format ? format.size.width : 0;
-        height = has_format ? format.size.height : 0;
+        if (!has_format)
+            size = 0;
         uploaded = false;
-        uint8_t buffer[256];
-        const spa_pod* params[] = {orbweave_shared_memory_buffers_param(buffer, sizeof buffer)};
-        pw_stream_update_params(stream, params, 1);
+        uint8_t buffers[256], crop[256];
+        const spa_pod* params[] = {orbweave_shared_memory_buffers_param(buffers, sizeof buffers),
+                                   orbweave_crop_meta_param(crop, sizeof crop)};
+        pw_stream_update_params(stream, params, 2);
+    }
+
+    /// A buffer of the negotiated format arrived: without a crop region every frame is
+    /// shown whole, so the format's size is the source's from now on. With one, the next
+    /// frame tells (until then a new format keeps the last frame's size).
+    void on_buffer_added(pw_buffer* buffer)
+    {
+        if (has_format && !held && !spa_buffer_find_meta(buffer->buffer, SPA_META_VideoCrop))
+            size = pack(format.size.width, format.size.height);
     }
 
     void on_process()
@@ -112,14 +142,17 @@ struct portal_source {
         }
         if (!newest)
             return;
-        if (view(newest->buffer).pixels == nullptr) {
+        frame_view frame = view(newest->buffer);
+        if (frame.pixels == nullptr) {
             pw_stream_queue_buffer(stream, newest); // damaged or empty: keep the last good one
             return;
         }
         if (held)
             pw_stream_queue_buffer(stream, held);
         held = newest;
+        shown = frame;
         uploaded = false;
+        size = pack(frame.width, frame.height);
     }
 
     static bool supported(uint32_t video_format)
@@ -128,8 +161,9 @@ struct portal_source {
                video_format == SPA_VIDEO_FORMAT_RGBx || video_format == SPA_VIDEO_FORMAT_RGBA;
     }
 
-    /// The buffer's pixels, when it holds a whole frame of the negotiated format.
-    frame_view view(spa_buffer* buffer) const
+    /// The part of the buffer's frame to show, when it holds a whole frame of the
+    /// negotiated format.
+    frame_view view(spa_buffer* buffer)
     {
         auto* header = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)));
         if (header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED))
@@ -141,7 +175,39 @@ struct portal_source {
         uint32_t offset = data.chunk->offset % data.maxsize;
         if (stride < format.size.width * 4 || static_cast<uint64_t>(stride) * format.size.height > data.maxsize - offset)
             return {};
-        return {static_cast<const uint8_t*>(data.data) + offset, stride};
+        spa_rectangle area = format.size;
+        spa_point at{0, 0};
+        crop_region(buffer, at, area);
+        const uint8_t* pixels = static_cast<const uint8_t*>(data.data) + offset +
+                                static_cast<size_t>(at.y) * stride + static_cast<size_t>(at.x) * 4;
+        return {pixels, stride, area.width, area.height};
+    }
+
+    /// Narrows the whole frame (at, area) to the producer's crop region, where the buffer
+    /// carries one. A region of no size means the whole frame; one that reaches past the
+    /// frame is cut to it, and one wholly outside it is ignored (and said once).
+    void crop_region(spa_buffer* buffer, spa_point& at, spa_rectangle& area)
+    {
+        auto* crop = static_cast<spa_meta_region*>(
+            spa_buffer_find_meta_data(buffer, SPA_META_VideoCrop, sizeof(spa_meta_region)));
+        if (!crop || !spa_meta_region_is_valid(crop))
+            return;
+        const spa_region& region = crop->region;
+        int64_t left = std::max<int64_t>(region.position.x, 0);
+        int64_t top = std::max<int64_t>(region.position.y, 0);
+        int64_t right = std::min<int64_t>(int64_t{region.position.x} + region.size.width, area.width);
+        int64_t bottom = std::min<int64_t>(int64_t{region.position.y} + region.size.height, area.height);
+        if (left >= right || top >= bottom) {
+            if (!told_bad_crop)
+                log::line("media: the screen cast's crop region (" + std::to_string(region.size.width) + "x" +
+                          std::to_string(region.size.height) + " at " + std::to_string(region.position.x) + "," +
+                          std::to_string(region.position.y) + ") lies outside its " + std::to_string(area.width) +
+                          "x" + std::to_string(area.height) + " frame; the whole frame is shown");
+            told_bad_crop = true;
+            return;
+        }
+        at = {static_cast<int32_t>(left), static_cast<int32_t>(top)};
+        area = {static_cast<uint32_t>(right - left), static_cast<uint32_t>(bottom - top)};
     }
 
     /// libobs's draw call, on its graphics thread: uploads the newest frame when it has
@@ -150,17 +216,18 @@ struct portal_source {
     {
         pw_thread_loop_lock(loop);
         if (held && !uploaded)
-            upload(view(held->buffer));
+            upload(shown);
         pw_thread_loop_unlock(loop);
         if (texture)
             obs_source_draw(texture, 0, 0, 0, 0, false);
     }
 
+    /// Copies the part of the frame to show, and nothing else, into the texture.
     void upload(frame_view frame)
     {
         if (!frame.pixels)
             return;
-        uint32_t w = format.size.width, h = format.size.height;
+        uint32_t w = frame.width, h = frame.height;
         bool alpha = format.format == SPA_VIDEO_FORMAT_BGRA || format.format == SPA_VIDEO_FORMAT_RGBA;
         gs_color_format wanted = alpha ? GS_BGRA : GS_BGRX;
         if (!texture || gs_texture_get_width(texture) != w || gs_texture_get_height(texture) != h ||
@@ -213,6 +280,10 @@ struct portal_source {
                     if (self->held == buffer)
                         self->held = nullptr;
                 });
+            };
+            e.add_buffer = [](void* data, pw_buffer* buffer) {
+                guarded("the PipeWire stream's buffer addition",
+                        [&] { static_cast<portal_source*>(data)->on_buffer_added(buffer); });
             };
             e.process = [](void* data) {
                 guarded("the PipeWire stream's frame event", [&] { static_cast<portal_source*>(data)->on_process(); });
@@ -358,8 +429,8 @@ void register_portal_source()
     info.destroy = [](void* data) {
         guarded("the screen cast source's destruction", [&] { delete static_cast<portal_source*>(data); });
     };
-    info.get_width = [](void* data) { return static_cast<portal_source*>(data)->width.load(); };
-    info.get_height = [](void* data) { return static_cast<portal_source*>(data)->height.load(); };
+    info.get_width = [](void* data) { return static_cast<uint32_t>(static_cast<portal_source*>(data)->size.load() >> 32); };
+    info.get_height = [](void* data) { return static_cast<uint32_t>(static_cast<portal_source*>(data)->size.load()); };
     info.video_render = [](void* data, gs_effect_t*) {
         guarded("the screen cast source's drawing", [&] { static_cast<portal_source*>(data)->draw(); });
     };

@@ -29,7 +29,8 @@ unsigned screen_cast_property(const char* name)
     GVariant* reply = g_dbus_connection_call_sync(
         bus, "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop", "org.freedesktop.DBus.Properties",
         "Get", g_variant_new("(ss)", "org.freedesktop.portal.ScreenCast", name),
-        G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+        G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE,
+        static_cast<int>(limits::portal_query.count()), nullptr, &error);
     g_object_unref(bus);
     unsigned types = 0;
     if (reply) {

@@ -4,6 +4,8 @@
 // portal (the desktop's own consent and picker, restore tokens), which hands over a
 // PipeWire remote that media/pipewire_source shows. The only place that uses libportal.
 
+#include "core/obs/media_limits.hpp"
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -12,7 +14,7 @@
 namespace orbweave::obs {
 
 /// What the desktop's portal can cast (its AvailableSourceTypes): bit 1 screens, bit 2
-/// windows; 0 when no portal answers within a few seconds.
+/// windows; 0 when no portal answers within limits::portal_query.
 unsigned portal_source_types();
 inline constexpr unsigned portal_screens = 1;
 inline constexpr unsigned portal_windows = 2;
@@ -27,8 +29,6 @@ inline constexpr unsigned portal_cursor_metadata = 4;
 /// picture; else metadata, else hidden (and hidden when the portal says nothing).
 unsigned choose_cursor_mode(unsigned available);
 
-/// How long the desktop (and its user, in the picker) may take to start a cast.
-inline constexpr std::chrono::seconds portal_start_limit{120};
 
 /// One ScreenCast session of the desktop portal, open while the object lives.
 class portal_session {
@@ -52,7 +52,7 @@ public:
     /// restore token the desktop restores that choice, otherwise it asks the user. Waits
     /// at most limit.
     explicit portal_session(const std::string& restore_token, bool window = false,
-                            std::chrono::milliseconds limit = portal_start_limit);
+                            std::chrono::milliseconds limit = limits::portal_start);
     /// Closes the session (the desktop stops casting).
     ~portal_session();
     portal_session(const portal_session&) = delete;

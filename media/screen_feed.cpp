@@ -1,10 +1,11 @@
 #include "media/screen_feed.hpp"
 
 #include "core/log.hpp"
-#include "media/catalogue.hpp"
 #include "media/encoders.hpp"
 #include "media/runtime.hpp"
 #include "media/unique_handle.hpp"
+#include "media/x11_screens.hpp"
+#include "media/xcb_reply.hpp"
 
 #include <obs.h>
 #include <media-io/video-frame.h>
@@ -12,20 +13,22 @@
 #include <media-io/video-scaler.h>
 #include <util/platform.h>
 
-#include <X11/Xlib.h>
-#include <X11/Xutil.h>
-#include <X11/extensions/XShm.h>
-#include <X11/extensions/Xfixes.h>
+#include <xcb/shm.h>
+#include <xcb/xcb.h>
+#include <xcb/xfixes.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace orbweave::obs {
 
@@ -35,40 +38,41 @@ constexpr std::uint64_t frame_interval_ns = 1'000'000'000 / stream_fps;
 
 std::atomic<long long> late_frames{0};
 
-bool has_extension(Display* display, const char* name)
+bool has_32_bit_pixels(xcb_connection_t* xcb, std::uint8_t depth)
 {
-    int opcode = 0, event = 0, error = 0;
-    return XQueryExtension(display, name, &opcode, &event, &error);
+    xcb_format_iterator_t formats = xcb_setup_pixmap_formats_iterator(xcb_get_setup(xcb));
+    for (; formats.rem; xcb_format_next(&formats))
+        if (formats.data->depth == depth)
+            return formats.data->bits_per_pixel == 32;
+    return false;
 }
 
-/// Where on which root window libobs's screen capture finds screen index, so that both
-/// paths send the same picture: with RandR or Xinerama, an area of the first screen's
-/// root at the origin the capture lists; without, the index is an X screen of its own.
-struct screen_area {
-    int screen = 0;
+/// Where in the stream's frame a screen's picture goes: all of it when the screen has
+/// the frame's shape (within what rounding to an encodable size loses), else as large
+/// as fits with the screen's aspect kept, centred, with black bars beside or above and
+/// below. Offsets and sizes are even, as the frame's half-resolution colour needs.
+struct placement {
     int x = 0;
     int y = 0;
     int width = 0;
     int height = 0;
+
+    bool fills(std::pair<int, int> frame) const { return width == frame.first && height == frame.second; }
 };
 
-screen_area area_of(Display* display, const screen_entry& entry)
+placement place_in(int width, int height, std::pair<int, int> frame)
 {
-    screen_area area;
-    area.width = static_cast<int>(entry.width);
-    area.height = static_cast<int>(entry.height);
-    if (has_extension(display, "RANDR") || has_extension(display, "XINERAMA")) {
-        auto origin = x11_screen_origin(entry.index);
-        if (!origin)
-            throw std::runtime_error("screen " + std::to_string(entry.index) + " is not on the X display");
-        area.x = static_cast<int>(origin->first);
-        area.y = static_cast<int>(origin->second);
-    } else {
-        area.screen = entry.index;
-    }
-    if (area.screen < 0 || area.screen >= ScreenCount(display))
-        throw std::runtime_error("screen " + std::to_string(entry.index) + " is not on the X display");
-    return area;
+    double scale = std::min(static_cast<double>(frame.first) / width, static_cast<double>(frame.second) / height);
+    int fitted_width = std::min(frame.first, static_cast<int>(std::lround(width * scale)));
+    int fitted_height = std::min(frame.second, static_cast<int>(std::lround(height * scale)));
+    if (frame.first - fitted_width < 8 && frame.second - fitted_height < 8)
+        return {0, 0, frame.first, frame.second};
+    placement place;
+    place.width = std::max(2, fitted_width & ~1);
+    place.height = std::max(2, fitted_height & ~1);
+    place.x = ((frame.first - place.width) / 2) & ~1;
+    place.y = ((frame.second - place.height) / 2) & ~1;
+    return place;
 }
 
 video_scale_info scale_info(video_format format, std::pair<int, int> size, video_range_type range)
@@ -82,20 +86,21 @@ video_scale_info scale_info(video_format format, std::pair<int, int> size, video
     return info;
 }
 
-/// Draws the pointer's image (premultiplied ARGB) over the grabbed picture, as the
-/// canvas's screen capture does.
-void draw_pointer(const XFixesCursorImage& pointer, int left, int top, XImage& image)
+/// Draws the pointer's image (premultiplied ARGB) over the grabbed picture (BGRX rows of
+/// stride bytes), as the canvas's screen capture does.
+void draw_pointer(const std::uint32_t* pointer, int pointer_width, int pointer_height, int left, int top,
+                  std::uint8_t* picture, int width, int height, int stride)
 {
-    for (int row = 0; row < static_cast<int>(pointer.height); ++row) {
+    for (int row = 0; row < pointer_height; ++row) {
         int y = top + row;
-        if (y < 0 || y >= image.height)
+        if (y < 0 || y >= height)
             continue;
-        auto* line = reinterpret_cast<std::uint32_t*>(image.data + static_cast<long>(y) * image.bytes_per_line);
-        for (int column = 0; column < static_cast<int>(pointer.width); ++column) {
+        auto* line = reinterpret_cast<std::uint32_t*>(picture + static_cast<long>(y) * stride);
+        for (int column = 0; column < pointer_width; ++column) {
             int x = left + column;
-            if (x < 0 || x >= image.width)
+            if (x < 0 || x >= width)
                 continue;
-            auto source = static_cast<std::uint32_t>(pointer.pixels[row * pointer.width + column]);
+            std::uint32_t source = pointer[row * pointer_width + column];
             std::uint32_t alpha = source >> 24;
             if (alpha == 0)
                 continue;
@@ -130,70 +135,92 @@ long long screen_feed_late_frames()
     return late_frames.load();
 }
 
-/// The X side: the display connection, the shared-memory picture of the screen's area,
-/// and the scaler that turns it into the stream's NV12 frames. Used by the feed's thread
-/// alone once made.
+/// The X side: the connection, the shared memory the screen's area is grabbed into, and
+/// the scaler that turns it into the stream's NV12 frames. Used by the feed's thread
+/// alone once made. Requests go through XCB, whose errors come back with their replies:
+/// a grab that fails while the screen changes is counted here, not reported by the
+/// process's X error handler once a frame.
 struct screen_feed::grabber {
-    Display* display = nullptr;
-    Window root = 0;
-    screen_area area;
-    XShmSegmentInfo segment{};
-    XImage* image = nullptr;
+    xcb_connection_t* xcb = nullptr;
+    xcb_window_t root = 0;
+    x11_screen area;
+    std::pair<int, int> frame;
+    placement place;
+    xcb_shm_seg_t segment = 0;
+    int shmid = -1;
+    std::uint8_t* pixels = nullptr;
     bool attached = false;
     bool pointer = false;
-    bool failed = false;
     video_scaler_t* scaler = nullptr;
+    // Grabs failed since the last one that worked.
+    long failed = 0;
 
-    grabber(const screen_entry& entry, std::pair<int, int> frame)
+    grabber(const x11_screen& screen, std::pair<int, int> frame_size) : frame(frame_size)
     {
-        display = XOpenDisplay(nullptr);
-        if (!display)
+        xcb = xcb_connect(nullptr, nullptr);
+        if (xcb_connection_has_error(xcb)) {
+            xcb_disconnect(xcb);
             throw std::runtime_error("cannot open the X display (is DISPLAY set?)");
+        }
         try {
-            open(entry, frame);
+            const xcb_query_extension_reply_t* shm = xcb_get_extension_data(xcb, &xcb_shm_id);
+            if (!shm || !shm->present)
+                throw std::runtime_error("the X server shares no memory (MIT-SHM)");
+            const xcb_query_extension_reply_t* fixes = xcb_get_extension_data(xcb, &xcb_xfixes_id);
+            if (fixes && fixes->present) {
+                // XFixes answers only clients that said which version they speak.
+                std::free(xcb_xfixes_query_version_reply(xcb, xcb_xfixes_query_version(xcb, 4, 0), nullptr));
+                pointer = true;
+            }
+            open(screen);
         } catch (...) {
             close();
+            xcb_disconnect(xcb);
             throw;
         }
     }
-    ~grabber() { close(); }
+    ~grabber()
+    {
+        close();
+        xcb_disconnect(xcb);
+    }
     grabber(const grabber&) = delete;
     grabber& operator=(const grabber&) = delete;
 
-    void open(const screen_entry& entry, std::pair<int, int> frame)
+    /// Shared memory for the screen's area where it is now, and the scaler that places it
+    /// in the frame.
+    void open(const x11_screen& screen)
     {
-        if (!XShmQueryExtension(display))
-            throw std::runtime_error("the X server shares no memory (MIT-SHM)");
-        area = area_of(display, entry);
-        root = RootWindow(display, area.screen);
-        int fixes_event = 0, fixes_error = 0;
-        pointer = XFixesQueryExtension(display, &fixes_event, &fixes_error);
-
-        Visual* visual = DefaultVisual(display, area.screen);
-        image = XShmCreateImage(display, visual, static_cast<unsigned>(DefaultDepth(display, area.screen)), ZPixmap,
-                                nullptr, &segment, static_cast<unsigned>(area.width),
-                                static_cast<unsigned>(area.height));
-        if (!image || image->bits_per_pixel != 32)
+        area = screen;
+        xcb_screen_t* holder = root_screen(xcb, area.root_screen);
+        if (!holder)
+            throw std::runtime_error("screen " + std::to_string(area.index + 1) + " is not on the X display");
+        if (!has_32_bit_pixels(xcb, holder->root_depth))
             throw std::runtime_error("the screen's pixels are not 32-bit");
-        segment.shmid = shmget(IPC_PRIVATE, static_cast<std::size_t>(image->bytes_per_line) * image->height,
-                               IPC_CREAT | 0600);
-        if (segment.shmid < 0)
-            throw std::runtime_error("cannot make shared memory for the screen");
-        segment.shmaddr = image->data = static_cast<char*>(shmat(segment.shmid, nullptr, 0));
-        // Gone with the last detach: nothing is left behind, also if we die.
-        shmctl(segment.shmid, IPC_RMID, nullptr);
-        if (segment.shmaddr == reinterpret_cast<char*>(-1)) {
-            segment.shmaddr = image->data = nullptr;
-            throw std::runtime_error("cannot map shared memory for the screen");
-        }
-        segment.readOnly = False;
-        attached = XShmAttach(display, &segment);
-        XSync(display, False);
-        if (!attached)
-            throw std::runtime_error("the X server cannot attach the shared memory");
+        root = holder->root;
 
+        std::size_t bytes = static_cast<std::size_t>(area.width) * static_cast<std::size_t>(area.height) * 4;
+        shmid = shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
+        if (shmid < 0)
+            throw std::runtime_error("cannot make shared memory for the screen");
+        void* mapped = shmat(shmid, nullptr, 0);
+        // Gone with the last detach: nothing is left behind, also if we die.
+        shmctl(shmid, IPC_RMID, nullptr);
+        if (mapped == reinterpret_cast<void*>(-1))
+            throw std::runtime_error("cannot map shared memory for the screen");
+        pixels = static_cast<std::uint8_t*>(mapped);
+        segment = xcb_generate_id(xcb);
+        xcb_generic_error_t* error =
+            xcb_request_check(xcb, xcb_shm_attach_checked(xcb, segment, static_cast<std::uint32_t>(shmid), 0));
+        if (error) {
+            std::free(error);
+            throw std::runtime_error("the X server cannot attach the shared memory");
+        }
+        attached = true;
+
+        place = place_in(area.width, area.height, frame);
         video_scale_info from = scale_info(VIDEO_FORMAT_BGRX, {area.width, area.height}, VIDEO_RANGE_FULL);
-        video_scale_info to = scale_info(VIDEO_FORMAT_NV12, frame, VIDEO_RANGE_DEFAULT);
+        video_scale_info to = scale_info(VIDEO_FORMAT_NV12, {place.width, place.height}, VIDEO_RANGE_DEFAULT);
         // Bicubic where the picture is scaled; at the screen's own size the filter only
         // halves the chroma, where the fastest one is as good.
         bool scaled = from.width != to.width || from.height != to.height;
@@ -207,59 +234,109 @@ struct screen_feed::grabber {
         if (scaler)
             video_scaler_destroy(scaler);
         if (attached)
-            XShmDetach(display, &segment);
-        if (image) {
-            image->data = nullptr;
-            XDestroyImage(image);
-        }
-        if (segment.shmaddr)
-            shmdt(segment.shmaddr);
-        if (display)
-            XCloseDisplay(display);
+            xcb_shm_detach(xcb, segment);
+        if (pixels)
+            shmdt(pixels);
         scaler = nullptr;
         attached = false;
-        image = nullptr;
-        segment.shmaddr = nullptr;
-        display = nullptr;
+        pixels = nullptr;
+        shmid = -1;
+    }
+
+    /// Follows the screen to where it is now; false (logged) when it cannot be grabbed
+    /// there, and the stream then ends.
+    bool move_to(const x11_screen& screen)
+    {
+        close();
+        try {
+            open(screen);
+        } catch (const std::exception& failure) {
+            log::line(std::string("media: cannot follow the screen: ") + failure.what());
+            return false;
+        }
+        if (place.fills(frame))
+            log::line("media: the screen fills the stream's " + std::to_string(frame.first) + "x" +
+                      std::to_string(frame.second) + " frame");
+        else
+            log::line("media: the screen is shown at " + std::to_string(place.width) + "x" +
+                      std::to_string(place.height) + " in the middle of the stream's " +
+                      std::to_string(frame.first) + "x" + std::to_string(frame.second) +
+                      " frame, its aspect kept");
+        return true;
     }
 
     /// The screen's picture now, with the pointer on it. A failed grab keeps the last
-    /// picture (logged once): the stream goes on, as the canvas's capture does.
+    /// picture: the stream goes on, as the canvas's capture does. Failures are counted
+    /// and told once when they begin and once when they end, never once a frame.
     void grab()
     {
-        if (!XShmGetImage(display, root, image, area.x, area.y, AllPlanes)) {
-            if (!failed)
-                log::line("media: cannot grab the screen; the last picture is sent again");
-            failed = true;
+        xcb_generic_error_t* error = nullptr;
+        xcb_reply<xcb_shm_get_image_reply_t> image{xcb_shm_get_image_reply(
+            xcb,
+            xcb_shm_get_image(xcb, root, static_cast<std::int16_t>(area.x), static_cast<std::int16_t>(area.y),
+                              static_cast<std::uint16_t>(area.width), static_cast<std::uint16_t>(area.height),
+                              ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment, 0),
+            &error)};
+        if (!image) {
+            if (failed++ == 0)
+                log::line("media: cannot grab screen " + std::to_string(area.index + 1) + " at " + describe(area) +
+                          " (X error " + std::to_string(error ? error->error_code : 0) +
+                          "); the last picture is sent until it can");
+            std::free(error);
             return;
         }
-        failed = false;
+        if (failed > 0)
+            log::line("media: screen " + std::to_string(area.index + 1) + " is grabbed again after " +
+                      std::to_string(failed) + " failed grabs");
+        failed = 0;
         if (!pointer)
             return;
-        Window pointer_root = 0, child = 0;
-        int root_x = 0, root_y = 0, x = 0, y = 0;
-        unsigned mask = 0;
+        // Both asked at once: one round trip.
+        auto where_cookie = xcb_query_pointer(xcb, root);
+        auto cursor_cookie = xcb_xfixes_get_cursor_image(xcb);
+        xcb_reply<xcb_query_pointer_reply_t> where{xcb_query_pointer_reply(xcb, where_cookie, nullptr)};
+        xcb_reply<xcb_xfixes_get_cursor_image_reply_t> cursor{
+            xcb_xfixes_get_cursor_image_reply(xcb, cursor_cookie, nullptr)};
         // The pointer is on another X screen, or nowhere near this one.
-        if (!XQueryPointer(display, root, &pointer_root, &child, &root_x, &root_y, &x, &y, &mask))
+        if (!where || !where->same_screen || !cursor)
             return;
-        XFixesCursorImage* cursor = XFixesGetCursorImage(display);
-        if (!cursor)
-            return;
-        draw_pointer(*cursor, root_x - cursor->xhot - area.x, root_y - cursor->yhot - area.y, *image);
-        XFree(cursor);
+        draw_pointer(xcb_xfixes_get_cursor_image_cursor_image(cursor.reply), cursor->width, cursor->height,
+                     where->root_x - cursor->xhot - area.x, where->root_y - cursor->yhot - area.y, pixels,
+                     area.width, area.height, area.width * 4);
     }
 
-    void convert(video_frame& frame) const
+    void convert(video_frame& frame_out) const
     {
-        const std::uint8_t* planes[] = {reinterpret_cast<const std::uint8_t*>(image->data)};
-        const std::uint32_t lines[] = {static_cast<std::uint32_t>(image->bytes_per_line)};
-        video_scaler_scale(scaler, frame.data, frame.linesize, planes, lines);
+        std::uint8_t* planes[MAX_AV_PLANES] = {frame_out.data[0], frame_out.data[1]};
+        if (!place.fills(frame)) {
+            // Black, in the stream's limited range, around the picture.
+            for (int row = 0; row < frame.second; ++row)
+                std::memset(frame_out.data[0] + static_cast<std::size_t>(row) * frame_out.linesize[0], 16,
+                            static_cast<std::size_t>(frame.first));
+            for (int row = 0; row < frame.second / 2; ++row)
+                std::memset(frame_out.data[1] + static_cast<std::size_t>(row) * frame_out.linesize[1], 128,
+                            static_cast<std::size_t>(frame.first));
+            planes[0] += static_cast<std::size_t>(place.y) * frame_out.linesize[0] + place.x;
+            planes[1] += static_cast<std::size_t>(place.y / 2) * frame_out.linesize[1] + place.x;
+        }
+        const std::uint8_t* input[] = {pixels};
+        const std::uint32_t lines[] = {static_cast<std::uint32_t>(area.width * 4)};
+        video_scaler_scale(scaler, planes, frame_out.linesize, input, lines);
     }
 };
 
-screen_feed::screen_feed(const screen_entry& screen, std::pair<int, int> frame)
-    : grabber_(std::make_unique<grabber>(screen, frame))
+screen_feed::screen_feed(const screen_entry& screen, std::pair<int, int> frame, ended_handler on_ended)
+    : on_ended_(std::move(on_ended))
 {
+    // Told on the watch's thread; the feed's own thread moves the grab at its next frame.
+    watch_ = std::make_unique<x11_screen_watch>(
+        screen.index,
+        [this](const x11_screen& now) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            moved_ = now;
+        },
+        [this](const std::string& reason) { end(reason); });
+    grabber_ = std::make_unique<grabber>(watch_->initial(), frame);
     video_output_info info{};
     info.name = "screen feed";
     info.format = VIDEO_FORMAT_NV12;
@@ -277,6 +354,8 @@ screen_feed::screen_feed(const screen_entry& screen, std::pair<int, int> frame)
 
 screen_feed::~screen_feed()
 {
+    // No more news of the screen once stopping.
+    watch_.reset();
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopping_ = true;
@@ -284,6 +363,12 @@ screen_feed::~screen_feed()
     wake_.notify_all();
     thread_.join();
     video_output_close(video_);
+}
+
+void screen_feed::end(const std::string& reason)
+{
+    if (on_ended_)
+        on_ended_(reason);
 }
 
 video_t* screen_feed::video() const
@@ -294,26 +379,36 @@ video_t* screen_feed::video() const
 void screen_feed::run()
 {
     std::uint64_t due = os_gettime_ns();
+    bool grabbing = true;
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopping_) {
+        std::optional<x11_screen> moved = std::exchange(moved_, std::nullopt);
         lock.unlock();
-        grabber_->grab();
-        // A grab later than the next frame's time sends this picture for the frames
-        // missed, so the stream keeps its rate and its timestamps their grid.
-        std::uint64_t now = os_gettime_ns();
-        int count = 1;
-        if (now > due + frame_interval_ns)
-            count += static_cast<int>((now - due) / frame_interval_ns);
-        video_frame frame{};
-        if (video_output_lock_frame(video_, &frame, count, due)) {
-            grabber_->convert(frame);
-            video_output_unlock_frame(video_);
+        if (moved && grabbing && !grabber_->move_to(*moved)) {
+            grabbing = false;
+            end("screen " + std::to_string(moved->index + 1) + " cannot be grabbed at " + describe(*moved));
         }
-        late_frames += count - 1;
-        due += frame_interval_ns * static_cast<std::uint64_t>(count);
+        if (grabbing) {
+            grabber_->grab();
+            // A grab later than the next frame's time sends this picture for the frames
+            // missed, so the stream keeps its rate and its timestamps their grid.
+            std::uint64_t now = os_gettime_ns();
+            int count = 1;
+            if (now > due + frame_interval_ns)
+                count += static_cast<int>((now - due) / frame_interval_ns);
+            video_frame frame{};
+            if (video_output_lock_frame(video_, &frame, count, due)) {
+                grabber_->convert(frame);
+                video_output_unlock_frame(video_);
+            }
+            late_frames += count - 1;
+            due += frame_interval_ns * static_cast<std::uint64_t>(count);
+        } else {
+            due += frame_interval_ns;
+        }
         lock.lock();
         // Pacing, not synchronisation: the next frame is due then, and a stop wakes us.
-        now = os_gettime_ns();
+        std::uint64_t now = os_gettime_ns();
         auto wait = std::chrono::nanoseconds(due > now ? due - now : 0);
         wake_.wait_for(lock, wait, [this] { return stopping_; });
     }

@@ -10,12 +10,16 @@
 
 #include "core/obs/capture_route.hpp"
 #include "core/obs/entries.hpp"
+#include "media/x11_screens.hpp"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -35,9 +39,13 @@ long long screen_feed_late_frames();
 
 class screen_feed {
 public:
+    /// Told why, once, on whichever thread noticed it, when the screen goes away.
+    using ended_handler = std::function<void(const std::string& reason)>;
+
     /// Starts grabbing screen at 30 fps, scaled to frame; throws std::runtime_error with
-    /// the reason when the screen cannot be grabbed.
-    screen_feed(const screen_entry& screen, std::pair<int, int> frame);
+    /// the reason when the screen cannot be grabbed. The frame keeps its size while the
+    /// screen changes its own: the picture is fitted inside with its aspect kept.
+    screen_feed(const screen_entry& screen, std::pair<int, int> frame, ended_handler on_ended = {});
     /// Stops grabbing and closes the video output; the encoder must have let go of it.
     ~screen_feed();
 
@@ -51,12 +59,17 @@ private:
     struct grabber;
 
     void run();
+    void end(const std::string& reason);
 
+    ended_handler on_ended_;
     std::unique_ptr<grabber> grabber_;
     video_t* video_ = nullptr;
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
+    // Where the screen went, for the feed's thread to follow.
+    std::optional<x11_screen> moved_;
+    std::unique_ptr<x11_screen_watch> watch_;
     std::thread thread_;
 };
 

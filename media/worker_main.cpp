@@ -4,16 +4,17 @@
 // counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
 //   orbweave-media-worker [--stream-worker] [--canvas WxH@FPS] [--capture auto|x11|portal]
-//                         [--ingest-outage-limit-ms N] [--portal-start-limit-ms N]
-//                         [--send-stall-limit-ms N]
+//                         [--portal-start-limit-ms N] [--source-size-limit-ms N]
+//                         [--output-start-limit-ms N] [--output-stop-limit-ms N]
+//                         [--ingest-outage-limit-ms N] [--send-stall-limit-ms N]
 //
 // Without --stream-worker the worker lists: it loads only the capture plug-ins and starts
 // no video. A stream worker loads the encoders and outputs too and starts its graphics on a placeholder canvas, remade once at the stream's size;
 // --canvas WxH@FPS sets the start-up canvas instead; --capture chooses how screens are captured
-// (default: portal on a Wayland session, X11 otherwise). The limits: how long a stream
-// may keep reconnecting to a vanished ingest before it ends (default 60 s), how long
-// the desktop's picker may take (default 120 s), and how long a connected stream may
-// have data the ingest does not take before it reconnects (default 10 s).
+// (default: portal on a Wayland session, X11 otherwise). The limits shorten or lengthen
+// the bounds of a stream's steps (core/obs/media_limits.hpp has them and their defaults):
+// the desktop's picker, the source's size, the output's start and stop, a vanished
+// ingest, and data the ingest does not take.
 // ORBWEAVE_OBS_LOG=error|warning|info|debug sets how much of libobs's log reaches
 // standard error (default warning).
 
@@ -85,8 +86,11 @@ worker_arguments parse_arguments(int argc, char** argv)
         };
         if (arg == "--stream-worker")
             parsed.stream_worker = true;
-        else if (limit("--ingest-outage-limit-ms", parsed.limits.ingest_outage) ||
-                 limit("--portal-start-limit-ms", parsed.limits.portal_start) ||
+        else if (limit("--portal-start-limit-ms", parsed.limits.portal_start) ||
+                 limit("--source-size-limit-ms", parsed.limits.source_size) ||
+                 limit("--output-start-limit-ms", parsed.limits.output_start) ||
+                 limit("--output-stop-limit-ms", parsed.limits.output_stop) ||
+                 limit("--ingest-outage-limit-ms", parsed.limits.ingest_outage) ||
                  limit("--send-stall-limit-ms", parsed.limits.send_stall))
             continue;
         else if (arg == "--capture" && i + 1 < argc && obs::parse_capture_route(argv[i + 1]))

@@ -1,5 +1,7 @@
 #include "core/obs/child_process.hpp"
 
+#include "core/log.hpp"
+#include "core/obs/media_limits.hpp"
 #include "core/serial_executor.hpp"
 
 #include <fcntl.h>
@@ -88,6 +90,26 @@ int open_pidfd(pid_t pid)
 #endif
 }
 
+// Children left to the kernel after SIGKILL did not end them in time. Nothing waits for
+// them; they are reaped in passing, whenever a child is started or destroyed, so
+// they do not stay behind as zombies.
+std::mutex abandoned_mutex;
+std::vector<pid_t> abandoned;
+
+void reap_abandoned()
+{
+    std::lock_guard<std::mutex> lock(abandoned_mutex);
+    abandoned.erase(std::remove_if(abandoned.begin(), abandoned.end(),
+                                   [](pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) != 0; }),
+                    abandoned.end());
+}
+
+void abandon(pid_t pid)
+{
+    std::lock_guard<std::mutex> lock(abandoned_mutex);
+    abandoned.push_back(pid);
+}
+
 } // namespace
 
 std::string find_program(const std::string& path)
@@ -124,6 +146,7 @@ child_process::child_process(const options& options)
 {
     if (options.argv.empty())
         throw std::invalid_argument("child_process: empty argv");
+    reap_abandoned();
     std::string program = find_program(options.argv[0]);
     if (program.empty())
         throw_errno(ENOENT, "cannot find " + options.argv[0]);
@@ -278,6 +301,7 @@ child_process::child_process(const options& options)
 child_process::~child_process()
 {
     kill_and_wait();
+    reap_abandoned();
     close_stdin();
     close_stdout();
     if (pidfd_ >= 0)
@@ -299,7 +323,7 @@ void child_process::close_stdout()
 bool child_process::kill(int signal)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (status_ || pid_ <= 0)
+    if (status_ || abandoned_ || pid_ <= 0)
         return false;
     return ::kill(pid_, signal) == 0;
 }
@@ -307,7 +331,7 @@ bool child_process::kill(int signal)
 bool child_process::try_reap()
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (status_)
+    if (status_ || abandoned_)
         return true;
     int status = 0;
     pid_t got;
@@ -351,15 +375,26 @@ std::optional<int> child_process::wait_for(std::chrono::milliseconds timeout)
     }
 }
 
-int child_process::kill_and_wait()
+std::optional<int> child_process::kill_and_wait()
 {
     if (pid_ <= 0)
-        return -1;
+        return std::nullopt;
     kill(SIGKILL);
-    // SIGKILL cannot be caught; the child ends as soon as the kernel gets to it.
-    while (!wait_for(std::chrono::seconds(10)))
-        kill(SIGKILL);
-    return *status();
+    // SIGKILL cannot be caught: the child ends as soon as the kernel gets to it, unless it
+    // is stuck in an uninterruptible wait (a hung device or file system). No thread may
+    // wait for that without end.
+    if (std::optional<int> status = wait_for(limits::kill))
+        return status;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (abandoned_)
+            return std::nullopt;
+        abandoned_ = true;
+    }
+    abandon(pid_);
+    log::line("child process " + std::to_string(pid_) + " did not end within " +
+              std::to_string(limits::kill.count()) + " ms of SIGKILL; left to the kernel");
+    return std::nullopt;
 }
 
 std::string child_process::describe(int wait_status)

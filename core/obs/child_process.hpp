@@ -39,7 +39,7 @@ public:
     /// Starts the program; throws std::system_error when it cannot be started
     /// (including when exec fails, e.g. a missing program).
     explicit child_process(const options& options);
-    /// Kills the child with SIGKILL if it still runs and reaps it.
+    /// Kills the child with SIGKILL if it still runs and reaps it (bounded, as kill_and_wait).
     ~child_process();
 
     // kill(), wait_for(), status() and kill_and_wait() may be called from different threads.
@@ -61,8 +61,10 @@ public:
     std::optional<int> wait_for(std::chrono::milliseconds timeout);
     /// The wait status once reaped.
     std::optional<int> status() const;
-    /// Kills with SIGKILL and reaps; the wait status.
-    int kill_and_wait();
+    /// Kills with SIGKILL and reaps; the wait status. A child the kernel has not ended
+    /// within limits::kill (stuck in an uninterruptible wait) is left to it with a log
+    /// line: none then, and this object no longer signals or waits for it.
+    std::optional<int> kill_and_wait();
 
     /// "exited with code N" or "killed by signal NAME".
     static std::string describe(int wait_status);
@@ -75,7 +77,8 @@ private:
     int stdin_fd_ = -1;
     int stdout_fd_ = -1;
     std::optional<int> status_;
-    mutable std::mutex mutex_; // guards pid_ reaping and status_: kill and wait may race
+    bool abandoned_ = false; // left to the kernel after SIGKILL did not end it in time
+    mutable std::mutex mutex_; // guards pid_ reaping, status_ and abandoned_: kill and wait may race
 };
 
 /// path, or the first executable file named path in $PATH when it has no slash; "" when none.

@@ -18,7 +18,7 @@ namespace orbweave::obs {
 class spare_worker {
 public:
     explicit spare_worker(worker::options options);
-    /// Waits for a start in progress, then shuts the spare down.
+    /// Closes, then waits until the spare is shut down.
     ~spare_worker();
 
     spare_worker(const spare_worker&) = delete;
@@ -31,8 +31,12 @@ public:
     /// it skips remaking the canvas.
     void prefer_canvas(int width, int height);
     /// The spare, once a start in progress has ended (at most the start-up time); null
-    /// when there is none. From here on the caller watches the worker's end.
-    std::unique_ptr<worker> take();
+    /// when there is none, or at once when cancel is cancelled meanwhile. From here on the
+    /// caller watches the worker's end.
+    std::unique_ptr<worker> take(cancellation* cancel = nullptr);
+    /// Returns at once: no spare starts or is handed out any more, a start in progress is
+    /// cancelled, and the spare shuts down in the background.
+    void close();
 
 private:
     /// On the spare thread: starts a worker and keeps it.
@@ -46,6 +50,7 @@ private:
     bool starting_ = false;
     bool closing_ = false;
     int deaths_in_a_row_ = 0;
+    cancellation closed_; // ends a start in progress on close()
     std::unique_ptr<serial_executor> thread_ = std::make_unique<serial_executor>();
 };
 

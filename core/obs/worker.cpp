@@ -18,8 +18,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// How long a failed send waits for the reader to learn why the worker went away.
-constexpr auto gone_limit = 10s;
+// How long a failed send waits for the reader to learn why the worker went away: its
+// end of output, then the reaping it waits for.
+constexpr auto gone_limit = limits::kill + limits::own_work;
+
+std::chrono::milliseconds or_default(std::chrono::milliseconds value, std::chrono::milliseconds fallback)
+{
+    return value.count() > 0 ? value : fallback;
+}
 constexpr const char* worker_program = "orbweave-media-worker";
 
 } // namespace
@@ -36,10 +42,25 @@ std::string worker::default_executable()
     return beside;
 }
 
+stream_limits worker::options::steps() const
+{
+    stream_limits defaults;
+    return {or_default(portal_start_limit, defaults.portal_start), or_default(source_size_limit, defaults.source_size),
+            or_default(output_start_limit, defaults.output_start), or_default(output_stop_limit, defaults.output_stop),
+            or_default(ingest_outage_limit, defaults.ingest_outage), or_default(send_stall_limit, defaults.send_stall)};
+}
+
+std::chrono::milliseconds worker::options::shutdown_limit() const
+{
+    return or_default(shutdown_timeout, stream_stop_limit(steps()));
+}
+
 worker::worker() : worker(options{}) {}
 
-worker::worker(const options& options) : options_(options)
+worker::worker(const options& options, cancellation* cancel) : options_(options)
 {
+    if (cancel && cancel->cancelled())
+        throw std::runtime_error("worker failed to initialize");
     if (options_.executable.empty())
         options_.executable = default_executable();
     child_process::options spawn;
@@ -51,14 +72,17 @@ worker::worker(const options& options) : options_(options)
     if (options_.stream_worker && options_.canvas_width > 0 && options_.canvas_height > 0)
         spawn.argv.insert(spawn.argv.end(), {"--canvas", std::to_string(options_.canvas_width) + "x" +
                                                              std::to_string(options_.canvas_height) + "@30"});
-    // A limit left at zero keeps the worker's own default.
+    // The worker applies the bounds its parent derives its own from.
+    stream_limits steps = options_.steps();
     auto limit = [&](const char* flag, std::chrono::milliseconds value) {
-        if (value.count() > 0)
-            spawn.argv.insert(spawn.argv.end(), {flag, std::to_string(value.count())});
+        spawn.argv.insert(spawn.argv.end(), {flag, std::to_string(value.count())});
     };
-    limit("--ingest-outage-limit-ms", options_.ingest_outage_limit);
-    limit("--portal-start-limit-ms", options_.portal_start_limit);
-    limit("--send-stall-limit-ms", options_.send_stall_limit);
+    limit("--portal-start-limit-ms", steps.portal_start);
+    limit("--source-size-limit-ms", steps.source_size);
+    limit("--output-start-limit-ms", steps.output_start);
+    limit("--output-stop-limit-ms", steps.output_stop);
+    limit("--ingest-outage-limit-ms", steps.ingest_outage);
+    limit("--send-stall-limit-ms", steps.send_stall);
     spawn.pipe_stdin = true;
     spawn.pipe_stdout = true;
     try {
@@ -71,6 +95,11 @@ worker::worker(const options& options) : options_(options)
 
     std::string reason;
     {
+        // A cancelled start kills the process; the wait below then ends at once. The hook
+        // runs under the cancellation's lock, so it takes none of ours.
+        cancellation::registration cancelling;
+        if (cancel)
+            cancelling = cancel->on_cancel([this] { process_->kill(SIGKILL); });
         std::unique_lock<std::mutex> lock(state_mutex_);
         std::optional<pipe::worker_line> ready = wait_reply(lock, options_.start_timeout);
         if (!ready)
@@ -80,6 +109,8 @@ worker::worker(const options& options) : options_(options)
         if (!reason.empty())
             stopping_ = true;
     }
+    if (cancel && cancel->cancelled() && !reason.empty())
+        reason = "cancelled";
     if (!reason.empty()) {
         log::line("media worker failed to start: ", reason);
         process_->kill_and_wait();
@@ -139,13 +170,18 @@ pipe::worker_line worker::exchange(const Json& request, std::chrono::millisecond
 
 Json worker::call(const Json& request)
 {
+    return call(request, options_.call_timeout);
+}
+
+Json worker::call(const Json& request, std::chrono::milliseconds timeout)
+{
     std::lock_guard<std::mutex> serial(call_mutex_);
     {
         std::lock_guard<std::mutex> lock(state_mutex_);
         if (stopping_)
             throw std::runtime_error("media worker is shut down");
     }
-    pipe::worker_line reply = exchange(request, options_.call_timeout);
+    pipe::worker_line reply = exchange(request, timeout);
     if (!reply.ok)
         throw std::runtime_error(reply.error.empty() ? "media worker request failed" : reply.error);
     return std::move(reply.result);
@@ -169,10 +205,11 @@ std::optional<long> worker::shutdown()
             return std::nullopt;
         stopping_ = true;
     }
-    auto deadline = std::chrono::steady_clock::now() + options_.shutdown_timeout;
+    std::chrono::milliseconds limit = options_.shutdown_limit();
+    auto deadline = std::chrono::steady_clock::now() + limit;
     std::optional<long> leaks;
     try {
-        pipe::worker_line reply = exchange(Json{{"op", pipe::op::shutdown}}, options_.shutdown_timeout);
+        pipe::worker_line reply = exchange(Json{{"op", pipe::op::shutdown}}, limit);
         if (reply.ok && json::is_number_at(reply.result, {"leaks"}))
             leaks = json::int_at(reply.result, {"leaks"});
     } catch (const std::exception& error) {
@@ -216,7 +253,7 @@ void worker::read_loop()
 
     // The worker's output ended: it exited, crashed or was killed.
     std::string reason = broken.empty() ? "its output ended" : broken;
-    if (auto status = process_->wait_for(2s); status && broken.empty())
+    if (auto status = process_->wait_for(limits::kill); status && broken.empty())
         reason = child_process::describe(*status);
     bool expected;
     std::function<void(const std::string&)> handler;
@@ -353,7 +390,10 @@ std::optional<source_entry> worker::find(const source_ref& source)
 
 pipe::stream_result worker::stream(const pipe::stream_order& order)
 {
-    return pipe::stream_result::from_json(call(Json{{"op", pipe::op::stream}, {"order", order.to_json()}}));
+    // The worker waits on the desktop's picker, the source and the ingest, each bounded;
+    // giving up before they do would kill a start that is still within its bounds.
+    return pipe::stream_result::from_json(
+        call(Json{{"op", pipe::op::stream}, {"order", order.to_json()}}, stream_start_limit(options_.steps())));
 }
 
 } // namespace orbweave::obs

@@ -6,9 +6,11 @@
 // handler instead (core/obs/pipe_protocol.hpp).
 
 #include "core/json.hpp"
+#include "core/obs/cancellation.hpp"
 #include "core/obs/child_process.hpp"
 #include "core/obs/capture_route.hpp"
 #include "core/obs/entries.hpp"
+#include "core/obs/media_limits.hpp"
 #include "core/obs/pipe_protocol.hpp"
 
 #include <chrono>
@@ -32,33 +34,44 @@ public:
         /// (on a placeholder canvas, remade at the stream's size); otherwise a listing worker.
         bool stream_worker = false;
         /// How long start-up may take before the worker is killed.
-        std::chrono::milliseconds start_timeout{30000};
-        /// How long one request may take; a late worker is killed, since replies would fall out of step.
-        std::chrono::milliseconds call_timeout{60000};
-        /// How long an orderly shutdown may take before the worker is killed.
-        std::chrono::milliseconds shutdown_timeout{10000};
-        /// How long a stream may keep reconnecting to a vanished ingest before it ends;
-        /// zero keeps the worker's own default (60 s).
-        std::chrono::milliseconds ingest_outage_limit{0};
-        /// How long a connected stream may have data the ingest does not take before it
-        /// reconnects; zero keeps the worker's own default (10 s).
-        std::chrono::milliseconds send_stall_limit{0};
-        /// How long the desktop portal may take to start a cast (its picker waits for the
-        /// user); zero keeps the worker's own default (120 s).
-        std::chrono::milliseconds portal_start_limit{0};
+        std::chrono::milliseconds start_timeout = limits::worker_start;
+        /// How long one ordinary request (a listing, a lookup) may take; a late worker is
+        /// killed, since replies would fall out of step. A stream order's bound is derived
+        /// from the stream's steps below instead (stream_start_limit).
+        std::chrono::milliseconds call_timeout = limits::worker_call;
+        /// How long an orderly shutdown may take before the worker is killed; zero derives
+        /// it from the output's stop (stream_stop_limit).
+        std::chrono::milliseconds shutdown_timeout{0};
+        /// The bounds of a stream's steps, applied by the worker (core/obs/media_limits.hpp);
+        /// zero keeps the default.
+        std::chrono::milliseconds portal_start_limit = limits::portal_start;
+        std::chrono::milliseconds source_size_limit = limits::source_size;
+        std::chrono::milliseconds output_start_limit = limits::output_start;
+        std::chrono::milliseconds output_stop_limit = limits::output_stop;
+        /// How long a stream may keep reconnecting to a vanished ingest before it ends.
+        std::chrono::milliseconds ingest_outage_limit = limits::ingest_outage;
+        /// How long a connected stream may have data the ingest does not take before it reconnects.
+        std::chrono::milliseconds send_stall_limit = limits::send_stall;
         /// A stream worker's first canvas (width x height at 30 fps); 0 x 0 keeps the worker's
         /// placeholder. A stream of that size starts without remaking it.
         int canvas_width = 0;
         int canvas_height = 0;
         /// How the worker captures screens; automatic lets it decide by the session.
         capture_route capture = capture_route::automatic;
+
+        /// The bounds of a stream's steps, defaults in place of zeros.
+        stream_limits steps() const;
+        /// The bound of an orderly shutdown.
+        std::chrono::milliseconds shutdown_limit() const;
     };
 
     /// Starts a listing worker and returns once it is ready; throws
     /// std::runtime_error("worker failed to initialize") when it cannot start.
     worker();
-    explicit worker(const options& options);
-    /// Shuts the worker down (at most shutdown_timeout, 10 s, then SIGKILL) and reaps it.
+    /// With cancel, a cancel() from another thread ends the start at once (it then throws
+    /// too); a cancelled one starts nothing.
+    explicit worker(const options& options, cancellation* cancel = nullptr);
+    /// Shuts the worker down (at most its shutdown limit, then SIGKILL) and reaps it.
     ~worker();
 
     worker(const worker&) = delete;
@@ -72,13 +85,16 @@ public:
     std::vector<source_entry> list(callback::source_type::type kind);
     /// The one source of that kind and id; none when the catalogue has no such source.
     std::optional<source_entry> find(const source_ref& source);
-    /// Starts the one stream this worker carries and returns once it runs or has failed.
+    /// Starts the one stream this worker carries and returns once it runs or has failed,
+    /// waiting as long as the stream's steps may take (stream_start_limit).
     pipe::stream_result stream(const pipe::stream_order& order);
 
     /// Sends request and returns the reply's "result". Calls are serialised; an error reply
     /// throws std::runtime_error with its text, and a worker that has died (or dies while
     /// the call waits) throws at once.
     Json call(const Json& request);
+    /// The same with its own bound.
+    Json call(const Json& request, std::chrono::milliseconds timeout);
 
     /// Shuts the worker down in order and returns libobs's leaked allocation count
     /// (none when the worker was already gone or did not answer). Later calls throw.

@@ -1,21 +1,16 @@
 #include "core/obs/worker_manager.hpp"
 
 #include "core/log.hpp"
+#include "core/obs/media_limits.hpp"
 #include "core/obs/stream_limit.hpp"
 
 #include <algorithm>
+#include <stdexcept>
 #include <system_error>
 
 namespace orbweave::obs {
 
 using callback::source_type;
-
-namespace {
-
-// Beyond a stopping worker's own shut-down bound: the SIGKILL and the reaping.
-constexpr std::chrono::seconds earlier_stream_kill_margin{2};
-
-} // namespace
 
 /// One stream from its activation to the end of its worker.
 struct worker_manager::stream {
@@ -32,7 +27,9 @@ struct worker_manager::stream {
     std::string cancel_reason;
     /// Why the stream ended by itself while it was still being marked running.
     std::string ended_early;
-    /// The stream's worker while it exists; abort() reaches it to cancel a start.
+    /// Ends the stream's start while its worker is taken or spawned.
+    cancellation cancel;
+    /// The stream's worker once it exists; abort() reaches it to cancel a start.
     worker* process = nullptr;
     std::thread thread;
 };
@@ -79,16 +76,20 @@ worker_manager::~worker_manager()
         }
     }
     changed_.notify_all();
-    // The stream threads shut their workers down meanwhile, all at once. The listing
-    // thread goes first: it may still be refilling the spare.
+    // Everything stops at once: the stream threads shut their workers down, the spare
+    // shuts down on its own thread, and a listing worker still starting is killed.
+    if (spare_)
+        spare_->close();
+    closing_starts_.cancel();
     listing_thread_.reset();
-    spare_.reset();
     listing_worker_.reset();
     {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait(lock, [this] { return streams_.empty(); });
     }
     join_finished();
+    // Only now: the stream threads hand the spare out and refill it until they end.
+    spare_.reset();
 }
 
 void worker_manager::activate(activate_request request, source_entry source, int bitrate,
@@ -131,7 +132,7 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
     activation outcome;
     std::unique_ptr<worker> process;
     try {
-        process = acquire_worker(record->generation);
+        process = acquire_worker(*record);
         outcome = start_stream(*record, *process, request, std::move(source), bitrate);
     } catch (const std::exception& error) {
         outcome.error = error.what();
@@ -150,11 +151,16 @@ void worker_manager::run_stream(std::shared_ptr<stream> record, activate_request
     changed_.notify_all();
 }
 
-std::unique_ptr<worker> worker_manager::acquire_worker(std::uint64_t generation)
+std::unique_ptr<worker> worker_manager::acquire_worker(stream& record)
 {
-    std::unique_ptr<worker> process = spare_ ? spare_->take() : nullptr;
+    std::uint64_t generation = record.generation;
+    // A deactivate, a later activation or the client's stop cancels the wait for the
+    // spare or the spawn of a worker at once.
+    std::unique_ptr<worker> process = spare_ ? spare_->take(&record.cancel) : nullptr;
+    if (!process && record.cancel.cancelled())
+        throw std::runtime_error("cancelled");
     if (!process)
-        process = std::make_unique<worker>(options_.stream);
+        process = std::make_unique<worker>(options_.stream, &record.cancel);
     // Watched from the start: a death right after the start is still noticed.
     process->set_exit_handler(
         [this, generation](const std::string& reason) { on_stream_ended(generation, "its media worker " + reason); });
@@ -174,7 +180,8 @@ worker_manager::activation worker_manager::start_stream(stream& record, worker& 
         // "Success" for a deactivate is answered at once, while its worker still stops:
         // an ingest turns a second publisher of a key away, so a stream to the
         // destination of one that is stopping waits until that one has let go.
-        changed_.wait_for(lock, options_.stream.shutdown_timeout + earlier_stream_kill_margin, [&] {
+        // That one's shutdown is bounded, then it is killed.
+        changed_.wait_for(lock, options_.stream.shutdown_limit() + limits::kill, [&] {
             return record.state == stream::phase::stopping || destination_released_locked(record);
         });
         if (record.state == stream::phase::stopping)
@@ -253,7 +260,9 @@ void worker_manager::cancel_locked(stream& record, const std::string& reason)
 {
     record.state = stream::phase::stopping;
     record.cancel_reason = reason;
-    // A start cannot be interrupted inside the worker; ending the worker ends the start.
+    // A start cannot be interrupted inside the worker; ending the worker ends the start,
+    // whether it is spawning or starting the stream.
+    record.cancel.cancel();
     if (record.process)
         record.process->abort();
     changed_.notify_all();
@@ -377,7 +386,7 @@ worker& worker_manager::listing_worker()
 {
     // Started on first use, and again after it died, so a crashed plug-in costs one request.
     if (!listing_worker_ || !listing_worker_->alive())
-        listing_worker_ = std::make_unique<worker>(options_.listing);
+        listing_worker_ = std::make_unique<worker>(options_.listing, &closing_starts_);
     return *listing_worker_;
 }
 

@@ -145,7 +145,8 @@ private:
     void run_stream(std::shared_ptr<stream> record, activate_request request, source_entry source, int bitrate,
                     std::function<void(const activation&)> done);
     /// The spare if there is one, else a new worker; watched for its end from here on.
-    std::unique_ptr<worker> acquire_worker(std::uint64_t generation);
+    /// Throws when the start is cancelled meanwhile.
+    std::unique_ptr<worker> acquire_worker(stream& record);
     /// Starts the stream in process once no earlier stream holds its destination.
     activation start_stream(stream& record, worker& process, const activate_request& request, source_entry source,
                             int bitrate);
@@ -188,6 +189,9 @@ private:
     streams_handler streams_handler_;
     std::vector<callback::active_stream> streams_told_;
 
+    // Cancelled when the manager closes: a listing worker still starting then ends at once.
+    cancellation closing_starts_;
+
     // Used only on the listing thread (and by the destructor once that has ended).
     std::unique_ptr<worker> listing_worker_;
     std::unique_ptr<serial_executor> listing_thread_;
@@ -197,6 +201,7 @@ private:
     std::map<callback::source_type::type, std::vector<source_entry>> listed_;
 
     // The stream worker started ahead of the next activation (options.warm); null otherwise.
+    // Set once, and reset only after every stream thread has ended: they use it unlocked.
     std::unique_ptr<spare_worker> spare_;
 };
 

@@ -287,7 +287,7 @@ bool has_state(Display* display, Window window, const char* state)
 TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
 {
     if (QStandardPaths::findExecutable("lxqt-panel").isEmpty())
-        GTEST_SKIP() << "lxqt-panel is not installed (scripts/setup installs it)";
+        FAIL() << "lxqt-panel is not installed: the package lxqt-panel; scripts/setup installs it";
     // A display and a bus of its own, and a panel with a task bar and a StatusNotifier host
     // at the bottom of the screen.
     test::temp_dir home;

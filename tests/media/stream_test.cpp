@@ -3,19 +3,23 @@
 // PulseAudio, encodes it and pushes it over RTMP to a private nginx ingest; ffprobe
 // and ffmpeg check what arrived. Everything runs on loopback and is started here.
 
+#include "core/obs/child_process.hpp"
 #include "core/obs/worker.hpp"
 #include "media/capture_source.hpp"
 #include "media/encoders.hpp"
 #include "media/output.hpp"
 #include "media/runtime.hpp"
 #include "media/screen_feed.hpp"
+#include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/fault_proxy.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/rtmp_chunks.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/scoped_environment.hpp"
 #include "tests/support/stderr_capture.hpp"
+#include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -38,6 +42,7 @@
 #include <mutex>
 #include <condition_variable>
 #include <cstdio>
+#include <filesystem>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -407,6 +412,190 @@ INSTANTIATE_TEST_SUITE_P(
                                   "the CPU, video encoder obs_x264"}),
     [](const ::testing::TestParamInfo<screen_path>& info) { return std::string(info.param.name); });
 
+/// An RGB pixel of a live frame 64 pixels wide.
+std::array<int, 3> pixel_at(const std::vector<std::uint8_t>& frame, int x, int y)
+{
+    const std::uint8_t* pixel = &frame[(static_cast<std::size_t>(y) * 64 + x) * 3];
+    return {pixel[0], pixel[1], pixel[2]};
+}
+
+bool near(const std::array<int, 3>& pixel, const std::array<int, 3>& expected)
+{
+    for (int channel = 0; channel < 3; ++channel)
+        if (std::abs(pixel[channel] - expected[channel]) > 48)
+            return false;
+    return true;
+}
+
+std::string rgb(const std::array<int, 3>& pixel)
+{
+    return "(" + std::to_string(pixel[0]) + "," + std::to_string(pixel[1]) + "," + std::to_string(pixel[2]) + ")";
+}
+
+constexpr std::array<int, 3> black{0, 0, 0};
+constexpr std::array<int, 3> red{255, 0, 0};
+constexpr std::array<int, 3> green{0, 255, 0};
+constexpr std::array<int, 3> blue{0, 0, 255};
+
+/// A screen whose mode changes under a running stream: Xorg with the dummy driver
+/// (Xvfb cannot change its size), streamed by either route (ORBWEAVE_SCREEN_CAPTURE).
+class ScreenChanges : public Streaming, public ::testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override
+    {
+        directory_ = std::make_unique<test::temp_dir>("orbweave-xorg");
+        xorg_ = std::make_unique<test::xorg_display>(directory_->path());
+        display_ = std::make_unique<test::scoped_environment>("DISPLAY", xorg_->name());
+        capture_ = std::make_unique<test::scoped_environment>("ORBWEAVE_SCREEN_CAPTURE", std::string(GetParam()));
+    }
+
+    void set_mode(const std::string& mode)
+    {
+        xorg_->run({"xrandr", "--output", test::xorg_display::output, "--mode", mode});
+    }
+
+    /// Paints the whole screen (its root window) in colour, and returns once X shows it.
+    void paint(const std::string& name, const std::array<int, 3>& colour)
+    {
+        xorg_->run({"xsetroot", "-solid", name});
+        Display* x = XOpenDisplay(xorg_->name().c_str());
+        ASSERT_NE(x, nullptr);
+        unsigned long expected = static_cast<unsigned long>(colour[0] << 16 | colour[1] << 8 | colour[2]);
+        bool shown = test::eventually(
+            [&] {
+                XImage* image = XGetImage(x, DefaultRootWindow(x), 100, 100, 1, 1, AllPlanes, ZPixmap);
+                if (!image)
+                    return false;
+                bool same = XGetPixel(image, 0, 0) == expected;
+                XDestroyImage(image);
+                return same;
+            },
+            10s);
+        XCloseDisplay(x);
+        ASSERT_TRUE(shown) << name << " did not show on the screen";
+    }
+
+    /// Waits until the ingest's live picture is colour in the middle and bar at the sides
+    /// (the colour too when the screen fills the frame), at the stream's first size; how
+    /// long that took from the call.
+    void expect_at_ingest(const std::string& key, const std::array<int, 3>& colour, const std::array<int, 3>& bar)
+    {
+        auto begun = clock::now();
+        std::vector<std::uint8_t> frame;
+        bool arrived = test::eventually(
+            [&] {
+                frame = ingest_->live_frame(key, 64, 36);
+                return !frame.empty() && near(pixel_at(frame, 32, 18), colour) && near(pixel_at(frame, 2, 18), bar);
+            },
+            30s);
+        ASSERT_FALSE(frame.empty()) << "no live frame of " << key;
+        ASSERT_TRUE(arrived) << "middle " << rgb(pixel_at(frame, 32, 18)) << ", left edge "
+                             << rgb(pixel_at(frame, 2, 18));
+        // A player starts at the newest key frame (one every 2 s): an upper bound.
+        std::cout << "[ measured ] " << GetParam() << ": a player of the stream sees the screen's new picture "
+                  << std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begun).count()
+                  << " ms after it was painted\n";
+        // The bars are beside the picture only: its aspect is kept, its height fills the frame.
+        EXPECT_TRUE(near(pixel_at(frame, 61, 18), bar)) << "right edge " << rgb(pixel_at(frame, 61, 18));
+        EXPECT_TRUE(near(pixel_at(frame, 12, 1), colour)) << "top, inside the picture " << rgb(pixel_at(frame, 12, 1));
+        EXPECT_TRUE(near(pixel_at(frame, 51, 34), colour))
+            << "bottom, inside the picture " << rgb(pixel_at(frame, 51, 34));
+        auto live = ingest_->probe_live(key, 15s);
+        ASSERT_NE(live.video(), nullptr) << live.error;
+        EXPECT_EQ(live.video()->width, 1280);
+        EXPECT_EQ(live.video()->height, 720);
+    }
+
+    std::unique_ptr<test::temp_dir> directory_;
+    std::unique_ptr<test::xorg_display> xorg_;
+    std::unique_ptr<test::scoped_environment> display_;
+    std::unique_ptr<test::scoped_environment> capture_;
+};
+
+// A screen that changes its mode keeps streaming at the size the stream started with,
+// its new picture fitted inside with the aspect kept (800x600 in 1280x720: bars of 160
+// pixels left and right), and fills the frame again once back at its old size.
+TEST_P(ScreenChanges, AStreamKeepsItsSizeAndFitsTheScreensNewPicture)
+{
+    test::stderr_capture log;
+    paint("#00ff00", green);
+    worker listing;
+    auto screens = listing.list_screens();
+    ASSERT_EQ(screens.size(), 1u);
+    ASSERT_EQ(screens[0].width, 1280u);
+    std::string key = new_key(std::string("mode-") + GetParam());
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(screens[0], {{"profile", "medium"}}, ingest_->url(), key)).result.started);
+    expect_at_ingest(key, green, green);
+
+    set_mode("800x600");
+    paint("#0000ff", blue);
+    expect_at_ingest(key, blue, black);
+
+    set_mode("1280x720");
+    paint("#ff0000", red);
+    expect_at_ingest(key, red, red);
+    EXPECT_TRUE(media->alive());
+    ASSERT_TRUE(media->shutdown());
+
+    // X errors of a grab that no longer fits are counted, not logged once a frame.
+    std::string text = log.text();
+    std::size_t failures = 0;
+    for (std::size_t at = text.find("cannot grab screen"); at != std::string::npos;
+         at = text.find("cannot grab screen", at + 1))
+        ++failures;
+    EXPECT_LE(failures, 2u) << text;
+    EXPECT_EQ(text.find("X Error"), std::string::npos) << text;
+}
+
+// A screen that goes away (its RandR monitor removed) ends its stream as a window that
+// closes or a screen cast the desktop ends: the client reports the stream gone and says
+// why, the ingest loses it and its worker ends.
+TEST_P(ScreenChanges, AScreenThatGoesAwayEndsItsStream)
+{
+    xorg_->run({"xrandr", "--setmonitor", "orbweave-extra", "640/170x360/100+640+360", "none"});
+    test::stderr_capture log;
+    sim::service_sim service;
+    {
+        test::client_harness app(service);
+        app.set_secret(service.issue_secret({"Ann", ""}));
+        app.on_permission([](callback::source_type::type, const std::string&, const std::string&,
+                             callback::request_type::type, const callback::request& request) { request.answer(true); });
+        app.start();
+        ASSERT_TRUE(app.wait_for_state(callback::state_type::connected, 30s));
+        auto listed = service.wait_for_reply(service.list("screen").value_or(""), 30s);
+        ASSERT_TRUE(listed);
+        Json screens = listed->message["payload"]["results"];
+        ASSERT_EQ(screens.size(), 2u) << screens;
+        std::string id = screens[1]["id"];
+
+        sim::activation request;
+        request.source_id = id;
+        request.profile = "medium";
+        request.server = ingest_->url();
+        request.key = new_key(std::string("gone-") + GetParam());
+        auto activated = service.wait_for_reply(service.activate(request).value_or(""), 60s);
+        ASSERT_TRUE(activated);
+        ASSERT_EQ(activated->message["payload"], Json({{"status", "Success"}}));
+        ASSERT_TRUE(ingest_->wait_for_publishing(request.key, 15s));
+
+        xorg_->run({"xrandr", "--delmonitor", "orbweave-extra"});
+        EXPECT_TRUE(app.wait_for_state(callback::state_type::connected, 30s));
+        EXPECT_TRUE(app.wait_for_streams({}, 30s));
+        EXPECT_TRUE(ingest_->wait_until_not_publishing(request.key, 15s));
+        EXPECT_TRUE(
+            test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s))
+            << "the stream's worker was left";
+        EXPECT_NE(log.text().find("The stream of source " + id + " ended: screen 2 is gone from the X display"),
+                  std::string::npos)
+            << log.text();
+    }
+    EXPECT_EQ(log.text().find("killed by signal"), std::string::npos) << "a worker crashed:\n" << log.text();
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, ScreenChanges, ::testing::Values("direct", "canvas"),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
+
 TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
 {
     std::string key = new_key("microphone");
@@ -422,6 +611,180 @@ TEST_F(Streaming, AudioDeviceArrivesAsAacWithATinyVideoTrack)
     EXPECT_EQ(live.video()->codec_name, "h264");
     EXPECT_EQ(live.video()->width, 4);
     EXPECT_EQ(live.video()->height, 4);
+}
+
+// The sound of the ingest's decoded stream, in dBFS (RMS over about 100 ms): the test
+// tone measures about -25, silence -inf or below -90.
+constexpr double heard_level = -40;
+constexpr double silent_level = -70;
+// A device back (or a new default) is heard again within 2 s; what the ingest hears
+// also waits for the encoder, the ingest and the decoder, and a loaded machine.
+constexpr auto device_back_limit = 2s;
+constexpr auto ingest_latency_allowance = 2s;
+
+std::string pactl(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> argv{"pactl"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    int code = 0;
+    std::string error;
+    std::string output = test::run_program(argv, 10s, &code, &error);
+    if (code != 0)
+        throw std::runtime_error("pactl failed: " + error);
+    return output;
+}
+
+/// A microphone hearing a 440 Hz tone: a PulseAudio source of its own (a remapped monitor
+/// of a sink that pacat plays the tone into, at a real device's pace), loaded as a module
+/// of its own. Unloading that module is the microphone unplugged, loading it again (same
+/// name) the microphone plugged back.
+class tone_device {
+public:
+    static constexpr const char* name = "orbweave_tone";
+    tone_device() { reload(); }
+    ~tone_device()
+    {
+        try {
+            unload();
+            if (feed_module_ >= 0)
+                pactl({"unload-module", std::to_string(feed_module_)});
+        } catch (...) {
+        }
+    }
+    void load()
+    {
+        module_ = std::stoi(pactl({"load-module", "module-remap-source", std::string("source_name=") + name,
+                                   std::string("master=") + feed + ".monitor"}));
+    }
+    void unload()
+    {
+        if (module_ >= 0)
+            pactl({"unload-module", std::to_string(module_)});
+        module_ = -1;
+    }
+    /// Loads everything (again, after the sound server restarted and took it all along).
+    void reload()
+    {
+        feed_module_ = std::stoi(pactl({"load-module", "module-null-sink", std::string("sink_name=") + feed}));
+        obs::child_process::options options;
+        options.argv = {"pacat", "--playback", "-d", feed, "--latency-msec=20", "--raw", "--format=s16le",
+                        "--rate=44100", "--channels=1", tone_file()};
+        options.quiet = true;
+        player_ = std::make_unique<obs::child_process>(options);
+        load();
+    }
+    static audio_entry entry() { return audio_entry("Tone", "Tone", name, true); }
+
+private:
+    static constexpr const char* feed = "orbweave_tone_feed";
+    /// Two minutes of the tone, made once per test program.
+    static std::string tone_file()
+    {
+        auto path = test::media_environment::current().directory() / "tone.raw";
+        if (!std::filesystem::exists(path))
+            test::run_program({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "sine=frequency=440:duration=120",
+                               "-f", "s16le", "-ac", "1", "-ar", "44100", path.string()},
+                              30s);
+        return path.string();
+    }
+
+    int module_ = -1;
+    int feed_module_ = -1;
+    std::unique_ptr<obs::child_process> player_;
+};
+
+std::chrono::milliseconds since(clock::time_point begun)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begun);
+}
+
+TEST_F(Streaming, AnAudioDeviceThatGoesLeavesSilenceAndIsHeardAgainWhenItComesBack)
+{
+    tone_device tone;
+    std::string key = new_key("unplugged");
+    test::stderr_capture log;
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(tone_device::entry(), {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    ASSERT_TRUE(sound.wait_for_sound(heard_level, 20s)) << "the tone never arrived";
+
+    // Unplugged: the stream goes on, silent.
+    auto gone = clock::now();
+    tone.unload();
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 10s)) << "still loud after the device went";
+    // What the ingest hears lags by the whole path (encoder, ingest, decoder): this much.
+    std::cout << "[ measured ] device gone to silence at the ingest: " << since(gone).count() << " ms\n";
+    EXPECT_TRUE(ingest_->publishing(key));
+
+    // Plugged back under the same name: heard again.
+    auto back = clock::now();
+    tone.load();
+    auto level = sound.wait_for_sound(heard_level, device_back_limit + ingest_latency_allowance);
+    ASSERT_TRUE(level) << "the device came back but the stream stayed silent";
+    std::cout << "[ measured ] device back to tone at the ingest: " << since(back).count() << " ms (" << *level
+              << " dB)\n";
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    // Told once each way.
+    EXPECT_EQ(log.count_lines_starting("media: the audio device 'orbweave_tone' is gone"), 1) << log.text();
+    EXPECT_EQ(log.count_lines_starting("media: the audio device 'orbweave_tone' is back"), 1) << log.text();
+}
+
+TEST_F(Streaming, TheDefaultEntryFollowsTheDefaultDevice)
+{
+    tone_device tone;
+    pactl({"set-default-source", test::pulse_server::source_name});
+    std::string key = new_key("default");
+    auto media = stream_worker();
+    audio_entry default_input("Default", "Default", "default", true);
+    ASSERT_TRUE(activate(*media, order_for(default_input, {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    // The silent microphone is the default.
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 20s));
+
+    for (const char* device : {tone_device::name, test::pulse_server::source_name, tone_device::name}) {
+        SCOPED_TRACE(device);
+        bool loud = device == std::string(tone_device::name);
+        auto changed = clock::now();
+        pactl({"set-default-source", device});
+        auto level = loud ? sound.wait_for_sound(heard_level, device_back_limit + ingest_latency_allowance)
+                          : sound.wait_for_silence(silent_level, device_back_limit + ingest_latency_allowance);
+        ASSERT_TRUE(level) << "the stream did not follow the default to " << device;
+        std::cout << "[ measured ] default to " << device << " at the ingest: " << since(changed).count() << " ms ("
+                  << *level << " dB)\n";
+    }
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    pactl({"set-default-source", test::pulse_server::source_name});
+}
+
+TEST_F(Streaming, AStreamOutlivesARestartOfTheSoundServer)
+{
+    tone_device tone;
+    std::string key = new_key("server-restart");
+    test::stderr_capture log;
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(tone_device::entry(), {{"profile", "low"}}, ingest_->url(), key)).result.started);
+    test::live_loudness sound(*ingest_, key);
+    ASSERT_TRUE(sound.wait_for_sound(heard_level, 20s));
+
+    auto& server = test::media_environment::current().audio();
+    server.stop();
+    ASSERT_TRUE(sound.wait_for_silence(silent_level, 10s)) << "still loud with no sound server";
+    EXPECT_TRUE(ingest_->publishing(key));
+
+    server.start();
+    auto back = clock::now();
+    tone.reload();
+    // Found again within the follower's longest pause between attempts, then as any device back.
+    auto level = sound.wait_for_sound(heard_level, sound_server_retry_limit + device_back_limit +
+                                                       ingest_latency_allowance);
+    ASSERT_TRUE(level) << "the sound server came back but the stream stayed silent";
+    std::cout << "[ measured ] sound server back to tone at the ingest: " << since(back).count() << " ms\n";
+    EXPECT_TRUE(ingest_->publishing(key));
+    media->shutdown();
+    EXPECT_EQ(log.count_lines_starting("media: the sound server is gone"), 1) << log.text();
+    EXPECT_EQ(log.count_lines_starting("media: the sound server is back"), 1) << log.text();
 }
 
 TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
@@ -494,7 +857,7 @@ TEST_F(Streaming, AServerThatNeverAnswersFailsWithinTheBound)
     std::cout << "[ measured ] silent server: " << took.count() << " ms, " << result.error << "\n";
     EXPECT_FALSE(result.started);
     EXPECT_EQ(result.error, "rtmp connect timed out");
-    EXPECT_LT(took, 2 * output_start_limit + 3s);
+    EXPECT_LT(took, limits::connect_attempts * limits::output_start + 3s);
     media->shutdown();
     EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1);
 }
@@ -690,7 +1053,7 @@ TEST(OutputInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
     auto begun = clock::now();
     EXPECT_EQ(wait_for_size(source.get(), far), std::make_pair(0, 720));
     EXPECT_GE(clock::now() - begun, source_half_size_grace);
-    EXPECT_LT(clock::now() - begun, source_size_limit);
+    EXPECT_LT(clock::now() - begun, limits::source_size);
 }
 
 TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
@@ -702,8 +1065,8 @@ TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
     EXPECT_FALSE(stream.start(order_for(made_up, {{"profile", "medium"}}, "rtmp://127.0.0.1:1/live", "k")));
     auto took = clock::now() - begun;
     EXPECT_EQ(stream.error(), "source has no size");
-    EXPECT_GE(took, source_size_limit);
-    EXPECT_LT(took, source_size_limit + 2s);
+    EXPECT_GE(took, limits::source_size);
+    EXPECT_LT(took, limits::source_size + 2s);
 }
 
 // The screen feed draws the pointer, as the canvas's screen capture does: a presenter's

@@ -1,5 +1,7 @@
 #include "tests/support/media_fixtures.hpp"
 
+#include "tests/support/rtmp_ingest.hpp"
+
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -130,6 +132,63 @@ void wait_for_socket(const std::string& path, clock::time_point deadline)
 
 media_environment* current_environment = nullptr;
 
+/// ":N" from the display number an X server writes to -displayfd once it accepts
+/// clients; closes fd. Throws when none comes in time.
+std::string read_display_number(int fd, const char* server)
+{
+    std::string number;
+    auto deadline = clock::now() + start_limit;
+    for (;;) {
+        pollfd entry{fd, POLLIN, 0};
+        if (::poll(&entry, 1, milliseconds_left(deadline)) <= 0)
+            break;
+        char chunk[32];
+        ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got <= 0)
+            break;
+        number.append(chunk, static_cast<std::size_t>(got));
+        if (number.find('\n') != std::string::npos)
+            break;
+    }
+    ::close(fd);
+    if (number.empty() || number.find('\n') == std::string::npos)
+        throw std::runtime_error(std::string(server) + " did not start");
+    return ":" + number.substr(0, number.find('\n'));
+}
+
+// The dummy driver's screen: room for the largest mode, the three modes the tests switch
+// between (CVT timings), no input devices.
+constexpr const char* dummy_xorg_conf = R"(Section "ServerFlags"
+    Option "AutoAddDevices" "false"
+    Option "AutoEnableDevices" "false"
+    Option "DontVTSwitch" "true"
+EndSection
+Section "Device"
+    Identifier "dummy"
+    Driver "dummy"
+    VideoRam 64000
+EndSection
+Section "Monitor"
+    Identifier "monitor"
+    HorizSync 5.0 - 1000.0
+    VertRefresh 5.0 - 200.0
+    Modeline "1280x720" 74.50 1280 1344 1472 1664 720 723 728 748 -hsync +vsync
+    Modeline "1024x768" 63.50 1024 1072 1176 1328 768 771 775 798 -hsync +vsync
+    Modeline "800x600" 38.25 800 832 912 1024 600 603 607 624 -hsync +vsync
+EndSection
+Section "Screen"
+    Identifier "screen"
+    Device "dummy"
+    Monitor "monitor"
+    DefaultDepth 24
+    SubSection "Display"
+        Depth 24
+        Modes "1280x720" "1024x768" "800x600"
+        Virtual 1280 768
+    EndSubSection
+EndSection
+)";
+
 } // namespace
 
 
@@ -156,27 +215,51 @@ xvfb_display::xvfb_display(std::vector<screen_size> screens) : screens_(std::mov
         throw;
     }
     ::close(fds[1]);
-    std::string number;
-    auto deadline = clock::now() + start_limit;
-    for (;;) {
-        pollfd entry{fds[0], POLLIN, 0};
-        if (::poll(&entry, 1, milliseconds_left(deadline)) <= 0)
-            break;
-        char chunk[32];
-        ssize_t got = ::read(fds[0], chunk, sizeof chunk);
-        if (got <= 0)
-            break;
-        number.append(chunk, static_cast<std::size_t>(got));
-        if (number.find('\n') != std::string::npos)
-            break;
-    }
-    ::close(fds[0]);
-    if (number.empty() || number.find('\n') == std::string::npos)
-        throw std::runtime_error("Xvfb did not start");
-    name_ = ":" + number.substr(0, number.find('\n'));
+    name_ = read_display_number(fds[0], "Xvfb");
 }
 
 xvfb_display::~xvfb_display() = default;
+
+xorg_display::xorg_display(const std::filesystem::path& directory) : directory_(directory)
+{
+    std::filesystem::create_directories(directory_);
+    std::ofstream(directory_ / "xorg.conf") << dummy_xorg_conf;
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) < 0)
+        throw std::system_error(errno, std::generic_category(), "pipe2");
+    // Xorg takes a configuration by a relative name only, unless run by root, and a log
+    // file only from root; others log under $HOME/.local/share/xorg.
+    std::string command = "cd \"$0\" && exec Xorg -config xorg.conf -noreset -nolisten tcp -displayfd 3";
+    if (::geteuid() == 0)
+        command += " -logfile xorg.log";
+    obs::child_process::options options;
+    options.argv = {"sh", "-c", command, directory_.string()};
+    options.environment = {{"HOME", directory_.string()}, {"XDG_DATA_HOME", (directory_ / "data").string()}};
+    options.pass_fds = {{fds[1], 3}};
+    options.quiet = true;
+    try {
+        process_ = std::make_unique<obs::child_process>(options);
+    } catch (...) {
+        ::close(fds[0]);
+        ::close(fds[1]);
+        throw;
+    }
+    ::close(fds[1]);
+    name_ = read_display_number(fds[0], "Xorg (with the dummy driver)");
+}
+
+xorg_display::~xorg_display() = default;
+
+void xorg_display::run(std::vector<std::string> argv) const
+{
+    std::vector<std::string> command = {"env", "DISPLAY=" + name_};
+    command.insert(command.end(), argv.begin(), argv.end());
+    int code = -1;
+    std::string errors;
+    std::string said = run_program(command, start_limit, &code, &errors);
+    if (code != 0)
+        throw std::runtime_error(argv.front() + " failed (" + std::to_string(code) + "): " + said + errors);
+}
 
 window_manager::window_manager(const std::string& display, const std::filesystem::path& directory)
 {
@@ -255,8 +338,13 @@ test_window::~test_window() = default;
 pulse_server::pulse_server(const std::filesystem::path& directory) : runtime_path_(directory)
 {
     std::filesystem::create_directories(runtime_path_ / "state");
+    server_ = "unix:" + (runtime_path_ / "native").string();
+    start();
+}
+
+void pulse_server::start()
+{
     std::string socket = (runtime_path_ / "native").string();
-    server_ = "unix:" + socket;
     obs::child_process::options options;
     options.argv = {
         "pulseaudio",
@@ -267,9 +355,9 @@ pulse_server::pulse_server(const std::filesystem::path& directory) : runtime_pat
         "--log-target=stderr",
         "--log-level=error",
         "--load=module-native-protocol-unix socket=" + socket + " auth-anonymous=1",
-        std::string("--load=module-null-sink sink_name=orbweave_speakers sink_properties=device.description=") +
-            sink_description,
-        std::string("--load=module-null-source source_name=orbweave_microphone description=") + source_description,
+        std::string("--load=module-null-sink sink_name=") + sink_name +
+            " sink_properties=device.description=" + sink_description,
+        std::string("--load=module-null-source source_name=") + source_name + " description=" + source_description,
     };
     options.environment = {{"PULSE_RUNTIME_PATH", runtime_path_.string()},
                            {"PULSE_STATE_PATH", (runtime_path_ / "state").string()},
@@ -278,6 +366,14 @@ pulse_server::pulse_server(const std::filesystem::path& directory) : runtime_pat
     options.quiet = true;
     process_ = std::make_unique<obs::child_process>(options);
     wait_for_socket(socket, clock::now() + start_limit);
+}
+
+void pulse_server::stop()
+{
+    // The socket file stays behind, as after a crash; the next daemon replaces it.
+    if (process_)
+        process_->kill_and_wait();
+    process_.reset();
 }
 
 pulse_server::~pulse_server() = default;
@@ -310,6 +406,13 @@ void media_environment::TearDown()
     window_manager_.reset();
     display_.reset();
     directory_.reset();
+}
+
+pulse_server& media_environment::audio()
+{
+    if (!pulse_)
+        throw std::logic_error("the media environment runs without a sound server");
+    return *pulse_;
 }
 
 media_environment& media_environment::current()

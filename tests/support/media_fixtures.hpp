@@ -42,6 +42,28 @@ private:
     std::string name_;
 };
 
+/// Xorg with the dummy video driver on the first free display: one screen, at 1280x720
+/// to begin with, whose mode xrandr changes (Xvfb cannot change its size) among
+/// 1280x720, 1024x768 and 800x600. Its configuration and log live in directory; it
+/// runs as any user (Xorg reads a configuration named relative to where it starts).
+class xorg_display {
+public:
+    explicit xorg_display(const std::filesystem::path& directory);
+    ~xorg_display();
+    /// ":N".
+    const std::string& name() const { return name_; }
+    /// The dummy driver's first output, which shows the screen.
+    static constexpr const char* output = "DUMMY0";
+    /// Runs an X client (xrandr, xsetroot, ...) on this display and waits for it; throws
+    /// std::runtime_error with what it said when it fails.
+    void run(std::vector<std::string> argv) const;
+
+private:
+    std::filesystem::path directory_;
+    std::unique_ptr<obs::child_process> process_;
+    std::string name_;
+};
+
 /// openbox managing display; returns once its start-up has finished (its --startup
 /// command has run), so no window mapped afterwards can be missed.
 class window_manager {
@@ -80,8 +102,15 @@ public:
     /// "unix:<socket>", for PULSE_SERVER.
     const std::string& server() const { return server_; }
     const std::filesystem::path& runtime_path() const { return runtime_path_; }
+    static constexpr const char* sink_name = "orbweave_speakers";
+    static constexpr const char* source_name = "orbweave_microphone";
     static constexpr const char* sink_description = "Orbweave-Speakers";
     static constexpr const char* source_description = "Orbweave-Microphone";
+
+    /// Ends the daemon (as a crash would: SIGKILL) and waits until it has gone.
+    void stop();
+    /// Starts it again on the same socket, with the same sink and source; returns once it answers.
+    void start();
 
 private:
     std::filesystem::path runtime_path_;
@@ -113,6 +142,8 @@ public:
     const options& settings() const { return options_; }
     const std::vector<std::unique_ptr<test_window>>& windows() const { return windows_; }
     const std::filesystem::path& directory() const { return directory_->path(); }
+    /// The sound server; throws when the environment runs without one.
+    pulse_server& audio();
 
 private:
     options options_;

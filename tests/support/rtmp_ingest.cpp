@@ -2,6 +2,7 @@
 
 #include "core/json.hpp"
 #include "tests/support/eventually.hpp"
+#include "tests/support/line_reader.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -232,7 +233,7 @@ std::string run_program(const std::vector<std::string>& argv, std::chrono::milli
         auto status = program.wait_for(finished ? std::max(left_until(deadline), 1000ms) : 5000ms);
         if (!status)
             status = program.kill_and_wait();
-        if (finished && WIFEXITED(*status))
+        if (finished && status && WIFEXITED(*status))
             code = WEXITSTATUS(*status);
     } catch (...) {
         if (error_fd >= 0)
@@ -432,9 +433,73 @@ std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, d
     return std::vector<std::uint8_t>(output.begin(), output.end());
 }
 
+std::vector<std::uint8_t> rtmp_ingest::live_frame(const std::string& key, int width, int height,
+                                                  std::chrono::milliseconds timeout) const
+{
+    int code = 0;
+    std::string output = run_program(
+        {program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error", "-i", stream_url(key), "-an",
+         "-frames:v", "1", "-vf", "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=rgb24",
+         "-f", "rawvideo", "-"},
+        timeout, &code);
+    std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
+    if (code != 0 || output.size() != size)
+        return {};
+    return std::vector<std::uint8_t>(output.begin(), output.end());
+}
+
 std::string rtmp_ingest::error_log() const
 {
     return read_file(std::filesystem::path(directory_.path()) / "error.log");
+}
+
+live_loudness::live_loudness(const rtmp_ingest& ingest, const std::string& key)
+{
+    obs::child_process::options options;
+    // astats measures each AAC frame (1024 samples), summed up over windows of four.
+    options.argv = {"ffmpeg", "-hide_banner", "-nostats", "-loglevel", "error", "-fflags", "nobuffer", "-i",
+                    ingest.stream_url(key), "-vn", "-af",
+                    "astats=metadata=1:reset=4,"
+                    "ametadata=mode=print:key=lavfi.astats.Overall.RMS_level:file=-:direct=1",
+                    "-f", "null", "-"};
+    options.pipe_stdout = true;
+    process_ = std::make_unique<obs::child_process>(options);
+    lines_ = std::make_unique<line_reader>(process_->stdout_fd());
+}
+
+live_loudness::~live_loudness() = default;
+
+std::optional<double> live_loudness::wait_for(const std::function<bool(double)>& accept,
+                                              std::chrono::milliseconds timeout, int run)
+{
+    int in_a_row = 0;
+    static const std::string prefix = "lavfi.astats.Overall.RMS_level=";
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return std::nullopt;
+        auto line = lines_->next(left);
+        if (!line)
+            return std::nullopt;
+        if (line->rfind(prefix, 0) != 0)
+            continue;
+        double level = std::strtod(line->c_str() + prefix.size(), nullptr);
+        in_a_row = accept(level) ? in_a_row + 1 : 0;
+        if (in_a_row >= run)
+            return level;
+    }
+}
+
+std::optional<double> live_loudness::wait_for_sound(double decibels, std::chrono::milliseconds timeout)
+{
+    return wait_for([decibels](double level) { return level >= decibels; }, timeout);
+}
+
+std::optional<double> live_loudness::wait_for_silence(double decibels, std::chrono::milliseconds timeout)
+{
+    constexpr int frames_a_second = 44100 / 1024 + 1;
+    return wait_for([decibels](double level) { return level < decibels; }, timeout, frames_a_second);
 }
 
 } // namespace orbweave::test

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -110,6 +111,11 @@ public:
                                               std::chrono::milliseconds timeout = std::chrono::seconds(20),
                                               bool colour = false) const;
 
+    /// The first frame a player of the live stream gets (from the newest key frame on),
+    /// scaled to width x height as RGB triplets; empty when none comes within timeout.
+    std::vector<std::uint8_t> live_frame(const std::string& key, int width, int height,
+                                         std::chrono::milliseconds timeout = std::chrono::seconds(15)) const;
+
     /// nginx's error log so far (for failure messages).
     std::string error_log() const;
 
@@ -118,6 +124,33 @@ private:
     int rtmp_port_ = 0;
     int http_port_ = 0;
     std::unique_ptr<obs::child_process> process_;
+};
+
+class line_reader;
+
+/// The loudness of a live stream's sound as it arrives at the ingest: ffmpeg plays the
+/// stream and reports the RMS level of its decoded sound about every 100 ms, in dBFS
+/// (-inf for digital silence). Stopped when the object goes away.
+class live_loudness {
+public:
+    live_loudness(const rtmp_ingest& ingest, const std::string& key);
+    ~live_loudness();
+    live_loudness(const live_loudness&) = delete;
+    live_loudness& operator=(const live_loudness&) = delete;
+
+    /// Reads the levels in the order they arrived until `run` of them in a row are ones that
+    /// accept takes (the last one is returned) or the timeout passes (nullopt). A level
+    /// comes with every AAC frame, 43 a second.
+    std::optional<double> wait_for(const std::function<bool(double)>& accept, std::chrono::milliseconds timeout,
+                                   int run = 1);
+    /// The first level of at least decibels from now on: sound is heard.
+    std::optional<double> wait_for_sound(double decibels, std::chrono::milliseconds timeout);
+    /// A second of levels below decibels from now on: silence, and a stream that goes on.
+    std::optional<double> wait_for_silence(double decibels, std::chrono::milliseconds timeout);
+
+private:
+    std::unique_ptr<obs::child_process> process_;
+    std::unique_ptr<line_reader> lines_;
 };
 
 /// Runs argv (stdout captured, stderr to a file) and returns its standard output; gives up and

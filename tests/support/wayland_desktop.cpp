@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -20,6 +21,7 @@ using namespace std::chrono_literals;
 constexpr auto start_limit = 20s;
 constexpr uid_t nobody = 65534;
 constexpr const char* kde_portal_backend = "/usr/lib/x86_64-linux-gnu/libexec/xdg-desktop-portal-kde";
+constexpr const char* kde_qt_wayland_plugin = "/usr/lib/x86_64-linux-gnu/qt5/plugins/platforms/libqwayland-generic.so";
 // Qt programs show their widgets on the accessibility bus only when asked to.
 const std::vector<std::pair<std::string, std::string>> qt_accessible{{"QT_ACCESSIBILITY", "1"},
                                                                      {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"}};
@@ -36,6 +38,20 @@ std::string find_program(const std::string& program)
                 return folder + "/" + program;
     }
     return {};
+}
+
+/// The file's last lines, joined by " | ".
+std::string last_lines(const std::filesystem::path& path, std::size_t count)
+{
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        if (!line.empty())
+            lines.push_back(line);
+    std::string joined;
+    for (std::size_t i = lines.size() > count ? lines.size() - count : 0; i < lines.size(); ++i)
+        joined += (joined.empty() ? "" : " | ") + lines[i];
+    return joined;
 }
 
 bool is_unix_socket(const std::filesystem::path& path)
@@ -67,27 +83,61 @@ std::string wayland_desktop::name(kind desktop)
     return {};
 }
 
-std::vector<std::string> wayland_desktop::missing_programs(kind desktop)
+std::vector<std::string> wayland_desktop::missing_packages(kind desktop)
 {
-    std::vector<std::string> needed{"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse", "foot",
-                                    "/usr/libexec/xdg-desktop-portal"};
+    // What each desktop starts, or loads at run time, and the Debian package that brings it.
+    // Some of these come only as a package's recommendation, which scripts/setup does not
+    // install, so each is named here instead of surfacing as a time-out on a bus name.
+    struct part {
+        const char* path; // a program on PATH, or an absolute path
+        const char* package;
+    };
+    std::vector<part> needed{{"dbus-daemon", "dbus"},
+                             {"pipewire", "pipewire"},
+                             {"wireplumber", "wireplumber"},
+                             {"pipewire-pulse", "pipewire-pulse"},
+                             {"foot", "foot"},
+                             {"/usr/share/fonts/truetype/dejavu/DejaVuSansMono.ttf", "fonts-dejavu-core"},
+                             {"/usr/libexec/xdg-desktop-portal", "xdg-desktop-portal"}};
     switch (desktop) {
-    case kind::sway: needed.insert(needed.end(), {"sway", "swaymsg", "/usr/libexec/xdg-desktop-portal-wlr"}); break;
-    case kind::gnome: needed.insert(needed.end(), {"gnome-shell", "/usr/libexec/xdg-desktop-portal-gnome"}); break;
-    case kind::kde: needed.insert(needed.end(), {"kwin_wayland", kde_portal_backend}); break;
+    case kind::sway:
+        needed.insert(needed.end(), {{"sway", "sway"},
+                                     {"swaymsg", "sway"},
+                                     {"/usr/libexec/xdg-desktop-portal-wlr", "xdg-desktop-portal-wlr"}});
+        break;
+    case kind::gnome:
+        needed.insert(needed.end(), {{"gnome-shell", "gnome-shell"},
+                                     {"/usr/libexec/xdg-desktop-portal-gnome", "xdg-desktop-portal-gnome"}});
+        break;
+    case kind::kde:
+        needed.insert(needed.end(), {{"kwin_wayland", "kwin-wayland"},
+                                     {kde_portal_backend, "xdg-desktop-portal-kde"},
+                                     // The portal is a Qt 5 program: without Qt's Wayland
+                                     // platform plug-in it exits at start.
+                                     {kde_qt_wayland_plugin, "qtwayland5"}});
+        break;
     }
-    if (desktop != kind::sway)
-        needed.insert(needed.end(), {"/usr/bin/python3", "/usr/libexec/at-spi-bus-launcher"});
-    std::vector<std::string> missing;
-    for (const std::string& program : needed)
-        if (find_program(program).empty())
-            missing.push_back(program);
     // The user at the picker answers over the accessibility bus, from Python.
+    if (desktop != kind::sway)
+        needed.insert(needed.end(),
+                      {{"/usr/bin/python3", "python3"}, {"/usr/libexec/at-spi-bus-launcher", "at-spi2-core"}});
+    std::vector<std::string> missing;
+    auto note = [&](const std::string& package) {
+        if (std::find(missing.begin(), missing.end(), package) == missing.end())
+            missing.push_back(package);
+    };
+    for (const part& part : needed)
+        if (part.path[0] == '/' ? !std::filesystem::exists(part.path) : find_program(part.path).empty())
+            note(part.package);
     if (desktop != kind::sway && missing.empty()) {
         int status = -1;
         run_program({"/usr/bin/python3", "-c", "import pyatspi"}, 10s, &status);
         if (status != 0)
-            missing.push_back("python3-pyatspi");
+            note("python3-pyatspi");
+        // The window the tests share is GTK 3's.
+        run_program({"/usr/bin/python3", "-c", "import gi; gi.require_version('Gtk', '3.0')"}, 10s, &status);
+        if (status != 0)
+            note("gir1.2-gtk-3.0");
     }
     return missing;
 }
@@ -95,6 +145,13 @@ std::vector<std::string> wayland_desktop::missing_programs(kind desktop)
 wayland_desktop::wayland_desktop(options options) : options_(std::move(options)), dir_("orbweave-wayland")
 {
     namespace fs = std::filesystem;
+    if (auto missing = missing_packages(options_.desktop); !missing.empty()) {
+        std::string list;
+        for (const std::string& package : missing)
+            list += (list.empty() ? "" : " ") + package;
+        throw std::runtime_error("missing package(s) " + list +
+                                 "; scripts/setup installs them");
+    }
     if (options_.outputs.empty())
         options_.outputs = default_outputs(options_.desktop);
     const fs::path& root = dir_.path();
@@ -158,10 +215,13 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
     // the picker elsewhere), then the front end, which sees only that backend.
     choose(options_.outputs.front().name);
     if (options_.desktop == kind::sway) {
-        // "slow" stands for a user who takes 5 s and then picks nothing.
+        // "slow" stands for a user who takes 5 s and then picks nothing, "delay N NAME" for
+        // one who picks NAME after N seconds.
         std::ofstream(root / "chooser.sh") << "#!/bin/sh\necho called >> '" << (root / "chooser-calls").string()
                                            << "'\nchoice=$(cat '" << (root / "choice").string() << "')\n"
                                            << "if [ \"$choice\" = slow ]; then sleep 5; choice=; fi\n"
+                                           << "case \"$choice\" in \"delay \"*) set -- $choice; sleep \"$2\"; "
+                                              "choice=\"$3\";; esac\n"
                                            << "echo returned >> '" << (root / "chooser-returns").string() << "'\n"
                                            << "echo \"$choice\"\n";
         std::ofstream(root / "config/xdg-desktop-portal-wlr/config")
@@ -323,19 +383,30 @@ void wayland_desktop::start(std::vector<std::string> argv, const std::string& lo
     options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
     options.new_process_group = true;
     processes_.push_back(std::make_unique<obs::child_process>(options));
+    last_log_ = log;
 }
 
 void wayland_desktop::wait_for_bus_name(const std::string& name)
 {
+    // The name's owner is the program started last; when it has ended, waiting longer
+    // cannot help, and its last words say why.
+    obs::child_process& owner = *processes_.back();
+    std::optional<int> ended;
     bool owned = eventually(
         [&] {
-            return session_call({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
+            ended = owner.wait_for(0ms);
+            return ended ||
+                   session_call({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
                                  "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:" + name})
-                       .find("boolean true") != std::string::npos;
+                           .find("boolean true") != std::string::npos;
         },
         start_limit, 50ms);
+    std::filesystem::path log = dir_.path() / "logs" / (last_log_ + ".log");
+    if (ended)
+        throw std::runtime_error(last_log_ + " " + obs::child_process::describe(*ended) + " before " + name +
+                                 " appeared on the session bus; it said: " + last_lines(log, 3));
     if (!owned)
-        throw std::runtime_error(name + " did not appear on the session bus; see " + dir_.path().string() + "/logs");
+        throw std::runtime_error(name + " did not appear on the session bus; see " + log.string());
 }
 
 void wayland_desktop::export_environment() const
@@ -436,16 +507,29 @@ void wayland_desktop::restart_portal_backend()
     start_portal_backend();
 }
 
-void wayland_desktop::open_window(const std::string& title, const std::string& colour)
+void wayland_desktop::open_window(const std::string& title, const std::string& colour, int width, int height)
 {
+    std::filesystem::path shown = dir_.path() / ("shown-" + title);
+    std::filesystem::remove(shown);
     obs::child_process::options options;
-    options.argv = {"foot", "--title=" + title, "--app-id=" + title, "-o", "colors.background=" + colour.substr(1),
-                    "-o", "locked-title=yes", "-e", "sleep", "infinity"};
+    options.argv = {"/usr/bin/python3",    ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
+                    std::to_string(height), shown.string(),         (dir_.path() / ("size-of-" + title)).string()};
     options.environment = environment_;
     options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
     options.new_process_group = true;
     options.quiet = true;
     windows_.emplace_back(title, std::make_unique<obs::child_process>(options));
+    // A picker opened before the window is on the screen would not offer it.
+    if (!eventually([&] { return std::filesystem::exists(shown); }, start_limit, 50ms))
+        throw std::runtime_error("the window " + title + " did not appear");
+}
+
+void wayland_desktop::resize_window(const std::string& title, int width, int height)
+{
+    std::ofstream(dir_.path() / ("size-of-" + title)) << width << "x" << height << "\n";
+    for (const auto& [name, window] : windows_)
+        if (name == title)
+            ::kill(window->pid(), SIGUSR1);
 }
 
 void wayland_desktop::close_window(const std::string& title)

@@ -55,8 +55,9 @@ public:
     static std::vector<output> default_outputs(kind desktop);
     /// "sway", "GNOME", "KDE Plasma".
     static std::string name(kind desktop);
-    /// The programs the desktop needs that are not installed (empty: it can run).
-    static std::vector<std::string> missing_programs(kind desktop);
+    /// The Debian packages the desktop needs (programs, plug-ins, fonts) that are not
+    /// installed (empty: it can run). The constructor refuses to start without them.
+    static std::vector<std::string> missing_packages(kind desktop);
 
     wayland_desktop() : wayland_desktop(options{}) {}
     /// Starts the whole stack; throws std::runtime_error when a part does not come up.
@@ -76,7 +77,8 @@ public:
     kind desktop() const { return options_.desktop; }
     const std::vector<output>& outputs() const { return options_.outputs; }
     /// What the picker answers from now on: an output (or window) name, "" (the user
-    /// cancels), or "slow" (nothing, after 5 s). On GNOME and KDE a name picks the row
+    /// cancels), "slow" (nothing, after 5 s) or, on sway, "delay N NAME" (NAME after N
+    /// seconds). On GNOME and KDE a name picks the row
     /// showing it, else the first row.
     void choose(const std::string& output_name);
     /// Why the tests cannot answer this desktop's picker headless; empty where they can.
@@ -93,9 +95,13 @@ public:
     bool resize_output(const std::string& name, int width, int height);
     /// Kills the portal backend (every cast it serves ends) and starts a fresh one.
     void restart_portal_backend();
-    /// Starts a window on the desktop with this title, filled with colour ("#rrggbb");
-    /// it lives until close_window() or the desktop's end.
-    void open_window(const std::string& title, const std::string& colour);
+    /// Starts a window on the desktop with this title, width x height pixels without
+    /// decorations, all of it colour ("#rrggbb") (tests/support/wayland/window.py), and
+    /// returns once it is on the screen; it lives until close_window() or the desktop's
+    /// end. Throws std::runtime_error when it does not appear.
+    void open_window(const std::string& title, const std::string& colour, int width = 640, int height = 400);
+    /// Gives an open window another size, as a user dragging its corner would.
+    void resize_window(const std::string& title, int width, int height);
     void close_window(const std::string& title);
 
     const std::filesystem::path& directory() const { return dir_.path(); }
@@ -123,6 +129,8 @@ private:
     std::unique_ptr<session_bus> system_bus_;
     // In start order; stopped in reverse.
     std::vector<std::unique_ptr<obs::child_process>> processes_;
+    /// The log of the program started last (the owner of the bus name waited for next).
+    std::string last_log_;
     obs::child_process* portal_backend_ = nullptr;
     std::vector<std::pair<std::string, std::unique_ptr<obs::child_process>>> windows_;
 };

@@ -1,6 +1,7 @@
 // The child process helper the media worker handle and the test fixtures are built on.
 
 #include "core/obs/child_process.hpp"
+#include "core/obs/media_limits.hpp"
 
 #include <gtest/gtest.h>
 
@@ -37,6 +38,23 @@ std::string read_all(int fd, std::chrono::milliseconds timeout = 10s)
             return text;
         text.append(chunk, static_cast<std::size_t>(got));
     }
+}
+
+// The child's first line, without its end; what came by the deadline otherwise.
+std::string read_line(int fd, std::chrono::milliseconds timeout = 10s)
+{
+    std::string line;
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    char next = 0;
+    while (next != '\n') {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd entry{fd, POLLIN, 0};
+        if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) <= 0 || ::read(fd, &next, 1) != 1)
+            return line;
+        if (next != '\n')
+            line += next;
+    }
+    return line;
 }
 
 child_process::options shell(const std::string& script)
@@ -81,6 +99,35 @@ TEST(ChildProcess, KillIsReportedAndWaitIsBounded)
     EXPECT_EQ(child_process::describe(*status), "killed by signal SIGTERM");
     EXPECT_FALSE(sleeper.kill(SIGTERM)) << "a reaped child is not signalled";
     EXPECT_EQ(::kill(sleeper.pid(), 0), -1);
+}
+
+TEST(ChildProcess, AStoppedChildIsEndedWithinTheKillBound)
+{
+    // A frozen worker that ignores SIGTERM: stopped, nothing it could do ends it. (A child
+    // the kernel cannot end at all, stuck in an uninterruptible wait, cannot be made here;
+    // kill_and_wait leaves such a one to the kernel after the bound.)
+    auto options = shell("trap '' TERM; echo ignoring; exec sleep 60");
+    child_process frozen(options);
+    ASSERT_EQ(read_line(frozen.stdout_fd()), "ignoring");
+    ASSERT_EQ(::kill(frozen.pid(), SIGSTOP), 0);
+    EXPECT_TRUE(frozen.kill(SIGTERM));
+    EXPECT_FALSE(frozen.wait_for(200ms)) << "a child ignoring SIGTERM ended on it";
+    auto begun = std::chrono::steady_clock::now();
+    auto status = frozen.kill_and_wait();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, limits::kill);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(child_process::describe(*status), "killed by signal SIGKILL");
+    EXPECT_EQ(frozen.kill_and_wait(), status) << "a second wait finds the same end";
+
+    // Its owner's destruction is bounded the same way.
+    auto owned = std::make_unique<child_process>(options);
+    pid_t pid = owned->pid();
+    ASSERT_EQ(read_line(owned->stdout_fd()), "ignoring");
+    ASSERT_EQ(::kill(pid, SIGSTOP), 0);
+    begun = std::chrono::steady_clock::now();
+    owned.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, limits::kill);
+    EXPECT_EQ(::kill(pid, 0), -1);
 }
 
 TEST(ChildProcess, InheritsOnlyTheStandardStreamsAndPassedDescriptors)

@@ -415,18 +415,22 @@ TEST_F(WarmWorkers, AKeyDeactivatedAMomentAgoCanBeStreamedToAgain)
     EXPECT_TRUE(listed_active("audio", speakers));
 }
 
+// A stream order's bound derives from the bounds of the steps it waits for; these are
+// shortened here, so a frozen worker is given up on soon.
+void short_stream_steps(client_options& options)
+{
+    test_timings(options);
+    options.media.stream.portal_start_limit = 1s;
+    options.media.stream.source_size_limit = 1s;
+    options.media.stream.output_start_limit = 2s;
+}
+
 class FrozenWorker : public Streams {
 protected:
-    FrozenWorker()
-        : Streams([](client_options& options) {
-              test_timings(options);
-              options.media.stream.call_timeout = 3s;
-          })
-    {
-    }
+    FrozenWorker() : Streams(short_stream_steps) {}
 };
 
-TEST_F(FrozenWorker, AStartWhoseWorkerFreezesFailsWithinTheCallTimeAndTheClientServesOn)
+TEST_F(FrozenWorker, AStartWhoseWorkerFreezesFailsWithinItsBoundAndTheClientServesOn)
 {
     std::string screen = source_id("screen");
     // The screen's start waits on a silent ingest; its worker is frozen meanwhile.
@@ -438,8 +442,11 @@ TEST_F(FrozenWorker, AStartWhoseWorkerFreezesFailsWithinTheCallTimeAndTheClientS
     ASSERT_EQ(workers.size(), 1u);
     ASSERT_EQ(::kill(workers.front(), SIGSTOP), 0);
 
-    // The start is answered "Failure" once the call time passes, and the worker is killed.
-    auto reply = service.wait_for_reply(*state, deadline);
+    // The start is answered "Failure" once its bound passes, and the worker is killed.
+    client_options shortened;
+    short_stream_steps(shortened);
+    auto bound = obs::stream_start_limit(shortened.media.stream.steps());
+    auto reply = service.wait_for_reply(*state, bound + deadline);
     ASSERT_TRUE(reply);
     EXPECT_EQ(reply->message["payload"]["status"], "Failure") << reply->message;
     EXPECT_TRUE(eventually([&] { return test::process_gone(workers.front()); })) << "the frozen worker was left";

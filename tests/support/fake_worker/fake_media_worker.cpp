@@ -12,13 +12,25 @@
 //   "started-garbage"  reports the stream started, then writes garbage
 //   "hang-on-shutdown" reports the stream started, then never answers the shutdown
 //                      nor ends by itself (SIGTERM ignored): only SIGKILL ends it
+//   "picker-N"         stands for a desktop whose user answers the screen-share picker
+//                      after N ms: started then, or, when N is past the worker's
+//                      --portal-start-limit-ms, not started once that limit has passed
+//                      (as the real worker gives up on the picker)
+//
+// ORBWEAVE_FAKE_WORKER_START_MS=N makes its start-up (libobs's, in the real worker) take
+// N ms before it reports itself ready.
 //
 // Test-only: never installed.
 
 #include "core/obs/entries.hpp"
 #include "core/obs/pipe_protocol.hpp"
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
 
 #include <unistd.h>
 
@@ -50,8 +62,15 @@ void write_endless_line()
 
 } // namespace
 
-int main()
+int main(int argc, char** argv)
 {
+    long long portal_limit_ms = 120000;
+    for (int i = 1; i + 1 < argc; ++i)
+        if (!std::strcmp(argv[i], "--portal-start-limit-ms"))
+            portal_limit_ms = std::atoll(argv[i + 1]);
+    // The time taken is what is simulated here, so it is slept through.
+    if (const char* start_ms = std::getenv("ORBWEAVE_FAKE_WORKER_START_MS"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::atoll(start_ms)));
     send(obs::pipe::ok_reply(nullptr));
     bool hang_on_shutdown = false;
     std::string text;
@@ -92,6 +111,15 @@ int main()
                 write_endless_line();
             } else if (key == "exit") {
                 ::_exit(3);
+            } else if (key.rfind("picker-", 0) == 0) {
+                long long answered_ms = std::atoll(key.c_str() + 7);
+                std::this_thread::sleep_for(std::chrono::milliseconds(std::min(answered_ms, portal_limit_ms)));
+                obs::pipe::stream_result result;
+                result.started = answered_ms <= portal_limit_ms;
+                if (!result.started)
+                    result.error = "the desktop did not start the screen cast within " +
+                                   std::to_string(portal_limit_ms / 1000) + " s";
+                send(obs::pipe::ok_reply(result.to_json()));
             } else {
                 obs::pipe::stream_result started;
                 started.started = true;
