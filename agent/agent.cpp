@@ -40,6 +40,7 @@ bool agent::start(const std::function<bool()>& cancelled)
     client_options settings;
     settings.transport.ca_file = options_.ca_file;
     command_line::use_capture_route(options_.capture, settings);
+    command_line::use_stream_limit(options_.max_streams, settings);
     settings.media.restore_tokens = options_.state_dir + "/restore-tokens.json";
     settings.media.warm = true;
     client_ = orbweave_client::create(options_.service_url, settings);

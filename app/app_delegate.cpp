@@ -2,6 +2,7 @@
 
 #include "core/bandwidth_probe.hpp"
 #include "core/log.hpp"
+#include "core/obs/restore_tokens.hpp"
 
 #include <QMetaObject>
 
@@ -210,6 +211,9 @@ void app_delegate::sign_out()
     // The connector runs these once the client has stopped, and the connect after them.
     if (connector_)
         connector_->post([this] {
+            // The desktop's screen-cast consent goes with the pairing; the client has
+            // stopped, so no start in flight can bring a token back.
+            obs::restore_tokens(settings_.client.media.restore_tokens).forget();
             set_activity(activity::none);
             bus_.post(events::view_show, QStringLiteral("setupViewController"));
             bus_.post(events::window_show);

@@ -68,7 +68,7 @@ public:
     /// it. Returns at once; the future is ready once the client has stopped.
     std::future<void> disconnect_service();
     /// Signing out (the user's, or the service's reset): every preference, the secret and
-    /// the autostart entry go at once; the client stops off the GUI thread (the interface
+    /// the autostart entry go at once, the screen-cast restore tokens once the client has stopped; the client stops off the GUI thread (the interface
     /// shows activity::signing_out meanwhile), then the setup view shows and the client
     /// reconnects unpaired. On the GUI thread; returns at once.
     void sign_out();

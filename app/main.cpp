@@ -2,6 +2,7 @@
 // service, and asks the user before the service may use a source.
 
 #include "app/app_delegate.hpp"
+#include "app/audio_server_process.hpp"
 #include "app/autostart.hpp"
 #include "app/default_output.hpp"
 #include "app/event_bus.hpp"
@@ -19,9 +20,6 @@
 #include "ui/status_menu.hpp"
 
 #include <QApplication>
-#include <QFileInfo>
-#include <QProcess>
-#include <QStandardPaths>
 
 #include <iostream>
 #include <stdexcept>
@@ -35,20 +33,6 @@ std::string usage()
            "devices and cameras, with your consent. The protocol log goes to standard error.\n\n"
            "Options:\n" +
            orbweave::command_line::common_usage();
-}
-
-/// The virtual output device's server: beside this program first, then on PATH. It lives
-/// on its own and leaves alone an output that exists already; a missing one is not fatal.
-void start_audio_server()
-{
-    const QString name = QStringLiteral("orbweave-audio-server");
-    QString beside = QFileInfo(QCoreApplication::applicationFilePath()).absolutePath() + "/" + name;
-    QString program = QFileInfo(beside).isExecutable() ? beside : QStandardPaths::findExecutable(name);
-    QProcess server;
-    server.setProgram(program);
-    server.setStandardOutputFile(QProcess::nullDevice()); // its "ready" line is for tests
-    if (program.isEmpty() || !server.startDetached())
-        orbweave::log::line("orbweave-audio-server was not found; there is no virtual audio output");
 }
 
 } // namespace
@@ -88,7 +72,8 @@ int main(int argc, char** argv)
     if (instance.started_as() == app::single_instance::role::second)
         return 0;
 
-    start_audio_server();
+    // Ends with the app (its destructor, after the event loop), unloading its device.
+    app::audio_server_process audio_server;
     app::preferences preferences;
     app::secret_keeper secrets(preferences);
     app::autostart launch_at_login(bus, QCoreApplication::applicationFilePath());
@@ -97,6 +82,10 @@ int main(int argc, char** argv)
     settings.bitrate = options.bitrate;
     settings.client.transport.ca_file = options.ca_file;
     command_line::use_capture_route(options.capture, settings.client);
+    std::optional<int> max_streams = options.max_streams;
+    if (!max_streams && preferences.max_streams() > 0)
+        max_streams = static_cast<int>(preferences.max_streams());
+    command_line::use_stream_limit(max_streams, settings.client);
     settings.client.media.restore_tokens = app::state_home().toStdString() + "/orbweave/restore-tokens.json";
     settings.client.media.warm = true;
     app::app_delegate delegate(bus, preferences, secrets, settings);

@@ -1,5 +1,7 @@
 #include "app/preferences.hpp"
 
+#include "core/obs/stream_limit.hpp"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -153,6 +155,17 @@ bool preferences::ignore_audio_device_events() const
 void preferences::set_ignore_audio_device_events(bool ignore)
 {
     store(keys::ignore_audio_device_events, ignore);
+}
+
+unsigned preferences::max_streams() const
+{
+    unsigned count = unsigned_at(keys::max_streams, 0);
+    return count <= static_cast<unsigned>(obs::highest_stream_limit) ? count : 0;
+}
+
+void preferences::set_max_streams(unsigned count)
+{
+    store(keys::max_streams, count);
 }
 
 void preferences::reset()

@@ -27,6 +27,7 @@ inline constexpr const char* has_set_permissions = "clientHasSetPermissions";
 inline constexpr const char* shown_first_close_message = "clientShownFirstCloseMessage";
 inline constexpr const char* profile = "clientProfile";
 inline constexpr const char* ignore_audio_device_events = "clientIgnoreAudioDeviceEvents";
+inline constexpr const char* max_streams = "clientMaxStreams";
 } // namespace keys
 
 /// What the user chose for a kind of source; the number is the permissions view's item.
@@ -66,6 +67,10 @@ public:
     void set_profile(unsigned level);
     bool ignore_audio_device_events() const;
     void set_ignore_audio_device_events(bool ignore);
+    /// At most this many streams at once; 0 (the default, and any value out of range):
+    /// as many as the machine carries. Read at launch; --max-streams overrides it.
+    unsigned max_streams() const;
+    void set_max_streams(unsigned count);
 
     /// Removes every stored value: the file itself goes, and every key reads its default.
     void reset();

@@ -2,9 +2,10 @@
 // alert can ask the user to choose. It creates a null sink described "Orbweave
 // Virtual Audio Driver" (vendor "ORBVirtualAudio") and loops its monitor back to
 // the output that was the default, so the user still hears what plays there; it
-// keeps both while it runs and unloads them on SIGTERM or SIGINT. When the device
-// exists already, or no sound server answers, it says so and ends without touching
-// anything.
+// keeps both while it runs and unloads them on SIGTERM or SIGINT, making the output
+// that was the default the default again if the virtual one had become it. When the
+// device exists already, or no sound server answers, it says so and ends without
+// touching anything.
 //
 //   orbweave-audio-server     prints "ready orbweave_virtual" once the device exists
 
@@ -29,6 +30,19 @@ using orbweave::log::line;
 constexpr const char* sink_name = "orbweave_virtual";
 constexpr const char* description = "Orbweave Virtual Audio Driver";
 constexpr const char* vendor = "ORBVirtualAudio";
+
+/// Blocks SIGTERM and SIGINT, so that they wait, pending, for the loop to read them:
+/// a module loaded on the server stays after its client has gone, so a signal must never
+/// end the program between loading the device and unloading it.
+sigset_t block_stop_signals()
+{
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGTERM);
+    sigaddset(&stop_signals, SIGINT);
+    sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
+    return stop_signals;
+}
 
 /// One connection to the sound server, driven synchronously step by step.
 class pulse {
@@ -107,22 +121,23 @@ public:
         return index;
     }
 
+    void set_default_sink(const std::string& name)
+    {
+        finish(pa_context_set_default_sink(context_, name.c_str(), nullptr, nullptr));
+    }
+
     void unload(std::uint32_t index)
     {
         if (index != PA_INVALID_INDEX)
             finish(pa_context_unload_module(context_, index, nullptr, nullptr));
     }
 
-    /// Runs until SIGTERM or SIGINT, or until the server goes away. The signals arrive
-    /// through a signalfd watched by the loop, which stays usable afterwards, so what was
-    /// loaded can be unloaded.
+    /// Runs until SIGTERM or SIGINT (blocked by block_stop_signals()), or until the server
+    /// goes away. The signals arrive through a signalfd watched by the loop, which stays
+    /// usable afterwards, so what was loaded can be unloaded.
     void run_until_signalled()
     {
-        sigset_t stop_signals;
-        sigemptyset(&stop_signals);
-        sigaddset(&stop_signals, SIGTERM);
-        sigaddset(&stop_signals, SIGINT);
-        sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
+        sigset_t stop_signals = block_stop_signals();
         int fd = signalfd(-1, &stop_signals, SFD_CLOEXEC);
         bool stop = fd < 0;
         pa_mainloop_api* api = pa_mainloop_get_api(loop_);
@@ -154,6 +169,7 @@ int main(int argc, char** argv)
         std::printf("orbweave-audio-server %s\n", orbweave::client_version);
         return 0;
     }
+    block_stop_signals();
     pulse server;
     if (!server.connect()) {
         line("orbweave-audio-server: no sound server answers; no virtual output");
@@ -179,6 +195,10 @@ int main(int argc, char** argv)
     std::fflush(stdout);
 
     server.run_until_signalled();
+    // The user chose the virtual output (as the audio alert asks): the output they had
+    // before is the default again, rather than whichever the sound server would pick.
+    if (!previous.empty() && server.default_sink() == sink_name)
+        server.set_default_sink(previous);
     server.unload(loopback);
     server.unload(sink);
     return 0;

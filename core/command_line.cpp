@@ -1,6 +1,7 @@
 #include "core/command_line.hpp"
 
 #include "core/log.hpp"
+#include "core/obs/stream_limit.hpp"
 #include "core/orbweave_client.hpp"
 #include "core/websocket/tls.hpp"
 
@@ -22,6 +23,21 @@ std::int32_t parse_bitrate(const std::string& text)
     if (used != text.size() || text.empty() || value <= 0 || value > 1000000)
         throw std::invalid_argument("--bitrate needs a whole number of kbps between 1 and 1000000, not '" + text + "'");
     return static_cast<std::int32_t>(value);
+}
+
+int parse_max_streams(const std::string& text)
+{
+    std::size_t used = 0;
+    long value = 0;
+    try {
+        value = std::stol(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used != text.size() || text.empty() || value < 1 || value > obs::highest_stream_limit)
+        throw std::invalid_argument("--max-streams needs a whole number between 1 and " +
+                                    std::to_string(obs::highest_stream_limit) + ", not '" + text + "'");
+    return static_cast<int>(value);
 }
 
 } // namespace
@@ -57,6 +73,8 @@ common_options parse(const std::vector<std::string>& arguments, const extra_opti
             result.ca_file = value();
         else if (name == "--bitrate")
             result.bitrate = parse_bitrate(value());
+        else if (name == "--max-streams")
+            result.max_streams = parse_max_streams(value());
         else if (name == "--capture") {
             std::string mode = value();
             auto route = obs::parse_capture_route(mode);
@@ -81,6 +99,19 @@ void use_capture_route(obs::capture_route requested, client_options& client)
     client.media.stream.capture = route;
 }
 
+void use_stream_limit(std::optional<int> requested, client_options& client)
+{
+    if (requested) {
+        client.media.max_streams = *requested;
+        log::line("At most " + std::to_string(*requested) + " streams at once, as set");
+        return;
+    }
+    obs::machine_resources machine = obs::this_machine();
+    client.media.max_streams = obs::stream_limit_for(machine);
+    log::line("At most " + std::to_string(client.media.max_streams) + " streams at once, from " +
+              obs::describe_stream_limit(machine) + " (--max-streams sets another limit)");
+}
+
 std::string common_usage()
 {
     return "  --service URL     the service's client endpoint (default " + std::string(default_service_url) +
@@ -89,6 +120,8 @@ std::string common_usage()
            "  --bitrate KBPS    stream bitrate; skips the bandwidth probe\n"
            "  --capture MODE    how screens are captured: auto (by the session), x11, or\n"
            "                    portal (the desktop portal and PipeWire, for Wayland)\n"
+           "  --max-streams N   at most N streams at once (default: from the machine's\n"
+           "                    memory and cores)\n"
            "  --help            show this text\n"
            "  --version         show the version\n";
 }

@@ -27,6 +27,8 @@ struct common_options {
     std::optional<std::int32_t> bitrate;
     /// --capture auto|x11|portal: how screens are captured (auto: by the session).
     obs::capture_route capture = obs::capture_route::automatic;
+    /// --max-streams N: at most N streams at once (default: what the machine can carry).
+    std::optional<int> max_streams;
     bool show_help = false;
     bool show_version = false;
 };
@@ -45,6 +47,10 @@ common_options parse(const std::vector<std::string>& arguments, const extra_opti
 /// Resolves the capture route for this session, logs it once, and hands it to every
 /// media worker the client will start.
 void use_capture_route(obs::capture_route requested, client_options& client);
+
+/// Sets the limit of streams at once: requested where given, else derived from the
+/// machine's memory and cores; logs it once.
+void use_stream_limit(std::optional<int> requested, client_options& client);
 
 /// The help lines of the common options, aligned like the front ends' own.
 std::string common_usage();

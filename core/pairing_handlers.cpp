@@ -30,7 +30,7 @@ void code_handler::handle(const websocket::connection&, const Json& message)
         app_.new_code(code);
 }
 
-ready_handler::ready_handler(app_callbacks& app, const obs::worker_manager& media)
+ready_handler::ready_handler(app_callbacks& app, obs::worker_manager& media)
     : message_handler("ready"), app_(app), media_(media)
 {
 }
@@ -42,6 +42,8 @@ void ready_handler::handle(const websocket::connection&, const Json& message)
         json::string_at(message, {"payload", "owner", "displayName"}),
         json::string_at(message, {"payload", "owner", "avatar"}),
     };
+    // Before anything can be activated under this pairing.
+    media_.paired_with(ready.displayName);
     app_.state_changed(media_.is_empty() ? callback::state_type::connected : callback::state_type::streaming);
     app_.ready(ready);
 }
@@ -54,6 +56,7 @@ reset_handler::reset_handler(app_callbacks& app, obs::worker_manager& media)
 void reset_handler::handle(const websocket::connection& connection, const Json&)
 {
     media_.clear();
+    media_.forget_consent();
     app_.reset();
     app_.state_changed(callback::state_type::disconnected);
     connection.send(code_request_without_secret());

@@ -2,7 +2,8 @@
 
 // The pairing conversation: the service sends a code to show ("code"), the
 // owner's details and the machine's secret once the code is claimed ("ready"),
-// and undoes the pairing with "reset".
+// and undoes the pairing with "reset". The desktop's screen-cast consent goes with the
+// pairing: a reset, or a pairing with another account, forgets it.
 
 #include "core/app_callbacks.hpp"
 #include "core/websocket/message_handler.hpp"
@@ -29,12 +30,12 @@ private:
 
 class ready_handler final : public websocket::message_handler {
 public:
-    ready_handler(app_callbacks& app, const obs::worker_manager& media);
+    ready_handler(app_callbacks& app, obs::worker_manager& media);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
     app_callbacks& app_;
-    const obs::worker_manager& media_;
+    obs::worker_manager& media_;
 };
 
 class reset_handler final : public websocket::message_handler {

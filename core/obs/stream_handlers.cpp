@@ -94,6 +94,12 @@ void activate_handler::handle(const websocket::connection& connection, const Jso
 void activate_handler::ask_and_start(const websocket::connection& connection, const websocket::envelope& to,
                                      const activate_request& request, const source_entry& entry)
 {
+    // Nobody is asked about a stream that could not start; the limit is checked again
+    // once the answer comes, since streams may have started meanwhile.
+    if (std::string refused = media_.refusal(); !refused.empty()) {
+        log::line("The stream did not start: ", refused);
+        return send_reply(connection, to, failure(refused));
+    }
     auto start = [this, connection, to, request, entry](bool allowed) {
         if (!allowed)
             return send_reply(connection, to, status("Rejected"));

@@ -2,6 +2,7 @@
 
 #include "core/log.hpp"
 #include "core/obs/media_limits.hpp"
+#include "core/obs/stream_limit.hpp"
 
 #include <algorithm>
 #include <stdexcept>
@@ -43,7 +44,9 @@ worker::options worker_manager::stream_worker_options()
 worker_manager::worker_manager(post_function post) : worker_manager(std::move(post), options{}) {}
 
 worker_manager::worker_manager(post_function post, options options)
-    : options_(std::move(options)), post_(std::move(post)), tokens_(options_.restore_tokens),
+    : options_(std::move(options)),
+      max_streams_(options_.max_streams > 0 ? options_.max_streams : stream_limit_for(this_machine())),
+      post_(std::move(post)), tokens_(options_.restore_tokens),
       listing_thread_(std::make_unique<serial_executor>())
 {
     if (!options_.warm)
@@ -96,6 +99,11 @@ void worker_manager::activate(activate_request request, source_entry source, int
     std::lock_guard<std::mutex> lock(mutex_);
     if (closing_)
         return;
+    // Before anything changes: a refused activation cancels or replaces nothing.
+    if (std::string refused = refusal_locked(); !refused.empty()) {
+        report([done, refused] { done({false, refused, false, false}); });
+        return;
+    }
     for (auto& [generation, record] : streams_)
         if (record->id == request.source.id && record->state == stream::phase::starting)
             cancel_locked(*record, "superseded by a later activation");
@@ -182,10 +190,12 @@ worker_manager::activation worker_manager::start_stream(stream& record, worker& 
     }
     const std::string& id = request.source.id;
     bool has_video = entry_kind(source) != source_type::audio;
+    std::uint64_t consent = tokens_.consent();
     pipe::stream_result result = process.stream(pipe::stream_order::of(request, std::move(source), bitrate, tokens_.get(id)));
-    // The old token was used up by this start; the desktop hands out a new one.
+    // The old token was used up by this start; the desktop hands out a new one (unless the
+    // pairing it was granted under has gone meanwhile).
     if (!result.restore_token.empty())
-        tokens_.put(id, result.restore_token);
+        tokens_.put(id, result.restore_token, consent);
     if (spare_ && result.started && has_video && result.width > 0 && result.height > 0)
         spare_->prefer_canvas(result.width, result.height);
     return {result.started, result.error, result.rejected, false};
@@ -307,6 +317,30 @@ void worker_manager::report_streams_locked()
         return;
     streams_told_ = running;
     report([handler = streams_handler_, running = std::move(running)] { handler(running); });
+}
+
+std::string worker_manager::refusal() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return refusal_locked();
+}
+
+std::string worker_manager::refusal_locked() const
+{
+    // Streams still stopping count too: their workers are alive until they have stopped.
+    if (streams_.size() < max_streams_)
+        return {};
+    return "too many streams: at most " + std::to_string(max_streams_) + " run at once on this machine";
+}
+
+void worker_manager::forget_consent()
+{
+    tokens_.forget();
+}
+
+void worker_manager::paired_with(const std::string& account)
+{
+    tokens_.paired_with(account);
 }
 
 bool worker_manager::is_empty() const

@@ -39,6 +39,9 @@ public:
         worker::options stream = stream_worker_options();
         /// Where the portal's restore tokens are kept (per source id); "" keeps none.
         std::string restore_tokens;
+        /// At most this many streams at once, counting those still starting or stopping
+        /// (each holds a worker); 0 derives it from the machine (stream_limit_for).
+        int max_streams = 0;
         /// Start the listing worker at once, and keep one stream worker started ahead of
         /// the next activation (the spare), so neither a first list nor an activation
         /// waits for a worker to start. The front ends turn it on.
@@ -107,6 +110,9 @@ public:
     deactivation deactivate(const deactivate_request& request);
     /// Stops every stream in the background.
     void clear();
+    /// Why no stream may start now ("" when one may): the limit of streams at once is
+    /// reached. An activation past it is answered at once and starts no worker.
+    std::string refusal() const;
     /// Whether no stream runs.
     bool is_empty() const;
     /// The source ids streaming now.
@@ -120,6 +126,13 @@ public:
     /// Asks the listing worker for that one source on the listing thread; done gets the
     /// result through post.
     void find_source(source_ref source, std::function<void(const lookup&)> done);
+
+    /// The pairing has gone (reset, sign-out): the desktop's screen-cast consent (every
+    /// restore token) goes with it, so the desktop's picker asks again.
+    void forget_consent();
+    /// The client is paired with account (the owner's name, as the service gives it):
+    /// consent given while paired with another account is forgotten.
+    void paired_with(const std::string& account);
 
     /// Set before the first activation; called through post.
     void set_stream_ended_handler(ended_handler handler);
@@ -146,6 +159,7 @@ private:
     /// A running stream ended by itself: it stops, and the owner hears of it.
     void end_locked(stream& record, const std::string& reason);
     bool any_running_locked() const;
+    std::string refusal_locked() const;
     /// No earlier stream to record's destination is still stopping.
     bool destination_released_locked(const stream& record) const;
     /// Tells the streams handler of the running streams when they differ from the last told.
@@ -158,6 +172,7 @@ private:
     Json marked(const std::vector<source_entry>& entries) const;
 
     const options options_;
+    const std::size_t max_streams_;
     const post_function post_;
     restore_tokens tokens_;
 

@@ -3,6 +3,7 @@
 #include "agent/secret_store.hpp"
 #include "agent/terminal_prompt.hpp"
 #include "core/obs/child_process.hpp"
+#include "core/obs/stream_limit.hpp"
 #include "tests/support/blocking_queue.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/scoped_environment.hpp"
@@ -57,7 +58,8 @@ TEST(CaptureRoute, TheSessionDecidesUnlessForced)
 TEST(AgentOptions, AllowAskBitrateAndDefaults)
 {
     options parsed = parse_options({"--allow", "screen,audio", "--ask", "--bitrate=2500", "--state-dir", "/x",
-                                    "--service", "wss://127.0.0.1:9/api/client", "--ca-file", "/ca.pem"});
+                                    "--service", "wss://127.0.0.1:9/api/client", "--ca-file", "/ca.pem",
+                                    "--max-streams", "3"});
     EXPECT_EQ(parsed.permissions.decide(source_type::screen), decision::allow);
     EXPECT_EQ(parsed.permissions.decide(source_type::audio), decision::allow);
     EXPECT_EQ(parsed.permissions.decide(source_type::window), decision::ask);
@@ -65,6 +67,7 @@ TEST(AgentOptions, AllowAskBitrateAndDefaults)
     EXPECT_EQ(parsed.bitrate, 2500);
     EXPECT_EQ(parsed.state_dir, "/x");
     EXPECT_EQ(parsed.ca_file, "/ca.pem");
+    EXPECT_EQ(parsed.max_streams, 3);
 
     // By default nothing is allowed, and the build's service is used.
     options defaults = parse_options({});
@@ -72,6 +75,19 @@ TEST(AgentOptions, AllowAskBitrateAndDefaults)
     EXPECT_FALSE(defaults.bitrate);
     EXPECT_EQ(defaults.permissions.decide(source_type::screen), decision::deny);
     EXPECT_EQ(defaults.capture, obs::capture_route::automatic);
+    EXPECT_FALSE(defaults.max_streams) << "the limit comes from the machine";
+}
+
+// The limit of streams at once follows the machine: two streams a core, and half the
+// memory at 235 MB a stream, whichever is less; never below one.
+TEST(AgentOptions, TheLimitOfStreamsComesFromCoresAndMemory)
+{
+    constexpr std::uint64_t gb = 1000ull * 1000 * 1000;
+    EXPECT_EQ(obs::stream_limit_for({24 * gb, 2}), 4) << "cores bound";
+    EXPECT_EQ(obs::stream_limit_for({2 * gb, 16}), 4) << "memory bound";
+    EXPECT_EQ(obs::stream_limit_for({gb / 4, 1}), 1) << "at least one";
+    EXPECT_EQ(obs::stream_limit_for({0, 8}), 16) << "unknown memory does not limit";
+    EXPECT_GE(obs::stream_limit_for(obs::this_machine()), 1);
 }
 
 TEST(AgentOptions, BadArgumentsAreRejectedWithAReason)
@@ -89,6 +105,8 @@ TEST(AgentOptions, BadArgumentsAreRejectedWithAReason)
         {{"--service", "http://example.invalid/"}, "--service needs a wss:// URL"},
         {{"--frobnicate"}, "unknown argument '--frobnicate'"},
         {{"--capture", "wayland"}, "--capture needs auto, x11 or portal, not 'wayland'"},
+        {{"--max-streams", "0"}, "--max-streams needs a whole number between 1 and 1000, not '0'"},
+        {{"--max-streams", "many"}, "--max-streams needs a whole number"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason);

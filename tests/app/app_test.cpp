@@ -3,6 +3,7 @@
 #include "app/preferences.hpp"
 #include "app/secret_keeper.hpp"
 #include "core/obs/child_process.hpp"
+#include "core/obs/restore_tokens.hpp"
 #include "core/orbweave_client.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
@@ -10,6 +11,9 @@
 #include "tests/support/session_bus.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/media_fixtures.hpp"
+#include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/scoped_environment.hpp"
 #include "tests/support/processes.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
@@ -75,12 +79,14 @@ TEST(Preferences, DefaultsCorruptValuesAndReset)
     EXPECT_EQ(fresh.username(), "");
     EXPECT_FALSE(fresh.has_set_permissions());
     EXPECT_FALSE(fresh.ignore_audio_device_events());
+    EXPECT_EQ(fresh.max_streams(), 0u) << "as many as the machine carries";
 
     fresh.set_secret("s3cr3t");
     fresh.set_owner("Ann", "https://avatars.invalid/ann.png");
     fresh.set_permission(source_type::window, 0);
     fresh.set_profile(3);
     fresh.set_has_set_permissions(true);
+    fresh.set_max_streams(2);
     struct stat file {};
     ASSERT_EQ(::stat(dir.file("orbweave.conf").c_str(), &file), 0);
     EXPECT_EQ(file.st_mode & 0777, 0600u) << "the file holds the secret";
@@ -94,16 +100,19 @@ TEST(Preferences, DefaultsCorruptValuesAndReset)
     QSettings raw(QString::fromStdString(dir.file("orbweave.conf")), QSettings::IniFormat);
     EXPECT_EQ(raw.value("clientPermissionWindow").toString(), "0");
     EXPECT_EQ(raw.value("clientHasSetPermissions").toString(), "true");
+    EXPECT_EQ(raw.value("clientMaxStreams").toString(), "2");
 
     // Values that are not what their key holds read as the defaults.
     raw.setValue("clientPermissionAudio", "banana");
     raw.setValue("clientProfile", "-1");
     raw.setValue("clientHasSetPermissions", "maybe");
+    raw.setValue("clientMaxStreams", "1001");
     raw.sync();
     preferences corrupt(QString::fromStdString(dir.file("orbweave.conf")));
     EXPECT_EQ(corrupt.permission_value(source_type::audio), 2u);
     EXPECT_EQ(corrupt.profile(), 1u);
     EXPECT_FALSE(corrupt.has_set_permissions());
+    EXPECT_EQ(corrupt.max_streams(), 0u);
 
     corrupt.reset();
     EXPECT_FALSE(std::filesystem::exists(dir.file("orbweave.conf")));
@@ -145,9 +154,19 @@ protected:
         service.identity().write(dir.path());
         settings.service_url = service.url();
         settings.client = test::fast_client_options(dir.file("ca.pem"));
+        settings.client.media.restore_tokens = tokens;
+    }
+
+    /// The desktop's consent to cast a screen, as a start would have kept it.
+    void grant_screen_cast()
+    {
+        obs::restore_tokens kept(tokens);
+        kept.put("screen-1", "token-1", kept.consent());
+        ASSERT_EQ(obs::restore_tokens(tokens).get("screen-1"), "token-1");
     }
 
     test::temp_dir dir;
+    const std::string tokens = dir.file("state/restore-tokens.json");
     sim::service_sim service;
     event_bus bus;
     preferences stored;
@@ -236,6 +255,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     };
     ASSERT_NO_FATAL_FAILURE(pair_and_stream());
 
+    ASSERT_NO_FATAL_FAILURE(grant_screen_cast());
     test::loop_watchdog watchdog;
     delegate.sign_out();
     EXPECT_EQ(secrets.secret(), "") << "what is stored goes at once";
@@ -245,6 +265,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     EXPECT_EQ(activities, std::vector<activity>({activity::signing_out, activity::none}));
     EXPECT_LT(watchdog.longest(), 100) << "the GUI thread waited for the sign-out";
     EXPECT_TRUE(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).empty());
+    EXPECT_EQ(obs::restore_tokens(tokens).get("screen-1"), "") << "the screen-cast consent outlived the sign-out";
 
     ASSERT_NO_FATAL_FAILURE(pair_and_stream());
     watchdog.restart();
@@ -339,6 +360,89 @@ TEST(Program, OptionsAndAnOrderlyEndOnSigterm)
     EXPECT_TRUE(service.wait_for_disconnect(deadline));
     EXPECT_EQ(log.count_lines_starting("No keyring answers"), 1) << log.text();
     EXPECT_EQ(log.text().find(*secret), std::string::npos) << "the secret reached the log";
+}
+
+std::string pactl(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> argv{"pactl"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    std::string out = test::run_program(argv, deadline);
+    while (!out.empty() && out.back() == '\n')
+        out.pop_back();
+    return out;
+}
+
+// Quit leaves nothing of the app running: the audio server it started ends with it, its
+// device unloaded and the output that was the default before the default again (though
+// the user had chosen the virtual one, as the audio alert asks). A server that ran before
+// the app is left alone.
+TEST(Program, QuitEndsTheAudioServerItStartedAndLeavesAnEarlierOneAlone)
+{
+    test::temp_dir home;
+    test::session_bus bus;
+    test::pulse_server pulse(home.path() / "pulse");
+    test::scoped_environment sound("PULSE_SERVER", pulse.server());
+    sim::service_sim service;
+    service.identity().write(home.path());
+    // A second output, chosen as the default: the sound server would fall back to the first.
+    pactl({"load-module", "module-null-sink", "sink_name=headphones"});
+    pactl({"set-default-sink", "headphones"});
+    const std::string modules = pactl({"list", "modules", "short"});
+    auto has_virtual_output = [] { return pactl({"list", "sinks"}).find("Orbweave Virtual Audio Driver") != std::string::npos; };
+    auto launch = [&] {
+        obs::child_process::options options;
+        options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
+                        "--bitrate", "1500"};
+        options.environment = {{"QT_QPA_PLATFORM", "offscreen"},
+                               {"XDG_CONFIG_HOME", home.file("config")},
+                               {"XDG_STATE_HOME", home.file("state")},
+                               {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
+        auto program = std::make_unique<obs::child_process>(options);
+        // It connects once it is up, ready to quit in order.
+        EXPECT_TRUE(service.wait_for_connection(deadline));
+        return program;
+    };
+    auto quit = [](obs::child_process& program) {
+        program.kill(SIGTERM); // the path of the menu's Quit
+        auto status = program.wait_for(deadline);
+        ASSERT_TRUE(status);
+        EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    };
+
+    {
+        auto program = launch();
+        ASSERT_TRUE(test::eventually(has_virtual_output, deadline)) << "the app started no audio server";
+        auto servers = test::children_running(program->pid(), {"orbweave-audio-server"});
+        ASSERT_EQ(servers.size(), 1u);
+        pactl({"set-default-sink", "orbweave_virtual"});
+        ASSERT_EQ(pactl({"get-default-sink"}), "orbweave_virtual");
+        quit(*program);
+        EXPECT_TRUE(test::process_gone(servers[0])) << "its audio server is left running";
+        EXPECT_FALSE(has_virtual_output());
+        EXPECT_EQ(pactl({"get-default-sink"}), "headphones");
+        EXPECT_EQ(pactl({"list", "modules", "short"}), modules) << "something it loaded is left";
+    }
+
+    obs::child_process::options earlier_options;
+    earlier_options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    earlier_options.pipe_stdout = true;
+    obs::child_process earlier(earlier_options);
+    test::line_reader ready(earlier.stdout_fd());
+    ASSERT_EQ(ready.next(deadline), "ready orbweave_virtual");
+    {
+        test::stderr_capture log;
+        auto program = launch();
+        ASSERT_TRUE(test::eventually(
+            [&] { return log.count_lines_starting("orbweave-audio-server: the virtual output exists already") == 1; },
+            deadline))
+            << log.text();
+        quit(*program);
+    }
+    EXPECT_FALSE(earlier.wait_for(0ms)) << "the audio server that ran before the app ended with it";
+    EXPECT_TRUE(has_virtual_output());
+    earlier.kill(SIGTERM);
+    EXPECT_TRUE(earlier.wait_for(deadline));
+    EXPECT_EQ(pactl({"list", "modules", "short"}), modules);
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "core/bandwidth_probe.hpp"
+#include "core/obs/restore_tokens.hpp"
 #include "core/orbweave_client.hpp"
 #include "core/system_info.hpp"
 #include "tests/support/client_harness.hpp"
@@ -7,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -108,6 +110,48 @@ TEST(Pairing, ResetUnpairsAndAsksForANewCodeWithoutTheSecret)
     ASSERT_TRUE(request);
     EXPECT_EQ(request->message, Json({{"id", "code"}, {"url", "/api/client/connect"}, {"method", "GET"}}));
     EXPECT_TRUE(app.codes().pop(deadline)); // and a new code is shown
+}
+
+// The desktop's screen-cast consent (its restore tokens) goes with the pairing: kept when
+// the same account pairs again, forgotten by a reset and by a pairing with another account.
+TEST(Pairing, TheDesktopsScreenCastConsentGoesWithThePairing)
+{
+    test::temp_dir dir;
+    const std::string file = dir.file("state/restore-tokens.json");
+    auto grant = [&](const std::string& account) { // the user picked a screen while paired with account
+        obs::restore_tokens tokens(file);
+        tokens.paired_with(account);
+        tokens.put("screen-1", "token-1", tokens.consent());
+    };
+    auto kept = [&] { return obs::restore_tokens(file).get("screen-1"); };
+    sim::service_sim service;
+    client_harness app(service, false, [&](client_options& options) { options.media.restore_tokens = file; });
+
+    grant(ann.display_name);
+    app.set_secret(service.issue_secret(ann));
+    app.start();
+    ASSERT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_EQ(kept(), "token-1") << "the same account paired again";
+
+    ASSERT_TRUE(service.reset());
+    ASSERT_TRUE(app.wait_for_state(state_type::disconnected, deadline));
+    EXPECT_EQ(kept(), "");
+    EXPECT_FALSE(std::filesystem::exists(file));
+
+    grant(ann.display_name);
+    auto code = app.codes().pop(deadline);
+    ASSERT_TRUE(code);
+    ASSERT_TRUE(service.claim(*code, {"Bob Other", ""}));
+    ASSERT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_EQ(kept(), "") << "consent given under another account was kept";
+
+    // A token granted while the pairing goes is not brought back by the start that got it.
+    obs::restore_tokens tokens(file);
+    tokens.paired_with("Bob Other");
+    std::uint64_t consent = tokens.consent();
+    tokens.forget();
+    tokens.put("screen-1", "token-2", consent);
+    EXPECT_EQ(kept(), "");
 }
 
 TEST(Pairing, CodeAndReadyEdgeCases)

@@ -16,7 +16,9 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
+#include <thread>
 
 namespace orbweave {
 namespace {
@@ -265,6 +267,77 @@ TEST_F(WorkerFaults, AStreamThatEndsWhileTheLinkIsDownLeavesTheStateDisconnected
     app.client().stop();
     app.client().join();
     EXPECT_EQ(connected.load(), 0) << "reported connected with the service down";
+}
+
+// A service that activates source after source: as many streams as the limit start, the
+// rest are answered "Failure" at once, naming the limit, and reach no worker; at no time
+// do more workers live than the limit, the listing worker and the spare. A stream that
+// stops makes room again.
+TEST(StreamLimit, ABurstPastTheLimitStartsNoMoreWorkers)
+{
+    constexpr std::size_t limit = 3;
+    test::stderr_capture log; // before the client: every worker it starts writes here
+    sim::service_sim service;
+    test::client_harness app{service, false, [](client_options& options) {
+                                 options.media.listing.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+                                 options.media.stream.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+                                 options.media.max_streams = static_cast<int>(limit);
+                                 options.media.warm = true;
+                             }};
+    app.set_secret(service.issue_secret({"Ann", ""}));
+    app.on_permission([](callback::source_type::type, const std::string&, const std::string&,
+                         callback::request_type::type, const callback::request& request) { request.answer(true); });
+    app.start();
+    ASSERT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    Json microphones = service.reply_payload(service.list("audio"), deadline)["results"];
+    ASSERT_EQ(microphones.size(), 8u);
+    auto activate = [&](const Json& source) {
+        return service.activate(sim::activation::of(source.value("id", ""), "rtmp://127.0.0.1:9/live", "ok"));
+    };
+
+    // Every worker of this client, sampled until the burst has been answered.
+    std::atomic<bool> answered{false};
+    std::atomic<std::size_t> most{0};
+    std::thread sampler([&] {
+        test::eventually(
+            [&] {
+                std::size_t alive = test::children_running(::getpid(), {"orbweave_fake_media_worker"}).size();
+                most = std::max(most.load(), alive);
+                return answered.load();
+            },
+            60s, 1ms);
+    });
+    std::vector<std::optional<std::string>> burst;
+    for (const Json& microphone : microphones)
+        burst.push_back(activate(microphone));
+    std::vector<Json> replies;
+    for (const auto& sent : burst)
+        replies.push_back(service.reply_payload(sent, deadline));
+    answered = true;
+    sampler.join();
+
+    for (std::size_t i = 0; i < replies.size(); ++i) {
+        SCOPED_TRACE(i);
+        if (i < limit) {
+            EXPECT_EQ(replies[i], Json({{"status", "Success"}}));
+            continue;
+        }
+        EXPECT_EQ(replies[i].value("status", ""), "Failure") << replies[i];
+        EXPECT_NE(replies[i].value("error", "").find("at most 3 run at once"), std::string::npos) << replies[i];
+    }
+    EXPECT_EQ(log.count_lines_starting("fake media worker: stream"), static_cast<int>(limit)) << log.text();
+    EXPECT_EQ(log.count_lines_starting("The stream did not start: too many streams: at most 3"),
+              static_cast<int>(microphones.size() - limit))
+        << log.text();
+    EXPECT_LE(most.load(), limit + 2) << "more workers than the limit, the listing worker and the spare";
+
+    // Once a stream has stopped (its worker gone), another may start.
+    EXPECT_EQ(service.reply_payload(service.deactivate(microphones[0].value("id", "")), deadline),
+              Json({{"status", "Success"}}));
+    EXPECT_TRUE(test::eventually(
+        [&] { return service.reply_payload(activate(microphones[limit]), deadline).value("status", "") == "Success"; },
+        deadline, 50ms));
+    EXPECT_LE(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).size(), limit + 2);
 }
 
 } // namespace

@@ -391,6 +391,31 @@ TEST_F(PortalClient, ACastTheDesktopEndsStopsTheStreamAndTheClientSaysSo)
     EXPECT_EQ(log.text().find("killed by signal"), std::string::npos) << "a worker crashed:\n" << log.text();
 }
 
+// The choice made in the desktop's picker is consent given while paired with one account:
+// after the service's reset the picker asks again, also when the same account pairs anew.
+TEST_F(PortalClient, AfterAResetTheDesktopAsksAgain)
+{
+    desktop.choose("HEADLESS-1");
+    portal_client client(service, tokens);
+    std::string screen = first_screen(client);
+    ASSERT_FALSE(screen.empty());
+    int before = desktop.chooser_calls();
+    ASSERT_EQ(client.activate(screen, ingest, "consented"), Json({{"status", "Success"}}));
+    EXPECT_EQ(desktop.chooser_calls(), before + 1);
+    ASSERT_EQ(client.deactivate(screen), Json({{"status", "Success"}}));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("consented", 10s));
+
+    ASSERT_TRUE(service.reset());
+    ASSERT_TRUE(client.app().wait_for_state(callback::state_type::disconnected, portal_client::deadline));
+    auto code = client.app().codes().pop(portal_client::deadline);
+    ASSERT_TRUE(code);
+    ASSERT_TRUE(service.claim(*code, {"Ann", ""}));
+    ASSERT_TRUE(client.app().wait_for_state(callback::state_type::connected, portal_client::deadline));
+    ASSERT_EQ(client.activate(first_screen(client), ingest, "asked-again"), Json({{"status", "Success"}}));
+    EXPECT_EQ(desktop.chooser_calls(), before + 2) << "the consent outlived the reset";
+    EXPECT_TRUE(ingest.wait_for_publishing("asked-again", 10s));
+}
+
 TEST_F(PortalClient, ForcedX11TakesTheX11RouteWhereAutoTakesThePortal)
 {
     // An X server beside the compositor, as XWayland would be: DISPLAY is set too.

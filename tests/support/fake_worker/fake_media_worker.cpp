@@ -1,6 +1,7 @@
 // A media worker that misbehaves on request, for the client's worker-fault tests.
 // It speaks the pipe protocol well enough to start, list two screens ("Display 1" and
-// "Display 2", 1280x720 each) and take a stream order; what it does with the order
+// "Display 2", 1280x720 each) and eight microphones ("Microphone 1" to "Microphone 8"),
+// and take a stream order; what it does with the order
 // depends on the order's stream key (every request's op is written to standard error,
 // so a test can tell which requests reached a worker):
 //
@@ -80,13 +81,24 @@ int main(int argc, char** argv)
             break;
         const obs::screen_entry displays[] = {{0, "Display 1", "1280x720", 0, 0, 1280, 720},
                                               {1, "Display 2", "1280x720", 1280, 0, 1280, 720}};
+        Json microphones = Json::array();
+        for (int i = 1; i <= 8; ++i)
+            microphones.push_back(
+                obs::audio_entry("Microphone " + std::to_string(i), "A microphone", "mic" + std::to_string(i), true)
+                    .to_json());
         if (request.op == obs::pipe::op::list_screens) {
             send(obs::pipe::ok_reply(Json::array({displays[0].to_json(), displays[1].to_json()})));
+        } else if (request.op == obs::pipe::op::list_audios) {
+            send(obs::pipe::ok_reply(microphones));
         } else if (request.op == obs::pipe::op::find) {
             Json found;
+            std::string id = obs::pipe::find_target(request.body).id;
             for (const auto& display : displays)
-                if (display.id == obs::pipe::find_target(request.body).id)
+                if (display.id == id)
                     found = display.to_json();
+            for (const Json& microphone : microphones)
+                if (microphone.value("id", "") == id)
+                    found = microphone;
             send(obs::pipe::ok_reply(found));
         } else if (request.op.rfind("list_", 0) == 0) {
             send(obs::pipe::ok_reply(Json::array()));
