@@ -62,7 +62,8 @@ obs::child_process::options app_run(const sim::service_sim& service, const test:
                     "--bitrate", "1500"};
     options.environment = std::move(environment);
     for (std::pair<std::string, std::string> usual : {std::pair<std::string, std::string>{"QT_QPA_PLATFORM", "xcb"},
-                                                      {"XDG_CONFIG_HOME", home.path().string()}})
+                                                      {"XDG_CONFIG_HOME", home.path().string()},
+                                                      {"XDG_STATE_HOME", home.path().string()}})
         if (std::none_of(options.environment.begin(), options.environment.end(),
                          [&](const auto& given) { return given.first == usual.first; }))
             options.environment.push_back(usual);
@@ -131,6 +132,12 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     ASSERT_NE(quality, nullptr);
     EXPECT_EQ(quality->visible_labels(), QStringList({"Low", "Medium", "High", "Extreme"}));
     EXPECT_EQ(quality->find("Medium")->properties.value("toggle-state").toInt(), 1);
+    // One level at a time, and the panel draws them so.
+    for (const auto& level : quality->children)
+        EXPECT_EQ(level.properties.value("toggle-type").toString(), "radio") << level.label().toStdString();
+    EXPECT_TRUE(labels.contains("Activity…"));
+    // Panels that show tooltips read the state from the item.
+    EXPECT_EQ(read_tooltip_title(panel, item, item_path).value_or(""), "Orbweave — Streaming");
 
     // The user clicks "Stop streaming" in the panel: the stream ends, the link stays.
     ASSERT_TRUE(click_menu_entry(panel, item, menu_path, streaming.find("Stop streaming")->id));
@@ -140,6 +147,14 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     labels = menu().visible_labels();
     EXPECT_FALSE(labels.contains("Stop streaming"));
     EXPECT_FALSE(labels.contains(stream_line));
+    EXPECT_TRUE(pump_until([&] { return read_tooltip_title(panel, item, item_path) == "Orbweave — Connected"; }, deadline))
+        << read_tooltip_title(panel, item, item_path).value_or("(none)").toStdString();
+    // The history, in the state folder, tells what was streamed and that the user stopped it.
+    std::ifstream history(home.file("orbweave/activity.jsonl"));
+    std::string text((std::istreambuf_iterator<char>(history)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("\"event\":\"activate\""), std::string::npos) << text;
+    EXPECT_NE(text.find("\"event\":\"deactivate\""), std::string::npos) << text;
+    EXPECT_NE(text.find("\"decided\":\"user\""), std::string::npos) << text;
     EXPECT_EQ(service.connections().size(), 1u) << "stopping the streams cost the link";
 
     program.kill(SIGTERM);
