@@ -137,34 +137,6 @@ inline std::optional<menu_entry> read_menu(QDBusConnection bus, const QString& s
     return read_menu_entry(qvariant_cast<QDBusArgument>(reply.arguments().at(1)));
 }
 
-/// The item's tooltip title (the StatusNotifierItem's ToolTip property, (sa(iiay)ss)) as a
-/// panel reads it; none when the call fails.
-inline std::optional<QString> read_tooltip_title(QDBusConnection bus, const QString& service, const QString& path)
-{
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(service, path, "org.freedesktop.DBus.Properties", "Get");
-    call << QString("org.kde.StatusNotifierItem") << QString("ToolTip");
-    QDBusMessage reply = bus.call(call, QDBus::Block, 5000);
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
-        return std::nullopt;
-    QDBusArgument tooltip = qvariant_cast<QDBusArgument>(qvariant_cast<QDBusVariant>(reply.arguments().at(0)).variant());
-    QString icon, title, subtitle;
-    tooltip.beginStructure();
-    tooltip >> icon;
-    tooltip.beginArray();
-    while (!tooltip.atEnd()) {
-        int width = 0, height = 0;
-        QByteArray pixels;
-        tooltip.beginStructure();
-        tooltip >> width >> height >> pixels;
-        tooltip.endStructure();
-    }
-    tooltip.endArray();
-    tooltip >> title >> subtitle;
-    tooltip.endStructure();
-    return title;
-}
-
 /// What a panel sends when the user clicks an entry.
 inline bool click_menu_entry(QDBusConnection bus, const QString& service, const QString& menu_path, int id)
 {
