@@ -42,6 +42,7 @@ bool agent::start(const std::function<bool()>& cancelled)
     command_line::use_capture_route(options_.capture, settings);
     command_line::use_stream_limit(options_.max_streams, settings);
     settings.media.restore_tokens = options_.state_dir + "/restore-tokens.json";
+    settings.activity = std::make_shared<activity_log>(options_.state_dir + "/activity.jsonl");
     settings.media.warm = true;
     client_ = orbweave_client::create(options_.service_url, settings);
     client_->set_state_change_handler([this](state_type::type state) { on_state(state); });

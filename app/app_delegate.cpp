@@ -4,6 +4,7 @@
 #include "core/log.hpp"
 #include "core/obs/restore_tokens.hpp"
 
+#include <QCoreApplication>
 #include <QMetaObject>
 
 #include <utility>
@@ -35,7 +36,7 @@ app_delegate::app_delegate(event_bus& bus, preferences& preferences, secret_keep
     init_client();
     // The client's callbacks post these; the work runs here, on the GUI thread, never
     // inside a callback (it stops and joins the client).
-    bus_.observe(events::reset, this, [this](const QVariant&) { sign_out(); });
+    bus_.observe(events::reset, this, [this](const QVariant&) { sign_out(false); });
     bus_.observe(events::deactivate, this, [this](const QVariant&) { client_->stop_streaming(); });
 }
 
@@ -92,6 +93,16 @@ void app_delegate::init_client()
     client_->set_streams_handler([this](const std::vector<callback::active_stream>& streams) {
         bus_.post(events::streams_changed, QVariant::fromValue(stream_list(streams)));
     });
+    client_->set_activity_handler([this](const activity_event& event) {
+        if (history_)
+            history_->notify();
+        // The user allowed it and waits to be live: a start that failed is said, with why.
+        if (event.event == "activate" && event.outcome == "failed" && event.decided == "user")
+            if (std::shared_ptr<prompter> telling = current_prompter())
+                telling->tell(QCoreApplication::translate("orbweave::app::app_delegate", "The stream did not start"),
+                              QCoreApplication::translate("orbweave::app::app_delegate", "%1 is not streamed: %2")
+                                  .arg(QString::fromStdString(event.source), QString::fromStdString(event.reason)));
+    });
 }
 
 void app_delegate::on_permission(source_type::type kind, const std::string& name, const std::string& description,
@@ -108,7 +119,7 @@ void app_delegate::on_permission(source_type::type kind, const std::string& name
         request.answer(false);
         return;
     }
-    asking->ask(kind, name, description, request);
+    asking->ask(kind, name, description, preferences_.username().toStdString(), request);
 }
 
 QString app_delegate::code() const
@@ -195,10 +206,16 @@ void app_delegate::stop_client()
     client_->join();
 }
 
-void app_delegate::sign_out()
+void app_delegate::sign_out(bool by_user)
 {
     if (quit_requested_)
         return;
+    if (by_user && history_) {
+        activity_event line;
+        line.event = "sign-out";
+        line.decided = "user";
+        history_->record(line);
+    }
     // In the reset's order: everything stored goes, launch at login goes off, the interface
     // reads the defaults, the client disconnects, the setup view shows, and it reconnects.
     secrets_.erase();

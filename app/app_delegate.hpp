@@ -7,6 +7,7 @@
 
 #include "app/autostart.hpp"
 #include "app/event_bus.hpp"
+#include "app/history.hpp"
 #include "app/preferences.hpp"
 #include "app/secret_keeper.hpp"
 #include "core/orbweave_client.hpp"
@@ -29,10 +30,13 @@ namespace orbweave::app {
 class prompter {
 public:
     virtual ~prompter() = default;
+    /// account: the display name of the account that asks ("" when unknown).
     virtual void ask(callback::source_type::type kind, const std::string& name, const std::string& description,
-                     const callback::request& request) = 0;
+                     const std::string& account, const callback::request& request) = 0;
     /// Answers every open prompt with a refusal (sign-out, quit).
     virtual void refuse_all() = 0;
+    /// Tells the user of something that happened (no answer expected). From any thread.
+    virtual void tell(const QString& summary, const QString& body) = 0;
 };
 
 /// What the preferences decide for a request.
@@ -70,8 +74,9 @@ public:
     /// Signing out (the user's, or the service's reset): every preference, the secret and
     /// the autostart entry go at once, the screen-cast restore tokens once the client has stopped; the client stops off the GUI thread (the interface
     /// shows activity::signing_out meanwhile), then the setup view shows and the client
-    /// reconnects unpaired. On the GUI thread; returns at once.
-    void sign_out();
+    /// reconnects unpaired. The user's own is recorded in the history. On the GUI thread;
+    /// returns at once.
+    void sign_out(bool by_user = true);
     /// Quitting without blocking: open prompts refused, nothing connects again, the client
     /// stopped and joined off the GUI thread (every stream's worker stops at once, each
     /// bounded by its shut-down time) while the interface shows activity::stopping; then
@@ -81,6 +86,8 @@ public:
     /// (streams end, no media worker left). Safe after quit() and more than once.
     void shutdown();
     void set_prompter(std::shared_ptr<prompter> prompter);
+    /// The history the client's events go to (its file is settings.client.activity).
+    void set_history(history* events) { history_ = events; }
     /// The launch-at-login entry, turned off by a sign-out.
     void set_autostart(autostart* entry) { autostart_ = entry; }
     orbweave_client& client() { return *client_; }
@@ -117,6 +124,7 @@ private:
     std::shared_ptr<prompter> prompter_;
     std::unique_ptr<serial_executor> connector_;
     autostart* autostart_ = nullptr;
+    history* history_ = nullptr;
 };
 
 } // namespace orbweave::app

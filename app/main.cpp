@@ -88,7 +88,10 @@ int main(int argc, char** argv)
     command_line::use_stream_limit(max_streams, settings.client);
     settings.client.media.restore_tokens = app::state_home().toStdString() + "/orbweave/restore-tokens.json";
     settings.client.media.warm = true;
+    app::history history(app::history::default_path());
+    settings.client.activity = history.log();
     app::app_delegate delegate(bus, preferences, secrets, settings);
+    delegate.set_history(&history);
     // Consent through the desktop's notifications, or a dialog where they cannot ask.
     delegate.set_autostart(&launch_at_login);
     delegate.set_prompter(std::make_shared<app::notification_prompter>(QDBusConnection::sessionBus(),
@@ -105,6 +108,7 @@ int main(int argc, char** argv)
     // Captured sound needs the virtual output as the default; the menu warns otherwise.
     app::default_output_watcher output([&menu](const QString& description) { menu.audio().on_default_output(description); });
     ui::main_window window(bus, preferences, [&delegate] { return delegate.code(); }, in_tray ? nullptr : menu.menu());
+    window.set_history(&history);
     window.show_at_start();
 
     app::quit_signals on_signal(quit);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/activity_log.hpp"
 #include "core/callback.hpp"
 #include "core/encode_profile.hpp"
 
@@ -26,11 +27,14 @@ public:
     /// How the user treats the kind (asked before an activation's lookup); ask when the
     /// application does not say.
     virtual callback::permission_rule::type rule(callback::source_type::type kind) = 0;
-    /// Asks the user. on_answer runs on the network thread with the answer, once,
-    /// whichever thread answers; an answer given after the client stopped does nothing.
+    /// Asks the user. on_answer runs on the network thread with the answer and who gave
+    /// it ("rule": at once, from a standing choice; "user": asked), once, whichever thread
+    /// answers; an answer given after the client stopped does nothing.
     virtual void ask_permission(callback::source_type::type kind, const std::string& name,
                                 const std::string& description, callback::request_type::type request,
-                                std::function<void(bool allowed)> on_answer) = 0;
+                                std::function<void(bool allowed, const char* decided)> on_answer) = 0;
+    /// The history of what the service used (recorded on the network thread).
+    virtual activity_recorder& activity() = 0;
 
 protected:
     ~app_callbacks() = default;

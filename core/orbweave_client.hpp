@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/activity_log.hpp"
 #include "core/callback.hpp"
 #include "core/encode_profile.hpp"
 #include "core/obs/worker_manager.hpp"
@@ -29,6 +30,8 @@ struct client_options {
     int stream_outage_attempts = 5;
     /// The media worker processes.
     obs::worker_manager::options media;
+    /// Where the history of what the service used is appended; null keeps none.
+    std::shared_ptr<activity_log> activity;
 };
 
 /// The service connection as the front ends see it. start(), stop() and join()
@@ -54,6 +57,7 @@ public:
     using reset_callback = std::function<void()>;
     using profile_callback = std::function<encode_profile()>;
     using streams_callback = std::function<void(const std::vector<callback::active_stream>&)>;
+    using activity_callback = std::function<void(const activity_event&)>;
 
     /// A client for the service at url; nothing connects until start().
     static std::unique_ptr<orbweave_client> create(const std::string& url);
@@ -81,6 +85,9 @@ public:
     virtual void set_profile_handler(profile_callback handler) = 0;
     /// Told the running streams, oldest first, whenever they change.
     virtual void set_streams_handler(streams_callback handler) = 0;
+    /// Told each event of the history as it is recorded (in the file too, when
+    /// client_options::activity names one).
+    virtual void set_activity_handler(activity_callback handler) = 0;
 };
 
 } // namespace orbweave

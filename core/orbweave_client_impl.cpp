@@ -22,7 +22,8 @@ std::unique_ptr<orbweave_client> orbweave_client::create(const std::string& url,
 }
 
 orbweave_client_impl::orbweave_client_impl(std::string url, client_options options)
-    : url_(std::move(url)), options_(std::move(options))
+    : url_(std::move(url)), options_(std::move(options)),
+      activity_(options_.activity, [this](const activity_event& event) { activity_recorded(event); })
 {
 }
 
@@ -48,6 +49,7 @@ void orbweave_client_impl::initialize()
         [loop = loop_](std::function<void()> task) { loop->post(std::move(task)); }, options_.media);
     work_manager_->set_stream_ended_handler([this](const std::string& id, const std::string& reason, bool now_empty) {
         log::line("The stream of source " + id + " ended: " + reason);
+        activity_.stopped(id, "ended", reason);
         if (now_empty)
             streams_gone();
     });
@@ -154,6 +156,7 @@ void orbweave_client_impl::stop()
 void orbweave_client_impl::finish_run()
 {
     work_manager_->clear();
+    activity_.stopped_all("ended", "the app stopped");
     state_changed(state_type::disconnected);
     websocket_client_->stop();
     keep_running_.reset();
@@ -195,6 +198,7 @@ void orbweave_client_impl::stop_streaming()
     std::shared_ptr<network_loop> loop = current_loop();
     bool posted = loop && loop->post([this] {
         work_manager_->clear();
+        activity_.stopped_all("deactivate", "stopped from this computer", "user");
         streams_gone();
     });
     if (!posted) // not running: nothing streams, and there is no network thread to report on
@@ -225,6 +229,7 @@ void orbweave_client_impl::reconnect()
             log::line("Stopping all current streams due to disconnection lasting " + std::to_string(lasted_ms) + "ms");
             disconnection_counter_ = 0;
             work_manager_->clear();
+            activity_.stopped_all("ended", "the link to the service was lost");
         }
     }
 
@@ -303,6 +308,18 @@ void orbweave_client_impl::set_profile_handler(profile_callback handler)
     replace_callback(profile_handler_, std::move(handler));
 }
 
+void orbweave_client_impl::set_activity_handler(activity_callback handler)
+{
+    replace_callback(activity_handler_, std::move(handler));
+}
+
+void orbweave_client_impl::activity_recorded(const activity_event& event)
+{
+    lock_guard lock(mutex_);
+    if (activity_handler_)
+        activity_handler_(event);
+}
+
 void orbweave_client_impl::streams_changed(const std::vector<callback::active_stream>& streams)
 {
     lock_guard lock(mutex_);
@@ -366,20 +383,26 @@ callback::permission_rule::type orbweave_client_impl::rule(callback::source_type
 
 void orbweave_client_impl::ask_permission(callback::source_type::type kind, const std::string& name,
                                           const std::string& description, callback::request_type::type request,
-                                          std::function<void(bool)> on_answer)
+                                          std::function<void(bool, const char*)> on_answer)
 {
+    // An answer given by the handler itself (on this thread, before it returns) comes from a
+    // standing choice; any other, from the user it asked.
+    auto asking = std::make_shared<std::atomic<bool>>(false);
     // The request holds the run's loop, not the client: once the client stops, the loop
     // is closed (or gone) and an answer finds nothing to act on.
     callback::request pending(
-        [loop = std::weak_ptr<network_loop>(loop_), on_answer = std::move(on_answer)](bool allowed) {
+        [loop = std::weak_ptr<network_loop>(loop_), on_answer = std::move(on_answer), asking,
+         caller = std::this_thread::get_id()](bool allowed) {
+            const char* decided = asking->load() || std::this_thread::get_id() != caller ? "user" : "rule";
             if (auto open = loop.lock())
-                open->post([on_answer, allowed] { on_answer(allowed); });
+                open->post([on_answer, allowed, decided] { on_answer(allowed, decided); });
         });
     lock_guard lock(mutex_);
     if (permission_handler_)
         permission_handler_(kind, name, description, request, pending);
     else
         pending.answer(false);
+    *asking = true;
 }
 
 } // namespace orbweave

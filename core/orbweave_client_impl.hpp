@@ -47,6 +47,7 @@ public:
     void set_reset_handler(reset_callback handler) override;
     void set_profile_handler(profile_callback handler) override;
     void set_streams_handler(streams_callback handler) override;
+    void set_activity_handler(activity_callback handler) override;
 
     /// Hands frame to the handlers on the network thread as if it had come over from,
     /// after everything posted before it; false when the client is not running. With an
@@ -64,7 +65,10 @@ private:
     encode_profile profile() override;
     callback::permission_rule::type rule(callback::source_type::type kind) override;
     void ask_permission(callback::source_type::type kind, const std::string& name, const std::string& description,
-                        callback::request_type::type request, std::function<void(bool allowed)> on_answer) override;
+                        callback::request_type::type request,
+                        std::function<void(bool allowed, const char* decided)> on_answer) override;
+    activity_recorder& activity() override { return activity_; }
+    void activity_recorded(const activity_event& event);
     void streams_changed(const std::vector<callback::active_stream>& streams);
 
     /// Schedules the next connection attempt after a lost link.
@@ -105,6 +109,9 @@ private:
     rule_callback rule_handler_;
     profile_callback profile_handler_;
     streams_callback streams_handler_;
+    activity_callback activity_handler_;
+    // After the handlers: it calls activity_recorded().
+    activity_recorder activity_;
 
     std::unique_ptr<websocket::websocket_client> websocket_client_;
     websocket::timer_ptr reconnect_timer_;

@@ -57,6 +57,11 @@ void reset_handler::handle(const websocket::connection& connection, const Json&)
 {
     media_.clear();
     media_.forget_consent();
+    app_.activity().stopped_all("ended", "the service reset this machine");
+    activity_event line;
+    line.event = "reset";
+    line.outcome = "unpaired";
+    app_.activity().record(line);
     app_.reset();
     app_.state_changed(callback::state_type::disconnected);
     connection.send(code_request_without_secret());

@@ -2,6 +2,17 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="de_DE">
 <context>
+    <name>orbweave::app::app_delegate</name>
+    <message>
+        <source>The stream did not start</source>
+        <translation>Die Übertragung hat nicht begonnen</translation>
+    </message>
+    <message>
+        <source>%1 is not streamed: %2</source>
+        <translation>%1 wird nicht übertragen: %2</translation>
+    </message>
+</context>
+<context>
     <name>orbweave::app::notification_prompter</name>
     <message>
         <source>Requesting Permission</source>
@@ -15,12 +26,187 @@
         <source>Deny</source>
         <translation>Verweigern</translation>
     </message>
+    <message>
+        <source>the screen “%1”</source>
+        <translation>den Bildschirm „%1“</translation>
+    </message>
+    <message>
+        <source>the window “%1”</source>
+        <translation>das Fenster „%1“</translation>
+    </message>
+    <message>
+        <source>the audio device “%1”</source>
+        <translation>das Audiogerät „%1“</translation>
+    </message>
+    <message>
+        <source>the camera “%1”</source>
+        <translation>die Kamera „%1“</translation>
+    </message>
+    <message>
+        <source>The service asks to stream %1.</source>
+        <translation>Der Dienst möchte %1 live übertragen.</translation>
+    </message>
+    <message>
+        <source>%1 asks to stream %2.</source>
+        <translation>%1 möchte %2 live übertragen.</translation>
+    </message>
+    <message>
+        <source>It will be streamed live until you stop it from the tray icon.</source>
+        <translation>Die Übertragung läuft, bis Sie sie über das Symbol im Systembereich beenden.</translation>
+    </message>
 </context>
 <context>
     <name>orbweave::app::sound_settings</name>
     <message>
         <source>No sound settings tool was found. Install pavucontrol (“PulseAudio Volume Control”), or open your desktop&apos;s sound settings, and choose “Orbweave Virtual Audio Driver” as the output device.</source>
         <translation>Es wurde kein Programm für die Toneinstellungen gefunden. Installieren Sie pavucontrol („PulseAudio-Lautstärkeregler“) oder öffnen Sie die Toneinstellungen Ihrer Arbeitsumgebung und wählen Sie „Orbweave Virtual Audio Driver“ als Ausgabegerät.</translation>
+    </message>
+</context>
+<context>
+    <name>orbweave::ui::activity_view</name>
+    <message>
+        <source>the screen “%1”</source>
+        <translation>Bildschirm „%1“</translation>
+    </message>
+    <message>
+        <source>a screen</source>
+        <translation>ein Bildschirm</translation>
+    </message>
+    <message>
+        <source>the window “%1”</source>
+        <translation>Fenster „%1“</translation>
+    </message>
+    <message>
+        <source>a window</source>
+        <translation>ein Fenster</translation>
+    </message>
+    <message>
+        <source>the audio device “%1”</source>
+        <translation>Audiogerät „%1“</translation>
+    </message>
+    <message>
+        <source>an audio device</source>
+        <translation>ein Audiogerät</translation>
+    </message>
+    <message>
+        <source>the camera “%1”</source>
+        <translation>Kamera „%1“</translation>
+    </message>
+    <message>
+        <source>a camera</source>
+        <translation>eine Kamera</translation>
+    </message>
+    <message>
+        <source>a source</source>
+        <translation>eine Quelle</translation>
+    </message>
+    <message>
+        <source>screens</source>
+        <translation>Bildschirme</translation>
+    </message>
+    <message>
+        <source>windows</source>
+        <translation>Fenster</translation>
+    </message>
+    <message>
+        <source>audio devices</source>
+        <translation>Audiogeräte</translation>
+    </message>
+    <message>
+        <source>cameras</source>
+        <translation>Kameras</translation>
+    </message>
+    <message>
+        <source>sources</source>
+        <translation>Quellen</translation>
+    </message>
+    <message>
+        <source>%1 s</source>
+        <translation>%1 s</translation>
+    </message>
+    <message>
+        <source>%1 min %2 s</source>
+        <translation>%1 min %2 s</translation>
+    </message>
+    <message>
+        <source>%1 h %2 min</source>
+        <translation>%1 h %2 min</translation>
+    </message>
+    <message>
+        <source>by your permission settings</source>
+        <translation>nach Ihren Berechtigungen</translation>
+    </message>
+    <message>
+        <source>by you</source>
+        <translation>von Ihnen</translation>
+    </message>
+    <message>
+        <source>%1, %2</source>
+        <translation>%1, %2</translation>
+    </message>
+    <message>
+        <source>Listing the %1 failed: %2</source>
+        <translation>Auflisten fehlgeschlagen (%1): %2</translation>
+    </message>
+    <message>
+        <source>The service listed the %1</source>
+        <translation>Der Dienst hat %1 aufgelistet</translation>
+    </message>
+    <message>
+        <source>%1 did not start: %2</source>
+        <translation>%1: Übertragung nicht begonnen: %2</translation>
+    </message>
+    <message>
+        <source>Streaming %1 to %2</source>
+        <translation>%1 wird an %2 übertragen</translation>
+    </message>
+    <message>
+        <source>Refused to list the %1</source>
+        <translation>Auflisten abgelehnt: %1</translation>
+    </message>
+    <message>
+        <source>Refused %1</source>
+        <translation>Abgelehnt: %1</translation>
+    </message>
+    <message>
+        <source>You stopped %1 after %2</source>
+        <translation>Von Ihnen beendet nach %2: %1</translation>
+    </message>
+    <message>
+        <source>The service stopped %1 after %2</source>
+        <translation>Vom Dienst beendet nach %2: %1</translation>
+    </message>
+    <message>
+        <source>%1 ended after %2: %3</source>
+        <translation>%1 endete nach %2: %3</translation>
+    </message>
+    <message>
+        <source>The service removed this computer from the account</source>
+        <translation>Der Dienst hat diesen Computer vom Konto entfernt</translation>
+    </message>
+    <message>
+        <source>You signed out</source>
+        <translation>Sie haben sich abgemeldet</translation>
+    </message>
+    <message>
+        <source>What the service used</source>
+        <translation>Was der Dienst verwendet hat</translation>
+    </message>
+    <message>
+        <source>Activity</source>
+        <translation>Aktivität</translation>
+    </message>
+    <message>
+        <source>Clear history</source>
+        <translation>Verlauf löschen</translation>
+    </message>
+    <message>
+        <source>Done</source>
+        <translation>Fertig</translation>
+    </message>
+    <message>
+        <source>Nothing yet.</source>
+        <translation>Noch nichts.</translation>
     </message>
 </context>
 <context>
@@ -184,16 +370,16 @@
 <context>
     <name>orbweave::ui::permission_dialog</name>
     <message>
-        <source>The service asks to capture this. Allow it?</source>
-        <translation>Der Dienst möchte dies aufnehmen. Erlauben?</translation>
-    </message>
-    <message>
         <source>Allow</source>
         <translation>Erlauben</translation>
     </message>
     <message>
         <source>Deny</source>
         <translation>Verweigern</translation>
+    </message>
+    <message>
+        <source>Allow it?</source>
+        <translation>Erlauben?</translation>
     </message>
 </context>
 <context>
@@ -289,6 +475,22 @@
     <message>
         <source>Camera: %1</source>
         <translation>Kamera: %1</translation>
+    </message>
+    <message>
+        <source>Activity…</source>
+        <translation>Aktivität …</translation>
+    </message>
+    <message>
+        <source>Sign out?</source>
+        <translation>Abmelden?</translation>
+    </message>
+    <message>
+        <source>Signing out stops every stream now.</source>
+        <translation>Das Abmelden beendet jetzt jede Übertragung.</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>Abbrechen</translation>
     </message>
 </context>
 </TS>

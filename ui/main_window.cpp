@@ -1,5 +1,6 @@
 #include "ui/main_window.hpp"
 
+#include "ui/activity_view.hpp"
 #include "ui/avatar_loader.hpp"
 #include "ui/icons.hpp"
 #include "ui/link_button.hpp"
@@ -179,6 +180,8 @@ QWidget* main_window::make_view(const QString& identifier)
         return make_permissions_view();
     if (identifier == "readyViewController")
         return make_ready_view();
+    if (identifier == "activityViewController")
+        return make_activity_view(history_, [this] { bus_.post(app::events::window_hide); });
     return nullptr;
 }
 

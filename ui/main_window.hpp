@@ -5,6 +5,7 @@
 // code, the permission choices, the signed-in user) or by request ("app:view:show").
 
 #include "app/event_bus.hpp"
+#include "app/history.hpp"
 #include "app/preferences.hpp"
 
 #include <QLabel>
@@ -38,6 +39,8 @@ public:
     void bring_up();
     /// At launch the window opens by itself only when nobody is signed in.
     void show_at_start();
+    /// What the Activity view ("activityViewController") lists.
+    void set_history(app::history* events) { history_ = events; }
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
@@ -56,6 +59,7 @@ private:
     app::activity activity_ = app::activity::none;
     QStackedLayout* stack_;
     QPointer<QWidget> view_;
+    app::history* history_ = nullptr;
 };
 
 } // namespace orbweave::ui

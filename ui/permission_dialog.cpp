@@ -16,14 +16,14 @@ namespace {
 
 void ask_with_dialog(const app::prompt_text& text, std::function<void(bool)> answer)
 {
-    auto* dialog = new QMessageBox(QMessageBox::Question, text.title, text.name + "\n" + text.description,
-                                   QMessageBox::NoButton);
+    auto* dialog = new QMessageBox(QMessageBox::Question, text.title, text.request(), QMessageBox::NoButton);
     dialog->setObjectName("permissionDialog");
     // Names and descriptions come from other programs (a window title is whatever its
     // program says), so they stand in the plain-text part; the informative text, which
     // Qt may read as markup, is only ours.
     dialog->setTextFormat(Qt::PlainText);
-    dialog->setInformativeText(QCoreApplication::translate("orbweave::ui::permission_dialog", "The service asks to capture this. Allow it?"));
+    dialog->setInformativeText(app::prompt_text::live() + "\n" +
+                               QCoreApplication::translate("orbweave::ui::permission_dialog", "Allow it?"));
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->setWindowModality(Qt::NonModal);
     QPushButton* allow = dialog->addButton(QCoreApplication::translate("orbweave::ui::permission_dialog", "Allow"), QMessageBox::AcceptRole);

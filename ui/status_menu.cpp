@@ -2,11 +2,14 @@
 
 #include "ui/icons.hpp"
 
+#include <QActionGroup>
 #include <QApplication>
 #include <QCoreApplication>
 #include <QCursor>
 #include <QGuiApplication>
 #include <QIcon>
+#include <QMessageBox>
+#include <QPushButton>
 
 namespace orbweave::ui {
 
@@ -79,11 +82,17 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
     connect_item = menu_.addAction(tr("Connect your computer…"), this, [this] { bus_.post(app::events::window_show); });
     username_item = menu_.addAction(QString(), this, [this] { show_view("readyViewController"); });
     permissions_item = menu_.addAction(tr("Permissions…"), this, [this] { show_view("permissionsViewController"); });
+    activity_item = menu_.addAction(tr("Activity…"), this, [this] { show_view("activityViewController"); });
     quality_menu = menu_.addMenu(tr("Quality"));
     const char* levels[] = {QT_TR_NOOP("Low"), QT_TR_NOOP("Medium"), QT_TR_NOOP("High"), QT_TR_NOOP("Extreme")};
+    // One level at a time: radio items, which panels draw as such.
+    auto* exclusive = new QActionGroup(quality_menu);
+    // Optional: a level stored outside 0..3 ticks none.
+    exclusive->setExclusionPolicy(QActionGroup::ExclusionPolicy::ExclusiveOptional);
     for (unsigned level = 0; level < profile_items.size(); ++level) {
         profile_items[level] = quality_menu->addAction(tr(levels[level]), this, [this, level] { set_profile(level); });
         profile_items[level]->setCheckable(true);
+        exclusive->addAction(profile_items[level]);
     }
     launch_at_login_item = menu_.addAction(tr("Launch at login"), this, [this] {
         launch_at_login_.set_enabled(!launch_at_login_.enabled());
@@ -95,7 +104,7 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
     state_item = menu_.addAction(state_text(client_state_));
     state_item->setEnabled(false);
     separator_item = menu_.addSeparator();
-    sign_out_item = menu_.addAction(tr("Sign out"), this, [this] { sign_out_(); });
+    sign_out_item = menu_.addAction(tr("Sign out"), this, [this] { confirm_sign_out(); });
     quit_item = menu_.addAction(tr("Quit"), this, [this] { quit_(); });
 
     tray_.setContextMenu(&menu_);
@@ -165,7 +174,7 @@ void status_menu::update_from_preferences()
     bool signed_in = !username.isEmpty();
     connect_item->setVisible(!signed_in);
     username_item->setText(username);
-    for (QAction* item : {username_item, permissions_item, quality_menu->menuAction(), sign_out_item})
+    for (QAction* item : {username_item, permissions_item, activity_item, quality_menu->menuAction(), sign_out_item})
         item->setVisible(signed_in);
 }
 
@@ -181,6 +190,25 @@ void status_menu::on_streams(const app::stream_list& streams)
         menu_.insertAction(separator_item, item);
         stream_items.push_back(item);
     }
+}
+
+void status_menu::confirm_sign_out()
+{
+    if (client_state_ != state_type::streaming)
+        return sign_out_();
+    auto* question = new QMessageBox(QMessageBox::Question, tr("Sign out?"),
+                                     tr("Signing out stops every stream now."), QMessageBox::NoButton);
+    question->setObjectName("signOutConfirmation");
+    question->setAttribute(Qt::WA_DeleteOnClose);
+    question->setWindowModality(Qt::NonModal);
+    QPushButton* sign_out = question->addButton(tr("Sign out"), QMessageBox::AcceptRole);
+    question->addButton(tr("Cancel"), QMessageBox::RejectRole);
+    question->setDefaultButton(sign_out);
+    connect(question, &QMessageBox::finished, this, [this, question, sign_out] {
+        if (question->clickedButton() == sign_out)
+            sign_out_();
+    });
+    question->show();
 }
 
 void status_menu::set_profile(unsigned level)

@@ -61,6 +61,7 @@ public:
     QAction* connect_item;
     QAction* username_item;
     QAction* permissions_item;
+    QAction* activity_item;
     QMenu* quality_menu;
     std::array<QAction*, 4> profile_items;
     QAction* launch_at_login_item;
@@ -76,6 +77,8 @@ private:
     void show_image(const QString& name);
     void show_view(const char* identifier);
     void show_state_line();
+    /// Signs out; while streams run, only once the user confirms that they stop.
+    void confirm_sign_out();
     /// Remembers where the user clicked the tray icon, where that can be known.
     void note_click();
     /// The tray icon's place, or the point clicked on it; invalid when unknown.

@@ -34,6 +34,32 @@ Json failure(const std::string& error)
     return Json{{"status", "Failure"}, {"error", error}};
 }
 
+/// A reason for the history: whatever a worker said, without the stream key or the
+/// ingest's path (an error may quote the URL it failed on).
+std::string scrubbed(std::string reason, const activate_request& request)
+{
+    auto blank = [&reason](const std::string& secret, const std::string& with) {
+        if (secret.empty())
+            return;
+        for (auto at = reason.find(secret); at != std::string::npos; at = reason.find(secret, at + with.size()))
+            reason.replace(at, secret.size(), with);
+    };
+    blank(request.server, activity_log::ingest_of(request.server));
+    blank(request.key, "***");
+    return reason;
+}
+
+/// The history's event for an activation of entry (or of an id not found: no name).
+activity_event activation_event(const char* event, const activate_request& request, const std::string& source)
+{
+    activity_event line;
+    line.event = event;
+    line.kind = request.source.kind;
+    line.source = source;
+    line.ingest = activity_log::ingest_of(request.server);
+    return line;
+}
+
 } // namespace
 
 list_handler::list_handler(worker_manager& media, app_callbacks& app)
@@ -45,17 +71,32 @@ void list_handler::handle(const websocket::connection& connection, const Json& m
 {
     source_type::type kind = source_type::map(json::string_at(message, {"payload", "type"}));
     auto to = websocket::envelope::of(message);
-    app_.ask_permission(kind, "", "", request_type::list, [&media = media_, connection, to, kind](bool allowed) {
-        if (!allowed)
+    auto& history = app_.activity();
+    app_.ask_permission(kind, "", "", request_type::list,
+                        [&media = media_, &history, connection, to, kind](bool allowed, const char* decided) {
+        activity_event line;
+        line.kind = kind;
+        line.decided = decided;
+        if (!allowed) {
+            line.event = "deny";
+            line.outcome = "rejected";
+            history.record(line);
             return send_reply(connection, to, status("Rejected"));
+        }
         if (kind == source_type::none)
             return send_reply(connection, to, Json{{"status", "Failure"}, {"results", nullptr}});
-        media.list(kind, [connection, to](const worker_manager::listing& listed) {
+        media.list(kind, [connection, to, &history, line](const worker_manager::listing& listed) mutable {
+            line.event = "list";
             if (!listed.error.empty()) {
                 // The catalogue could not be read (its worker failed): say so rather than stay silent.
                 log::line("Listing failed: ", listed.error);
+                line.outcome = "failed";
+                line.reason = listed.error;
+                history.record(line);
                 return send_reply(connection, to, {{"status", "Failure"}, {"results", nullptr}, {"error", listed.error}});
             }
+            line.outcome = "listed";
+            history.record(line);
             send_reply(connection, to, {{"status", "Success"}, {"results", listed.entries}});
         });
     });
@@ -74,8 +115,13 @@ void activate_handler::handle(const websocket::connection& connection, const Jso
         return send_reply(connection, to, failure("unknown source type"));
     // Before any lookup: whether a source exists is nobody's business for a kind the
     // user never allows.
-    if (app_.rule(request.source.kind) == permission_rule::never)
+    if (app_.rule(request.source.kind) == permission_rule::never) {
+        activity_event line = activation_event("deny", request, "");
+        line.decided = "rule";
+        line.outcome = "rejected";
+        app_.activity().record(line);
         return send_reply(connection, to, status("Rejected"));
+    }
 
     // The service lists before it activates, so the entry is usually at hand; otherwise
     // the listing worker looks that one source up.
@@ -85,6 +131,10 @@ void activate_handler::handle(const websocket::connection& connection, const Jso
         if (!found.entry) {
             std::string error = found.error.empty() ? "source not found" : found.error;
             log::line("The stream did not start: ", error);
+            activity_event line = activation_event("activate", request, "");
+            line.outcome = "failed";
+            line.reason = scrubbed(error, request);
+            app_.activity().record(line);
             return send_reply(connection, to, failure(error));
         }
         ask_and_start(connection, to, request, *found.entry);
@@ -98,20 +148,41 @@ void activate_handler::ask_and_start(const websocket::connection& connection, co
     // once the answer comes, since streams may have started meanwhile.
     if (std::string refused = media_.refusal(); !refused.empty()) {
         log::line("The stream did not start: ", refused);
+        activity_event line = activation_event("activate", request, entry_name(entry));
+        line.decided = "rule";
+        line.outcome = "failed";
+        line.reason = refused;
+        app_.activity().record(line);
         return send_reply(connection, to, failure(refused));
     }
-    auto start = [this, connection, to, request, entry](bool allowed) {
-        if (!allowed)
+    auto start = [this, connection, to, request, entry](bool allowed, const char* decided) {
+        activity_event line = activation_event("activate", request, entry_name(entry));
+        line.decided = decided;
+        if (!allowed) {
+            line.event = "deny";
+            line.outcome = "rejected";
+            app_.activity().record(line);
             return send_reply(connection, to, status("Rejected"));
+        }
         media_.activate(request, entry, app_.profile().bitrate,
-                        [&app = app_, connection, to](const worker_manager::activation& outcome) {
+                        [&app = app_, connection, to, request, line](const worker_manager::activation& outcome) mutable {
                             if (!outcome.started) {
                                 // Nothing was kept: the service must not wait for a stream that never comes.
                                 log::line("The stream did not start: ", outcome.error);
-                                if (outcome.rejected) // the user said no in the desktop's own picker
+                                if (outcome.rejected) { // the user said no in the desktop's own picker
+                                    line.event = "deny";
+                                    line.decided = "user";
+                                    line.outcome = "rejected";
+                                    app.activity().record(line);
                                     return send_reply(connection, to, status("Rejected"));
+                                }
+                                line.outcome = "failed";
+                                line.reason = scrubbed(outcome.error, request);
+                                app.activity().record(line);
                                 return send_reply(connection, to, failure(outcome.error));
                             }
+                            line.outcome = "started";
+                            app.activity().started(request.source.id, line);
                             send_reply(connection, to, status("Success"));
                             if (outcome.first)
                                 app.state_changed(state_type::streaming);
@@ -128,10 +199,17 @@ deactivate_handler::deactivate_handler(worker_manager& media, app_callbacks& app
 
 void deactivate_handler::handle(const websocket::connection& connection, const Json& message)
 {
-    worker_manager::deactivation outcome = media_.deactivate(deactivate_request::parse(message));
+    deactivate_request request = deactivate_request::parse(message);
+    worker_manager::deactivation outcome = media_.deactivate(request);
     // A source that is not streaming gets no answer at all.
-    if (outcome.known)
+    if (outcome.known) {
+        constexpr const char* why = "stopped by the service";
+        if (request.all)
+            app_.activity().stopped_all("deactivate", why);
+        else
+            app_.activity().stopped(request.id, "deactivate", why);
         send_reply(connection, websocket::envelope::of(message), status("Success"));
+    }
     if (outcome.now_empty)
         app_.state_changed(state_type::connected);
 }

@@ -313,6 +313,17 @@ TEST_F(AgentProcess, AnswersRequestsByItsPolicy)
     EXPECT_EQ(service.reply_payload(service.activate(window), deadline), Json({{"status", "Rejected"}}));
     EXPECT_TRUE(output->wait_for_prefix("denied activate window", deadline));
     stop(*agent);
+    // Both refusals are in the history in its state folder, private to the user.
+    std::string history = dir.file("state/activity.jsonl");
+    std::vector<Json> events = activity_log(history).recent(10);
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1], Json({{"time", events[1]["time"]}, {"event", "deny"}, {"kind", "window"},
+                               {"decided", "rule"}, {"outcome", "rejected"}}));
+    EXPECT_EQ(events[0].value("event", ""), "deny");
+    EXPECT_EQ(events[0].value("ingest", ""), "rtmp://127.0.0.1");
+    struct stat file{};
+    ASSERT_EQ(::stat(history.c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600u);
 
     // Everything is allowed: a kind this client does not know is answered, as a failure.
     agent = run({"--bitrate", "1000", "--allow", "all"});

@@ -74,7 +74,8 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     std::string allowed = activate("approved");
     ASSERT_TRUE(pump_until([&] { return notifications.notified.size() == 1; }, deadline));
     EXPECT_EQ(notifications.notified[0].summary, "Requesting Permission");
-    EXPECT_EQ(notifications.notified[0].body, "Display 1\n1280x720");
+    EXPECT_EQ(notifications.notified[0].body, "Ann asks to stream the screen “Display 1” (1280x720).\n"
+                                              "It will be streamed live until you stop it from the tray icon.");
     EXPECT_FALSE(service.wait_for_reply(allowed, 0ms)) << "answered before the user was";
     notifications.invoke(101, "allow");
     EXPECT_EQ(reply_to(allowed), Json({{"status", "Success"}}));
@@ -89,6 +90,20 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     notifications.invoke(102, "deny");
     EXPECT_EQ(reply_to(denied), Json({{"status", "Rejected"}}));
     EXPECT_FALSE(ingest.publishing("refused"));
+
+    // Allowed, but its ingest refuses the connection: the user, who waits to be live, is told why.
+    std::string closed = "rtmp://127.0.0.1:" + std::to_string(test::free_loopback_port()) + "/live";
+    std::string failing = service.activate(sim::activation::of(screen, closed, "sk_unreachable")).value_or("");
+    ASSERT_TRUE(pump_until([&] { return notifications.notified.size() == 3; }, deadline));
+    notifications.invoke(103, "allow");
+    EXPECT_EQ(reply_to(failing).value("status", ""), "Failure");
+    ASSERT_TRUE(pump_until([&] { return notifications.notified.size() == 4; }, deadline));
+    const auto& told = notifications.notified[3];
+    EXPECT_EQ(told.summary, "The stream did not start");
+    EXPECT_TRUE(told.body.startsWith("Display 1 is not streamed: ")) << told.body.toStdString();
+    EXPECT_GT(told.body.size(), QString("Display 1 is not streamed: ").size()) << "no reason";
+    EXPECT_FALSE(told.body.contains("sk_unreachable"));
+    EXPECT_TRUE(told.actions.isEmpty());
 
     // Quitting ends every stream and leaves no media worker behind.
     delegate.shutdown();
@@ -109,16 +124,29 @@ TEST(StreamApproval, ARealNotificationServerAsksToo)
     };
     ASSERT_TRUE(test::eventually([&] { return dunstctl("is-paused") == "false\n"; }, deadline)) << "dunst is not up";
 
-    notification_prompter prompter;
+    // The app's dialog, as the test sees it: the request it was opened for.
+    std::vector<std::function<void(bool)>> dialogs;
+    notification_prompter prompter(QDBusConnection::sessionBus(),
+                                   [&](const prompt_text&, std::function<void(bool)> answer) {
+                                       dialogs.push_back(std::move(answer));
+                                   });
     std::vector<bool> answers;
     auto ask = [&] {
-        prompter.ask(source_type::screen, "Display 1", "1280x720", callback::request([&](bool a) { answers.push_back(a); }));
+        prompter.ask(source_type::screen, "Display 1", "1280x720", "Ann Example",
+                     callback::request([&](bool a) { answers.push_back(a); }));
         return pump_until([&] { return dunstctl("count").find("Currently displayed: 1") != std::string::npos; },
                           deadline);
     };
     ASSERT_TRUE(ask()) << "the prompt was not shown";
-    dunstctl("action"); // the user clicks the notification: its default action
-    ASSERT_TRUE(pump_until([&] { return answers.size() == 1; }, deadline));
+    // The user clicks the notification (its default action): that grants nothing, but opens
+    // the dialog for the same request, where Allow grants.
+    dunstctl("action");
+    ASSERT_TRUE(pump_until([&] { return dialogs.size() == 1; }, deadline));
+    ASSERT_TRUE(pump_until([&] { return dunstctl("count").find("Currently displayed: 0") != std::string::npos; },
+                           deadline));
+    EXPECT_TRUE(answers.empty());
+    dialogs[0](true);
+    ASSERT_EQ(answers.size(), 1u);
     ASSERT_TRUE(ask());
     dunstctl("close"); // the user dismisses it
     ASSERT_TRUE(pump_until([&] { return answers.size() == 2; }, deadline));

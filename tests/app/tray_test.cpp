@@ -62,13 +62,24 @@ obs::child_process::options app_run(const sim::service_sim& service, const test:
                     "--bitrate", "1500"};
     options.environment = std::move(environment);
     for (std::pair<std::string, std::string> usual : {std::pair<std::string, std::string>{"QT_QPA_PLATFORM", "xcb"},
-                                                      {"XDG_CONFIG_HOME", home.path().string()}})
+                                                      {"XDG_CONFIG_HOME", home.path().string()},
+                                                      {"XDG_STATE_HOME", home.path().string()}})
         if (std::none_of(options.environment.begin(), options.environment.end(),
                          [&](const auto& given) { return given.first == usual.first; }))
             options.environment.push_back(usual);
     // The language comes from LANG alone.
     options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE"};
     return options;
+}
+
+/// The item's ToolTip property, (sa(iiay)ss), as dbus-send prints it; a panel shows its
+/// title (the second string).
+std::string tooltip_of(const QString& service, const QString& path)
+{
+    return test::run_program({"dbus-send", "--session", "--print-reply", "--dest=" + service.toStdString(),
+                              path.toStdString(), "org.freedesktop.DBus.Properties.Get",
+                              "string:org.kde.StatusNotifierItem", "string:ToolTip"},
+                             std::chrono::seconds(5));
 }
 
 TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
@@ -131,6 +142,13 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     ASSERT_NE(quality, nullptr);
     EXPECT_EQ(quality->visible_labels(), QStringList({"Low", "Medium", "High", "Extreme"}));
     EXPECT_EQ(quality->find("Medium")->properties.value("toggle-state").toInt(), 1);
+    // One level at a time, and the panel draws them so.
+    for (const auto& level : quality->children)
+        EXPECT_EQ(level.properties.value("toggle-type").toString(), "radio") << level.label().toStdString();
+    EXPECT_TRUE(labels.contains("Activity…"));
+    // Panels that show tooltips read the state from the item.
+    EXPECT_NE(tooltip_of(item, item_path).find("string \"Orbweave — Streaming\""), std::string::npos)
+        << tooltip_of(item, item_path);
 
     // The user clicks "Stop streaming" in the panel: the stream ends, the link stays.
     ASSERT_TRUE(click_menu_entry(panel, item, menu_path, streaming.find("Stop streaming")->id));
@@ -140,6 +158,16 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     labels = menu().visible_labels();
     EXPECT_FALSE(labels.contains("Stop streaming"));
     EXPECT_FALSE(labels.contains(stream_line));
+    EXPECT_TRUE(pump_until(
+        [&] { return tooltip_of(item, item_path).find("string \"Orbweave — Connected\"") != std::string::npos; },
+        deadline))
+        << tooltip_of(item, item_path);
+    // The history, in the state folder, tells what was streamed and that the user stopped it.
+    std::ifstream history(home.file("orbweave/activity.jsonl"));
+    std::string text((std::istreambuf_iterator<char>(history)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find("\"event\":\"activate\""), std::string::npos) << text;
+    EXPECT_NE(text.find("\"event\":\"deactivate\""), std::string::npos) << text;
+    EXPECT_NE(text.find("\"decided\":\"user\""), std::string::npos) << text;
     EXPECT_EQ(service.connections().size(), 1u) << "stopping the streams cost the link";
 
     program.kill(SIGTERM);

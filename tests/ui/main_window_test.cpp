@@ -5,6 +5,7 @@
 #include "app/preferences.hpp"
 #include "tests/app/qt_support.hpp"
 #include "tests/support/temp_dir.hpp"
+#include "ui/activity_view.hpp"
 #include "ui/link_button.hpp"
 #include "ui/main_window.hpp"
 
@@ -14,6 +15,7 @@
 #include <QDir>
 #include <QFile>
 #include <QLabel>
+#include <QListWidget>
 #include <QPushButton>
 #include <QTest>
 #include <QTranslator>
@@ -203,6 +205,68 @@ std::vector<ts_message> read_ts(const QString& path)
     }
     EXPECT_FALSE(xml.hasError()) << xml.errorString().toStdString();
     return messages;
+}
+
+// The Activity view: the last 50 events, newest first, in local time, one line each; it
+// follows the history as it grows, and Clear empties it.
+TEST_F(MainWindow, TheActivityViewListsTheLastEventsNewestFirstAndClears)
+{
+    app::history events(QString::fromStdString(dir.file("state/orbweave/activity.jsonl")));
+    window.set_history(&events);
+    auto line = [](const char* event, callback::source_type::type kind, const char* source) {
+        activity_event entry;
+        entry.event = event;
+        entry.kind = kind;
+        entry.source = source;
+        return entry;
+    };
+    activity_event started = line("activate", source_type::screen, "Display 1");
+    started.ingest = "rtmp://ingest.example";
+    started.decided = "rule";
+    started.outcome = "started";
+    for (int i = 0; i < 60; ++i)
+        events.record(line("list", source_type::window, ""));
+    events.record(started);
+    activity_event ended = line("ended", source_type::screen, "Display 1");
+    ended.reason = "rtmp disconnected";
+    ended.duration = 75.2;
+    events.record(ended);
+
+    window.show_view("activityViewController");
+    auto* list = find<QListWidget>("activityList");
+    ASSERT_TRUE(list);
+    auto lines = [list] {
+        QStringList texts;
+        for (int row = 0; row < list->count(); ++row)
+            texts << list->item(row)->text();
+        return texts;
+    };
+    ASSERT_EQ(list->count(), 50);
+    // In local time, as the locale writes it.
+    QDateTime newest = events.recent(1).at(0).time;
+    EXPECT_EQ(newest.timeSpec(), Qt::LocalTime);
+    EXPECT_LT(std::abs(newest.secsTo(QDateTime::currentDateTime())), 60);
+    EXPECT_TRUE(lines()[0].startsWith(QLocale().toString(newest, QLocale::ShortFormat) + " · ")) << lines()[0].toStdString();
+    EXPECT_TRUE(lines()[0].endsWith("The screen “Display 1” ended after 1 min 15 s: rtmp disconnected"))
+        << lines()[0].toStdString();
+    EXPECT_TRUE(lines()[1].endsWith("Streaming the screen “Display 1” to rtmp://ingest.example, by your permission settings"))
+        << lines()[1].toStdString();
+    EXPECT_TRUE(lines()[2].endsWith("The service listed the windows")) << lines()[2].toStdString();
+
+    // A new event shows at the top once recorded.
+    activity_event out = line("sign-out", source_type::none, "");
+    out.decided = "user";
+    events.record(out);
+    EXPECT_TRUE(pump_until([&] { return lines().value(0).endsWith("You signed out"); })) << lines().value(0).toStdString();
+
+    auto* clear = find<QPushButton>("buttonClearHistory");
+    ASSERT_TRUE(clear);
+    EXPECT_EQ(clear->accessibleName(), "Clear history");
+    clear->click();
+    EXPECT_TRUE(pump_until([&] { return lines() == QStringList{"Nothing yet."}; })) << lines().join("\n").toStdString();
+    EXPECT_FALSE(clear->isEnabled());
+    EXPECT_TRUE(events.recent(50).empty());
+    EXPECT_FALSE(QFile::exists(QString::fromStdString(events.log()->path())));
 }
 
 TEST_F(MainWindow, EveryTranslationIsCompleteAndTheViewsSpeakGermanUnderAGermanLocale)

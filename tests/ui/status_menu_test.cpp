@@ -8,7 +8,11 @@
 #include "tests/support/temp_dir.hpp"
 #include "ui/status_menu.hpp"
 
+#include <QAbstractButton>
+#include <QActionGroup>
+#include <QApplication>
 #include <QIcon>
+#include <QMessageBox>
 
 #include <gtest/gtest.h>
 
@@ -67,7 +71,8 @@ TEST_F(StatusMenu, ShowsWhatTheUserAndTheStateAllow)
         SCOPED_TRACE(state);
         menu.on_state(state);
         menu.animator().stop();
-        std::vector<QString> expected{"Ann Example", "Permissions…", "Quality", "Launch at login", "Audio Output"};
+        std::vector<QString> expected{"Ann Example", "Permissions…", "Activity…", "Quality", "Launch at login",
+                                      "Audio Output"};
         if (state == state_type::streaming)
             expected.push_back("Stop streaming");
         const char* line[] = {"Waiting for pairing", "Connected", "Offline", "Streaming"};
@@ -156,6 +161,12 @@ TEST_F(StatusMenu, QualityTicksTheStoredLevelAndLaunchAtLoginTheRealEntry)
     menu.update_from_preferences();
     EXPECT_EQ(ticked(), std::vector<bool>({false, false, false, false}));
     EXPECT_EQ(stored.profile(), 7u) << "an unknown level is kept as stored";
+    // Radio items: one level at a time, drawn so.
+    for (QAction* item : menu.profile_items)
+        EXPECT_TRUE(item->actionGroup() && item->actionGroup()->isExclusive());
+    menu.profile_items[1]->trigger();
+    menu.profile_items[1]->trigger(); // clicking the ticked level again keeps it
+    EXPECT_EQ(ticked(), std::vector<bool>({false, true, false, false}));
 
     EXPECT_FALSE(menu.launch_at_login_item->isChecked());
     menu.launch_at_login_item->trigger();
@@ -187,6 +198,43 @@ TEST_F(StatusMenu, ActionsPostTheirEventsAndSignOutResets)
     EXPECT_EQ(sign_outs, 1);
     menu.quit_item->trigger();
     EXPECT_EQ(quits, 1);
+
+    seen.clear();
+    menu.activity_item->trigger();
+    EXPECT_TRUE(pump_until([&] { return seen.size() == 2; }));
+    EXPECT_EQ(seen[0], std::make_pair(std::string(app::events::view_show), QVariant("activityViewController")));
+}
+
+// Signing out stops every stream: while one runs, it waits for the user to confirm.
+TEST_F(StatusMenu, SignOutWhileStreamingAsksFirst)
+{
+    auto question = [] {
+        for (QWidget* widget : QApplication::topLevelWidgets())
+            if (widget->objectName() == "signOutConfirmation" && widget->isVisible())
+                return qobject_cast<QMessageBox*>(widget);
+        return static_cast<QMessageBox*>(nullptr);
+    };
+    auto click = [&](const QString& text) {
+        QMessageBox* open = question();
+        ASSERT_TRUE(open);
+        for (QAbstractButton* button : open->buttons())
+            if (button->text() == text)
+                return button->click();
+        FAIL() << "no button " << text.toStdString();
+    };
+    menu.on_state(state_type::streaming);
+    menu.sign_out_item->trigger();
+    EXPECT_EQ(sign_outs, 0);
+    ASSERT_TRUE(pump_until([&] { return question() != nullptr; }));
+    EXPECT_TRUE(question()->text().contains("stops every stream"));
+    click("Cancel");
+    EXPECT_TRUE(pump_until([&] { return question() == nullptr; }));
+    EXPECT_EQ(sign_outs, 0);
+
+    menu.sign_out_item->trigger();
+    ASSERT_TRUE(pump_until([&] { return question() != nullptr; }));
+    click("Sign out");
+    EXPECT_EQ(sign_outs, 1);
 }
 
 TEST_F(StatusMenu, WhileSigningOutOrStoppingTheStateLineSaysSoAndTheActionsWait)

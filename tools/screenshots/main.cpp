@@ -175,7 +175,8 @@ void run(const QString& directory)
     bus.post(app::events::audio_popover_hide);
 
     // The consent dialog used where notifications cannot ask.
-    ui::ask_with_dialog({"Requesting Permission", "Display 1", "1920x1080"}, [](bool) {});
+    ui::ask_with_dialog({"Requesting Permission", "Display 1", "1920x1080", callback::source_type::screen, "Demo Producer"},
+                        [](bool) {});
     QWidget* dialog = nullptr;
     wait_until("the permission dialog", [&] {
         for (QWidget* widget : QApplication::topLevelWidgets())

@@ -10,6 +10,8 @@
 //   "huge-line"        writes a line longer than the pipe allows, with no end
 //   "exit"             exits (status 3) without a reply
 //   "started-garbage"  reports the stream started, then writes garbage
+//   "ingest-gone"      reports the stream started, then that it ended because the
+//                      ingest did not come back (as the real worker does)
 //   "hang-on-shutdown" reports the stream started, then never answers the shutdown
 //                      nor ends by itself (SIGTERM ignored): only SIGKILL ends it
 //   "picker-N"         stands for a desktop whose user answers the screen-share picker
@@ -126,6 +128,9 @@ int main(int argc, char** argv)
                 send(obs::pipe::ok_reply(started.to_json()));
                 if (key == "started-garbage")
                     write_garbage();
+                if (key == "ingest-gone")
+                    send(obs::pipe::event_line(obs::pipe::stopped_event,
+                                               "rtmp disconnected: the ingest did not come back within 30 s"));
                 hang_on_shutdown = key == "hang-on-shutdown";
             }
         } else {
