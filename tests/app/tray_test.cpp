@@ -6,6 +6,7 @@
 
 #include "app/preferences.hpp"
 #include "core/obs/child_process.hpp"
+#include "core/obs/media_limits.hpp"
 #include "tests/app/qt_support.hpp"
 #include "tests/app/status_notifier_watcher.hpp"
 #include "tests/support/media_fixtures.hpp"
@@ -41,8 +42,9 @@ using callback::source_type;
 using test::pump_until;
 
 constexpr auto deadline = 20s;
-// A worker that hangs on stop is killed after 10 s; quitting may take that long, no more.
-constexpr auto stop_bound = 10s;
+// A worker that hangs on stop is killed once its orderly shutdown's bound is up, and
+// reaped within the kill's; quitting may take that long, no more.
+constexpr auto stop_bound = obs::stream_stop_limit({}) + obs::limits::kill;
 
 /// The test program's private bus (its qt_environment exports it).
 std::string bus_address()
