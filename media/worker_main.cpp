@@ -25,6 +25,7 @@
 #include "media/output.hpp"
 #include "media/protocol.hpp"
 #include "media/runtime.hpp"
+#include "media/system_check.hpp"
 
 #include <obs.h>
 #include <util/base.h>
@@ -233,6 +234,7 @@ int main(int argc, char** argv)
     std::unique_ptr<obs::output> stream;
     serve_stream(loop, writer, stream, arguments);
     loop.on(obs::pipe::op::stats, [](const Json&) { return frame_counters(); });
+    obs::serve_checks(loop, arguments.runtime.route);
 
     bool asked = loop.run();
     stream.reset();
