@@ -116,9 +116,12 @@ void check_window::add_to_menu(QMenu* menu, std::function<void()> open)
 {
     auto* action = new QAction(tr("Check this computer…"), menu);
     QObject::connect(action, &QAction::triggered, menu, [open = std::move(open)] { open(); });
-    for (QAction* existing : menu->actions())
-        if (existing->isSeparator()) {
-            menu->insertAction(existing, action);
+    // After the first separator: the lines above it (the state, the running streams)
+    // stay together.
+    const QList<QAction*> actions = menu->actions();
+    for (int i = 0; i + 1 < actions.size(); ++i)
+        if (actions[i]->isSeparator()) {
+            menu->insertAction(actions[i + 1], action);
             return;
         }
     menu->addAction(action);

@@ -30,7 +30,7 @@ public:
     /// The lines shown, as Copy copies them.
     QString text() const;
 
-    /// Adds "Check this computer…" to menu, before its first separator; open runs on a click.
+    /// Adds "Check this computer…" to menu, just after its first separator; open runs on a click.
     static void add_to_menu(QMenu* menu, std::function<void()> open);
 
 signals:
