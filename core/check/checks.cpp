@@ -172,6 +172,14 @@ item sound_item(const Json& desktop)
     return make("sound", status::ok, found, {}, sound);
 }
 
+/// Why a worker's call failed, for a person.
+std::string call_failure(const std::exception& error, const worker_watch* watch)
+{
+    if (watch && watch->expired())
+        return "no answer within the check's " + std::to_string(whole_check_limit.count() / 1000) + " s";
+    return error.what();
+}
+
 item not_checked(const std::string& name, const std::string& why)
 {
     return make(name, status::warn, "not checked: " + why, "fix the failures above first");
@@ -179,13 +187,37 @@ item not_checked(const std::string& name, const std::string& why)
 
 } // namespace
 
-std::vector<item> desktop_checks(const settings& options)
+void worker_watch::hold(obs::worker* worker)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    worker_ = worker;
+    if (worker_ && expired_)
+        worker_->abort();
+}
+
+void worker_watch::expire()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    expired_ = true;
+    if (worker_)
+        worker_->abort();
+}
+
+bool worker_watch::expired() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return expired_;
+}
+
+std::vector<item> desktop_checks(const settings& options, worker_watch* watch)
 {
     obs::capture_route route = obs::resolve_capture_route(options.capture);
     std::vector<item> items;
     std::unique_ptr<obs::worker> worker;
     try {
         worker = std::make_unique<obs::worker>(worker_options(options, false, desktop_call_limit));
+        if (watch)
+            watch->hold(worker.get());
     } catch (const std::exception& error) {
         items.push_back(make("display", status::fail, start_failure(route), display_fix(route),
                              {{"route", obs::capture_route_name(route)}, {"error", error.what()}}));
@@ -201,7 +233,7 @@ std::vector<item> desktop_checks(const settings& options)
         items.push_back(pipewire_item(route, desktop));
         items.push_back(sound_item(desktop));
     } catch (const std::exception& error) {
-        items.push_back(make("display", status::fail, std::string("the media worker could not look: ") + error.what(),
+        items.push_back(make("display", status::fail, "the media worker could not look: " + call_failure(error, watch),
                              "run the check again; if it persists, report it with the output of --check --json"));
     }
     try {
@@ -227,19 +259,23 @@ std::vector<item> desktop_checks(const settings& options)
         else
             items.push_back(make("catalogue", status::ok, found, {}, counts));
     } catch (const std::exception& error) {
-        items.push_back(make("catalogue", status::fail, std::string("listing failed: ") + error.what(),
+        items.push_back(make("catalogue", status::fail, "listing failed: " + call_failure(error, watch),
                              "run the check again; if it persists, report it with the output of --check --json"));
     }
+    if (watch)
+        watch->hold(nullptr);
     worker->shutdown();
     return items;
 }
 
-std::vector<item> encoder_checks(const settings& options)
+std::vector<item> encoder_checks(const settings& options, worker_watch* watch)
 {
     std::vector<item> items;
     std::unique_ptr<obs::worker> worker;
     try {
         worker = std::make_unique<obs::worker>(worker_options(options, true, encoder_call_limit));
+        if (watch)
+            watch->hold(worker.get());
     } catch (const std::exception&) {
         for (const char* name : {"renderer", "h264", "aac"})
             items.push_back(not_checked(name, "the stream worker does not start (see display)"));
@@ -249,10 +285,14 @@ std::vector<item> encoder_checks(const settings& options)
     try {
         found = worker->call({{"op", obs::pipe::op::check_encoders}});
     } catch (const std::exception& error) {
-        items.push_back(make("h264", status::fail, std::string("the encoders could not be tried: ") + error.what(),
+        if (watch)
+            watch->hold(nullptr);
+        items.push_back(make("h264", status::fail, "the encoders could not be tried: " + call_failure(error, watch),
                              "run the check again; if it persists, report it with the output of --check --json"));
         return items;
     }
+    if (watch)
+        watch->hold(nullptr);
     worker->shutdown();
 
     std::string renderer = string_at(found, {"renderer"});
@@ -385,10 +425,17 @@ item bandwidth_check(const settings& options, bool service_reachable)
 
 std::vector<item> run_common(const settings& options)
 {
-    auto desktop = std::async(std::launch::async, [&] { return desktop_checks(options); });
-    auto encoders = std::async(std::launch::async, [&] { return encoder_checks(options); });
+    auto deadline = std::chrono::steady_clock::now() + whole_check_limit;
+    worker_watch desktop_watch, encoder_watch;
+    auto desktop = std::async(std::launch::async, [&] { return desktop_checks(options, &desktop_watch); });
+    auto encoders = std::async(std::launch::async, [&] { return encoder_checks(options, &encoder_watch); });
     item service = service_check(options);
     item bandwidth = bandwidth_check(options, service.level != status::fail);
+    // A part still waiting at the deadline has its worker killed; it then answers at once.
+    if (desktop.wait_until(deadline) != std::future_status::ready)
+        desktop_watch.expire();
+    if (encoders.wait_until(deadline) != std::future_status::ready)
+        encoder_watch.expire();
 
     std::vector<item> items = desktop.get();
     bool windows_cast = true;

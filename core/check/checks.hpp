@@ -12,9 +12,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
+
+namespace orbweave::obs {
+class worker;
+}
 
 namespace orbweave::check {
 
@@ -28,20 +33,38 @@ struct settings {
     std::string worker_executable;
 };
 
-// The bounds of each part. Each part runs on a thread of its own, so the whole check
-// takes about the longest of them (the stream worker's: start-up and the encoders).
+// The bounds. The three parts (desktop, encoders, service) run at once, each call of
+// each part is bounded, and the whole check is cut at whole_check_limit: a part still
+// waiting then has its worker killed and says so. Normally it all takes 1-2 s.
 inline constexpr std::chrono::milliseconds worker_start_limit{8000};
-inline constexpr std::chrono::milliseconds desktop_call_limit{8000};
-inline constexpr std::chrono::milliseconds list_call_limit{5000};
+/// The portal (2 s a question), the sound server (2 s), PipeWire; a listing.
+inline constexpr std::chrono::milliseconds desktop_call_limit{6000};
 /// Three H.264 encoders and AAC, each at most 2.5 s for its packets.
-inline constexpr std::chrono::milliseconds encoder_call_limit{12000};
+inline constexpr std::chrono::milliseconds encoder_call_limit{11000};
+/// The service part: the handshake, then the bandwidth measure.
 inline constexpr std::chrono::milliseconds tls_limit{5000};
 inline constexpr std::chrono::milliseconds bandwidth_limit{5000};
+inline constexpr std::chrono::milliseconds whole_check_limit = tls_limit + bandwidth_limit + std::chrono::seconds(5);
+
+/// Lets a check end on time: a part holds its media worker here while it uses it, and
+/// expire() kills that worker, so whatever the part waits for fails at once.
+class worker_watch {
+public:
+    /// worker while in use, nullptr after; a worker held after expire() is killed at once.
+    void hold(obs::worker* worker);
+    void expire();
+    bool expired() const;
+
+private:
+    mutable std::mutex mutex_;
+    obs::worker* worker_ = nullptr;
+    bool expired_ = false;
+};
 
 /// display, portal (Wayland), pipewire, sound, catalogue.
-std::vector<item> desktop_checks(const settings& options);
+std::vector<item> desktop_checks(const settings& options, worker_watch* watch = nullptr);
 /// renderer, capture, h264, aac.
-std::vector<item> encoder_checks(const settings& options);
+std::vector<item> encoder_checks(const settings& options, worker_watch* watch = nullptr);
 /// service (TLS to the endpoint: subject, expiry, trust).
 item service_check(const settings& options);
 /// bandwidth: the --bitrate given, or the measure and the quality it allows.

@@ -3,6 +3,7 @@
 // whose certificate it is not told to trust, and a headless sway desktop with PipeWire
 // and the portal. Each run's lines, exit status and JSON form are checked.
 
+#include "core/check/checks.hpp"
 #include "core/json.hpp"
 #include "core/obs/child_process.hpp"
 #include "tests/support/line_reader.hpp"
@@ -19,6 +20,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <map>
 
 namespace orbweave {
@@ -248,6 +250,55 @@ TEST(Check, WithoutADisplayNothingCanStreamAndTheLineSaysWhy)
     EXPECT_NE(display.find("to fix: "), std::string::npos) << display;
     // The service side is still checked.
     EXPECT_NE(run.line("service").find(", trusted by "), std::string::npos) << run.line("service");
+}
+
+TEST(Check, AMediaWorkerThatNeverAnswersIsKilledAndNamed)
+{
+    test::temp_dir dir;
+    sim::service_sim service;
+    service.identity().write(dir.path());
+    check::settings settings;
+    settings.service_url = service.url();
+    settings.ca_file = dir.file("ca.pem");
+    settings.bitrate = 1500;
+    settings.worker_executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+    auto started = std::chrono::steady_clock::now();
+    auto checked = std::async(std::launch::async, [&] { return check::run_common(settings); });
+    ASSERT_EQ(checked.wait_for(check::whole_check_limit + 10s), std::future_status::ready);
+    std::printf("[ time     ] --check with hung media workers: %.1f s\n",
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+    std::map<std::string, check::item> items;
+    for (auto& entry : checked.get())
+        items[entry.name] = entry;
+    EXPECT_EQ(items["display"].level, check::status::fail);
+    EXPECT_NE(items["display"].found.find("the media worker could not look"), std::string::npos)
+        << items["display"].found;
+    EXPECT_EQ(items["h264"].level, check::status::fail);
+    EXPECT_NE(items["h264"].found.find("could not be tried"), std::string::npos) << items["h264"].found;
+    // The service part is not held up by them.
+    EXPECT_NE(items["service"].level, check::status::fail) << items["service"].found;
+}
+
+TEST(Check, TheStateFolderAndTheSecretsModes)
+{
+    test::temp_dir dir;
+    std::string state = dir.file("state");
+    EXPECT_EQ(check::state_folder_check(state).level, check::status::ok); // made at the first pairing
+    std::filesystem::create_directories(state);
+    ::chmod(state.c_str(), 0700);
+    std::ofstream(state + "/secret") << "s";
+    ::chmod((state + "/secret").c_str(), 0600);
+    check::item paired = check::state_folder_check(state);
+    EXPECT_EQ(paired.level, check::status::ok);
+    EXPECT_NE(paired.found.find("paired (secret mode 0600)"), std::string::npos) << paired.found;
+    // A secret others can read lets them stream this machine.
+    ::chmod((state + "/secret").c_str(), 0644);
+    check::item open = check::state_folder_check(state);
+    EXPECT_EQ(open.level, check::status::warn);
+    EXPECT_EQ(open.fix.rfind("chmod 600 " + state + "/secret", 0), 0u) << open.fix;
+    // A file where the folder should be cannot hold the secret.
+    std::ofstream(dir.file("file")) << "x";
+    EXPECT_EQ(check::state_folder_check(dir.file("file")).level, check::status::fail);
 }
 
 TEST(Check, OnSwayThePortalIsDescribed)
