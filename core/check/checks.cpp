@@ -2,7 +2,11 @@
 
 #include "core/bandwidth_probe.hpp"
 #include "core/encode_profile.hpp"
+#include "core/obs/child_process.hpp"
+#include "core/obs/pipe_channel.hpp"
 #include "core/obs/worker.hpp"
+
+#include <poll.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -172,6 +176,31 @@ item sound_item(const Json& desktop)
     return make("sound", status::ok, found, {}, sound);
 }
 
+/// The desktop side asked of a worker that starts no libobs (orbweave-media-worker
+/// --check-desktop), where no display lets a listing worker start; null when it does
+/// not answer within desktop_call_limit.
+Json probe_desktop(const settings& options, obs::capture_route route)
+{
+    obs::child_process::options spawn;
+    spawn.argv = {options.worker_executable.empty() ? obs::worker::default_executable() : options.worker_executable,
+                  "--check-desktop", "--capture", obs::capture_route_name(route)};
+    spawn.pipe_stdout = true;
+    try {
+        obs::child_process probe(spawn);
+        pollfd ready{probe.stdout_fd(), POLLIN, 0};
+        int waited = ::poll(&ready, 1, static_cast<int>(desktop_call_limit.count()));
+        std::string line;
+        obs::pipe::line_reader reader(probe.stdout_fd(), obs::pipe::max_line_bytes);
+        if (waited != 1 || reader.next(line) != obs::pipe::line_reader::status::line)
+            return nullptr; // the probe is killed as it goes
+        probe.wait_for(std::chrono::milliseconds(1000));
+        obs::pipe::worker_line reply = obs::pipe::worker_line::parse(line);
+        return reply.ok ? reply.result : Json(nullptr);
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+}
+
 /// Why a worker's call failed, for a person.
 std::string call_failure(const std::exception& error, const worker_watch* watch)
 {
@@ -221,8 +250,17 @@ std::vector<item> desktop_checks(const settings& options, worker_watch* watch)
     } catch (const std::exception& error) {
         items.push_back(make("display", status::fail, start_failure(route), display_fix(route),
                              {{"route", obs::capture_route_name(route)}, {"error", error.what()}}));
-        for (const char* name : {"sound", "catalogue"})
-            items.push_back(not_checked(name, "no media worker runs without a display"));
+        // The rest of the desktop needs no display.
+        Json desktop = probe_desktop(options, route);
+        if (desktop.is_object()) {
+            if (route == obs::capture_route::portal)
+                items.push_back(portal_item(desktop));
+            items.push_back(pipewire_item(route, desktop));
+            items.push_back(sound_item(desktop));
+        } else {
+            items.push_back(not_checked("sound", "the media worker does not start"));
+        }
+        items.push_back(not_checked("catalogue", "no media worker lists without a display"));
         return items;
     }
     try {

@@ -248,6 +248,9 @@ TEST(Check, WithoutADisplayNothingCanStreamAndTheLineSaysWhy)
     EXPECT_EQ(display.rfind("fail  display", 0), 0u) << display;
     EXPECT_NE(display.find("DISPLAY is not set"), std::string::npos) << display;
     EXPECT_NE(display.find("to fix: "), std::string::npos) << display;
+    // What needs no display is still checked: the sound server here is missing.
+    EXPECT_EQ(run.line("sound").rfind("warn  sound      no sound server answers", 0), 0u) << run.line("sound");
+    EXPECT_EQ(run.line("catalogue").rfind("warn  catalogue  not checked", 0), 0u) << run.line("catalogue");
     // The service side is still checked.
     EXPECT_NE(run.line("service").find(", trusted by "), std::string::npos) << run.line("service");
 }
