@@ -72,6 +72,8 @@ options parse_options(const std::vector<std::string>& arguments)
                 return false;
             return true;
         });
+    if (result.json && !result.check)
+        throw std::invalid_argument("--json goes with --check");
     if (result.state_dir.empty())
         result.state_dir = default_state_dir();
     return result;

@@ -69,6 +69,8 @@ int main(int argc, char** argv)
                                               *flag = true;
                                           return flag != nullptr;
                                       });
+        if (json && !check)
+            throw std::invalid_argument("--json goes with --check");
     } catch (const std::invalid_argument& error) {
         std::cerr << "orbweave: " << error.what() << "\n";
         return 2;
