@@ -216,6 +216,26 @@ item not_checked(const std::string& name, const std::string& why)
 
 } // namespace
 
+std::string stream_encoder_text(const std::string& hardware, bool hardware_works, std::optional<std::int32_t> kbps)
+{
+    // As the stream decides (media/encoders): hardware from the threshold up, where offered;
+    // a hardware start that fails is retried once with x264.
+    constexpr std::int32_t threshold = 5000;
+    if (hardware.empty())
+        return "streams use obs_x264";
+    if (!kbps) {
+        if (hardware_works)
+            return "streams use obs_x264, and " + hardware + " at 5000 kbps or more";
+        return "streams use obs_x264 (at 5000 kbps or more " + hardware + " is tried first and fails)";
+    }
+    std::string rate = std::to_string(*kbps) + " kbps";
+    if (*kbps < threshold)
+        return "streams use obs_x264 (" + rate + " is below the 5000 kbps " + hardware + " needs)";
+    if (hardware_works)
+        return "streams use " + hardware + " (" + rate + ")";
+    return "streams try " + hardware + " first (" + rate + "), which fails, then obs_x264: a slower start";
+}
+
 void worker_watch::hold(obs::worker* worker)
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -378,16 +398,9 @@ std::vector<item> encoder_checks(const settings& options, worker_watch* watch)
     std::string text;
     for (const auto& part : parts)
         text += (text.empty() ? "" : ", ") + part;
-    std::string uses;
-    if (hardware.empty())
-        uses = "streams use obs_x264";
-    else if (hardware_works)
-        uses = "streams use obs_x264, and " + hardware + " where the measured bitrate is 5000 kbps or more";
-    else
-        uses = "streams use obs_x264 (" + hardware + " is tried first from 5000 kbps and falls back, later)";
-    text += "; " + uses;
+    text += "; " + stream_encoder_text(hardware, hardware_works, std::nullopt);
     const Json& encoders = json::at(found, {"encoders"});
-    Json h264_details{{"encoders", encoders}, {"hardware_encoder", hardware}};
+    Json h264_details{{"encoders", encoders}, {"hardware_encoder", hardware}, {"hardware_works", hardware_works}};
     if (!software_works && !hardware_works)
         items.push_back(make("h264", status::fail, text,
                              "install obs-studio's x264 plug-in (Debian: obs-studio, libx264-164)", h264_details));
@@ -487,6 +500,15 @@ std::vector<item> run_common(const settings& options)
             entry.found = "screen: " + string_at(entry.details, {"screen"}) + "; window: " +
                           string_at(entry.details, {"window"}) + "; audio: " + string_at(entry.details, {"audio"}) +
                           "; camera: " + string_at(entry.details, {"camera"});
+        }
+        // Which encoder a stream takes depends on the bitrate, known only now.
+        if (entry.name == "h264" && entry.details.contains("hardware_works")) {
+            auto at = entry.found.rfind("; stream");
+            std::int32_t kbps = json::int_at(bandwidth.details, {"kbps"});
+            if (at != std::string::npos && kbps > 0)
+                entry.found = entry.found.substr(0, at) + "; " +
+                              stream_encoder_text(string_at(entry.details, {"hardware_encoder"}),
+                                                  bool_at(entry.details, {"hardware_works"}), kbps);
         }
         items.push_back(std::move(entry));
     }

@@ -76,6 +76,10 @@ std::vector<item> run_common(const settings& options);
 /// The agent's state folder (writable, private) and its secret file's mode.
 item state_folder_check(const std::string& directory);
 
+/// Which H.264 encoder streams take: hardware is the registered hardware encoder ("" for
+/// none), hardware_works whether it encoded; kbps the stream bitrate when known.
+std::string stream_encoder_text(const std::string& hardware, bool hardware_works, std::optional<std::int32_t> kbps);
+
 /// The quality levels a bitrate (kbps) carries at their full rate, for a person.
 std::string quality_for(std::int32_t kbps);
 

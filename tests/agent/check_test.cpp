@@ -183,7 +183,7 @@ TEST_F(CheckOnX11, EverythingAStreamNeedsIsFoundAndChangedNothing)
             EXPECT_GE(json::int_at(encoder, {"packets"}), 3);
         }
     EXPECT_TRUE(x264);
-    EXPECT_NE(run.found("h264").find("streams use obs_x264"), std::string::npos);
+    EXPECT_NE(run.found("h264").find("streams use obs_x264"), std::string::npos) << run.found("h264");
     EXPECT_EQ(run.status("aac"), "ok");
     // The service: trusted through the given CA, named and dated, measured.
     // (ok, or warn only because the test certificate expires within days)
@@ -280,6 +280,19 @@ TEST(Check, AMediaWorkerThatNeverAnswersIsKilledAndNamed)
     EXPECT_NE(items["h264"].found.find("could not be tried"), std::string::npos) << items["h264"].found;
     // The service part is not held up by them.
     EXPECT_NE(items["service"].level, check::status::fail) << items["service"].found;
+}
+
+TEST(Check, WhichEncoderAStreamTakesAndWhatABitrateCarries)
+{
+    EXPECT_EQ(check::stream_encoder_text("", false, 20000), "streams use obs_x264");
+    EXPECT_EQ(check::stream_encoder_text("ffmpeg_vaapi", true, 20000), "streams use ffmpeg_vaapi (20000 kbps)");
+    EXPECT_EQ(check::stream_encoder_text("ffmpeg_vaapi", true, 4999).rfind("streams use obs_x264 (4999 kbps", 0), 0u);
+    // A hardware encoder that is offered but fails costs every fast stream a failed attempt.
+    EXPECT_NE(check::stream_encoder_text("ffmpeg_nvenc", false, 8000).find("which fails, then obs_x264"),
+              std::string::npos);
+    EXPECT_EQ(check::quality_for(2000), "every level up to medium at its full bitrate");
+    EXPECT_EQ(check::quality_for(3500), "every level up to extreme at its full bitrate");
+    EXPECT_EQ(check::quality_for(400).rfind("below low's 600 kbps", 0), 0u);
 }
 
 TEST(Check, TheStateFolderAndTheSecretsModes)
