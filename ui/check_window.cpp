@@ -52,6 +52,7 @@ check_window::check_window(check::settings settings, QWidget* parent)
 
 check_window::~check_window()
 {
+    closing_ = true;
     if (runner_.joinable())
         runner_.join();
 }
@@ -81,7 +82,9 @@ void check_window::start()
     again_->setEnabled(false);
     summary_->setText(tr("Checking this computer… (a few seconds)"));
     lines_->clear();
-    runner_ = std::thread([this, settings = settings_] {
+    check::settings settings = settings_;
+    settings.cancelled = [this] { return closing_.load(); };
+    runner_ = std::thread([this, settings] {
         // Blocking D-Bus calls and worker processes, each bounded, off the GUI thread.
         check::report report =
             app::run_desktop_check(settings, QDBusConnection::sessionBus(), app::autostart::default_path());

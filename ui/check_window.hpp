@@ -8,6 +8,7 @@
 
 #include <QDialog>
 
+#include <atomic>
 #include <memory>
 #include <thread>
 
@@ -22,7 +23,7 @@ class check_window : public QDialog {
     Q_OBJECT
 public:
     explicit check_window(check::settings settings, QWidget* parent = nullptr);
-    /// Waits for a check still running (each of its parts is bounded).
+    /// Cancels a check still running and waits for it (at once: its workers are killed).
     ~check_window() override;
 
     /// Shows the window and starts a check unless one runs.
@@ -43,6 +44,7 @@ private:
 
     check::settings settings_;
     std::thread runner_;
+    std::atomic<bool> closing_{false};
     bool running_ = false;
     QLabel* summary_ = nullptr;
     QPlainTextEdit* lines_ = nullptr;

@@ -455,6 +455,7 @@ item bandwidth_check(const settings& options, bool service_reachable)
     probe_options probe;
     probe.ca_file = options.ca_file;
     probe.timeout = bandwidth_limit;
+    probe.cancelled = options.cancelled;
     auto started = std::chrono::steady_clock::now();
     std::int32_t kbps = recommended_bitrate(options.service_url, probe);
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started).count();
@@ -480,13 +481,26 @@ std::vector<item> run_common(const settings& options)
     worker_watch desktop_watch, encoder_watch;
     auto desktop = std::async(std::launch::async, [&] { return desktop_checks(options, &desktop_watch); });
     auto encoders = std::async(std::launch::async, [&] { return encoder_checks(options, &encoder_watch); });
-    item service = service_check(options);
-    item bandwidth = bandwidth_check(options, service.level != status::fail);
-    // A part still waiting at the deadline has its worker killed; it then answers at once.
-    if (desktop.wait_until(deadline) != std::future_status::ready)
-        desktop_watch.expire();
-    if (encoders.wait_until(deadline) != std::future_status::ready)
-        encoder_watch.expire();
+    auto network = std::async(std::launch::async, [&] {
+        item service = service_check(options);
+        item bandwidth = bandwidth_check(options, service.level != status::fail);
+        return std::make_pair(std::move(service), std::move(bandwidth));
+    });
+    // A part still waiting at the deadline, or when the check is cancelled, has its worker
+    // killed; it then answers at once. The network part ends within its own bounds (and
+    // at once when cancelled).
+    auto ready = [](auto& part) { return part.wait_for(std::chrono::seconds(0)) == std::future_status::ready; };
+    while (!(ready(desktop) && ready(encoders) && ready(network))) {
+        bool late = std::chrono::steady_clock::now() >= deadline;
+        if (late || (options.cancelled && options.cancelled())) {
+            desktop_watch.expire();
+            encoder_watch.expire();
+            network.wait();
+            break;
+        }
+        network.wait_for(std::chrono::milliseconds(50));
+    }
+    auto [service, bandwidth] = network.get();
 
     std::vector<item> items = desktop.get();
     bool windows_cast = true;

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -31,6 +32,8 @@ struct settings {
     obs::capture_route capture = obs::capture_route::automatic;
     /// The media worker program; empty: the client's default.
     std::string worker_executable;
+    /// Polled while the check runs; true ends every part at once (the app quitting).
+    std::function<bool()> cancelled;
 };
 
 // The bounds. The three parts (desktop, encoders, service) run at once, each call of

@@ -116,9 +116,16 @@ item service_check(const settings& options)
             stream.async_handshake(ssl::stream_base::client, [&](boost::system::error_code ec) { finish(ec); });
         });
     });
-    io.run();
+    // In slices, so that a cancelled check need not wait out the bound.
+    while (!io.stopped()) {
+        io.run_for(std::chrono::milliseconds(50));
+        if (!done && options.cancelled && options.cancelled())
+            finish(asio::error::operation_aborted);
+    }
 
     std::string where = host + ":" + uri.get_port_str();
+    if (failure == asio::error::operation_aborted)
+        return fail(where + ": the check was cancelled", "run the check again");
     if (failure == asio::error::timed_out)
         return fail(where + " did not complete a TLS handshake within 5 s",
                     "check the network path and the --service URL");

@@ -282,6 +282,27 @@ TEST(Check, AMediaWorkerThatNeverAnswersIsKilledAndNamed)
     EXPECT_NE(items["service"].level, check::status::fail) << items["service"].found;
 }
 
+TEST(Check, ACancelledCheckEndsAtOnceThoughItsWorkersHang)
+{
+    test::temp_dir dir;
+    sim::service_sim service;
+    service.identity().write(dir.path());
+    check::settings settings;
+    settings.service_url = service.url();
+    settings.ca_file = dir.file("ca.pem");
+    settings.worker_executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+    // The app quitting while its window checks: every part ends without waiting out a bound.
+    settings.cancelled = [] { return true; };
+    auto checked = std::async(std::launch::async, [&] { return check::run_common(settings); });
+    // Well inside the hung workers' 6 s call bound.
+    ASSERT_EQ(checked.wait_for(4s), std::future_status::ready);
+    for (const auto& entry : checked.get()) {
+        if (entry.name == "h264" || entry.name == "display") {
+            EXPECT_EQ(entry.level, check::status::fail) << entry.name << ": " << entry.found;
+        }
+    }
+}
+
 TEST(Check, WhichEncoderAStreamTakesAndWhatABitrateCarries)
 {
     EXPECT_EQ(check::stream_encoder_text("", false, 20000), "streams use obs_x264");
