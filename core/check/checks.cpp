@@ -372,7 +372,6 @@ std::vector<item> encoder_checks(const settings& options, worker_watch* watch)
                          {}, paths));
 
     // H.264: which encoders open and encode, and which one a stream takes.
-    std::string software_state, hardware_text;
     bool software_works = false, hardware_broken = false;
     std::string hardware = string_at(found, {"hardware_encoder"});
     bool hardware_works = false;
