@@ -3,6 +3,7 @@
 // its menu entry, and `orbweave --check` as a program.
 
 #include "app/desktop_check.hpp"
+#include "app/translations.hpp"
 #include "core/obs/child_process.hpp"
 #include "tests/app/notification_server.hpp"
 #include "tests/app/qt_support.hpp"
@@ -15,6 +16,7 @@
 #include <QClipboard>
 #include <QMenu>
 #include <QPushButton>
+#include <QTranslator>
 
 #include <gtest/gtest.h>
 
@@ -130,6 +132,24 @@ TEST(DesktopCheck, TheWindowShowsTheLinesAndCopiesThem)
     ASSERT_TRUE(copy);
     copy->click();
     EXPECT_EQ(QApplication::clipboard()->text(), text);
+}
+
+TEST(DesktopCheck, TheWindowSpeaksGerman)
+{
+    QTranslator german;
+    ASSERT_TRUE(german.load(QLocale(QLocale::German, QLocale::Germany), "orbweave", "_",
+                            app::translations_directory()));
+    QCoreApplication::installTranslator(&german);
+    ui::check_window window(check::settings{});
+    QMenu menu;
+    ui::check_window::add_to_menu(&menu, [] {});
+    QCoreApplication::removeTranslator(&german);
+    EXPECT_EQ(window.windowTitle(), "Diesen Computer prüfen");
+    EXPECT_EQ(menu.actions().value(0) ? menu.actions().value(0)->text() : QString(), "Diesen Computer prüfen …");
+    QStringList buttons;
+    for (auto* button : window.findChildren<QPushButton*>())
+        buttons << button->text();
+    EXPECT_TRUE(buttons.contains("Kopieren")) << buttons.join(", ").toStdString();
 }
 
 TEST(DesktopCheck, TheProgramPrintsItsOwnChecksAndJson)
