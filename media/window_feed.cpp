@@ -89,8 +89,10 @@ struct window_feed::grabber {
             std::free(error);
             throw std::runtime_error("the X server cannot keep the window's picture");
         }
+        // A window not shown now (on another desktop, minimised) has no picture until
+        // it is: the stream is black until then.
         if (!name_picture())
-            throw std::runtime_error("the window has no picture (is it shown?)");
+            log::line("media: the window is not shown; the stream stays black until it is");
     }
 
     /// Names the window's off-screen picture as it is now, with shared memory that holds
@@ -206,7 +208,7 @@ struct window_feed::grabber {
             grabbed = static_cast<bool>(image);
         }
         if (!grabbed) {
-            if (failed++ == 0)
+            if (failed++ == 0 && pixmap)
                 log::line("media: cannot grab the window (X error " + std::to_string(error ? error->error_code : 0) +
                           "); the last picture is sent until it can");
             std::free(error);
