@@ -788,8 +788,10 @@ TEST_F(Streaming, AStreamOutlivesARestartOfTheSoundServer)
     EXPECT_EQ(log.count_lines_starting("media: the sound server is back"), 1) << log.text();
 }
 
+// Through the canvas, as where a GPU draws (the way past it has a test of its own below).
 TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
 {
+    test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", "canvas");
     const auto& windows = test::media_environment::current().windows();
     ASSERT_FALSE(windows.empty());
     const auto& window = *windows.front();
