@@ -23,13 +23,25 @@
 //   stream_frames_60s, stream_dropped_frames_60s, stream_lagged_frames_60s,
 //     stream_skipped_frames_60s: our stream over the same 60 s (the worker's "stats").
 //   test_pattern_cpu_s_per_s, machine_load_1m: what else ran meanwhile (2 cores here).
+//   still_desktop_cpu_s_per_s ours=.. ffmpeg=.. ratio=..: a still desktop with a clock
+//     ticking, 30 s each, ours against ffmpeg x11grab + libx264 veryfast + AAC on the same
+//     screen; still_desktop_threads: where each goes, by thread; still_desktop_fps: our
+//     frames a second meanwhile.
+//   change_to_decoded_at_ingest_ms ours=.. ffmpeg=.. ratio=..: a square turned white or
+//     black on the screen (over the moving pattern) until a low-delay player at the ingest
+//     decodes the change, after two seconds of frames; medians of 10; ffmpeg video only.
+//   outside_activation_reply_first_after_connect_ms, outside_activation_reply_ms (_min,
+//     _max): activate -> "Success" as a service sees it: orbweave-service-sim and
+//     orbweave-agent as programs of their own over TLS, a moving screen; the first right
+//     after the agent connected, then the median of 10 taken 1.5 s apart.
 //   scaling_N_streams_cpu_s_per_s_per_stream, scaling_N_streams_rss_kib_per_stream,
 //   scaling_N_streams_lagged_frames (late frames of all N over the window): N = 1,
 //     2 and 4 streams of the screen at once, one worker each (10 s).
 //   agent_idle_cpu_s_per_s, agent_rss_kib, spare_worker_*, listing_worker_*: orbweave-agent
 //     paired with the simulator and idle (10 s) after one list, and its two workers.
 //
-// Arguments name the parts to run (listing, activation, steady, scaling, idle), for
+// Arguments name the parts to run (listing, activation, still, reply, latency, steady,
+// scaling, idle), for
 // working on one figure; without any, all of them run.
 // With ORBWEAVE_BENCH_JSON set, the figures are also written there as one JSON object.
 // Everything is started here on a private display, PulseAudio, nginx and free ports, and
