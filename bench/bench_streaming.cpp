@@ -664,11 +664,17 @@ public:
         return arrived_.wait_for(lock, timeout, [&] { return frames_ >= until; });
     }
 
-    /// When the first frame from now on decoded the square white (or black).
-    std::optional<clock_type::time_point> wait_for(bool white, std::chrono::milliseconds timeout)
+    /// How many frames it has decoded so far.
+    std::size_t decoded()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return frames_;
+    }
+
+    /// When the first frame after the `from`th decoded the square white (or black).
+    std::optional<clock_type::time_point> wait_for(bool white, std::size_t from, std::chrono::milliseconds timeout)
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        std::size_t from = frames_;
         std::optional<clock_type::time_point> seen;
         arrived_.wait_for(lock, timeout, [&] {
             for (std::size_t i = from; i < frames_; ++i)
@@ -948,47 +954,47 @@ private:
 
     /// Time from a change on the screen (a square turning white or black, drawn by the
     /// X server) to the first frame a player at the ingest decodes with it, in the steady
-    /// state (the player has had a key frame and two seconds of frames); medians of 10,
+    /// state (each player has had a key frame and two seconds of frames); medians of 10,
     /// ours against ffmpeg's pusher (video only) at the same bitrate, on the moving pattern.
+    /// Both stream at once and each change is timed on both, so both see the same load.
     void latency()
     {
-        progress("change on screen -> decoded at the ingest, " + std::to_string(latency_changes) + " changes each");
+        progress("change on screen -> decoded at the ingest, " + std::to_string(latency_changes) + " changes");
         flipping_square square;
-        auto measure = [&](const std::string& key) {
-            square_watcher player(ingest_.stream_url(key));
-            if (!player.wait_frames(2 * 30, deadline))
-                throw std::runtime_error("the player decoded no frames of " + key);
-            std::vector<double> times;
-            bool white = false;
-            for (int change = 0; change < latency_changes; ++change) {
-                // Changes land anywhere within a frame's 33 ms, not on one phase of it.
-                std::this_thread::sleep_for(600ms + std::chrono::milliseconds(7 * change));
-                white = !white;
-                square.show(white);
-                auto drawn = clock_type::now();
-                auto decoded = player.wait_for(white, deadline);
-                if (!decoded)
-                    throw std::runtime_error("the change never reached the player of " + key);
-                times.push_back(ms_between(drawn, *decoded));
-            }
-            return median(times);
-        };
-
         obs::worker::options options;
         options.stream_worker = true;
         obs::worker stream(options);
         obs::pipe::stream_result started = stream.stream(order_for("latency-ours"));
         if (!started.started)
             throw std::runtime_error("the worker did not start the stream: " + started.error);
-        double ours = measure("latency-ours");
-        stream.shutdown();
-
         auto pusher = start_ffmpeg_pusher(ingest_.stream_url("latency-ffmpeg"), false);
         if (!ingest_.wait_for_publishing("latency-ffmpeg", deadline))
             throw std::runtime_error("the ffmpeg pusher did not publish");
-        double theirs = measure("latency-ffmpeg");
+        square_watcher ours_player(ingest_.stream_url("latency-ours"));
+        square_watcher their_player(ingest_.stream_url("latency-ffmpeg"));
+        for (auto* player : {&ours_player, &their_player})
+            if (!player->wait_frames(2 * 30, deadline))
+                throw std::runtime_error("a player decoded no frames");
+        std::vector<double> ours, theirs;
+        bool white = false;
+        for (int change = 0; change < latency_changes; ++change) {
+            // Changes land anywhere within a frame's 33 ms, not on one phase of it.
+            std::this_thread::sleep_for(600ms + std::chrono::milliseconds(7 * change));
+            white = !white;
+            std::size_t our_from = ours_player.decoded();
+            std::size_t their_from = their_player.decoded();
+            square.show(white);
+            auto drawn = clock_type::now();
+            auto our_decoded = ours_player.wait_for(white, our_from, deadline);
+            auto their_decoded = their_player.wait_for(white, their_from, deadline);
+            if (!our_decoded || !their_decoded)
+                throw std::runtime_error("a change never reached a player");
+            ours.push_back(ms_between(drawn, *our_decoded));
+            theirs.push_back(ms_between(drawn, *their_decoded));
+        }
         stop_process(*pusher);
-        side_by_side("change_to_decoded_at_ingest_ms", ours, theirs, "%.0f");
+        stream.shutdown();
+        side_by_side("change_to_decoded_at_ingest_ms", median(ours), median(theirs), "%.0f");
     }
 
     /// activate -> "Success" as a service sees it: the simulator as a program of its own,
@@ -1028,20 +1034,28 @@ private:
             auto sent = clock_type::now();
             if (::write(service.stdin_fd(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
                 throw std::runtime_error("cannot write to the simulator");
-            auto told = events.wait_for([](const std::string& l) { return l.find(" sent state ") != std::string::npos; },
-                                        deadline);
-            if (!told)
-                throw std::runtime_error("the simulator did not send " + command);
-            std::string state = told->substr(told->rfind(' ') + 1);
-            auto reply = events.wait_for(
-                [&](const std::string& l) {
-                    return l.rfind("reply ", 0) == 0 && l.find("\"state\":\"" + state + "\"") != std::string::npos;
-                },
-                deadline);
-            auto at = clock_type::now();
-            if (!reply)
-                throw std::runtime_error("no reply to " + command);
-            return std::make_pair(Json::parse(reply->substr(std::strlen("reply "))), ms_between(sent, at));
+            // The reply can be told before the console says which state the request had:
+            // every reply read meanwhile is kept with when it came.
+            std::string state;
+            std::vector<std::pair<std::string, clock_type::time_point>> replies;
+            auto end = clock_type::now() + deadline;
+            std::optional<std::pair<std::string, clock_type::time_point>> reply;
+            while (!reply) {
+                auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - clock_type::now());
+                auto line = events.next(std::max(left, std::chrono::milliseconds(0)));
+                if (!line)
+                    throw std::runtime_error("no reply to " + command);
+                if (line->rfind("reply ", 0) == 0)
+                    replies.emplace_back(line->substr(std::strlen("reply ")), clock_type::now());
+                else if (line->find(" sent state ") != std::string::npos)
+                    state = line->substr(line->rfind(' ') + 1);
+                if (state.empty())
+                    continue;
+                for (const auto& each : replies)
+                    if (each.first.find("\"state\":\"" + state + "\"") != std::string::npos)
+                        reply = each;
+            }
+            return std::make_pair(Json::parse(reply->first), ms_between(sent, reply->second));
         };
         auto [listed, list_ms] = request("list screen");
         std::string id = json::string_at(listed["payload"]["results"][0], {"id"});
