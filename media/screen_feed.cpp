@@ -369,11 +369,27 @@ struct screen_feed::grabber {
 
         if (damage_extension) {
             damage = xcb_generate_id(xcb);
+            region = xcb_generate_id(xcb);
             // One event when the damage becomes non-empty; what it covers is fetched
             // when the frame is made.
-            xcb_damage_create(xcb, damage, root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
-            region = xcb_generate_id(xcb);
-            xcb_xfixes_create_region(xcb, region, 0, nullptr);
+            auto made = xcb_damage_create_checked(xcb, damage, root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
+            auto region_made = xcb_xfixes_create_region_checked(xcb, region, 0, nullptr);
+            xcb_generic_error_t* damage_error = xcb_request_check(xcb, made);
+            xcb_generic_error_t* region_error = xcb_request_check(xcb, region_made);
+            if (damage_error || region_error) {
+                // Without damage every frame is grabbed whole: a missed change would
+                // freeze the picture.
+                log::line("media: the X server tells nothing of what changed on the screen; every frame is "
+                          "grabbed whole");
+                if (!damage_error)
+                    xcb_damage_destroy(xcb, damage);
+                if (!region_error)
+                    xcb_xfixes_destroy_region(xcb, region);
+                damage = 0;
+                region = 0;
+            }
+            std::free(damage_error);
+            std::free(region_error);
         }
         if (pointer)
             xcb_xfixes_select_cursor_input(xcb, root, XCB_XFIXES_CURSOR_NOTIFY_MASK_DISPLAY_CURSOR);
