@@ -17,6 +17,9 @@
 //                                    and converted to NV12 by libobs's scaler for a
 //                                    consumer (media/screen_feed, what a screen stream
 //                                    takes on a software renderer)
+//                                    (the screen still: XDamage says nothing changed)
+//   floor_direct_nv12_moving_cpu_s_per_s  the same with a moving test pattern over the
+//                                    whole screen (everything grabbed every frame)
 //   floor_direct_chosen yes|no       whether a screen stream on this machine takes it
 //
 // And for each of the three, from libobs's own profiler, what one frame goes through:
@@ -33,6 +36,7 @@
 // rasterises a pass when its pixels are next read, so a pass's cost shows where the next
 // one reads it; the CPU figures above are the totals to trust.
 
+#include "core/obs/child_process.hpp"
 #include "media/catalogue.hpp"
 #include "media/runtime.hpp"
 #include "media/screen_feed.hpp"
@@ -218,6 +222,16 @@ void run()
     if (!video_output_connect(feed.video(), nullptr, ignore, nullptr))
         throw std::runtime_error("cannot take the screen feed's frames");
     print("floor_direct_nv12_cpu_s_per_s", measure());
+    {
+        // The whole screen changing every frame: everything grabbed and converted.
+        obs::child_process::options options;
+        options.argv = {"ffplay", "-loglevel", "error", "-an", "-f", "lavfi", "-i", "testsrc2=size=1280x720:rate=30",
+                        "-vf", "format=rgb0", "-noborder", "-left", "0", "-top", "0"};
+        options.environment = {{"SDL_AUDIODRIVER", "dummy"}};
+        obs::child_process content(options);
+        print("floor_direct_nv12_moving_cpu_s_per_s", measure());
+        content.kill_and_wait();
+    }
     video_output_disconnect(feed.video(), ignore, nullptr);
     std::printf("floor_direct_chosen %s\n", obs::feeds_screens_directly(obs::capture_route::x11) ? "yes" : "no");
 }

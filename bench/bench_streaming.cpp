@@ -23,13 +23,25 @@
 //   stream_frames_60s, stream_dropped_frames_60s, stream_lagged_frames_60s,
 //     stream_skipped_frames_60s: our stream over the same 60 s (the worker's "stats").
 //   test_pattern_cpu_s_per_s, machine_load_1m: what else ran meanwhile (2 cores here).
+//   still_desktop_cpu_s_per_s ours=.. ffmpeg=.. ratio=..: a still desktop with a clock
+//     ticking, 30 s each, ours against ffmpeg x11grab + libx264 veryfast + AAC on the same
+//     screen; still_desktop_threads: where each goes, by thread; still_desktop_fps: our
+//     frames a second meanwhile.
+//   change_to_decoded_at_ingest_ms ours=.. ffmpeg=.. ratio=..: a square turned white or
+//     black on the screen (over the moving pattern) until a low-delay player at the ingest
+//     decodes the change, after two seconds of frames; medians of 10; ffmpeg video only.
+//   outside_activation_reply_first_after_connect_ms, outside_activation_reply_ms (_min,
+//     _max): activate -> "Success" as a service sees it: orbweave-service-sim and
+//     orbweave-agent as programs of their own over TLS, a moving screen; the first right
+//     after the agent connected, then the median of 10 taken 1.5 s apart.
 //   scaling_N_streams_cpu_s_per_s_per_stream, scaling_N_streams_rss_kib_per_stream,
 //   scaling_N_streams_lagged_frames (late frames of all N over the window): N = 1,
 //     2 and 4 streams of the screen at once, one worker each (10 s).
 //   agent_idle_cpu_s_per_s, agent_rss_kib, spare_worker_*, listing_worker_*: orbweave-agent
 //     paired with the simulator and idle (10 s) after one list, and its two workers.
 //
-// Arguments name the parts to run (listing, activation, steady, scaling, idle), for
+// Arguments name the parts to run (listing, activation, still, reply, latency, steady,
+// scaling, idle), for
 // working on one figure; without any, all of them run.
 // With ORBWEAVE_BENCH_JSON set, the figures are also written there as one JSON object.
 // Everything is started here on a private display, PulseAudio, nginx and free ports, and
@@ -49,6 +61,8 @@
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -61,6 +75,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -81,6 +96,9 @@ using namespace std::chrono_literals;
 using clock_type = std::chrono::steady_clock;
 
 constexpr int activation_runs = 5;
+constexpr int outside_runs = 10;
+constexpr int latency_changes = 10;
+constexpr auto still_window = 30s;
 constexpr auto deadline = 20s;
 constexpr auto warm_up = 2s;
 constexpr auto steady_window = 60s;
@@ -169,6 +187,59 @@ double cpu_seconds(pid_t pid)
             stime = std::stoull(field);
     }
     return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+/// CPU seconds of each thread of pid by its name (threads of one name added up).
+std::map<std::string, double> thread_cpu_seconds(pid_t pid)
+{
+    std::map<std::string, double> seconds;
+    std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        std::ifstream comm(task.path() / "comm");
+        std::string name;
+        std::getline(comm, name);
+        std::ifstream stat(task.path() / "stat");
+        std::string line;
+        if (!std::getline(stat, line))
+            continue; // it ended meanwhile
+        std::istringstream fields(line.substr(line.rfind(')') + 2));
+        std::string field;
+        unsigned long long utime = 0, stime = 0;
+        for (int number = 3; number <= 15 && fields >> field; ++number) {
+            if (number == 14)
+                utime = std::stoull(field);
+            else if (number == 15)
+                stime = std::stoull(field);
+        }
+        seconds[name] += static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    }
+    return seconds;
+}
+
+/// CPU seconds per second of pid over window, and the same by thread name as
+/// "name 0.012, ..." (largest first, threads under a hundredth of a core left out).
+std::pair<double, std::string> cpu_rate_by_thread(pid_t pid, std::chrono::milliseconds window)
+{
+    auto before = thread_cpu_seconds(pid);
+    double total_before = cpu_seconds(pid);
+    auto start = clock_type::now();
+    std::this_thread::sleep_for(window); // the measuring window itself
+    auto after = thread_cpu_seconds(pid);
+    double total = cpu_seconds(pid) - total_before;
+    double seconds = std::chrono::duration<double>(clock_type::now() - start).count();
+    std::vector<std::pair<double, std::string>> rates;
+    for (const auto& [name, used] : after)
+        rates.emplace_back((used - before[name]) / seconds, name);
+    std::sort(rates.rbegin(), rates.rend());
+    std::string split;
+    for (const auto& [rate, name] : rates) {
+        if (rate < 0.01)
+            break;
+        char text[80];
+        std::snprintf(text, sizeof text, "%s%s %.3f", split.empty() ? "" : ", ", name.c_str(), rate);
+        split += text;
+    }
+    return {total / seconds, split};
 }
 
 long rss_kib(pid_t pid)
@@ -437,6 +508,216 @@ std::unique_ptr<obs::child_process> start_moving_content()
     return content;
 }
 
+// ---- screen content drawn here --------------------------------------------------------
+
+/// A still desktop over the whole first screen (colour ramps, drawn by the X server from
+/// a window's background), with a clock ticking in its top right corner: the time and a
+/// bar of the seconds, redrawn once a second. Above every other window while it lives.
+class still_desktop_with_a_clock {
+public:
+    still_desktop_with_a_clock() : display_(XOpenDisplay(nullptr))
+    {
+        if (!display_)
+            throw std::runtime_error("cannot open the display");
+        Window root = RootWindow(display_, 0);
+        int depth = DefaultDepth(display_, 0);
+        Pixmap ramps = XCreatePixmap(display_, root, width, height, static_cast<unsigned>(depth));
+        std::vector<std::uint32_t> pixels(static_cast<std::size_t>(width) * height);
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+                pixels[static_cast<std::size_t>(y) * width + x] = static_cast<std::uint32_t>(x * 256 / width)
+                                                                  << (16 - 8 * (y * 3 / height));
+        XImage* image = XCreateImage(display_, DefaultVisual(display_, 0), static_cast<unsigned>(depth), ZPixmap, 0,
+                                     reinterpret_cast<char*>(pixels.data()), width, height, 32, 0);
+        XPutImage(display_, ramps, DefaultGC(display_, 0), image, 0, 0, 0, 0, width, height);
+        image->data = nullptr; // the vector owns it
+        XDestroyImage(image);
+        XSetWindowAttributes attributes{};
+        attributes.override_redirect = True;
+        attributes.background_pixmap = ramps;
+        desktop_ = XCreateWindow(display_, root, 0, 0, width, height, 0, CopyFromParent, InputOutput, CopyFromParent,
+                                 CWOverrideRedirect | CWBackPixmap, &attributes);
+        XFreePixmap(display_, ramps);
+        XMapRaised(display_, desktop_);
+        attributes.background_pixel = BlackPixel(display_, 0);
+        clock_ = XCreateWindow(display_, root, width - 200, 8, 180, 40, 0, CopyFromParent, InputOutput, CopyFromParent,
+                               CWOverrideRedirect | CWBackPixel, &attributes);
+        XMapRaised(display_, clock_);
+        XSync(display_, False);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~still_desktop_with_a_clock()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        tick_.notify_all();
+        thread_.join();
+        XDestroyWindow(display_, clock_);
+        XDestroyWindow(display_, desktop_);
+        XCloseDisplay(display_);
+    }
+    still_desktop_with_a_clock(const still_desktop_with_a_clock&) = delete;
+    still_desktop_with_a_clock& operator=(const still_desktop_with_a_clock&) = delete;
+
+private:
+    void run()
+    {
+        GC gc = XCreateGC(display_, clock_, 0, nullptr);
+        XSetForeground(display_, gc, WhitePixel(display_, 0));
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stop_) {
+            std::time_t now = std::time(nullptr);
+            std::tm local{};
+            localtime_r(&now, &local);
+            char text[16];
+            std::strftime(text, sizeof text, "%H:%M:%S", &local);
+            XClearWindow(display_, clock_);
+            XDrawString(display_, clock_, gc, 10, 18, text, static_cast<int>(std::strlen(text)));
+            XFillRectangle(display_, clock_, gc, 10, 26, static_cast<unsigned>(local.tm_sec * 160 / 60 + 1), 6);
+            XFlush(display_);
+            // A clock's pace, not a wait for anything.
+            tick_.wait_for(lock, 1s, [this] { return stop_; });
+        }
+        XFreeGC(display_, gc);
+    }
+
+    Display* display_;
+    Window desktop_ = 0;
+    Window clock_ = 0;
+    std::mutex mutex_;
+    std::condition_variable tick_;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+/// A square at the top left of the first screen, above everything, that turns black or
+/// white when told.
+class flipping_square {
+public:
+    static constexpr int size = 160;
+
+    flipping_square() : display_(XOpenDisplay(nullptr))
+    {
+        if (!display_)
+            throw std::runtime_error("cannot open the display");
+        XSetWindowAttributes attributes{};
+        attributes.override_redirect = True;
+        attributes.background_pixel = BlackPixel(display_, 0);
+        window_ = XCreateWindow(display_, RootWindow(display_, 0), 0, 0, size, size, 0, CopyFromParent, InputOutput,
+                                CopyFromParent, CWOverrideRedirect | CWBackPixel, &attributes);
+        XMapRaised(display_, window_);
+        XSync(display_, False);
+    }
+    ~flipping_square()
+    {
+        XDestroyWindow(display_, window_);
+        XCloseDisplay(display_);
+    }
+    flipping_square(const flipping_square&) = delete;
+    flipping_square& operator=(const flipping_square&) = delete;
+
+    /// Turns it white or black; returns once the X server has drawn it.
+    void show(bool white)
+    {
+        XSetWindowBackground(display_, window_, white ? WhitePixel(display_, 0) : BlackPixel(display_, 0));
+        XClearWindow(display_, window_);
+        XSync(display_, False);
+    }
+
+private:
+    Display* display_;
+    Window window_ = 0;
+};
+
+/// A player of a live stream at the ingest, as a viewer's would be (ffmpeg, low delay):
+/// the brightness of the flipping square in every frame it decodes, with when it did.
+class square_watcher {
+public:
+    explicit square_watcher(const std::string& url)
+    {
+        obs::child_process::options options;
+        options.argv = {"ffmpeg", "-nostdin", "-loglevel", "error", "-fflags", "nobuffer", "-flags", "low_delay",
+                        "-i", url, "-an", "-vf",
+                        "crop=" + std::to_string(flipping_square::size / 2) + ":" +
+                            std::to_string(flipping_square::size / 2) + ":" + std::to_string(flipping_square::size / 4) +
+                            ":" + std::to_string(flipping_square::size / 4) + ",scale=2:2",
+                        "-pix_fmt", "gray", "-f", "rawvideo", "-flush_packets", "1", "-"};
+        options.pipe_stdout = true;
+        process_ = std::make_unique<obs::child_process>(options);
+        reader_ = std::thread([this] { read(); });
+    }
+    ~square_watcher()
+    {
+        process_->kill_and_wait();
+        reader_.join();
+    }
+    square_watcher(const square_watcher&) = delete;
+    square_watcher& operator=(const square_watcher&) = delete;
+
+    /// Waits for `count` decoded frames from now on; false when they do not come in time.
+    bool wait_frames(int count, std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        std::size_t until = frames_ + static_cast<std::size_t>(count);
+        return arrived_.wait_for(lock, timeout, [&] { return frames_ >= until; });
+    }
+
+    /// How many frames it has decoded so far.
+    std::size_t decoded()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return frames_;
+    }
+
+    /// When the first frame after the `from`th decoded the square white (or black).
+    std::optional<clock_type::time_point> wait_for(bool white, std::size_t from, std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        std::optional<clock_type::time_point> seen;
+        arrived_.wait_for(lock, timeout, [&] {
+            for (std::size_t i = from; i < frames_; ++i)
+                if ((brightness_[i].second > 128) == white) {
+                    seen = brightness_[i].first;
+                    return true;
+                }
+            return false;
+        });
+        return seen;
+    }
+
+private:
+    void read()
+    {
+        unsigned char frame[4];
+        std::size_t have = 0;
+        for (;;) {
+            ssize_t got = ::read(process_->stdout_fd(), frame + have, sizeof frame - have);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0)
+                return;
+            have += static_cast<std::size_t>(got);
+            if (have < sizeof frame)
+                continue;
+            have = 0;
+            auto now = clock_type::now();
+            std::lock_guard<std::mutex> lock(mutex_);
+            brightness_.emplace_back(now, (frame[0] + frame[1] + frame[2] + frame[3]) / 4);
+            ++frames_;
+            arrived_.notify_all();
+        }
+    }
+
+    std::unique_ptr<obs::child_process> process_;
+    std::mutex mutex_;
+    std::condition_variable arrived_;
+    std::vector<std::pair<clock_type::time_point, int>> brightness_;
+    std::size_t frames_ = 0;
+    std::thread reader_;
+};
+
 // ---- the benchmark ----------------------------------------------------------------------
 
 /// Milliseconds from the activate request, each step as it is seen.
@@ -486,8 +767,14 @@ public:
             listing();
         if (wanted("activation"))
             activation();
-        if (wanted("steady") || wanted("scaling")) {
+        if (wanted("still"))
+            still_desktop();
+        if (wanted("reply") || wanted("latency") || wanted("steady") || wanted("scaling")) {
             auto content = start_moving_content();
+            if (wanted("reply"))
+                reply_from_outside();
+            if (wanted("latency"))
+                latency();
             if (wanted("steady"))
                 steady_state(*content);
             if (wanted("scaling"))
@@ -630,6 +917,173 @@ private:
         return obs::pipe::stream_order::of(
             obs::activate_request::parse(service_.activate_message(request_for(key, ingest_.url()), "bench")), *source,
             1500, "");
+    }
+
+    /// CPU of a stream of a still desktop with a clock ticking, ours against ffmpeg
+    /// grabbing and encoding the same screen (x11grab + libx264 veryfast + AAC from the
+    /// same sound server), one after the other.
+    void still_desktop()
+    {
+        progress("still desktop with a clock, " + std::to_string(still_window.count()) + " s each");
+        still_desktop_with_a_clock desktop;
+        obs::worker::options options;
+        options.stream_worker = true;
+        obs::worker stream(options);
+        obs::pipe::stream_result started = stream.stream(order_for("still-ours"));
+        if (!started.started)
+            throw std::runtime_error("the worker did not start the stream: " + started.error);
+        std::this_thread::sleep_for(warm_up); // past the start-up burst
+        Json before = stream.call(Json{{"op", "stats"}});
+        auto [ours, our_split] = cpu_rate_by_thread(stream.pid(), still_window);
+        Json after = stream.call(Json{{"op", "stats"}});
+        stream.shutdown();
+
+        auto pusher = start_ffmpeg_pusher(ingest_.stream_url("still-ffmpeg"), true);
+        if (!ingest_.wait_for_publishing("still-ffmpeg", deadline))
+            throw std::runtime_error("the ffmpeg pusher did not publish");
+        std::this_thread::sleep_for(warm_up);
+        auto [theirs, their_split] = cpu_rate_by_thread(pusher->pid(), still_window);
+        stop_process(*pusher);
+        side_by_side("still_desktop_cpu_s_per_s", ours, theirs, "%.3f");
+        // Where it goes, by thread (x264's own threads are unnamed: they carry the program's name).
+        std::fprintf(out, "still_desktop_threads ours: %s; ffmpeg: %s\n", our_split.c_str(), their_split.c_str());
+        double frames = static_cast<double>(json::at(after, {"frames"}).get<long long>() -
+                                            json::at(before, {"frames"}).get<long long>());
+        figure("still_desktop_fps", frames / static_cast<double>(still_window.count()), "%.2f");
+    }
+
+    /// Time from a change on the screen (a square turning white or black, drawn by the
+    /// X server) to the first frame a player at the ingest decodes with it, in the steady
+    /// state (each player has had a key frame and two seconds of frames); medians of 10,
+    /// ours against ffmpeg's pusher (video only) at the same bitrate, on the moving pattern.
+    /// Both stream at once and each change is timed on both, so both see the same load.
+    void latency()
+    {
+        progress("change on screen -> decoded at the ingest, " + std::to_string(latency_changes) + " changes");
+        flipping_square square;
+        obs::worker::options options;
+        options.stream_worker = true;
+        obs::worker stream(options);
+        obs::pipe::stream_result started = stream.stream(order_for("latency-ours"));
+        if (!started.started)
+            throw std::runtime_error("the worker did not start the stream: " + started.error);
+        auto pusher = start_ffmpeg_pusher(ingest_.stream_url("latency-ffmpeg"), false);
+        if (!ingest_.wait_for_publishing("latency-ffmpeg", deadline))
+            throw std::runtime_error("the ffmpeg pusher did not publish");
+        square_watcher ours_player(ingest_.stream_url("latency-ours"));
+        square_watcher their_player(ingest_.stream_url("latency-ffmpeg"));
+        for (auto* player : {&ours_player, &their_player})
+            if (!player->wait_frames(2 * 30, deadline))
+                throw std::runtime_error("a player decoded no frames");
+        std::vector<double> ours, theirs;
+        bool white = false;
+        for (int change = 0; change < latency_changes; ++change) {
+            // Changes land anywhere within a frame's 33 ms, not on one phase of it.
+            std::this_thread::sleep_for(600ms + std::chrono::milliseconds(7 * change));
+            white = !white;
+            std::size_t our_from = ours_player.decoded();
+            std::size_t their_from = their_player.decoded();
+            square.show(white);
+            auto drawn = clock_type::now();
+            auto our_decoded = ours_player.wait_for(white, our_from, deadline);
+            auto their_decoded = their_player.wait_for(white, their_from, deadline);
+            if (!our_decoded || !their_decoded)
+                throw std::runtime_error("a change never reached a player");
+            ours.push_back(ms_between(drawn, *our_decoded));
+            theirs.push_back(ms_between(drawn, *their_decoded));
+        }
+        stop_process(*pusher);
+        stream.shutdown();
+        side_by_side("change_to_decoded_at_ingest_ms", median(ours), median(theirs), "%.0f");
+    }
+
+    /// activate -> "Success" as a service sees it: the simulator as a program of its own,
+    /// the agent as another, the request and reply over TLS between them, a moving screen.
+    /// Timed here from writing the request into the simulator's console to reading its
+    /// line saying the reply arrived. The first activation right after the agent connected
+    /// (and the service listed) apart from the following ones, 1.5 s apart.
+    void reply_from_outside()
+    {
+        progress("activate -> Success from an outside service, 1 + " + std::to_string(outside_runs) + " runs");
+        test::temp_dir directory("orbweave-bench-outside");
+        obs::child_process::options spawn;
+        spawn.argv = {obs::beside_this_program("orbweave-service-sim"), "--ca-dir", directory.file("ca"),
+                      "--auto-claim", "Bench"};
+        spawn.pipe_stdin = true;
+        spawn.pipe_stdout = true;
+        obs::child_process service(spawn);
+        test::line_reader events(service.stdout_fd());
+        auto listening = events.wait_for_prefix("listening ", deadline);
+        if (!listening)
+            throw std::runtime_error("the simulator did not listen");
+        std::string url = listening->substr(std::strlen("listening "));
+
+        spawn = {};
+        spawn.argv = {obs::beside_this_program("orbweave-agent"), "--service", url, "--ca-file",
+                      directory.file("ca") + "/ca.pem", "--state-dir", directory.file("state"), "--allow", "screen",
+                      "--bitrate", "1500"};
+        spawn.pipe_stdout = true;
+        obs::child_process agent(spawn);
+        test::line_reader agent_lines(agent.stdout_fd());
+        if (!agent_lines.wait_for_prefix("state connected", deadline))
+            throw std::runtime_error("the agent did not pair");
+
+        // One console command; its reply (by the state the simulator gave it) and when it came.
+        auto request = [&](const std::string& command) {
+            std::string line = command + "\n";
+            auto sent = clock_type::now();
+            if (::write(service.stdin_fd(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+                throw std::runtime_error("cannot write to the simulator");
+            // The reply can be told before the console says which state the request had:
+            // every reply read meanwhile is kept with when it came.
+            std::string state;
+            std::vector<std::pair<std::string, clock_type::time_point>> replies;
+            auto end = clock_type::now() + deadline;
+            std::optional<std::pair<std::string, clock_type::time_point>> reply;
+            while (!reply) {
+                auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - clock_type::now());
+                auto line = events.next(std::max(left, std::chrono::milliseconds(0)));
+                if (!line)
+                    throw std::runtime_error("no reply to " + command);
+                if (line->rfind("reply ", 0) == 0)
+                    replies.emplace_back(line->substr(std::strlen("reply ")), clock_type::now());
+                else if (line->find(" sent state ") != std::string::npos)
+                    state = line->substr(line->rfind(' ') + 1);
+                if (state.empty())
+                    continue;
+                for (const auto& each : replies)
+                    if (each.first.find("\"state\":\"" + state + "\"") != std::string::npos)
+                        reply = each;
+            }
+            return std::make_pair(Json::parse(reply->first), ms_between(sent, reply->second));
+        };
+        auto [listed, list_ms] = request("list screen");
+        std::string id = json::string_at(listed["payload"]["results"][0], {"id"});
+        if (id.empty())
+            throw std::runtime_error("the agent listed no screen");
+        auto activate = [&](int run) {
+            auto [reply, took] = request("activate " + id + " medium " + ingest_.url() + " outside-" +
+                                         std::to_string(run));
+            if (json::string_at(reply, {"payload", "status"}) != "Success")
+                throw std::runtime_error("activate was not answered Success: " + reply.dump());
+            request("deactivate " + id);
+            return took;
+        };
+        double first = activate(0);
+        std::vector<double> later;
+        for (int run = 1; run <= outside_runs; ++run) {
+            // The outside peer's pace: a producer switching sources.
+            std::this_thread::sleep_for(1500ms);
+            later.push_back(activate(run));
+        }
+        figure("outside_activation_reply_first_after_connect_ms", first);
+        figure("outside_activation_reply_ms", median(later));
+        figure("outside_activation_reply_min_ms", *std::min_element(later.begin(), later.end()));
+        figure("outside_activation_reply_max_ms", *std::max_element(later.begin(), later.end()));
+        agent.kill(SIGTERM);
+        if (!agent.wait_for(15s))
+            agent.kill_and_wait();
+        stop_process(service);
     }
 
     void steady_state(const obs::child_process& content)

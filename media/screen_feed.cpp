@@ -13,7 +13,9 @@
 #include <media-io/video-io.h>
 #include <media-io/video-scaler.h>
 #include <util/platform.h>
+#include <util/threading.h>
 
+#include <xcb/damage.h>
 #include <xcb/shm.h>
 #include <xcb/xcb.h>
 #include <xcb/xfixes.h>
@@ -26,10 +28,12 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace orbweave::obs {
 
@@ -99,12 +103,108 @@ long long screen_feed_late_frames()
     return late_frames.load() + direct_feed_late_frames();
 }
 
+/// The stream's current picture in NV12, kept between frames so that a frame with nothing
+/// changed is sent again without being grabbed or converted. It is made of stripes of
+/// rows, each with the number of the picture it last changed in; the video output's
+/// frames (a small ring of buffers) are brought up to date stripe by stripe, so a still
+/// screen copies nothing and a ticking clock copies its own rows.
+class nv12_picture {
+public:
+    static constexpr int stripe_rows = 16;
+
+    explicit nv12_picture(std::pair<int, int> size)
+        : width_(size.first), height_(size.second),
+          luma_(static_cast<std::size_t>(width_) * height_, 16),
+          chroma_(static_cast<std::size_t>(width_) * (height_ / 2), 128),
+          versions_(static_cast<std::size_t>((height_ + stripe_rows - 1) / stripe_rows), 0)
+    {
+    }
+
+    std::uint8_t* luma(int row) { return luma_.data() + static_cast<std::size_t>(row) * width_; }
+    std::uint8_t* chroma(int row) { return chroma_.data() + static_cast<std::size_t>(row) * width_; }
+    std::uint32_t stride() const { return static_cast<std::uint32_t>(width_); }
+
+    /// Black everywhere (the bars around a fitted picture), all of it changed.
+    void clear()
+    {
+        std::fill(luma_.begin(), luma_.end(), 16);
+        std::fill(chroma_.begin(), chroma_.end(), 128);
+        changed(0, height_);
+    }
+
+    /// Rows [top, bottom) were written.
+    void changed(int top, int bottom)
+    {
+        ++version_;
+        top = std::max(0, top);
+        bottom = std::min(height_, bottom);
+        for (int stripe = top / stripe_rows; stripe * stripe_rows < bottom; ++stripe)
+            versions_[static_cast<std::size_t>(stripe)] = version_;
+    }
+
+    /// Brings one of the video output's frames up to date with the picture.
+    void copy_to(const video_frame& frame)
+    {
+        std::vector<std::uint64_t>& held = held_[frame.data[0]];
+        if (held.size() != versions_.size())
+            held.assign(versions_.size(), 0);
+        for (std::size_t stripe = 0; stripe < versions_.size(); ++stripe) {
+            if (held[stripe] == versions_[stripe])
+                continue;
+            int top = static_cast<int>(stripe) * stripe_rows;
+            int bottom = std::min(height_, top + stripe_rows);
+            for (int row = top; row < bottom; ++row)
+                std::memcpy(frame.data[0] + static_cast<std::size_t>(row) * frame.linesize[0], luma(row),
+                            static_cast<std::size_t>(width_));
+            for (int row = top / 2; row < bottom / 2; ++row)
+                std::memcpy(frame.data[1] + static_cast<std::size_t>(row) * frame.linesize[1], chroma(row),
+                            static_cast<std::size_t>(width_));
+            held[stripe] = versions_[stripe];
+        }
+    }
+
+private:
+    int width_;
+    int height_;
+    std::vector<std::uint8_t> luma_;
+    std::vector<std::uint8_t> chroma_;
+    std::vector<std::uint64_t> versions_;
+    std::uint64_t version_ = 0;
+    // What each of the output's frames holds, by its first plane's address.
+    std::map<const std::uint8_t*, std::vector<std::uint64_t>> held_;
+};
+
+/// The pointer as last seen: where its image's top left corner is on the screen's area,
+/// and the image (premultiplied ARGB).
+struct pointer_image {
+    bool shown = false;
+    int left = 0;
+    int top = 0;
+    int width = 0;
+    int height = 0;
+    std::uint32_t serial = 0;
+
+    bool operator==(const pointer_image& other) const
+    {
+        return shown == other.shown && (!shown || (left == other.left && top == other.top && width == other.width &&
+                                                   height == other.height && serial == other.serial));
+    }
+    bool operator!=(const pointer_image& other) const { return !(*this == other); }
+};
+
 /// The X side: the connection, the shared memory the screen's area is grabbed into, and
 /// the scaler that turns it into the stream's NV12 frames. Used by the feed's thread
 /// alone once made. Requests go through XCB, whose errors come back with their replies:
 /// a grab that fails while the screen changes is counted here, not reported by the
 /// process's X error handler once a frame.
+///
+/// The X server says what changed (XDamage), so only the stripes of rows it touched are
+/// grabbed again and, when the picture is not scaled, converted again; where nothing
+/// changed and the pointer stayed, nothing is grabbed at all. Without the extension every
+/// frame is grabbed whole, as before.
 struct screen_feed::grabber {
+    static constexpr int stripe_rows = nv12_picture::stripe_rows;
+
     xcb_connection_t* xcb = nullptr;
     xcb_window_t root = 0;
     x11_screen area;
@@ -115,11 +215,32 @@ struct screen_feed::grabber {
     std::uint8_t* pixels = nullptr;
     bool attached = false;
     bool pointer = false;
+    // The picture at the screen's own size: converted stripe by stripe.
+    bool unscaled = false;
     video_scaler_t* scaler = nullptr;
+    video_scaler_t* last_stripe_scaler = nullptr;
+    nv12_picture picture;
     // Grabs failed since the last one that worked.
     long failed = 0;
 
-    grabber(const x11_screen& screen, std::pair<int, int> frame_size) : frame(frame_size)
+    // What changed, from the X server.
+    const xcb_query_extension_reply_t* damage_extension = nullptr;
+    const xcb_query_extension_reply_t* fixes_extension = nullptr;
+    xcb_damage_damage_t damage = 0;
+    xcb_xfixes_region_t region = 0;
+    bool damaged = true;
+    // Stripes of the screen's area to grab again.
+    std::vector<bool> dirty;
+
+    // The pointer drawn into the picture, and its image while it stays the same.
+    pointer_image drawn;
+    pointer_image cursor;
+    std::vector<std::uint32_t> cursor_pixels;
+    int cursor_xhot = 0;
+    int cursor_yhot = 0;
+    bool cursor_changed = true;
+
+    grabber(const x11_screen& screen, std::pair<int, int> frame_size) : frame(frame_size), picture(frame_size)
     {
         xcb = xcb_connect(nullptr, nullptr);
         if (xcb_connection_has_error(xcb)) {
@@ -130,11 +251,18 @@ struct screen_feed::grabber {
             const xcb_query_extension_reply_t* shm = xcb_get_extension_data(xcb, &xcb_shm_id);
             if (!shm || !shm->present)
                 throw std::runtime_error("the X server shares no memory (MIT-SHM)");
-            const xcb_query_extension_reply_t* fixes = xcb_get_extension_data(xcb, &xcb_xfixes_id);
-            if (fixes && fixes->present) {
+            fixes_extension = xcb_get_extension_data(xcb, &xcb_xfixes_id);
+            if (fixes_extension && fixes_extension->present) {
                 // XFixes answers only clients that said which version they speak.
                 std::free(xcb_xfixes_query_version_reply(xcb, xcb_xfixes_query_version(xcb, 4, 0), nullptr));
                 pointer = true;
+                damage_extension = xcb_get_extension_data(xcb, &xcb_damage_id);
+                if (damage_extension && damage_extension->present)
+                    std::free(xcb_damage_query_version_reply(xcb, xcb_damage_query_version(xcb, 1, 1), nullptr));
+                else
+                    damage_extension = nullptr;
+            } else {
+                fixes_extension = nullptr;
             }
             open(screen);
         } catch (...) {
@@ -183,25 +311,78 @@ struct screen_feed::grabber {
         attached = true;
 
         place = place_in(area.width, area.height, frame);
+        unscaled = place.width == area.width && place.height == area.height;
         video_scale_info from = scale_info(VIDEO_FORMAT_BGRX, {area.width, area.height}, VIDEO_RANGE_FULL);
         video_scale_info to = scale_info(VIDEO_FORMAT_NV12, {place.width, place.height}, VIDEO_RANGE_DEFAULT);
-        // Bicubic where the picture is scaled; at the screen's own size the filter only
-        // halves the chroma, where the fastest one is as good.
-        bool scaled = from.width != to.width || from.height != to.height;
-        if (video_scaler_create(&scaler, &to, &from, scaled ? VIDEO_SCALE_BICUBIC : VIDEO_SCALE_FAST_BILINEAR) !=
-            VIDEO_SCALER_SUCCESS)
+        if (unscaled) {
+            // At the screen's own size the filter only halves the chroma, within a pair of
+            // rows: a stripe converts alone to what it is in the whole picture, and the
+            // fastest filter is as good as any.
+            from.height = to.height = static_cast<std::uint32_t>(std::min(stripe_rows, area.height));
+            if (video_scaler_create(&scaler, &to, &from, VIDEO_SCALE_FAST_BILINEAR) != VIDEO_SCALER_SUCCESS)
+                throw std::runtime_error("cannot make the scaler for the screen");
+            if (int rest = area.height % stripe_rows; rest > 0 && area.height > stripe_rows) {
+                from.height = to.height = static_cast<std::uint32_t>(rest);
+                if (video_scaler_create(&last_stripe_scaler, &to, &from, VIDEO_SCALE_FAST_BILINEAR) !=
+                    VIDEO_SCALER_SUCCESS)
+                    throw std::runtime_error("cannot make the scaler for the screen");
+            }
+        } else if (video_scaler_create(&scaler, &to, &from, VIDEO_SCALE_BICUBIC) != VIDEO_SCALER_SUCCESS) {
             throw std::runtime_error("cannot make the scaler for the screen");
+        }
+
+        if (damage_extension) {
+            damage = xcb_generate_id(xcb);
+            region = xcb_generate_id(xcb);
+            // One event when the damage becomes non-empty; what it covers is fetched
+            // when the frame is made.
+            auto made = xcb_damage_create_checked(xcb, damage, root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
+            auto region_made = xcb_xfixes_create_region_checked(xcb, region, 0, nullptr);
+            xcb_generic_error_t* damage_error = xcb_request_check(xcb, made);
+            xcb_generic_error_t* region_error = xcb_request_check(xcb, region_made);
+            if (damage_error || region_error) {
+                // Without damage every frame is grabbed whole: a missed change would
+                // freeze the picture.
+                log::line("media: the X server tells nothing of what changed on the screen; every frame is "
+                          "grabbed whole");
+                if (!damage_error)
+                    xcb_damage_destroy(xcb, damage);
+                if (!region_error)
+                    xcb_xfixes_destroy_region(xcb, region);
+                damage = 0;
+                region = 0;
+            }
+            std::free(damage_error);
+            std::free(region_error);
+        }
+        if (pointer)
+            xcb_xfixes_select_cursor_input(xcb, root, XCB_XFIXES_CURSOR_NOTIFY_MASK_DISPLAY_CURSOR);
+        // Everything is grabbed once, and the pointer drawn afresh.
+        dirty.assign(static_cast<std::size_t>((area.height + stripe_rows - 1) / stripe_rows), true);
+        damaged = true;
+        cursor_changed = true;
+        drawn = {};
+        picture.clear();
     }
 
     void close()
     {
         if (scaler)
             video_scaler_destroy(scaler);
+        if (last_stripe_scaler)
+            video_scaler_destroy(last_stripe_scaler);
+        if (damage)
+            xcb_damage_destroy(xcb, damage);
+        if (region)
+            xcb_xfixes_destroy_region(xcb, region);
         if (attached)
             xcb_shm_detach(xcb, segment);
         if (pixels)
             shmdt(pixels);
         scaler = nullptr;
+        last_stripe_scaler = nullptr;
+        damage = 0;
+        region = 0;
         attached = false;
         pixels = nullptr;
         shmid = -1;
@@ -229,63 +410,213 @@ struct screen_feed::grabber {
         return true;
     }
 
-    /// The screen's picture now, with the pointer on it. A failed grab keeps the last
-    /// picture: the stream goes on, as the canvas's capture does. Failures are counted
-    /// and told once when they begin and once when they end, never once a frame.
-    void grab()
+    /// Marks the stripes holding rows [top, bottom) of the screen's area.
+    void mark(int top, int bottom)
     {
-        xcb_generic_error_t* error = nullptr;
-        xcb_reply<xcb_shm_get_image_reply_t> image{xcb_shm_get_image_reply(
-            xcb,
-            xcb_shm_get_image(xcb, root, static_cast<std::int16_t>(area.x), static_cast<std::int16_t>(area.y),
-                              static_cast<std::uint16_t>(area.width), static_cast<std::uint16_t>(area.height),
-                              ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment, 0),
-            &error)};
-        if (!image) {
+        top = std::max(0, top);
+        bottom = std::min(area.height, bottom);
+        for (int stripe = top / stripe_rows; stripe * stripe_rows < bottom; ++stripe)
+            dirty[static_cast<std::size_t>(stripe)] = true;
+    }
+
+    bool any_dirty(int top, int bottom) const
+    {
+        top = std::max(0, top);
+        bottom = std::min(area.height, bottom);
+        for (int stripe = top / stripe_rows; stripe * stripe_rows < bottom; ++stripe)
+            if (dirty[static_cast<std::size_t>(stripe)])
+                return true;
+        return false;
+    }
+
+    /// Reads what the X server told since the last frame: damage, a new pointer image.
+    void read_events()
+    {
+        while (xcb_generic_event_t* event = xcb_poll_for_event(xcb)) {
+            std::uint8_t type = event->response_type & 0x7f;
+            if (damage_extension && type == damage_extension->first_event + XCB_DAMAGE_NOTIFY)
+                damaged = true;
+            else if (fixes_extension && type == fixes_extension->first_event + XCB_XFIXES_CURSOR_NOTIFY)
+                cursor_changed = true;
+            std::free(event);
+        }
+    }
+
+    /// The rows the X server says changed since it was last asked, marked to grab.
+    void take_damage()
+    {
+        if (!damage) {
+            mark(0, area.height);
+            return;
+        }
+        if (!damaged)
+            return;
+        damaged = false;
+        // Taken before the grab: what is drawn after it is told again and grabbed next time.
+        xcb_damage_subtract(xcb, damage, XCB_NONE, region);
+        xcb_reply<xcb_xfixes_fetch_region_reply_t> parts{
+            xcb_xfixes_fetch_region_reply(xcb, xcb_xfixes_fetch_region(xcb, region), nullptr)};
+        if (!parts) {
+            mark(0, area.height);
+            return;
+        }
+        const xcb_rectangle_t* rectangles = xcb_xfixes_fetch_region_rectangles(parts.reply);
+        int count = xcb_xfixes_fetch_region_rectangles_length(parts.reply);
+        for (int i = 0; i < count; ++i) {
+            const xcb_rectangle_t& changed = rectangles[i];
+            if (changed.x + changed.width <= area.x || changed.x >= area.x + area.width)
+                continue;
+            mark(changed.y - area.y, changed.y + changed.height - area.y);
+        }
+    }
+
+    /// Where the pointer is now and its image; the rows it left and the rows it covers
+    /// are marked when either changed.
+    pointer_image where_pointer_is()
+    {
+        if (!pointer)
+            return {};
+        auto where_cookie = xcb_query_pointer(xcb, root);
+        if (cursor_changed) {
+            cursor_changed = false;
+            xcb_reply<xcb_xfixes_get_cursor_image_reply_t> image{
+                xcb_xfixes_get_cursor_image_reply(xcb, xcb_xfixes_get_cursor_image(xcb), nullptr)};
+            if (image) {
+                const std::uint32_t* data = xcb_xfixes_get_cursor_image_cursor_image(image.reply);
+                cursor_pixels.assign(data, data + static_cast<std::size_t>(image->width) * image->height);
+                cursor.width = image->width;
+                cursor.height = image->height;
+                cursor.serial = image->cursor_serial;
+                cursor_xhot = image->xhot;
+                cursor_yhot = image->yhot;
+            } else {
+                cursor_pixels.clear();
+            }
+        }
+        xcb_reply<xcb_query_pointer_reply_t> where{xcb_query_pointer_reply(xcb, where_cookie, nullptr)};
+        pointer_image now = cursor;
+        // The pointer is on another X screen, or nowhere near this one.
+        now.shown = where && where->same_screen && !cursor_pixels.empty();
+        if (now.shown) {
+            now.left = where->root_x - cursor_xhot - area.x;
+            now.top = where->root_y - cursor_yhot - area.y;
+            now.shown = now.left < area.width && now.top < area.height && now.left + now.width > 0 &&
+                        now.top + now.height > 0;
+        }
+        return now;
+    }
+
+    /// Grabs the marked stripes, one request for each run of them, all sent before the
+    /// first answer is read. False when one failed: the stripes stay marked for the next
+    /// frame.
+    bool grab_marked()
+    {
+        struct run {
+            int top;
+            int bottom;
+            xcb_shm_get_image_cookie_t cookie;
+        };
+        std::vector<run> runs;
+        for (std::size_t stripe = 0; stripe < dirty.size();) {
+            if (!dirty[stripe]) {
+                ++stripe;
+                continue;
+            }
+            std::size_t end = stripe;
+            while (end < dirty.size() && dirty[end])
+                ++end;
+            int top = static_cast<int>(stripe) * stripe_rows;
+            int bottom = std::min(area.height, static_cast<int>(end) * stripe_rows);
+            runs.push_back({top, bottom,
+                            xcb_shm_get_image(xcb, root, static_cast<std::int16_t>(area.x),
+                                              static_cast<std::int16_t>(area.y + top),
+                                              static_cast<std::uint16_t>(area.width),
+                                              static_cast<std::uint16_t>(bottom - top), ~0u,
+                                              XCB_IMAGE_FORMAT_Z_PIXMAP, segment,
+                                              static_cast<std::uint32_t>(top) * area.width * 4)});
+            stripe = end;
+        }
+        int error_code = -1;
+        for (const run& each : runs) {
+            xcb_generic_error_t* error = nullptr;
+            xcb_reply<xcb_shm_get_image_reply_t> image{xcb_shm_get_image_reply(xcb, each.cookie, &error)};
+            if (!image && error_code < 0)
+                error_code = error ? error->error_code : 0;
+            std::free(error);
+        }
+        if (error_code >= 0) {
             if (failed++ == 0)
                 log::line("media: cannot grab screen " + std::to_string(area.index + 1) + " at " + describe(area) +
-                          " (X error " + std::to_string(error ? error->error_code : 0) +
-                          "); the last picture is sent until it can");
-            std::free(error);
-            return;
+                          " (X error " + std::to_string(error_code) + "); the last picture is sent until it can");
+            return false;
         }
         if (failed > 0)
             log::line("media: screen " + std::to_string(area.index + 1) + " is grabbed again after " +
                       std::to_string(failed) + " failed grabs");
         failed = 0;
-        if (!pointer)
-            return;
-        // Both asked at once: one round trip.
-        auto where_cookie = xcb_query_pointer(xcb, root);
-        auto cursor_cookie = xcb_xfixes_get_cursor_image(xcb);
-        xcb_reply<xcb_query_pointer_reply_t> where{xcb_query_pointer_reply(xcb, where_cookie, nullptr)};
-        xcb_reply<xcb_xfixes_get_cursor_image_reply_t> cursor{
-            xcb_xfixes_get_cursor_image_reply(xcb, cursor_cookie, nullptr)};
-        // The pointer is on another X screen, or nowhere near this one.
-        if (!where || !where->same_screen || !cursor)
-            return;
-        draw_pointer(xcb_xfixes_get_cursor_image_cursor_image(cursor.reply), cursor->width, cursor->height,
-                     where->root_x - cursor->xhot - area.x, where->root_y - cursor->yhot - area.y, pixels,
-                     area.width, area.height, area.width * 4);
+        return true;
     }
 
-    void convert(video_frame& frame_out) const
+    /// Brings the picture up to the screen's: what changed is grabbed (with the pointer
+    /// drawn over it) and converted; nothing is when nothing changed. A failed grab keeps
+    /// the last picture: the stream goes on, as the canvas's capture does. Failures are
+    /// counted and told once when they begin and once when they end, never once a frame.
+    void refresh()
     {
-        std::uint8_t* planes[MAX_AV_PLANES] = {frame_out.data[0], frame_out.data[1]};
-        if (!place.fills(frame)) {
-            // Black, in the stream's limited range, around the picture.
-            for (int row = 0; row < frame.second; ++row)
-                std::memset(frame_out.data[0] + static_cast<std::size_t>(row) * frame_out.linesize[0], 16,
-                            static_cast<std::size_t>(frame.first));
-            for (int row = 0; row < frame.second / 2; ++row)
-                std::memset(frame_out.data[1] + static_cast<std::size_t>(row) * frame_out.linesize[1], 128,
-                            static_cast<std::size_t>(frame.first));
-            planes[0] += static_cast<std::size_t>(place.y) * frame_out.linesize[0] + place.x;
-            planes[1] += static_cast<std::size_t>(place.y / 2) * frame_out.linesize[1] + place.x;
+        read_events();
+        pointer_image now = where_pointer_is();
+        // What was drawn before the pointer's answer came is told by now.
+        read_events();
+        take_damage();
+        if (now != drawn) {
+            // The old pointer is wiped by grabbing its rows again, the new one drawn.
+            if (drawn.shown)
+                mark(drawn.top, drawn.top + drawn.height);
+            if (now.shown)
+                mark(now.top, now.top + now.height);
         }
-        const std::uint8_t* input[] = {pixels};
-        const std::uint32_t lines[] = {static_cast<std::uint32_t>(area.width * 4)};
-        video_scaler_scale(scaler, planes, frame_out.linesize, input, lines);
+        // Rows under the pointer are grabbed all together or not at all: it is drawn
+        // over the fresh pixels once, never blended twice.
+        if (now.shown && any_dirty(now.top, now.top + now.height))
+            mark(now.top, now.top + now.height);
+        if (std::find(dirty.begin(), dirty.end(), true) == dirty.end())
+            return;
+        if (!grab_marked())
+            return;
+        if (now.shown)
+            draw_pointer(cursor_pixels.data(), now.width, now.height, now.left, now.top, pixels, area.width,
+                         area.height, area.width * 4);
+        drawn = now;
+        convert_marked();
+        std::fill(dirty.begin(), dirty.end(), false);
+    }
+
+    /// The grabbed stripes into the picture: each alone at the screen's own size, the
+    /// whole picture again when it is scaled.
+    void convert_marked()
+    {
+        const std::uint32_t input_stride = static_cast<std::uint32_t>(area.width * 4);
+        const std::uint32_t strides[] = {picture.stride(), picture.stride()};
+        if (!unscaled) {
+            std::uint8_t* planes[MAX_AV_PLANES] = {picture.luma(place.y) + place.x,
+                                                   picture.chroma(place.y / 2) + place.x};
+            const std::uint8_t* input[] = {pixels};
+            video_scaler_scale(scaler, planes, strides, input, &input_stride);
+            picture.changed(place.y, place.y + place.height);
+            return;
+        }
+        for (std::size_t stripe = 0; stripe < dirty.size(); ++stripe) {
+            if (!dirty[stripe])
+                continue;
+            int top = static_cast<int>(stripe) * stripe_rows;
+            int rows = std::min(stripe_rows, area.height - top);
+            video_scaler_t* stripe_scaler = rows == stripe_rows || !last_stripe_scaler ? scaler : last_stripe_scaler;
+            std::uint8_t* planes[MAX_AV_PLANES] = {picture.luma(place.y + top) + place.x,
+                                                   picture.chroma((place.y + top) / 2) + place.x};
+            const std::uint8_t* input[] = {pixels + static_cast<std::size_t>(top) * input_stride};
+            video_scaler_scale(stripe_scaler, planes, strides, input, &input_stride);
+            picture.changed(place.y + top, place.y + top + rows);
+        }
     }
 };
 
@@ -313,7 +644,11 @@ screen_feed::screen_feed(const screen_entry& screen, std::pair<int, int> frame, 
     info.cache_size = 6;
     if (video_output_open(&video_, &info) != VIDEO_OUTPUT_SUCCESS)
         throw std::runtime_error("cannot open the screen's video output");
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] {
+        // Named, so a profile tells the grab from the encoder's threads.
+        os_set_thread_name("screen feed");
+        run();
+    });
 }
 
 screen_feed::~screen_feed()
@@ -353,7 +688,7 @@ void screen_feed::run()
             end("screen " + std::to_string(moved->index + 1) + " cannot be grabbed at " + describe(*moved));
         }
         if (grabbing) {
-            grabber_->grab();
+            grabber_->refresh();
             // A grab later than the next frame's time sends this picture for the frames
             // missed, so the stream keeps its rate and its timestamps their grid.
             std::uint64_t now = os_gettime_ns();
@@ -362,7 +697,7 @@ void screen_feed::run()
                 count += static_cast<int>((now - due) / frame_interval_ns);
             video_frame frame{};
             if (video_output_lock_frame(video_, &frame, count, due)) {
-                grabber_->convert(frame);
+                grabber_->picture.copy_to(frame);
                 video_output_unlock_frame(video_);
             }
             late_frames += count - 1;

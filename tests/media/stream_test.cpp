@@ -354,6 +354,24 @@ private:
     std::unique_ptr<obs::child_process> process_;
 };
 
+/// Checks a decoded 64x36 RGB frame of the colour stripes: each stripe's middle row at
+/// the columns given (of 64), within what H.264 at 4:2:0 keeps of a smooth ramp.
+void expect_colour_stripes(const std::vector<std::uint8_t>& frame, std::vector<int> stripes, std::vector<int> columns)
+{
+    const std::array<std::array<int, 3>, 3> stripes_rgb{{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
+    for (int stripe : stripes) {
+        int y = stripe * 12 + 6;
+        for (int x : columns) {
+            const std::uint8_t* pixel = &frame[(static_cast<std::size_t>(y) * 64 + x) * 3];
+            // Pixel px of the 1280 is at level px * 256 / 1280; x is the middle of 20 of them.
+            int level = (x * 2 + 1) * 256 / 128;
+            for (int channel = 0; channel < 3; ++channel)
+                EXPECT_NEAR(pixel[channel], stripes_rgb[stripe][channel] * level, 24)
+                    << "stripe " << stripe << " at x " << x << ", channel " << channel;
+        }
+    }
+}
+
 /// One way a screen becomes the encoder's frames: through the canvas with either colour
 /// conversion, or grabbed straight from the X server.
 struct screen_path {
@@ -389,19 +407,7 @@ TEST_P(ScreenPaths, TheScreensColoursArriveAtTheIngest)
     ASSERT_TRUE(recorded.error.empty()) << recorded.error;
     auto frame = ingest_->recording_frame(key, std::max(0.0, recorded.duration - 0.5), 64, 36, 20s, true);
     ASSERT_EQ(frame.size(), 64u * 36u * 3u);
-    // Each stripe's middle row, a quarter and three quarters along its ramp, within
-    // what H.264 at 4:2:0 keeps of a smooth ramp.
-    const std::array<std::array<int, 3>, 3> stripes_rgb{{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
-    for (int stripe = 0; stripe < 3; ++stripe) {
-        int y = stripe * 12 + 6;
-        for (int x : {16, 48}) {
-            const std::uint8_t* pixel = &frame[(static_cast<std::size_t>(y) * 64 + x) * 3];
-            int level = (x * 2 + 1) * 256 / 128;
-            for (int channel = 0; channel < 3; ++channel)
-                EXPECT_NEAR(pixel[channel], stripes_rgb[stripe][channel] * level, 24)
-                    << "stripe " << stripe << " at x " << x << ", channel " << channel;
-        }
-    }
+    expect_colour_stripes(frame, {0, 1, 2}, {16, 48});
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -437,6 +443,174 @@ constexpr std::array<int, 3> black{0, 0, 0};
 constexpr std::array<int, 3> red{255, 0, 0};
 constexpr std::array<int, 3> green{0, 255, 0};
 constexpr std::array<int, 3> blue{0, 0, 255};
+
+struct video_frame {
+    double time;
+    long long bytes;
+    bool key;
+    char type; ///< 'I', 'P' or 'B'
+};
+
+/// The video frames of the first `seconds` of a live stream, as ffprobe decodes them.
+std::vector<video_frame> video_frames(const std::string& url, int seconds)
+{
+    std::string text = test::run_program({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
+                                          "frame=key_frame,pts_time,pkt_size,pict_type", "-of", "csv=p=0",
+                                          "-read_intervals", "%+" + std::to_string(seconds), url},
+                                         std::chrono::seconds(seconds + 20));
+    std::vector<video_frame> frames;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        video_frame frame{};
+        int key = 0;
+        if (std::sscanf(line.c_str(), "%d,%lf,%lld,%c", &key, &frame.time, &frame.bytes, &frame.type) == 4) {
+            frame.key = key != 0;
+            frames.push_back(frame);
+        }
+    }
+    return frames;
+}
+
+/// The colour stripes over the whole first screen, as a window's background (drawn by the
+/// X server itself: no program redraws them), with a white square that a thread moves along
+/// the top of the screen every 100 ms while moving() is on. Nothing else changes.
+class still_stripes_and_a_moving_square {
+public:
+    static constexpr int square = 160;
+
+    still_stripes_and_a_moving_square() : display_(XOpenDisplay(nullptr))
+    {
+        if (!display_)
+            throw std::runtime_error("cannot open the display");
+        Window root = RootWindow(display_, 0);
+        int depth = DefaultDepth(display_, 0);
+        Pixmap stripes = XCreatePixmap(display_, root, 1280, 720, static_cast<unsigned>(depth));
+        std::vector<std::uint32_t> pixels(1280 * 720);
+        for (int y = 0; y < 720; ++y)
+            for (int x = 0; x < 1280; ++x)
+                pixels[static_cast<std::size_t>(y) * 1280 + x] = static_cast<std::uint32_t>(x * 256 / 1280)
+                                                                 << (16 - 8 * (y / 240));
+        XImage* image = XCreateImage(display_, DefaultVisual(display_, 0), static_cast<unsigned>(depth), ZPixmap, 0,
+                                     reinterpret_cast<char*>(pixels.data()), 1280, 720, 32, 0);
+        XPutImage(display_, stripes, DefaultGC(display_, 0), image, 0, 0, 0, 0, 1280, 720);
+        image->data = nullptr; // the vector owns it
+        XDestroyImage(image);
+        // Both above everything, the test windows included, outside the window manager.
+        XSetWindowAttributes attributes{};
+        attributes.override_redirect = True;
+        attributes.background_pixmap = stripes;
+        backdrop_ = XCreateWindow(display_, root, 0, 0, 1280, 720, 0, CopyFromParent, InputOutput, CopyFromParent,
+                                  CWOverrideRedirect | CWBackPixmap, &attributes);
+        XFreePixmap(display_, stripes);
+        XMapRaised(display_, backdrop_);
+        attributes.background_pixel = WhitePixel(display_, 0);
+        square_ = XCreateWindow(display_, root, 0, 0, square, square / 4 * 3, 0, CopyFromParent, InputOutput,
+                                CopyFromParent, CWOverrideRedirect | CWBackPixel, &attributes);
+        // The pointer in the corner, away from every pixel looked at.
+        XWarpPointer(display_, None, root, 0, 0, 0, 0, 1278, 718);
+        XSync(display_, False);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~still_stripes_and_a_moving_square()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stop_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+        XDestroyWindow(display_, square_);
+        XDestroyWindow(display_, backdrop_);
+        XCloseDisplay(display_);
+    }
+
+    void moving(bool on)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        moving_ = on;
+    }
+
+private:
+    void run()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (int step = 0; !stop_;) {
+            if (moving_) {
+                // Along the left half of the red stripe only: the right half stays still.
+                if (step == 0)
+                    XMapRaised(display_, square_);
+                XMoveWindow(display_, square_, (step++ * 40) % (640 - square), 0);
+                XFlush(display_);
+            }
+            // Pacing the motion, not waiting for anything.
+            changed_.wait_for(lock, 100ms, [this] { return stop_; });
+        }
+    }
+
+    Display* display_;
+    Window backdrop_ = 0;
+    Window square_ = 0;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool moving_ = false;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+/// Frames a live stream carries, on its own timestamps.
+void expect_thirty_frames_a_second(const std::vector<video_frame>& frames, const char* phase)
+{
+    ASSERT_GT(frames.size(), 60u) << phase;
+    for (std::size_t i = 1; i < frames.size(); ++i)
+        ASSERT_NEAR(frames[i].time - frames[i - 1].time, 1.0 / 30, 0.002)
+            << phase << ": a gap or a doubled frame at " << frames[i].time;
+}
+
+// The screen feed grabs only what the X server says changed: a still screen is sent
+// again without grabbing it, and a moving square only brings its own rows. At the
+// ingest that must look exactly like grabbing everything: 30 frames a second, the still
+// part right, the square where it moved to, no trail behind it.
+TEST_F(Streaming, AScreenFedByWhatChangedArrivesWholeAtThirtyFramesASecond)
+{
+    test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", std::string("direct"));
+    still_stripes_and_a_moving_square screen_content;
+    std::string key = new_key("damage");
+    auto media = stream_worker();
+    ASSERT_TRUE(activate(*media, order_for(screen(0), {{"profile", "high"}}, ingest_->url(), key)).result.started);
+
+    // Still, then moving: the stream keeps its rate through both.
+    expect_thirty_frames_a_second(video_frames(ingest_->stream_url(key), 3), "still");
+    screen_content.moving(true);
+    expect_thirty_frames_a_second(video_frames(ingest_->stream_url(key), 3), "moving");
+    ASSERT_TRUE(media->shutdown());
+    ASSERT_TRUE(ingest_->wait_until_not_publishing(key, 5s));
+
+    auto recorded = ingest_->probe_recording(key);
+    ASSERT_TRUE(recorded.error.empty()) << recorded.error;
+    auto first = ingest_->recording_frame(key, 1.0, 64, 36, 20s, true);
+    ASSERT_EQ(first.size(), 64u * 36u * 3u);
+    expect_colour_stripes(first, {0, 1, 2}, {8, 16, 32, 48, 56});
+
+    // Two frames 0.5 s apart while it moves: the square is at two places, nothing of it
+    // is left where it was, and every still row is as it was.
+    std::vector<int> square_at;
+    for (double before_end : {1.0, 0.5}) {
+        auto frame = ingest_->recording_frame(key, recorded.duration - before_end, 64, 36, 20s, true);
+        ASSERT_EQ(frame.size(), 64u * 36u * 3u);
+        expect_colour_stripes(frame, {1, 2}, {8, 16, 32, 48, 56});
+        expect_colour_stripes(frame, {0}, {40, 48, 56});
+        std::vector<int> white;
+        for (int x = 0; x < 64; ++x)
+            if (near(pixel_at(frame, x, 2), {255, 255, 255}))
+                white.push_back(x);
+        // 160 pixels of 1280: 8 columns of 64, give or take the edges.
+        ASSERT_GE(white.size(), 6u) << "the square is not in the picture";
+        EXPECT_LE(white.size(), 10u) << "the square leaves a trail";
+        EXPECT_EQ(white.back() - white.front() + 1, static_cast<int>(white.size())) << "the square is in pieces";
+        square_at.push_back(white.front());
+    }
+    EXPECT_NE(square_at[0], square_at[1]) << "the square's moves did not arrive";
+}
 
 /// A screen whose mode changes under a running stream: Xorg with the dummy driver
 /// (Xvfb cannot change its size), streamed by either route (ORBWEAVE_SCREEN_CAPTURE).
@@ -1044,33 +1218,6 @@ private:
     std::thread thread_;
 };
 
-struct video_frame {
-    double time;
-    long long bytes;
-    bool key;
-    char type; ///< 'I', 'P' or 'B'
-};
-
-/// The video frames of the first `seconds` of a live stream, as ffprobe decodes them.
-std::vector<video_frame> video_frames(const std::string& url, int seconds)
-{
-    std::string text = test::run_program({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
-                                          "frame=key_frame,pts_time,pkt_size,pict_type", "-of", "csv=p=0",
-                                          "-read_intervals", "%+" + std::to_string(seconds), url},
-                                         std::chrono::seconds(seconds + 20));
-    std::vector<video_frame> frames;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        video_frame frame{};
-        int key = 0;
-        if (std::sscanf(line.c_str(), "%d,%lf,%lld,%c", &key, &frame.time, &frame.bytes, &frame.type) == 4) {
-            frame.key = key != 0;
-            frames.push_back(frame);
-        }
-    }
-    return frames;
-}
-
 TEST_F(Streaming, X264SettingsTakeEffect)
 {
     test::stderr_capture log;
@@ -1182,8 +1329,9 @@ TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
 }
 
 // The screen feed draws the pointer, as the canvas's screen capture does: a presenter's
-// pointer is part of the picture.
-TEST(ScreenFeedInProcess, FramesCarryTheScreenAndThePointer)
+// pointer is part of the picture. On a still screen nothing is grabbed again but what
+// the pointer leaves and where it goes: it moves with nothing left behind.
+TEST(ScreenFeedInProcess, FramesCarryTheScreenAndThePointerWhereverItMoves)
 {
     runtime libobs; // libobs's video outputs run inside it
     // The second screen, made flat black with a crosshair pointer in its middle.
@@ -1197,6 +1345,7 @@ TEST(ScreenFeedInProcess, FramesCarryTheScreenAndThePointer)
     XWarpPointer(x, None, root, 0, 0, 0, 0, 512, 384);
     XSync(x, False);
 
+    // The latest frame's luma.
     struct taken {
         std::mutex mutex;
         std::condition_variable arrived;
@@ -1206,11 +1355,18 @@ TEST(ScreenFeedInProcess, FramesCarryTheScreenAndThePointer)
     auto keep = [](void* data, video_data* video) {
         auto* into = static_cast<taken*>(data);
         std::lock_guard<std::mutex> lock(into->mutex);
-        if (!into->luma.empty())
-            return;
         into->width = video->linesize[0];
         into->luma.assign(video->data[0], video->data[0] + static_cast<std::size_t>(video->linesize[0]) * 768);
         into->arrived.notify_all();
+    };
+    // The brightest luma within 8 pixels of a point; black is 16 in the stream's limited
+    // range, and the crosshair is drawn white around its hot spot.
+    auto brightest_around = [&](int cx, int cy) {
+        int brightest = 0;
+        for (int py = cy - 8; py <= cy + 8; ++py)
+            for (int px = cx - 8; px <= cx + 8; ++px)
+                brightest = std::max<int>(brightest, frame.luma[static_cast<std::size_t>(py) * frame.width + px]);
+        return brightest;
     };
     {
         screen_feed feed(screen_entry(1, "Display 2", "1024x768", 0, 0, 1024, 768), {1024, 768});
@@ -1218,22 +1374,23 @@ TEST(ScreenFeedInProcess, FramesCarryTheScreenAndThePointer)
         EXPECT_EQ(video_output_get_format(feed.video()), VIDEO_FORMAT_NV12);
         ASSERT_TRUE(video_output_connect(feed.video(), nullptr, keep, &frame));
         std::unique_lock<std::mutex> lock(frame.mutex);
-        ASSERT_TRUE(frame.arrived.wait_for(lock, 5s, [&] { return !frame.luma.empty(); })) << "no frame came";
+        EXPECT_TRUE(frame.arrived.wait_for(lock, 5s, [&] {
+            return !frame.luma.empty() && brightest_around(100, 100) <= 20 && brightest_around(512, 384) > 200;
+        })) << "the screen and the pointer are not in the picture";
+        lock.unlock();
+
+        XWarpPointer(x, None, root, 0, 0, 0, 0, 200, 600);
+        XSync(x, False);
+        lock.lock();
+        EXPECT_TRUE(frame.arrived.wait_for(lock, 5s, [&] {
+            return brightest_around(200, 600) > 200 && brightest_around(512, 384) <= 20;
+        })) << "the pointer did not move in the picture, or left itself behind";
         lock.unlock();
         video_output_disconnect(feed.video(), keep, &frame);
     }
     XUndefineCursor(x, root);
     XFreeCursor(x, crosshair);
     XCloseDisplay(x);
-
-    auto luma_at = [&](int px, int py) { return frame.luma[static_cast<std::size_t>(py) * frame.width + px]; };
-    // Black is 16 in the stream's limited range; the crosshair is drawn white around the hot spot.
-    EXPECT_LE(luma_at(100, 100), 20);
-    int brightest = 0;
-    for (int py = 376; py <= 392; ++py)
-        for (int px = 504; px <= 520; ++px)
-            brightest = std::max<int>(brightest, luma_at(px, py));
-    EXPECT_GT(brightest, 200) << "the pointer is not in the picture";
 }
 
 } // namespace
