@@ -53,6 +53,11 @@ std::string default_state_dir()
     return ".orbweave";
 }
 
+std::string restore_tokens_path(const std::string& state_dir)
+{
+    return state_dir + "/restore-tokens.json";
+}
+
 options parse_options(const std::vector<std::string>& arguments)
 {
     options result;
@@ -64,6 +69,8 @@ options parse_options(const std::vector<std::string>& arguments)
                 parse_allow(value(), result.permissions);
             else if (name == "--ask")
                 result.permissions.ask = true;
+            else if (name == "--forget-choices")
+                result.forget_choices = true;
             else
                 return false;
             return true;
@@ -89,6 +96,9 @@ Options:
                     screen, window, audio, video, or all (default: none)
   --ask             ask on the terminal for kinds not allowed; without a
                     terminal they are denied
+  --forget-choices  forget the desktop's screen and window choices (its
+                    restore tokens in the state folder), so its picker asks
+                    again, and exit
 )";
 }
 

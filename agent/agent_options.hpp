@@ -28,6 +28,8 @@ struct permission_policy {
 struct options : command_line::common_options {
     std::string state_dir;
     permission_policy permissions;
+    /// Forget the desktop's screen choices (the restore tokens in the state folder) and exit.
+    bool forget_choices = false;
 };
 
 /// The options for a command line; std::invalid_argument with a message for the
@@ -39,5 +41,8 @@ std::string usage();
 
 /// $XDG_CONFIG_HOME/orbweave, else $HOME/.config/orbweave.
 std::string default_state_dir();
+
+/// Where the desktop portal's restore tokens are kept in the state folder.
+std::string restore_tokens_path(const std::string& state_dir);
 
 } // namespace orbweave::agent

@@ -1,5 +1,6 @@
 #include "agent/agent.hpp"
 #include "agent/line_printer.hpp"
+#include "core/obs/restore_tokens.hpp"
 #include "core/version.hpp"
 
 #include <signal.h>
@@ -27,6 +28,13 @@ int main(int argc, char** argv)
     }
     if (options.show_version) {
         std::cout << "orbweave-agent " << client_version << "\n";
+        return 0;
+    }
+
+    if (options.forget_choices) {
+        std::string tokens = agent::restore_tokens_path(options.state_dir);
+        obs::restore_tokens(tokens).forget();
+        std::cout << "forgot the screen choices (" << tokens << "): the desktop will ask again\n";
         return 0;
     }
 
