@@ -268,7 +268,7 @@ void status_menu::show_health()
         stream_items[i]->setText(line);
     }
     show_state_line();
-    if (client_state_ == state_type::streaming && !animator_.running())
+    if (client_state_ == state_type::streaming && !animator_.running() && image_ != streaming_image())
         show_image(streaming_image());
 }
 
@@ -331,7 +331,9 @@ void status_menu::show_state_line()
         tip += QStringLiteral(" · ") +
                (troubles.isEmpty() ? tr("%1 sent").arg(rate_text(kbps)) : troubles.join(QStringLiteral("; ")));
     }
-    tray_.setToolTip(tip);
+    // Health comes every second: a panel hears of the tooltip only when its text changes.
+    if (tray_.toolTip() != tip)
+        tray_.setToolTip(tip);
 }
 
 void status_menu::on_state(state_type::type state)
