@@ -1,4 +1,5 @@
 #include "agent/agent.hpp"
+#include "agent/check_command.hpp"
 #include "agent/line_printer.hpp"
 #include "core/obs/restore_tokens.hpp"
 #include "core/version.hpp"
@@ -30,6 +31,8 @@ int main(int argc, char** argv)
         std::cout << "orbweave-agent " << client_version << "\n";
         return 0;
     }
+    if (options.check)
+        return agent::run_check(options);
 
     if (options.forget_choices) {
         std::string tokens = agent::restore_tokens_path(options.state_dir);
