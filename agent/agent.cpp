@@ -41,7 +41,7 @@ bool agent::start(const std::function<bool()>& cancelled)
     settings.transport.ca_file = options_.ca_file;
     command_line::use_capture_route(options_.capture, settings);
     command_line::use_stream_limit(options_.max_streams, settings);
-    settings.media.restore_tokens = options_.state_dir + "/restore-tokens.json";
+    settings.media.restore_tokens = restore_tokens_path(options_.state_dir);
     settings.activity = std::make_shared<activity_log>(options_.state_dir + "/activity.jsonl");
     settings.media.warm = true;
     client_ = orbweave_client::create(options_.service_url, settings);
@@ -68,6 +68,12 @@ bool agent::start(const std::function<bool()>& cancelled)
             return callback::permission_rule::ask; // the permission handler answers, and says so
         print_(std::string("denied activate ") + source_type::name(kind));
         return callback::permission_rule::never;
+    });
+    client_->set_streams_handler(
+        [this](const std::vector<callback::active_stream>& streams) { health_.keep_only(streams); });
+    client_->set_health_handler([this](const callback::active_stream& stream, const obs::health_summary& health) {
+        if (auto line = health_.report(stream, health, health_announcer::clock::now()))
+            print_(*line);
     });
     client_->set_profile_handler([this] { return encode_profile{profile_type::low, bitrate_.load()}; });
     print_("connecting to " + options_.service_url);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/agent_options.hpp"
+#include "agent/health_report.hpp"
 #include "agent/secret_store.hpp"
 #include "agent/terminal_prompt.hpp"
 #include "core/orbweave_client.hpp"
@@ -41,6 +42,8 @@ private:
     std::unique_ptr<terminal_prompt> prompt_;
     std::unique_ptr<orbweave_client> client_;
     std::atomic<std::int32_t> bitrate_{0};
+    // Used on the client's network thread only.
+    health_announcer health_;
 };
 
 } // namespace orbweave::agent

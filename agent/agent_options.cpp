@@ -53,6 +53,11 @@ std::string default_state_dir()
     return ".orbweave";
 }
 
+std::string restore_tokens_path(const std::string& state_dir)
+{
+    return state_dir + "/restore-tokens.json";
+}
+
 options parse_options(const std::vector<std::string>& arguments)
 {
     options result;
@@ -68,6 +73,8 @@ options parse_options(const std::vector<std::string>& arguments)
                 result.check = true;
             else if (name == "--json")
                 result.json = true;
+            else if (name == "--forget-choices")
+                result.forget_choices = true;
             else
                 return false;
             return true;
@@ -99,6 +106,9 @@ Options:
                     the bandwidth, the state folder), print one line per check
                     and exit: 0 when a stream can work here, 1 when not
   --json            with --check: print the result as one JSON object
+  --forget-choices  forget the desktop's screen and window choices (its
+                    restore tokens in the state folder), so its picker asks
+                    again, and exit
 )";
 }
 

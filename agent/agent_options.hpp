@@ -31,6 +31,8 @@ struct options : command_line::common_options {
     /// --check: say what will work on this machine, and exit (--json: as one JSON object).
     bool check = false;
     bool json = false;
+    /// Forget the desktop's screen choices (the restore tokens in the state folder) and exit.
+    bool forget_choices = false;
 };
 
 /// The options for a command line; std::invalid_argument with a message for the
@@ -42,5 +44,8 @@ std::string usage();
 
 /// $XDG_CONFIG_HOME/orbweave, else $HOME/.config/orbweave.
 std::string default_state_dir();
+
+/// Where the desktop portal's restore tokens are kept in the state folder.
+std::string restore_tokens_path(const std::string& state_dir);
 
 } // namespace orbweave::agent

@@ -1,6 +1,7 @@
 #include "agent/agent.hpp"
 #include "agent/check_command.hpp"
 #include "agent/line_printer.hpp"
+#include "core/obs/restore_tokens.hpp"
 #include "core/version.hpp"
 
 #include <signal.h>
@@ -32,6 +33,13 @@ int main(int argc, char** argv)
     }
     if (options.check)
         return agent::run_check(options);
+
+    if (options.forget_choices) {
+        std::string tokens = agent::restore_tokens_path(options.state_dir);
+        obs::restore_tokens(tokens).forget();
+        std::cout << "forgot the screen choices (" << tokens << "): the desktop will ask again\n";
+        return 0;
+    }
 
     // Signals are taken by sigwait below; every thread started after this inherits the mask.
     sigset_t stop_signals;

@@ -38,6 +38,7 @@ app_delegate::app_delegate(event_bus& bus, preferences& preferences, secret_keep
     // inside a callback (it stops and joins the client).
     bus_.observe(events::reset, this, [this](const QVariant&) { sign_out(false); });
     bus_.observe(events::deactivate, this, [this](const QVariant&) { client_->stop_streaming(); });
+    bus_.observe(events::forget_choices, this, [this](const QVariant&) { forget_choices(); });
 }
 
 app_delegate::~app_delegate()
@@ -93,16 +94,36 @@ void app_delegate::init_client()
     client_->set_streams_handler([this](const std::vector<callback::active_stream>& streams) {
         bus_.post(events::streams_changed, QVariant::fromValue(stream_list(streams)));
     });
+    client_->set_health_handler([this](const callback::active_stream& stream, const obs::health_summary& health) {
+        bus_.post(events::stream_health_changed, QVariant::fromValue(stream_health{stream.id, health}));
+    });
     client_->set_activity_handler([this](const activity_event& event) {
         if (history_)
             history_->notify();
+        std::shared_ptr<prompter> telling = current_prompter();
+        if (!telling)
+            return;
         // The user allowed it and waits to be live: a start that failed is said, with why.
         if (event.event == "activate" && event.outcome == "failed" && event.decided == "user")
-            if (std::shared_ptr<prompter> telling = current_prompter())
-                telling->tell(QCoreApplication::translate("orbweave::app::app_delegate", "The stream did not start"),
-                              QCoreApplication::translate("orbweave::app::app_delegate", "%1 is not streamed: %2")
-                                  .arg(QString::fromStdString(event.source), QString::fromStdString(event.reason)));
+            telling->tell(QCoreApplication::translate("orbweave::app::app_delegate", "The stream did not start"),
+                          QCoreApplication::translate("orbweave::app::app_delegate", "%1 is not streamed: %2")
+                              .arg(QString::fromStdString(event.source), QString::fromStdString(event.reason)));
+        // A stream that ended on its own (its source gone, its ingest gone for good, its
+        // worker dead, the service's link lost): the user may not be looking at the tray.
+        if (event.event == "ended" && event.reason != activity_recorder::app_stopped)
+            telling->tell(QCoreApplication::translate("orbweave::app::app_delegate", "A stream ended"),
+                          QCoreApplication::translate("orbweave::app::app_delegate", "%1 is no longer streamed: %2")
+                              .arg(QString::fromStdString(event.source), QString::fromStdString(event.reason)));
     });
+}
+
+void app_delegate::forget_choices()
+{
+    client_->forget_consent();
+    if (std::shared_ptr<prompter> telling = current_prompter())
+        telling->tell(QCoreApplication::translate("orbweave::app::app_delegate", "Screen choices forgotten"),
+                      QCoreApplication::translate("orbweave::app::app_delegate",
+                                                  "The desktop will ask again which screen or window to share."));
 }
 
 void app_delegate::on_permission(source_type::type kind, const std::string& name, const std::string& description,

@@ -86,6 +86,9 @@ public:
     /// (streams end, no media worker left). Safe after quit() and more than once.
     void shutdown();
     void set_prompter(std::shared_ptr<prompter> prompter);
+    /// Forgets the desktop's screen-cast choices (restore tokens), so its picker asks again
+    /// for every screen or window, and tells the user. Returns at once.
+    void forget_choices();
     /// The history the client's events go to (its file is settings.client.activity).
     void set_history(history* events) { history_ = events; }
     /// The launch-at-login entry, turned off by a sign-out.

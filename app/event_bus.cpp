@@ -11,6 +11,7 @@ void register_event_types()
     qRegisterMetaType<callback::state_type::type>("orbweave::callback::state_type::type");
     qRegisterMetaType<stream_list>("orbweave::app::stream_list");
     qRegisterMetaType<activity>("orbweave::app::activity");
+    qRegisterMetaType<stream_health>("orbweave::app::stream_health");
 }
 
 void event_bus::post(const char* name, const QVariant& payload)

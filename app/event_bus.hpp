@@ -5,6 +5,7 @@
 // names, never by holding each other.
 
 #include "core/callback.hpp"
+#include "core/obs/stream_health.hpp"
 
 #include <QMetaType>
 #include <QObject>
@@ -20,6 +21,12 @@ namespace orbweave::app {
 
 /// The streams running now, oldest first, as the client reports them.
 using stream_list = std::vector<callback::active_stream>;
+
+/// A running stream's health as the client last derived it (from its last 10 s).
+struct stream_health {
+    std::string id;
+    obs::health_summary health;
+};
 
 /// What the app is busy with while its client stops off the GUI thread: the interface
 /// says so, and stays usable, until the work is done.
@@ -60,6 +67,10 @@ inline constexpr const char* audio_settings_show = "app:audio:settings:show";
 inline constexpr const char* streams_changed = "app:streams:changed";
 /// activity: a sign-out or quitting began, or ended (none). The desktop's own addition.
 inline constexpr const char* activity_changed = "app:activity:changed";
+/// stream_health: a running stream's health, about once a second. The desktop's own addition.
+inline constexpr const char* stream_health_changed = "app:streams:health";
+/// none: forget the desktop's screen-cast choices (restore tokens). The desktop's own addition.
+inline constexpr const char* forget_choices = "app:choices:forget";
 } // namespace events
 
 /// Delivers posted events to their observers. post() may be called from any thread;
@@ -95,3 +106,4 @@ private:
 Q_DECLARE_METATYPE(orbweave::callback::state_type::type)
 Q_DECLARE_METATYPE(orbweave::app::stream_list)
 Q_DECLARE_METATYPE(orbweave::app::activity)
+Q_DECLARE_METATYPE(orbweave::app::stream_health)

@@ -77,6 +77,8 @@ private:
 class activity_recorder {
 public:
     using listener = std::function<void(const activity_event&)>;
+    /// The reason of the end of every stream that ran when the client stopped.
+    static constexpr const char* app_stopped = "the app stopped";
 
     activity_recorder(std::shared_ptr<activity_log> log, listener tell);
 

@@ -58,6 +58,7 @@ public:
     using profile_callback = std::function<encode_profile()>;
     using streams_callback = std::function<void(const std::vector<callback::active_stream>&)>;
     using activity_callback = std::function<void(const activity_event&)>;
+    using health_callback = std::function<void(const callback::active_stream&, const obs::health_summary&)>;
 
     /// A client for the service at url; nothing connects until start().
     static std::unique_ptr<orbweave_client> create(const std::string& url);
@@ -88,6 +89,14 @@ public:
     /// Told each event of the history as it is recorded (in the file too, when
     /// client_options::activity names one).
     virtual void set_activity_handler(activity_callback handler) = 0;
+    /// Told a running stream's health each time its worker measures it (about once a
+    /// second): its level from the last 10 s and what that is made of. Never sent anywhere.
+    virtual void set_health_handler(health_callback handler) = 0;
+
+    /// Forgets the desktop's screen-cast consent (every restore token), so the desktop's
+    /// picker asks again for each screen or window; a start under way does not bring its
+    /// token back. Any thread, running or not; returns at once.
+    virtual void forget_consent() = 0;
 };
 
 } // namespace orbweave

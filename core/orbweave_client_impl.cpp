@@ -55,6 +55,9 @@ void orbweave_client_impl::initialize()
     });
     work_manager_->set_streams_handler(
         [this](const std::vector<callback::active_stream>& streams) { streams_changed(streams); });
+    work_manager_->set_health_handler([this](const callback::active_stream& stream, const obs::health_summary& health) {
+        health_changed(stream, health);
+    });
     disconnection_counter_ = 0;
 
     // Every message the client serves, in one place, each handler given what it uses.
@@ -156,7 +159,7 @@ void orbweave_client_impl::stop()
 void orbweave_client_impl::finish_run()
 {
     work_manager_->clear();
-    activity_.stopped_all("ended", "the app stopped");
+    activity_.stopped_all("ended", activity_recorder::app_stopped);
     state_changed(state_type::disconnected);
     websocket_client_->stop();
     keep_running_.reset();
@@ -311,6 +314,30 @@ void orbweave_client_impl::set_profile_handler(profile_callback handler)
 void orbweave_client_impl::set_activity_handler(activity_callback handler)
 {
     replace_callback(activity_handler_, std::move(handler));
+}
+
+void orbweave_client_impl::set_health_handler(health_callback handler)
+{
+    replace_callback(health_handler_, std::move(handler));
+}
+
+void orbweave_client_impl::health_changed(const callback::active_stream& stream, const obs::health_summary& health)
+{
+    lock_guard lock(mutex_);
+    if (health_handler_)
+        health_handler_(stream, health);
+}
+
+void orbweave_client_impl::forget_consent()
+{
+    // The file goes now, whether a run is under way or not; the run's work manager also
+    // turns away the token of a start that is still under way.
+    obs::restore_tokens(options_.media.restore_tokens).forget();
+    if (std::shared_ptr<network_loop> loop = current_loop())
+        loop->post([this] {
+            if (work_manager_)
+                work_manager_->forget_consent();
+        });
 }
 
 void orbweave_client_impl::activity_recorded(const activity_event& event)

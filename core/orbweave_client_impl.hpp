@@ -48,6 +48,8 @@ public:
     void set_profile_handler(profile_callback handler) override;
     void set_streams_handler(streams_callback handler) override;
     void set_activity_handler(activity_callback handler) override;
+    void set_health_handler(health_callback handler) override;
+    void forget_consent() override;
 
     /// Hands frame to the handlers on the network thread as if it had come over from,
     /// after everything posted before it; false when the client is not running. With an
@@ -70,6 +72,7 @@ private:
     activity_recorder& activity() override { return activity_; }
     void activity_recorded(const activity_event& event);
     void streams_changed(const std::vector<callback::active_stream>& streams);
+    void health_changed(const callback::active_stream& stream, const obs::health_summary& health);
 
     /// Schedules the next connection attempt after a lost link.
     void reconnect();
@@ -110,6 +113,7 @@ private:
     profile_callback profile_handler_;
     streams_callback streams_handler_;
     activity_callback activity_handler_;
+    health_callback health_handler_;
     // After the handlers: it calls activity_recorded().
     activity_recorder activity_;
 

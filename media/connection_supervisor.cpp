@@ -100,6 +100,8 @@ void connection_supervisor::on_reconnect(void* data, calldata_t*) noexcept
         std::lock_guard<std::mutex> lock(self->mutex_);
         if (!self->reconnecting_since_)
             self->reconnecting_since_ = clock::now();
+        ++self->reconnect_attempts_;
+        self->stalled_ = false;
     });
     self->changed_.notify_all();
 }
@@ -110,6 +112,7 @@ void connection_supervisor::on_reconnect_success(void* data, calldata_t*) noexce
     guarded("the rtmp output's reconnect_success signal", [self] {
         std::lock_guard<std::mutex> lock(self->mutex_);
         self->reconnecting_since_.reset();
+        self->reconnect_attempts_ = 0;
     });
     self->changed_.notify_all();
 }
@@ -226,6 +229,19 @@ bool connection_supervisor::stop()
     return stopped;
 }
 
+std::pair<connection_state, int> connection_supervisor::state()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (reconnecting_since_)
+        return {connection_state::reconnecting, std::max(reconnect_attempts_, 1)};
+    return {stalled_ ? connection_state::stalled : connection_state::connected, 0};
+}
+
+tcp_progress connection_supervisor::transfer() const
+{
+    return tcp_progress_since(sockets_before_);
+}
+
 void connection_supervisor::watch()
 {
     watchdog_ = std::thread([this] { watch_outage(); });
@@ -279,7 +295,11 @@ void connection_supervisor::check_progress(send_progress& progress, clock::time_
             send_without_delay(tcp_descriptors_since(sockets_before_));
         taken = std::move(seen);
         progress.progressed = now;
-    } else if (now - progress.progressed >= limits_.send_stall) {
+        stalled_ = false;
+        return;
+    }
+    stalled_ = true;
+    if (now - progress.progressed >= limits_.send_stall) {
         log::line("media: the ingest took nothing for " + std::to_string(limits_.send_stall.count()) +
                   " ms; closing the connection to reconnect");
         interrupt_connections_since(sockets_before_);

@@ -6,11 +6,14 @@
 // a stream whose ingest stays gone for longer than the outage limit.
 
 #include "core/obs/media_limits.hpp"
+#include "core/obs/stream_health.hpp"
+#include "media/tcp_sockets.hpp"
 
 #include <obs.h>
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -53,6 +56,14 @@ public:
     /// Stops following the output's signals: after this no callback of it runs any more.
     void disconnect();
 
+    /// How the connection stands: connected, reconnecting (with the attempt under way), or
+    /// stalled (the watchdog's last look found data waiting and nothing taken since the one
+    /// before). Any thread.
+    std::pair<connection_state, int> state();
+    /// What the ingest has taken of the stream's connection, and what still waits in it,
+    /// as the kernel sees its socket. Any thread.
+    tcp_progress transfer() const;
+
 private:
     using clock = std::chrono::steady_clock;
     struct send_progress;
@@ -93,6 +104,10 @@ private:
     bool stop_requested_ = false;
     // Since when libobs has been reconnecting (none while connected).
     std::optional<clock::time_point> reconnecting_since_;
+    // The reconnection attempts since the connection dropped (libobs signals each one).
+    int reconnect_attempts_ = 0;
+    // Written by the watchdog without the lock held.
+    std::atomic<bool> stalled_{false};
     bool watchdog_closing_ = false;
     std::string gave_up_; // why the watchdog ended the stream
     long long code_ = 0;

@@ -4,9 +4,40 @@
 #include "media/direct_video.hpp"
 #include "media/x11_window.hpp"
 
+#include <algorithm>
 #include <optional>
+#include <tuple>
 
 namespace orbweave::obs {
+
+namespace {
+
+// The share of the output's drop threshold that may wait to be sent before the stream
+// counts as backed up (libobs's RTMP output drops frames once a threshold's worth waits).
+constexpr float backlog_congestion = 0.1f;
+// Likewise the share of a second at the target bitrate that may wait in the socket: the
+// kernel's send buffer grows to megabytes, so a slow path fills it long before libobs's
+// own queue, and libobs counts what it wrote there as sent.
+constexpr int backlog_socket_share = 4; // a quarter of a second
+
+/// What an encoder aims at, in kbps; 0 for none.
+int encoder_bitrate(obs_encoder_t* encoder)
+{
+    if (!encoder)
+        return 0;
+    obs_data_t* settings = obs_encoder_get_settings(encoder);
+    int bitrate = settings ? static_cast<int>(obs_data_get_int(settings, "bitrate")) : 0;
+    obs_data_release(settings);
+    return bitrate;
+}
+
+/// The growth of a counter that starts again from zero when libobs restarts it.
+long long growth(long long now, long long before)
+{
+    return now >= before ? now - before : now;
+}
+
+} // namespace
 
 output::output(stream_limits limits, capture_route route) : limits_(limits), route_(route)
 {
@@ -188,8 +219,91 @@ void output::run()
         end(ended_meanwhile);
 }
 
+void output::report_health(std::function<void(const health_sample&)> report, std::chrono::milliseconds interval)
+{
+    if (!started_ || health_thread_.joinable())
+        return;
+    int target_kbps = encoder_bitrate(parts_.video_encoder.get()) + encoder_bitrate(parts_.audio_encoder.get());
+    health_thread_ = std::thread([this, report = std::move(report), interval, target_kbps] {
+        counters last = read_counters();
+        auto since = std::chrono::steady_clock::now();
+        std::unique_lock<std::mutex> lock(health_mutex_);
+        while (!health_closing_changed_.wait_for(lock, interval, [this] { return health_closing_; })) {
+            lock.unlock();
+            auto now = std::chrono::steady_clock::now();
+            auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - since);
+            since = now;
+            health_sample sample = measure(last, elapsed, target_kbps);
+            bool ended;
+            {
+                std::lock_guard<std::mutex> ending(end_mutex_);
+                ended = ended_;
+            }
+            // A stream that has ended has nothing more to report.
+            if (!ended)
+                report(sample);
+            lock.lock();
+        }
+    });
+}
+
+output::counters output::read_counters()
+{
+    counters now;
+    obs_output_t* sending = parts_.output.get();
+    now.frames = obs_output_get_total_frames(sending);
+    now.dropped = obs_output_get_frames_dropped(sending);
+    // Sent is what the ingest acknowledged, not what libobs handed to the socket.
+    if (connection_) {
+        tcp_progress transfer = connection_->transfer();
+        now.bytes = static_cast<long long>(transfer.acknowledged);
+        now.unsent = static_cast<long long>(transfer.unsent);
+    } else {
+        now.bytes = static_cast<long long>(obs_output_get_total_bytes(sending));
+    }
+    // Before the encoder: the frames the canvas rendered late, or that a screen fed past
+    // it grabbed late, and those the encoder's video output skipped.
+    video_t* video = obs_encoder_video(parts_.video_encoder.get());
+    now.lagged = (feed_ ? screen_feed_late_frames() : static_cast<long long>(obs_get_lagged_frames())) +
+                 (video ? video_output_get_skipped_frames(video) : 0);
+    return now;
+}
+
+health_sample output::measure(counters& last, std::chrono::milliseconds elapsed, int target_kbps)
+{
+    counters now = read_counters();
+    health_sample sample;
+    sample.milliseconds = static_cast<int>(std::clamp<long long>(elapsed.count(), 1, 60000));
+    long long frames = growth(now.frames, last.frames);
+    sample.dropped = static_cast<int>(growth(now.dropped, last.dropped));
+    sample.sent = static_cast<int>(std::max(0LL, frames - sample.dropped));
+    sample.lagged = static_cast<int>(growth(now.lagged, last.lagged));
+    sample.bytes = static_cast<int>(std::min<long long>(growth(now.bytes, last.bytes), 1LL << 30));
+    sample.target_kbps = target_kbps;
+    last = now;
+    if (connection_)
+        std::tie(sample.connection, sample.attempt) = connection_->state();
+    sample.backlog = sample.connection == connection_state::stalled ||
+                     obs_output_get_congestion(parts_.output.get()) >= backlog_congestion ||
+                     now.unsent * 8 > static_cast<long long>(target_kbps) * 1000 / backlog_socket_share;
+    return sample;
+}
+
+void output::stop_health_reports()
+{
+    {
+        std::lock_guard<std::mutex> lock(health_mutex_);
+        health_closing_ = true;
+    }
+    health_closing_changed_.notify_all();
+    if (health_thread_.joinable())
+        health_thread_.join();
+}
+
 void output::release()
 {
+    // It reads the objects released below.
+    stop_health_reports();
     {
         // Stopping on purpose: a capture ending now is no news.
         std::lock_guard<std::mutex> lock(end_mutex_);

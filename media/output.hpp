@@ -15,6 +15,7 @@
 #include "core/obs/capture_route.hpp"
 #include "core/obs/media_limits.hpp"
 #include "core/obs/pipe_protocol.hpp"
+#include "core/obs/stream_health.hpp"
 #include "media/audio_follower.hpp"
 #include "media/capture_source.hpp"
 #include "media/connection_supervisor.hpp"
@@ -23,10 +24,12 @@
 #include "media/stream_assembly.hpp"
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace orbweave::obs {
@@ -76,6 +79,12 @@ public:
     /// not report stopping within the output stop limit and was forced.
     bool stop();
 
+    /// Measures the running stream every interval and hands what it did in that interval
+    /// to report, on a thread of its own, until the stream ends or is released. Call at
+    /// most once, after a successful start().
+    void report_health(std::function<void(const health_sample&)> report,
+                       std::chrono::milliseconds interval = health_interval);
+
 private:
     /// Makes the capture source and the canvas at the stream's size, or with direct a
     /// screen cast fed past the canvas; false with error_ set.
@@ -88,6 +97,19 @@ private:
     /// Marks the stream running, and passes on an end that came while it started.
     void run();
     void release();
+
+    /// The stream's running totals; libobs restarts the output's with each connection.
+    struct counters {
+        long long frames = 0;  // video frames handed to the output, the dropped ones included
+        long long dropped = 0; // of those, dropped before they were sent
+        long long lagged = 0;  // frames lagged or skipped before the encoder
+        long long bytes = 0;   // taken by the ingest
+        long long unsent = 0;  // waiting in the socket now
+    };
+    counters read_counters();
+    /// The interval since last was read, which becomes the counters now.
+    health_sample measure(counters& last, std::chrono::milliseconds elapsed, int target_kbps);
+    void stop_health_reports();
 
     stream_limits limits_;
     capture_route route_;
@@ -112,6 +134,11 @@ private:
     bool running_ = false;
     bool ended_ = false;
     std::string early_end_;
+    // The health reports' thread, and what ends it.
+    std::thread health_thread_;
+    std::mutex health_mutex_;
+    std::condition_variable health_closing_changed_;
+    bool health_closing_ = false;
 };
 
 } // namespace orbweave::obs

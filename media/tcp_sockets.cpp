@@ -97,6 +97,7 @@ tcp_progress tcp_progress_since(const std::vector<ino_t>& before)
         progress.sockets.push_back(inode);
         progress.acknowledged += info.tcpi_bytes_acked;
         progress.waiting = progress.waiting || info.tcpi_unacked > 0 || info.tcpi_notsent_bytes > 0;
+        progress.unsent += info.tcpi_notsent_bytes;
     }
     return progress;
 }

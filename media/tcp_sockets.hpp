@@ -25,6 +25,8 @@ struct tcp_progress {
     std::uint64_t acknowledged = 0;
     /// Whether anything waits for the peers: unacknowledged segments or unsent bytes.
     bool waiting = false;
+    /// Bytes written to the sockets that the kernel has not sent yet, summed.
+    std::uint64_t unsent = 0;
 };
 
 /// The progress of every TCP socket of this process not in before.

@@ -169,8 +169,11 @@ void serve_stream(orbweave::obs::request_loop& loop, orbweave::obs::protocol_wri
         result.rejected = started->rejected();
         result.restore_token = started->restore_token();
         std::tie(result.width, result.height) = started->canvas_size();
-        if (result.started)
+        if (result.started) {
+            // Once a second, what the stream did: the client derives its health from it.
+            started->report_health([&writer](const obs::health_sample& sample) { writer.send(sample.to_json()); });
             stream = std::move(started);
+        }
         return result.to_json();
     });
 }

@@ -11,6 +11,22 @@
         <source>%1 is not streamed: %2</source>
         <translation>%1 wird nicht übertragen: %2</translation>
     </message>
+    <message>
+        <source>A stream ended</source>
+        <translation>Eine Übertragung ist beendet</translation>
+    </message>
+    <message>
+        <source>%1 is no longer streamed: %2</source>
+        <translation>%1 wird nicht mehr übertragen: %2</translation>
+    </message>
+    <message>
+        <source>Screen choices forgotten</source>
+        <translation>Bildschirmauswahl wurde vergessen</translation>
+    </message>
+    <message>
+        <source>The desktop will ask again which screen or window to share.</source>
+        <translation>Der Desktop fragt wieder, welcher Bildschirm oder welches Fenster geteilt wird.</translation>
+    </message>
 </context>
 <context>
     <name>orbweave::app::notification_prompter</name>
@@ -409,6 +425,18 @@
         <source>This computer is connected to your account.</source>
         <translation>Dieser Computer ist mit Ihrem Konto verbunden.</translation>
     </message>
+    <message>
+        <source>Listed freely; each stream asks you first.</source>
+        <translation>Wird frei aufgelistet; vor jeder Übertragung werden Sie gefragt.</translation>
+    </message>
+    <message>
+        <source>Never listed, never streamed.</source>
+        <translation>Wird nie aufgelistet und nie übertragen.</translation>
+    </message>
+    <message>
+        <source>Listed and streamed without asking you.</source>
+        <translation>Wird ohne Rückfrage aufgelistet und übertragen.</translation>
+    </message>
 </context>
 <context>
     <name>orbweave::ui::permission_dialog</name>
@@ -534,6 +562,42 @@
     <message>
         <source>Cancel</source>
         <translation>Abbrechen</translation>
+    </message>
+    <message>
+        <source>%1 kb/s</source>
+        <translation>%1 kbit/s</translation>
+    </message>
+    <message>
+        <source>%1 Mb/s</source>
+        <translation>%1 Mbit/s</translation>
+    </message>
+    <message>
+        <source>reconnecting…</source>
+        <translation>verbindet neu …</translation>
+    </message>
+    <message>
+        <source>not sending</source>
+        <translation>sendet nicht</translation>
+    </message>
+    <message>
+        <source>dropping frames</source>
+        <translation>verliert Bilder</translation>
+    </message>
+    <message>
+        <source>skipping frames</source>
+        <translation>überspringt Bilder</translation>
+    </message>
+    <message>
+        <source>slow connection</source>
+        <translation>langsame Verbindung</translation>
+    </message>
+    <message>
+        <source>Forget screen choices</source>
+        <translation>Bildschirmauswahl vergessen</translation>
+    </message>
+    <message>
+        <source>%1 sent</source>
+        <translation>%1 gesendet</translation>
     </message>
 </context>
 </TS>

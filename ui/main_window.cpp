@@ -70,6 +70,20 @@ QLabel* hint(const QString& text)
     return label;
 }
 
+/// What a permission rule (the choice's index: Ask, Deny, Always allow) lets the service do.
+QString rule_meaning(int rule)
+{
+    switch (static_cast<app::permission>(rule)) {
+    case app::permission::ask:
+        return QCoreApplication::translate("orbweave::ui::main_window", "Listed freely; each stream asks you first.");
+    case app::permission::deny:
+        return QCoreApplication::translate("orbweave::ui::main_window", "Never listed, never streamed.");
+    case app::permission::always_allow:
+        return QCoreApplication::translate("orbweave::ui::main_window", "Listed and streamed without asking you.");
+    }
+    return {};
+}
+
 /// Every view's layout: the same margins and spacing.
 QVBoxLayout* view_layout(QWidget* view)
 {
@@ -266,13 +280,22 @@ QWidget* main_window::make_permissions_view()
         choice->addItems({tr("Ask"), tr("Deny"), tr("Always allow")});
         choice->setCurrentIndex(static_cast<int>(preferences_.permission_value(r.kind)));
         label->setBuddy(choice);
-        connect(choice, qOverload<int>(&QComboBox::currentIndexChanged), view, [this, kind = r.kind](int index) {
-            preferences_.set_permission(kind, static_cast<unsigned>(index));
-        });
+        // What the chosen rule means, in one line under the choice.
+        auto* meaning = hint(rule_meaning(choice->currentIndex()));
+        meaning->setObjectName(QString(r.object) + "Meaning");
+        meaning->setAlignment(Qt::AlignRight);
+        choice->setAccessibleDescription(meaning->text());
+        connect(choice, qOverload<int>(&QComboBox::currentIndexChanged), view,
+                [this, kind = r.kind, choice, meaning](int index) {
+                    preferences_.set_permission(kind, static_cast<unsigned>(index));
+                    meaning->setText(rule_meaning(index));
+                    choice->setAccessibleDescription(meaning->text());
+                });
         line->addWidget(icon);
         line->addWidget(label, 1);
         line->addWidget(choice);
         layout->addLayout(line);
+        layout->addWidget(meaning);
     }
     bool set = preferences_.has_set_permissions();
     auto* next = new QPushButton(set ? tr("Done") : tr("Continue"));

@@ -2,7 +2,10 @@
 
 #include "ui/icons.hpp"
 
+#include <algorithm>
+
 #include <QActionGroup>
+#include <QLocale>
 #include <QApplication>
 #include <QCoreApplication>
 #include <QCursor>
@@ -10,6 +13,7 @@
 #include <QIcon>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QStringList>
 
 namespace orbweave::ui {
 
@@ -57,6 +61,35 @@ QString stream_title(const callback::active_stream& stream)
     return what.arg(name);
 }
 
+/// A bitrate as people read it: "850 kb/s", "1.5 Mb/s".
+QString rate_text(int kbps)
+{
+    if (kbps < 1000)
+        return QCoreApplication::translate("orbweave::ui::status_menu", "%1 kb/s").arg(kbps);
+    return QCoreApplication::translate("orbweave::ui::status_menu", "%1 Mb/s")
+        .arg(QLocale().toString(kbps / 1000.0, 'f', 1));
+}
+
+/// A stream's health in a few words: its bitrate while all is well, else what is wrong.
+QString health_text(const obs::health_summary& health)
+{
+    using obs::health_level;
+    switch (health.level) {
+    case health_level::good: return rate_text(health.kbps);
+    case health_level::reconnecting: return QCoreApplication::translate("orbweave::ui::status_menu", "reconnecting…");
+    case health_level::degraded:
+    case health_level::bad: break;
+    }
+    if (health.connection == obs::connection_state::stalled)
+        return QCoreApplication::translate("orbweave::ui::status_menu", "not sending");
+    // Frames lost on the way (the network) or before the encoder (this computer too busy).
+    if (health.lost_share >= 0.05 || !health.slow)
+        return health.dropped >= health.lagged
+                   ? QCoreApplication::translate("orbweave::ui::status_menu", "dropping frames")
+                   : QCoreApplication::translate("orbweave::ui::status_menu", "skipping frames");
+    return QCoreApplication::translate("orbweave::ui::status_menu", "slow connection");
+}
+
 /// The installed theme icon, so a panel can draw it at its own size; the built-in copy
 /// where it is not installed.
 QIcon image_icon(const QString& name)
@@ -75,7 +108,7 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
       animator_(blink_frames, blink_interval_ms, [this](int frame) {
           // Odd frames show the connected image, even ones the active image: a blink that
           // ends on active.
-          show_image(frame % 2 ? "connected" : "active");
+          show_image(frame % 2 ? "connected" : streaming_image());
       })
 {
     // Titles without "&": an exported tray menu would show it as "_".
@@ -83,6 +116,8 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
     username_item = menu_.addAction(QString(), this, [this] { show_view("readyViewController"); });
     permissions_item = menu_.addAction(tr("Permissions…"), this, [this] { show_view("permissionsViewController"); });
     activity_item = menu_.addAction(tr("Activity…"), this, [this] { show_view("activityViewController"); });
+    forget_choices_item =
+        menu_.addAction(tr("Forget screen choices"), this, [this] { bus_.post(app::events::forget_choices); });
     quality_menu = menu_.addMenu(tr("Quality"));
     const char* levels[] = {QT_TR_NOOP("Low"), QT_TR_NOOP("Medium"), QT_TR_NOOP("High"), QT_TR_NOOP("Extreme")};
     // One level at a time: radio items, which panels draw as such.
@@ -122,6 +157,8 @@ status_menu::status_menu(app::event_bus& bus, app::preferences& preferences, app
                  [this](const QVariant& state) { on_state(state.value<state_type::type>()); });
     bus_.observe(app::events::streams_changed, this,
                  [this](const QVariant& streams) { on_streams(streams.value<app::stream_list>()); });
+    bus_.observe(app::events::stream_health_changed, this,
+                 [this](const QVariant& report) { on_health(report.value<app::stream_health>()); });
     bus_.observe(app::events::activity_changed, this,
                  [this](const QVariant& now) { on_activity(now.value<app::activity>()); });
     bus_.observe(app::events::user_changed, this, [this](const QVariant&) { update_from_preferences(); });
@@ -174,7 +211,8 @@ void status_menu::update_from_preferences()
     bool signed_in = !username.isEmpty();
     connect_item->setVisible(!signed_in);
     username_item->setText(username);
-    for (QAction* item : {username_item, permissions_item, activity_item, quality_menu->menuAction(), sign_out_item})
+    for (QAction* item : {username_item, permissions_item, activity_item, forget_choices_item,
+                          quality_menu->menuAction(), sign_out_item})
         item->setVisible(signed_in);
 }
 
@@ -183,13 +221,55 @@ void status_menu::on_streams(const app::stream_list& streams)
     for (QAction* item : stream_items)
         delete item;
     stream_items.clear();
-    for (const auto& stream : streams) {
-        auto* item = new QAction(stream_title(stream), &menu_);
+    streams_ = streams;
+    // A stream that no longer runs takes its health with it.
+    for (auto it = health_.begin(); it != health_.end();) {
+        bool runs = std::any_of(streams.begin(), streams.end(),
+                                [&](const callback::active_stream& stream) { return stream.id == it->first; });
+        it = runs ? std::next(it) : health_.erase(it);
+    }
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+        auto* item = new QAction(&menu_);
         item->setEnabled(false);
         item->setVisible(client_state_ == state_type::streaming);
         menu_.insertAction(separator_item, item);
         stream_items.push_back(item);
     }
+    show_health();
+}
+
+void status_menu::on_health(const app::stream_health& report)
+{
+    bool runs = std::any_of(streams_.begin(), streams_.end(),
+                            [&](const callback::active_stream& stream) { return stream.id == report.id; });
+    if (!runs)
+        return;
+    auto known = health_.find(report.id);
+    if (known != health_.end() && known->second == report.health)
+        return;
+    health_[report.id] = report.health;
+    show_health();
+}
+
+QString status_menu::streaming_image() const
+{
+    bool trouble = std::any_of(health_.begin(), health_.end(),
+                               [](const auto& item) { return item.second.level != obs::health_level::good; });
+    return trouble ? QStringLiteral("warning") : QStringLiteral("active");
+}
+
+void status_menu::show_health()
+{
+    for (std::size_t i = 0; i < streams_.size() && i < stream_items.size(); ++i) {
+        QString line = stream_title(streams_[i]);
+        auto health = health_.find(streams_[i].id);
+        if (health != health_.end())
+            line += QStringLiteral(" · ") + health_text(health->second);
+        stream_items[i]->setText(line);
+    }
+    show_state_line();
+    if (client_state_ == state_type::streaming && !animator_.running() && image_ != streaming_image())
+        show_image(streaming_image());
 }
 
 void status_menu::confirm_sign_out()
@@ -235,7 +315,25 @@ void status_menu::show_state_line()
     case app::activity::stopping: state_item->setText(tr("Stopping…")); break;
     case app::activity::none: state_item->setText(state_text(client_state_)); break;
     }
-    tray_.setToolTip(state_item->text().isEmpty() ? tr("Orbweave") : tr("Orbweave") + " — " + state_item->text());
+    QString tip = state_item->text().isEmpty() ? tr("Orbweave") : tr("Orbweave") + " — " + state_item->text();
+    // While streaming, the streams' health summed up: what is wrong, else what is sent.
+    if (activity_ == app::activity::none && client_state_ == state_type::streaming && !health_.empty()) {
+        QStringList troubles;
+        int kbps = 0;
+        for (const auto& stream : streams_) {
+            auto health = health_.find(stream.id);
+            if (health == health_.end())
+                continue;
+            kbps += health->second.kbps;
+            if (health->second.level != obs::health_level::good)
+                troubles << QStringLiteral("%1: %2").arg(QString::fromStdString(stream.name), health_text(health->second));
+        }
+        tip += QStringLiteral(" · ") +
+               (troubles.isEmpty() ? tr("%1 sent").arg(rate_text(kbps)) : troubles.join(QStringLiteral("; ")));
+    }
+    // Health comes every second: a panel hears of the tooltip only when its text changes.
+    if (tray_.toolTip() != tip)
+        tray_.setToolTip(tip);
 }
 
 void status_menu::on_state(state_type::type state)
@@ -252,7 +350,7 @@ void status_menu::on_state(state_type::type state)
     else if (state == state_type::connected)
         image = "connected";
     else if (streaming)
-        image = "active";
+        image = streaming_image();
     client_state_ = state;
     show_state_line();
     if (animate) {

@@ -19,6 +19,7 @@
 
 #include <array>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -45,12 +46,15 @@ public:
     void on_state(callback::state_type::type state);
     /// The running streams: one disabled line each under the state line while streaming.
     void on_streams(const app::stream_list& streams);
+    /// A running stream's health: its line, the tooltip and the icon follow.
+    void on_health(const app::stream_health& report);
     /// While signing out or stopping, the state line says so, and Sign out and Quit wait.
     void on_activity(app::activity now);
     /// Ticks the level's item (none for a level outside 0..3) and stores it.
     void set_profile(unsigned level);
 
-    /// The tray image shown now: "connected", "disconnected", "active" or "" (none).
+    /// The tray image shown now: "connected", "disconnected", "active", "warning" (streaming,
+    /// and a stream is degraded, bad or reconnecting) or "" (none).
     const QString& image() const { return image_; }
     interval_animator& animator() { return animator_; }
     /// The audio-output alert; feed it the default output's reports.
@@ -62,6 +66,7 @@ public:
     QAction* username_item;
     QAction* permissions_item;
     QAction* activity_item;
+    QAction* forget_choices_item;
     QMenu* quality_menu;
     std::array<QAction*, 4> profile_items;
     QAction* launch_at_login_item;
@@ -77,6 +82,10 @@ private:
     void show_image(const QString& name);
     void show_view(const char* identifier);
     void show_state_line();
+    /// The stream lines' texts, the tooltip and the icon from the streams' health.
+    void show_health();
+    /// "active", or "warning" while any stream is in trouble.
+    QString streaming_image() const;
     /// Signs out; while streams run, only once the user confirms that they stop.
     void confirm_sign_out();
     /// Remembers where the user clicked the tray icon, where that can be known.
@@ -93,6 +102,9 @@ private:
     QSystemTrayIcon tray_;
     interval_animator animator_;
     callback::state_type::type client_state_ = callback::state_type::disconnected;
+    app::stream_list streams_;
+    // The last health of each running stream, by source id.
+    std::map<std::string, obs::health_summary> health_;
     app::activity activity_ = app::activity::none;
     std::optional<QPoint> clicked_;
     QString image_;

@@ -108,6 +108,7 @@ worker_line worker_line::parse(std::string_view text)
     if (value.contains("event")) {
         line.type = kind::event;
         line.event = json::string_at(value, {"event"});
+        line.body = std::move(value);
         return line;
     }
     line.type = kind::reply;

@@ -19,6 +19,8 @@
 //                     -> {"ok":true,"result":{"leaks":<libobs allocations left>}}, exit 0
 //   anything failing  -> {"ok":false,"error":"..."}; the worker carries on
 //   event             <- {"event":"stopped","error":"..."}: the stream ended by itself
+//   event             <- {"event":"health",...}: the stream's last second, every second
+//                        while it runs (core/obs/stream_health.hpp)
 //
 // Each side reads a line into one of the types below where it arrives.
 
@@ -122,6 +124,7 @@ struct worker_line {
     Json result;          ///< reply: the result when ok
     std::string error;    ///< reply: why not ok; event: its reason
     std::string event;    ///< event: its name
+    Json body;            ///< event: the whole line
 
     static worker_line parse(std::string_view text);
 };

@@ -286,6 +286,10 @@ bool worker::on_line(std::string_view text)
     case pipe::worker_line::kind::invalid:
         return false;
     case pipe::worker_line::kind::event: {
+        if (line.event == health_event) {
+            on_health(line.body);
+            return true;
+        }
         std::function<void(const std::string&, const std::string&)> handler;
         {
             std::lock_guard<std::mutex> lock(state_mutex_);
@@ -311,6 +315,35 @@ bool worker::on_line(std::string_view text)
         return true;
     }
     return false;
+}
+
+void worker::on_health(const Json& line)
+{
+    std::optional<health_sample> sample = health_sample::from_json(line);
+    if (!sample) {
+        log::line("media worker: a malformed health report was dropped");
+        return;
+    }
+    std::function<void(const health_sample&)> handler;
+    {
+        std::lock_guard<std::mutex> lock(state_mutex_);
+        handler = health_handler_;
+    }
+    if (!handler)
+        return;
+    try {
+        handler(*sample);
+    } catch (const std::exception& error) {
+        log::line("media worker: the health handler failed: ", error.what());
+    } catch (...) {
+        log::line("media worker: the health handler failed");
+    }
+}
+
+void worker::set_health_handler(std::function<void(const health_sample&)> handler)
+{
+    std::lock_guard<std::mutex> lock(state_mutex_);
+    health_handler_ = std::move(handler);
 }
 
 void worker::mark_dead(const std::string& reason)

@@ -12,6 +12,7 @@
 #include "core/obs/entries.hpp"
 #include "core/obs/media_limits.hpp"
 #include "core/obs/pipe_protocol.hpp"
+#include "core/obs/stream_health.hpp"
 
 #include <chrono>
 #include <condition_variable>
@@ -107,6 +108,10 @@ public:
     /// Called on the reader thread for each event line with its name and reason. The handler
     /// must not call into this worker (the reply it would wait for is read by that very thread).
     void set_event_handler(std::function<void(const std::string& event, const std::string& reason)> handler);
+    /// Called on the reader thread for each health report of the worker's stream (every
+    /// second while it runs), under the same rules as the event handler. A malformed one
+    /// is logged and dropped.
+    void set_health_handler(std::function<void(const health_sample&)> handler);
     /// Called once, on the reader thread, when the worker process ends without being asked
     /// to, with the reason ("killed by signal SIGKILL"). It must not destroy the worker;
     /// hand that to another thread.
@@ -126,6 +131,8 @@ private:
     void read_loop();
     /// Acts on one line of the worker; false when it is not a JSON object.
     bool on_line(std::string_view text);
+    /// Hands a health event to the health handler.
+    void on_health(const Json& line);
     void mark_dead(const std::string& reason);
 
     options options_;
@@ -142,6 +149,7 @@ private:
     std::string death_reason_;
     std::function<void(const std::string&, const std::string&)> event_handler_;
     std::function<void(const std::string&)> exit_handler_;
+    std::function<void(const health_sample&)> health_handler_;
 };
 
 } // namespace orbweave::obs

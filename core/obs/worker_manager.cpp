@@ -31,6 +31,8 @@ struct worker_manager::stream {
     cancellation cancel;
     /// The stream's worker once it exists; abort() reaches it to cancel a start.
     worker* process = nullptr;
+    /// Its worker's health reports of the last seconds while it runs.
+    health_window health;
     std::thread thread;
 };
 
@@ -168,6 +170,8 @@ std::unique_ptr<worker> worker_manager::acquire_worker(stream& record)
         if (event == pipe::stopped_event)
             on_stream_ended(generation, reason);
     });
+    process->set_health_handler(
+        [this, generation](const health_sample& sample) { on_stream_health(generation, sample); });
     return process;
 }
 
@@ -243,6 +247,20 @@ void worker_manager::on_stream_ended(std::uint64_t generation, const std::string
         record.ended_early = reason; // acted on once it counts as running, should its start succeed
     else if (record.state == stream::phase::running)
         end_locked(record, reason);
+}
+
+void worker_manager::on_stream_health(std::uint64_t generation, const health_sample& sample)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = streams_.find(generation);
+    if (found == streams_.end() || found->second->state != stream::phase::running)
+        return;
+    stream& record = *found->second;
+    record.health.add(sample);
+    if (health_handler_)
+        report([handler = health_handler_, source = record.source, summary = record.health.summary()] {
+            handler(source, summary);
+        });
 }
 
 void worker_manager::end_locked(stream& record, const std::string& reason)
@@ -380,6 +398,12 @@ void worker_manager::set_streams_handler(streams_handler handler)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     streams_handler_ = std::move(handler);
+}
+
+void worker_manager::set_health_handler(health_handler handler)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    health_handler_ = std::move(handler);
 }
 
 worker& worker_manager::listing_worker()

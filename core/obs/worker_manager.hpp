@@ -4,6 +4,7 @@
 #include "core/obs/requests.hpp"
 #include "core/obs/restore_tokens.hpp"
 #include "core/obs/spare_worker.hpp"
+#include "core/obs/stream_health.hpp"
 #include "core/obs/worker.hpp"
 #include "core/serial_executor.hpp"
 
@@ -86,6 +87,10 @@ public:
     /// The streams running now, in the order they started; told on every change.
     using streams_handler = std::function<void(const std::vector<callback::active_stream>&)>;
 
+    /// A running stream's health, each time its worker reports (about once a second): the
+    /// stream and its last seconds summed up.
+    using health_handler = std::function<void(const callback::active_stream&, const health_summary&)>;
+
     /// A stream that ended by itself: its source id, why, and whether none runs now.
     using ended_handler = std::function<void(const std::string& id, const std::string& reason, bool now_empty)>;
 
@@ -138,6 +143,8 @@ public:
     void set_stream_ended_handler(ended_handler handler);
     /// Set before the first activation; called through post.
     void set_streams_handler(streams_handler handler);
+    /// Set before the first activation; called through post.
+    void set_health_handler(health_handler handler);
 
 private:
     struct stream;
@@ -153,6 +160,7 @@ private:
     /// Marks the start's outcome, reports it, and returns once the stream is to stop.
     void hold_until_stopped(stream& record, activation outcome, const std::function<void(const activation&)>& done);
     void on_stream_ended(std::uint64_t generation, const std::string& reason);
+    void on_stream_health(std::uint64_t generation, const health_sample& sample);
     /// Hands a result to the owner's thread through post_; never throws.
     void report(std::function<void()> task) const noexcept;
     void cancel_locked(stream& record, const std::string& reason);
@@ -187,6 +195,7 @@ private:
     std::vector<std::thread> finished_;
     ended_handler ended_handler_;
     streams_handler streams_handler_;
+    health_handler health_handler_;
     std::vector<callback::active_stream> streams_told_;
 
     // Cancelled when the manager closes: a listing worker still starting then ends at once.

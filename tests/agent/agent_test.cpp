@@ -1,11 +1,16 @@
 #include "agent/agent_options.hpp"
+#include "agent/health_report.hpp"
 #include "core/orbweave_client.hpp"
 #include "agent/secret_store.hpp"
 #include "agent/terminal_prompt.hpp"
 #include "core/obs/child_process.hpp"
 #include "core/obs/stream_limit.hpp"
 #include "tests/support/blocking_queue.hpp"
+#include "tests/support/fault_proxy.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
+#include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/scoped_environment.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
@@ -20,6 +25,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 
 namespace orbweave::agent {
 namespace {
@@ -68,6 +74,8 @@ TEST(AgentOptions, AllowAskBitrateAndDefaults)
     EXPECT_EQ(parsed.state_dir, "/x");
     EXPECT_EQ(parsed.ca_file, "/ca.pem");
     EXPECT_EQ(parsed.max_streams, 3);
+    EXPECT_FALSE(parsed.forget_choices);
+    EXPECT_TRUE(parse_options({"--forget-choices"}).forget_choices);
 
     // By default nothing is allowed, and the build's service is used.
     options defaults = parse_options({});
@@ -118,6 +126,43 @@ TEST(AgentOptions, BadArgumentsAreRejectedWithAReason)
             EXPECT_NE(std::string(error.what()).find(c.reason), std::string::npos) << error.what();
         }
     }
+}
+
+TEST(AgentHealth, ALineWhenAStreamsLevelChangesAndEveryThirtySeconds)
+{
+    obs::health_summary good;
+    good.kbps = 1480;
+    good.target_kbps = 1628;
+    good.fps = 29.96;
+    EXPECT_EQ(health_line("Display 1", good), "health \"Display 1\": good, 1480 kbps of 1628, 30.0 fps, 0 dropped, 0 lagged");
+    obs::health_summary dropping = good;
+    dropping.level = obs::health_level::degraded;
+    dropping.kbps = 612;
+    dropping.fps = 27.5;
+    dropping.dropped = 25;
+    dropping.lagged = 1;
+    EXPECT_EQ(health_line("Display 1", dropping),
+              "health \"Display 1\": degraded, 612 kbps of 1628, 27.5 fps, 25 dropped, 1 lagged");
+
+    callback::active_stream display{"d1", source_type::screen, "Display 1", "1280x720"};
+    callback::active_stream microphone{"m1", source_type::audio, "Microphone", ""};
+    health_announcer announcer;
+    health_announcer::clock::time_point start{};
+    auto printed = [&](const callback::active_stream& stream, const obs::health_summary& health,
+                       std::chrono::milliseconds at) { return announcer.report(stream, health, start + at).has_value(); };
+    EXPECT_TRUE(printed(display, good, 0s)) << "its first report";
+    EXPECT_FALSE(printed(display, good, 1s));
+    EXPECT_TRUE(printed(microphone, good, 2s)) << "streams are told apart";
+    EXPECT_FALSE(printed(display, good, 29s));
+    EXPECT_TRUE(printed(display, dropping, 29500ms)) << "a change of level";
+    EXPECT_FALSE(printed(display, dropping, 45s));
+    EXPECT_TRUE(printed(display, dropping, 59500ms)) << "30 s on";
+    EXPECT_TRUE(printed(display, good, 60s));
+    EXPECT_TRUE(printed(microphone, good, 32s));
+    // A stream that stopped and runs again is told afresh.
+    announcer.keep_only({microphone});
+    EXPECT_TRUE(printed(display, good, 61s));
+    EXPECT_FALSE(printed(microphone, good, 33s));
 }
 
 TEST(AgentSecretStore, TheSecretIsPrivateAndReplacedWhole)
@@ -362,6 +407,108 @@ TEST_F(AgentProcess, KeepsAnsweringWhileNobodyReadsItsOutput)
     stop(agent); // reading again, the waiting lines arrive, and "stopped" after them
     output.reset();
     ::close(ends[0]);
+}
+
+// The desktop's screen choices go with --forget-choices: the agent forgets the restore
+// tokens in its state folder, says so, and exits without connecting anywhere.
+TEST_F(AgentProcess, ForgetChoicesForgetsTheRestoreTokensAndExits)
+{
+    std::filesystem::create_directories(dir.file("state"));
+    std::string tokens = restore_tokens_path(dir.file("state"));
+    std::ofstream(tokens) << R"({"account":"Ann","tokens":{"abc":"token-1"}})";
+    auto agent = run({"--forget-choices"});
+    auto status = agent->wait_for(deadline);
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+    EXPECT_TRUE(output->wait_for_prefix("forgot the screen choices", deadline));
+    EXPECT_FALSE(std::filesystem::exists(tokens));
+    EXPECT_FALSE(service.wait_for_connection(0ms)) << "it connected";
+    // Nothing to forget is no error.
+    agent = run({"--forget-choices"});
+    status = agent->wait_for(deadline);
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+}
+
+/// A moving test pattern over the whole of display's first screen, so the encoder spends
+/// its whole bitrate; returns once it runs.
+std::unique_ptr<obs::child_process> moving_pattern(const std::string& display, int width, int height)
+{
+    obs::child_process::options options;
+    options.argv = {"ffplay", "-loglevel", "error", "-an", "-f", "lavfi", "-i",
+                    "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30",
+                    "-vf", "format=rgb0", "-x", std::to_string(width), "-y", std::to_string(height),
+                    "-noborder", "-left", "0", "-top", "0"};
+    options.environment = {{"DISPLAY", display}, {"SDL_AUDIODRIVER", "dummy"}};
+    options.quiet = true;
+    return std::make_unique<obs::child_process>(options);
+}
+
+// The agent prints a stream's health, measured in its worker: good while the ingest takes
+// everything, within 10 s something else when the path to it slows down or stalls, and
+// good again once it recovers.
+TEST_F(AgentProcess, PrintsAStreamsHealthAsThePathToItsIngestSlowsAndStalls)
+{
+    test::temp_dir home;
+    test::xvfb_display screen({{640, 360}});
+    auto pattern = moving_pattern(screen.name(), 640, 360);
+    test::rtmp_ingest ingest;
+    test::fault_proxy path(ingest.rtmp_port());
+    ASSERT_TRUE(secret_store(dir.file("state")).save(service.issue_secret({"Ann", ""})));
+    auto agent = run({"--bitrate", "1000", "--allow", "screen"},
+                     {{"DISPLAY", screen.name()},
+                      {"PULSE_SERVER", "unix:" + home.file("no-sound-server")},
+                      {"ORBWEAVE_CA_FILE", dir.file("ca.pem")}});
+    ASSERT_TRUE(output->wait_for_prefix("state connected", 30s));
+    ASSERT_TRUE(service.wait_for_connection(deadline));
+    Json screens = service.reply_payload(service.list("screen"), deadline)["results"];
+    ASSERT_EQ(screens.size(), 1u) << screens;
+    std::string name = screens[0].value("name", "");
+    auto request = sim::activation::of(screens[0].value("id", ""),
+                                       "rtmp://127.0.0.1:" + std::to_string(path.port()) + "/live", "health");
+    request.profile = "low";
+    ASSERT_EQ(service.reply_payload(service.activate(request), 30s), Json({{"status", "Success"}}));
+    ASSERT_TRUE(ingest.wait_for_publishing("health", deadline));
+
+    std::string prefix = "health \"" + name + "\": ";
+    auto level_line = [&](const std::vector<std::string>& levels, std::chrono::milliseconds within) {
+        return output->wait_for(
+            [&](const std::string& line) {
+                if (line.rfind(prefix, 0) != 0)
+                    return false;
+                for (const std::string& level : levels)
+                    if (line.compare(prefix.size(), level.size() + 1, level + ",") == 0)
+                        return true;
+                return false;
+            },
+            within);
+    };
+    // What the agent printed of the stream's health, for a failure's message.
+    auto printed = [&] {
+        std::string lines;
+        for (const std::string& line : output->lines())
+            if (line.rfind("health ", 0) == 0)
+                lines += line + "\n";
+        return lines;
+    };
+    auto good = level_line({"good"}, 30s);
+    ASSERT_TRUE(good) << "never good\n" << printed();
+    EXPECT_NE(good->find(" kbps of "), std::string::npos) << *good;
+
+    // The path slows to a quarter of the bitrate: within 10 s the stream is not good.
+    path.throttle(32 * 1000);
+    auto slowed = level_line({"degraded", "bad", "reconnecting"}, 10s);
+    EXPECT_TRUE(slowed) << "still good 10 s after the path slowed\n" << printed();
+    path.throttle(0);
+    EXPECT_TRUE(level_line({"good"}, 30s)) << "not good again after the path recovered\n" << printed();
+
+    // The path stalls: nothing reaches the ingest, and the stream says so within 10 s.
+    path.stall(true);
+    auto stalled = level_line({"bad", "reconnecting", "degraded"}, 10s);
+    EXPECT_TRUE(stalled) << "still good 10 s after the path stalled\n" << printed();
+    path.stall(false);
+    EXPECT_TRUE(level_line({"good"}, 40s)) << "not good again after the stall\n" << printed();
+    stop(*agent);
 }
 
 TEST_F(AgentProcess, BadArgumentsExitNonZeroWithAMessage)

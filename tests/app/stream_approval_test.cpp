@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <unistd.h>
 
 namespace orbweave::app {
@@ -104,6 +105,17 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     EXPECT_GT(told.body.size(), QString("Display 1 is not streamed: ").size()) << "no reason";
     EXPECT_FALSE(told.body.contains("sk_unreachable"));
     EXPECT_TRUE(told.actions.isEmpty());
+
+    // A stream that ends on its own (here its worker dies) is told too: which, and why.
+    std::vector<int> workers;
+    ASSERT_TRUE(test::eventually([&] {
+        return (workers = test::children_running(::getpid(), {"--stream-worker"})).size() == 1;
+    }, deadline)) << "the failed start's worker is left";
+    ::kill(workers[0], SIGKILL);
+    ASSERT_TRUE(pump_until([&] { return notifications.notified.size() == 5; }, deadline));
+    EXPECT_EQ(notifications.notified[4].summary, "A stream ended");
+    EXPECT_TRUE(notifications.notified[4].body.startsWith("Display 1 is no longer streamed: its media worker"))
+        << notifications.notified[4].body.toStdString();
 
     // Quitting ends every stream and leaves no media worker behind.
     delegate.shutdown();

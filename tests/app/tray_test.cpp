@@ -9,6 +9,7 @@
 #include "core/obs/media_limits.hpp"
 #include "tests/app/qt_support.hpp"
 #include "tests/app/status_notifier_watcher.hpp"
+#include "tests/support/fault_proxy.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/processes.hpp"
 #include "tests/support/rtmp_ingest.hpp"
@@ -120,23 +121,34 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     EXPECT_TRUE(labels.contains("Connect your computer…")) << labels.join(", ").toStdString();
     EXPECT_FALSE(labels.contains("Sign out"));
 
-    // Paired, then a screen streams: the panel shows the stream and "Stop streaming".
+    // Paired, then a screen streams (through a path the test can stall): the panel shows
+    // the stream with its bitrate, and "Stop streaming".
     ASSERT_TRUE(service.claim(*code, {"Ann Example", ""}));
-    Json screens = test::stream_screens(service, {"tray"}, ingest.url(), deadline);
+    test::fault_proxy path(ingest.rtmp_port());
+    Json screens = test::stream_screens(service, {"tray"}, "rtmp://127.0.0.1:" + std::to_string(path.port()) + "/live",
+                                        deadline);
     ASSERT_FALSE(screens.empty());
     Json first = screens[0];
     ASSERT_TRUE(ingest.wait_for_publishing("tray", deadline));
 
-    QString stream_line = "Screen: " + QString::fromStdString(first["name"].get<std::string>());
-    ASSERT_TRUE(pump_until([&] { return menu().visible_labels().contains(stream_line); }, deadline))
+    QString stream_title = "Screen: " + QString::fromStdString(first["name"].get<std::string>());
+    // The stream's line: its title, then its health once the first report is in.
+    auto stream_line = [&](const QStringList& visible) {
+        for (const QString& label : visible)
+            if (label.startsWith(stream_title + " · "))
+                return label;
+        return QString();
+    };
+    auto sending = [](const QString& line) { return line.endsWith(" kb/s") || line.endsWith(" Mb/s"); };
+    ASSERT_TRUE(pump_until([&] { return sending(stream_line(menu().visible_labels())); }, deadline))
         << menu().visible_labels().join(", ").toStdString();
     menu_entry streaming = menu();
     labels = streaming.visible_labels();
     int state_line = labels.indexOf("Streaming");
     ASSERT_GE(state_line, 1) << labels.join(", ").toStdString();
     EXPECT_EQ(labels[state_line - 1], "Stop streaming");
-    EXPECT_EQ(labels[state_line + 1], stream_line);
-    EXPECT_FALSE(streaming.find(stream_line)->enabled());
+    EXPECT_EQ(labels[state_line + 1], stream_line(labels));
+    EXPECT_FALSE(streaming.find(stream_line(labels))->enabled());
     EXPECT_EQ(labels.first(), "Ann Example");
     EXPECT_FALSE(labels.contains("Connect your computer…"));
     EXPECT_EQ(labels.last(), "Quit");
@@ -148,9 +160,32 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     for (const auto& level : quality->children)
         EXPECT_EQ(level.properties.value("toggle-type").toString(), "radio") << level.label().toStdString();
     EXPECT_TRUE(labels.contains("Activity…"));
-    // Panels that show tooltips read the state from the item.
-    EXPECT_NE(tooltip_of(item, item_path).find("string \"Orbweave — Streaming\""), std::string::npos)
+    // "Forget screen choices" forgets the desktop's restore tokens: its picker asks again.
+    std::string tokens = home.file("orbweave/restore-tokens.json");
+    std::ofstream(tokens) << R"({"account":"Ann Example","tokens":{"abc":"token-1"}})";
+    ASSERT_TRUE(click_menu_entry(panel, item, menu_path, streaming.find("Forget screen choices")->id));
+    EXPECT_TRUE(pump_until([&] { return !std::filesystem::exists(tokens); }, deadline)) << "the tokens are kept";
+    EXPECT_TRUE(pump_until([&] { return log.text().find("Screen choices forgotten") != std::string::npos; }, deadline))
+        << "the user was not told";
+    // Panels that show tooltips read the state, and what is sent, from the item.
+    EXPECT_NE(tooltip_of(item, item_path).find("string \"Orbweave — Streaming · "), std::string::npos)
         << tooltip_of(item, item_path);
+
+    // The path to the ingest stalls: within 10 s the line and the tooltip say the stream is
+    // in trouble; once the path carries again, the line shows the bitrate again.
+    path.stall(true);
+    EXPECT_TRUE(pump_until([&] {
+        QString line = stream_line(menu().visible_labels());
+        return !line.isEmpty() && !sending(line);
+    }, 10s)) << menu().visible_labels().join(", ").toStdString();
+    std::string troubled = tooltip_of(item, item_path);
+    EXPECT_NE(troubled.find("string \"Orbweave — Streaming · " + first["name"].get<std::string>() + ": "),
+              std::string::npos)
+        << troubled;
+    path.stall(false);
+    EXPECT_TRUE(pump_until([&] { return sending(stream_line(menu().visible_labels())); }, 40s))
+        << menu().visible_labels().join(", ").toStdString();
+    streaming = menu();
 
     // The user clicks "Stop streaming" in the panel: the stream ends, the link stays.
     ASSERT_TRUE(click_menu_entry(panel, item, menu_path, streaming.find("Stop streaming")->id));
@@ -159,7 +194,7 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
         << menu().visible_labels().join(", ").toStdString();
     labels = menu().visible_labels();
     EXPECT_FALSE(labels.contains("Stop streaming"));
-    EXPECT_FALSE(labels.contains(stream_line));
+    EXPECT_TRUE(stream_line(labels).isEmpty());
     EXPECT_TRUE(pump_until(
         [&] { return tooltip_of(item, item_path).find("string \"Orbweave — Connected\"") != std::string::npos; },
         deadline))

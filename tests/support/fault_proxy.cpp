@@ -150,6 +150,15 @@ void fault_proxy::delay(std::chrono::milliseconds latency)
     latency_ = latency;
 }
 
+void fault_proxy::throttle(std::size_t bytes_per_second)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        bytes_per_second_ = bytes_per_second;
+    }
+    wake();
+}
+
 void fault_proxy::refuse(bool on)
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -172,8 +181,13 @@ void fault_proxy::run()
 {
     state current;
     char buffer[65536];
+    // Throttled: what may be forwarded now, refilled at the rate, at most a tenth of a
+    // second's worth at once.
+    double allowance = 0;
+    clock::time_point refilled = clock::now();
     for (;;) {
         bool stalled, sliced;
+        std::size_t rate;
         std::chrono::milliseconds latency;
         tap_function tap;
         {
@@ -185,6 +199,7 @@ void fault_proxy::run()
                     l.close();
             stalled = stalled_;
             sliced = sliced_;
+            rate = bytes_per_second_;
             latency = latency_;
             tap = tap_;
         }
@@ -194,12 +209,22 @@ void fault_proxy::run()
         std::vector<pollfd> polled{{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
         auto now = clock::now();
         std::optional<clock::time_point> next_due;
+        double burst = std::max(1024.0, rate / 10.0);
+        allowance = std::min(burst, allowance + std::chrono::duration<double>(now - refilled).count() * rate);
+        refilled = now;
+        // A slow path holds little: the sender feels it at once, not after a big buffer fills.
+        std::size_t held_limit = rate ? std::max<std::size_t>(4096, rate / 4) : max_held_bytes;
+        // Writes wait until a worthwhile piece may go (not byte by byte).
+        bool may_write = !rate || allowance >= std::min(burst, 512.0);
+        if (!may_write)
+            next_due = now + std::chrono::microseconds(
+                                 static_cast<long>((std::min(burst, 512.0) - allowance) * 1e6 / rate) + 1);
         std::vector<std::pair<link*, end*>> owners{{nullptr, nullptr}, {nullptr, nullptr}};
         for (auto& l : current.links)
             for (end* side : {&l.client, &l.server}) {
                 const end& other = side == &l.client ? l.server : l.client;
-                short events = side->finished || stalled || other.pending_bytes >= max_held_bytes ? 0 : POLLIN;
-                if (!stalled && !side->pending.empty()) {
+                short events = side->finished || stalled || other.pending_bytes >= held_limit ? 0 : POLLIN;
+                if (!stalled && may_write && !side->pending.empty()) {
                     if (side->pending.front().due <= now)
                         events |= POLLOUT;
                     else if (!next_due || side->pending.front().due < *next_due)
@@ -278,8 +303,13 @@ void fault_proxy::run()
                 continue;
             if ((polled[i].revents & POLLOUT) && !side->pending.empty()) {
                 chunk& head = side->pending.front();
-                ssize_t sent = ::send(side->fd, head.bytes.data(), sliced ? 1 : head.bytes.size(), MSG_NOSIGNAL);
+                std::size_t size = sliced ? 1 : head.bytes.size();
+                if (rate)
+                    size = std::min(size, static_cast<std::size_t>(std::max(1.0, allowance)));
+                ssize_t sent = ::send(side->fd, head.bytes.data(), size, MSG_NOSIGNAL);
                 if (sent > 0) {
+                    if (rate)
+                        allowance -= static_cast<double>(sent);
                     head.bytes.erase(0, static_cast<std::size_t>(sent));
                     side->pending_bytes -= static_cast<std::size_t>(sent);
                     if (head.bytes.empty())

@@ -38,6 +38,9 @@ public:
     void slice(bool on);
     /// Each chunk is forwarded this long after it arrived.
     void delay(std::chrono::milliseconds latency);
+    /// Forwards at most this many bytes a second, all connections and both directions
+    /// together, as a slow path would (0: as fast as the peers take them).
+    void throttle(std::size_t bytes_per_second);
     /// While on, new connections are closed as soon as they are accepted.
     void refuse(bool on);
     /// The next connection is cut once it has carried this many bytes (both ways).
@@ -70,6 +73,7 @@ private:
     bool sliced_ = false;
     bool refusing_ = false;
     std::chrono::milliseconds latency_{0};
+    std::size_t bytes_per_second_ = 0;
     std::size_t cut_after_ = 0;
     tap_function tap_;
     bool closing_ = false;

@@ -120,8 +120,16 @@ TEST_F(MainWindow, PermissionsStoreAtOnceAndContinueOnlyTheFirstTime)
         EXPECT_EQ(combo->itemText(1), "Deny");
         EXPECT_EQ(combo->itemText(2), "Always allow");
         EXPECT_EQ(combo->currentIndex(), static_cast<int>(stored.permission_value(e.kind)));
+        // Under each choice, one line says what it means, and follows the choice.
+        auto* meaning = find<QLabel>((std::string(e.object) + "Meaning").c_str());
+        ASSERT_TRUE(meaning);
+        const char* meanings[] = {"Listed freely; each stream asks you first.", "Never listed, never streamed.",
+                                  "Listed and streamed without asking you."};
+        EXPECT_EQ(meaning->text(), meanings[combo->currentIndex()]);
         combo->setCurrentIndex(1);
         EXPECT_EQ(stored.permission_value(e.kind), 1u) << "stored at once";
+        EXPECT_EQ(meaning->text(), meanings[1]);
+        EXPECT_EQ(combo->accessibleDescription(), meanings[1]);
     }
 
     int changed = 0;
@@ -305,6 +313,10 @@ TEST_F(MainWindow, EveryTranslationIsCompleteAndTheViewsSpeakGermanUnderAGermanL
     EXPECT_TRUE(texts().contains("Berechtigung für Kameras"));
     EXPECT_TRUE(texts().contains("Fragen"));
     EXPECT_TRUE(texts().contains("Immer erlauben"));
+    EXPECT_TRUE(texts().contains("Wird frei aufgelistet; vor jeder Übertragung werden Sie gefragt.") ||
+                texts().contains("Wird nie aufgelistet und nie übertragen.") ||
+                texts().contains("Wird ohne Rückfrage aufgelistet und übertragen."))
+        << texts().join(" | ").toStdString();
     EXPECT_TRUE(texts().contains("Weiter"));
     stored.set_owner("Ann", "");
     window.show_view("readyViewController");

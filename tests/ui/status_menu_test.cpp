@@ -62,7 +62,7 @@ TEST_F(StatusMenu, ShowsWhatTheUserAndTheStateAllow)
     EXPECT_FALSE(menu.state_item->isEnabled());
     EXPECT_EQ(menu.image(), "disconnected");
     EXPECT_EQ(menu.tray().toolTip(), "Orbweave — Offline");
-    for (const char* name : {"app", "connected", "disconnected", "active"})
+    for (const char* name : {"app", "connected", "disconnected", "active", "warning"})
         EXPECT_FALSE(QIcon(QString(":/icons/") + name + ".svg").pixmap(22).isNull()) << name << " icon missing";
 
     stored.set_owner("Ann Example", "");
@@ -71,8 +71,8 @@ TEST_F(StatusMenu, ShowsWhatTheUserAndTheStateAllow)
         SCOPED_TRACE(state);
         menu.on_state(state);
         menu.animator().stop();
-        std::vector<QString> expected{"Ann Example", "Permissions…", "Activity…", "Quality", "Launch at login",
-                                      "Audio Output"};
+        std::vector<QString> expected{"Ann Example", "Permissions…", "Activity…", "Forget screen choices",
+                                      "Quality", "Launch at login", "Audio Output"};
         if (state == state_type::streaming)
             expected.push_back("Stop streaming");
         const char* line[] = {"Waiting for pairing", "Connected", "Offline", "Streaming"};
@@ -145,6 +145,92 @@ TEST_F(StatusMenu, WhileStreamingEachStreamHasADisabledLineNamingItsSource)
     EXPECT_TRUE(menu.stream_items.empty());
 }
 
+// Each stream's line tells its health from its worker's reports; the tooltip sums them up,
+// and the icon warns while any stream is in trouble.
+TEST_F(StatusMenu, EachStreamLineTellsItsHealthAndTheIconWarnsOfTrouble)
+{
+    menu.on_state(state_type::streaming);
+    menu.animator().stop();
+    menu.on_streams({{"d1", source_type::screen, "Display 1", "1280x720"}, {"m1", source_type::audio, "Microphone", ""}});
+    auto lines = [&] {
+        std::vector<QString> texts;
+        for (QAction* item : menu.stream_items)
+            texts.push_back(item->text());
+        return texts;
+    };
+    // Before the first report, the sources alone.
+    EXPECT_EQ(lines(), std::vector<QString>({"Screen: Display 1", "Audio: Microphone"}));
+    EXPECT_EQ(menu.tray().toolTip(), "Orbweave — Streaming");
+
+    auto report = [&](const std::string& id, obs::health_summary health) {
+        bus.post(app::events::stream_health_changed, QVariant::fromValue(app::stream_health{id, health}));
+    };
+    obs::health_summary good;
+    good.kbps = 1480;
+    good.target_kbps = 1628;
+    good.fps = 30;
+    report("d1", good);
+    obs::health_summary quiet = good;
+    quiet.kbps = 128;
+    report("m1", quiet);
+    ASSERT_TRUE(pump_until([&] { return lines().back() == "Audio: Microphone · 128 kb/s"; }));
+    EXPECT_EQ(lines().front(), "Screen: Display 1 · 1.5 Mb/s");
+    EXPECT_EQ(menu.image(), "active");
+    EXPECT_EQ(menu.tray().toolTip(), "Orbweave — Streaming · 1.6 Mb/s sent");
+
+    struct trouble {
+        obs::health_summary health;
+        QString line;
+    };
+    auto with = [&](obs::health_level level, long long dropped, long long lagged, bool slow,
+                    obs::connection_state connection) {
+        obs::health_summary health = good;
+        health.level = level;
+        health.dropped = dropped;
+        health.lagged = lagged;
+        health.lost_share = (dropped + lagged) / 300.0;
+        health.slow = slow;
+        health.connection = connection;
+        return health;
+    };
+    using obs::connection_state;
+    using obs::health_level;
+    const trouble troubles[] = {
+        {with(health_level::degraded, 20, 0, false, connection_state::connected), "dropping frames"},
+        {with(health_level::bad, 50, 10, true, connection_state::connected), "dropping frames"},
+        {with(health_level::degraded, 2, 20, false, connection_state::connected), "skipping frames"},
+        {with(health_level::degraded, 0, 0, true, connection_state::connected), "slow connection"},
+        {with(health_level::bad, 0, 0, true, connection_state::stalled), "not sending"},
+        {with(health_level::reconnecting, 0, 0, false, connection_state::reconnecting), "reconnecting…"},
+    };
+    for (const trouble& now : troubles) {
+        SCOPED_TRACE(now.line.toStdString());
+        report("d1", now.health);
+        ASSERT_TRUE(pump_until([&] { return lines().front() == "Screen: Display 1 · " + now.line; }))
+            << lines().front().toStdString();
+        EXPECT_EQ(menu.image(), "warning");
+        EXPECT_EQ(menu.tray().toolTip(), "Orbweave — Streaming · Display 1: " + now.line);
+    }
+    // A report of a stream that is not running changes nothing; a good one clears the warning.
+    report("gone", with(health_level::bad, 60, 0, false, connection_state::connected));
+    report("d1", good);
+    ASSERT_TRUE(pump_until([&] { return menu.image() == "active"; }));
+    EXPECT_EQ(lines(), std::vector<QString>({"Screen: Display 1 · 1.5 Mb/s", "Audio: Microphone · 128 kb/s"}));
+    // A stream in trouble that stops takes its warning with it.
+    report("m1", with(health_level::reconnecting, 0, 0, false, connection_state::reconnecting));
+    ASSERT_TRUE(pump_until([&] { return menu.image() == "warning"; }));
+    menu.on_streams({{"d1", source_type::screen, "Display 1", "1280x720"}});
+    EXPECT_EQ(menu.image(), "active");
+    EXPECT_EQ(lines(), std::vector<QString>({"Screen: Display 1 · 1.5 Mb/s"}));
+    // A blink that starts while a stream is in trouble ends on the warning.
+    report("d1", with(health_level::degraded, 20, 0, false, connection_state::connected));
+    menu.on_state(state_type::connected);
+    menu.on_state(state_type::streaming);
+    while (menu.animator().running())
+        menu.animator().tick();
+    EXPECT_EQ(menu.image(), "warning");
+}
+
 TEST_F(StatusMenu, QualityTicksTheStoredLevelAndLaunchAtLoginTheRealEntry)
 {
     auto ticked = [&] {
@@ -203,6 +289,11 @@ TEST_F(StatusMenu, ActionsPostTheirEventsAndSignOutResets)
     menu.activity_item->trigger();
     EXPECT_TRUE(pump_until([&] { return seen.size() == 2; }));
     EXPECT_EQ(seen[0], std::make_pair(std::string(app::events::view_show), QVariant("activityViewController")));
+
+    int forgets = 0;
+    bus.observe(app::events::forget_choices, &observer, [&forgets](const QVariant&) { ++forgets; });
+    menu.forget_choices_item->trigger();
+    EXPECT_TRUE(pump_until([&] { return forgets == 1; }));
 }
 
 // Signing out stops every stream: while one runs, it waits for the user to confirm.

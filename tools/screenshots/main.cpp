@@ -11,6 +11,7 @@
 #include "app/app_delegate.hpp"
 #include "app/autostart.hpp"
 #include "app/event_bus.hpp"
+#include "app/history.hpp"
 #include "app/preferences.hpp"
 #include "app/secret_keeper.hpp"
 #include "core/log.hpp"
@@ -31,6 +32,7 @@
 #include <QTemporaryDir>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <optional>
@@ -94,10 +96,10 @@ private:
 QPixmap tray_icon_sheet()
 {
     const int sizes[] = {16, 22, 24, 32};
-    const char* states[] = {"disconnected", "connected", "active"};
+    const char* states[] = {"disconnected", "connected", "active", "warning"};
     const QColor panels[] = {QColor("#f6f5f4"), QColor("#2b2b2b")};
     const int cell = 40;
-    QPixmap sheet(cell * 3 * 4, cell * 2);
+    QPixmap sheet(cell * 4 * 4, cell * 2);
     QPainter painter(&sheet);
     for (int row = 0; row < 2; ++row) {
         painter.fillRect(0, row * cell, sheet.width(), cell, panels[row]);
@@ -110,6 +112,33 @@ QPixmap tray_icon_sheet()
             }
     }
     return sheet;
+}
+
+/// An afternoon of what a service did, written to the history file at path as the client
+/// writes it: lists, streams started by a rule and by the user, a refusal, and ends.
+void write_history(const std::string& path)
+{
+    using callback::source_type;
+    auto at = std::chrono::system_clock::now() - std::chrono::hours(3);
+    std::ofstream file(path, std::ios::app);
+    auto add = [&](std::chrono::minutes later, activity_event event) {
+        at += later;
+        file << json::dump(event.to_json(at)) << "\n";
+    };
+    activity_event listed{"list", source_type::screen, "", "", "rule", "listed", "", std::nullopt};
+    add(std::chrono::minutes(0), listed);
+    add(std::chrono::minutes(1), {"activate", source_type::screen, "Display 1", "rtmp://ingest.example", "rule",
+                                  "started", "", std::nullopt});
+    listed.kind = source_type::audio;
+    add(std::chrono::minutes(2), listed);
+    add(std::chrono::minutes(0), {"activate", source_type::audio, "Built-in Audio Analog Stereo",
+                                  "rtmp://ingest.example", "user", "started", "", std::nullopt});
+    add(std::chrono::minutes(4), {"deny", source_type::window, "Mail — Inbox", "rtmp://ingest.example", "user",
+                                  "rejected", "", std::nullopt});
+    add(std::chrono::minutes(38), {"ended", source_type::screen, "Display 1", "", "", "",
+                                   "rtmp disconnected: the ingest did not come back within 60000 ms", 2580.0});
+    add(std::chrono::minutes(1), {"deactivate", source_type::audio, "Built-in Audio Analog Stereo", "", "user", "",
+                                  "stopped from this computer", 2580.0});
 }
 
 void run(const QString& directory)
@@ -128,10 +157,14 @@ void run(const QString& directory)
     settings.service_url = service.url();
     settings.bitrate = 2500;
     settings.client.transport.ca_file = home.filePath("ca.pem").toStdString();
+    app::history history(home.filePath("orbweave/activity.jsonl"));
+    settings.client.activity = history.log();
     app::app_delegate delegate(bus, stored, secrets, settings);
     delegate.set_autostart(&launch_at_login);
+    delegate.set_history(&history);
     ui::status_menu menu(bus, stored, launch_at_login, [&delegate] { delegate.sign_out(); }, [] {});
     ui::main_window window(bus, stored, [&delegate] { return delegate.code(); });
+    window.set_history(&history);
     window.show_at_start();
     wait_until("the main window", [&] { return window.isVisible() && window.view(); });
     out.save_from_screen("view-connecting", &window);
@@ -154,13 +187,34 @@ void run(const QString& directory)
     wait_until("the ready view", [&] { return window.view()->objectName() == "readyViewController"; });
     out.save_from_screen("view-ready", &window);
 
-    // The menu while two sources stream.
+    // The history the Activity view lists.
+    write_history(history.log()->path());
+    history.notify();
+    bus.post(app::events::view_show, QStringLiteral("activityViewController"));
+    wait_until("the activity view", [&] { return window.view()->objectName() == "activityViewController"; });
+    out.save_from_screen("view-activity", &window);
+
+    // The menu while two sources stream, one of them dropping frames on a slow network.
     bus.post(app::events::state_changed, QVariant::fromValue(callback::state_type::streaming));
     bus.post(app::events::streams_changed,
              QVariant::fromValue(app::stream_list{
                  {"display", callback::source_type::screen, "Display 1", "1920x1080"},
                  {"speakers", callback::source_type::audio, "Built-in Audio Analog Stereo", ""}}));
     wait_until("the streaming menu", [&] { return menu.stream_items.size() == 2; });
+    obs::health_summary dropping;
+    dropping.level = obs::health_level::degraded;
+    dropping.kbps = 910;
+    dropping.target_kbps = 2628;
+    dropping.fps = 27.2;
+    dropping.dropped = 28;
+    dropping.lost_share = 28.0 / 300;
+    obs::health_summary sound;
+    sound.kbps = 131;
+    sound.target_kbps = 160;
+    sound.fps = 30;
+    bus.post(app::events::stream_health_changed, QVariant::fromValue(app::stream_health{"display", dropping}));
+    bus.post(app::events::stream_health_changed, QVariant::fromValue(app::stream_health{"speakers", sound}));
+    wait_until("the streams' health", [&] { return menu.image() == "warning"; });
     menu.animator().stop();
     menu.audio().on_default_output(ui::virtual_output_description);
     menu.menu()->popup(QPoint(40, 40));
