@@ -64,10 +64,16 @@ options parse_options(const std::vector<std::string>& arguments)
                 parse_allow(value(), result.permissions);
             else if (name == "--ask")
                 result.permissions.ask = true;
+            else if (name == "--check")
+                result.check = true;
+            else if (name == "--json")
+                result.json = true;
             else
                 return false;
             return true;
         });
+    if (result.json && !result.check)
+        throw std::invalid_argument("--json goes with --check");
     if (result.state_dir.empty())
         result.state_dir = default_state_dir();
     return result;
@@ -89,6 +95,10 @@ Options:
                     screen, window, audio, video, or all (default: none)
   --ask             ask on the terminal for kinds not allowed; without a
                     terminal they are denied
+  --check           check this machine (display, sound, encoders, the service,
+                    the bandwidth, the state folder), print one line per check
+                    and exit: 0 when a stream can work here, 1 when not
+  --json            with --check: print the result as one JSON object
 )";
 }
 

@@ -28,6 +28,9 @@ struct permission_policy {
 struct options : command_line::common_options {
     std::string state_dir;
     permission_policy permissions;
+    /// --check: say what will work on this machine, and exit (--json: as one JSON object).
+    bool check = false;
+    bool json = false;
 };
 
 /// The options for a command line; std::invalid_argument with a message for the

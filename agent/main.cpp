@@ -1,4 +1,5 @@
 #include "agent/agent.hpp"
+#include "agent/check_command.hpp"
 #include "agent/line_printer.hpp"
 #include "core/version.hpp"
 
@@ -29,6 +30,8 @@ int main(int argc, char** argv)
         std::cout << "orbweave-agent " << client_version << "\n";
         return 0;
     }
+    if (options.check)
+        return agent::run_check(options);
 
     // Signals are taken by sigwait below; every thread started after this inherits the mask.
     sigset_t stop_signals;

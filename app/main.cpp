@@ -5,6 +5,7 @@
 #include "app/audio_server_process.hpp"
 #include "app/autostart.hpp"
 #include "app/default_output.hpp"
+#include "app/desktop_check.hpp"
 #include "app/event_bus.hpp"
 #include "app/notification_prompter.hpp"
 #include "app/preferences.hpp"
@@ -15,12 +16,14 @@
 #include "core/command_line.hpp"
 #include "core/log.hpp"
 #include "core/version.hpp"
+#include "ui/check_window.hpp"
 #include "ui/permission_dialog.hpp"
 #include "ui/main_window.hpp"
 #include "ui/status_menu.hpp"
 
 #include <QApplication>
 
+#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 
@@ -32,7 +35,22 @@ std::string usage()
            "Lets the live-production service use this computer's screens, windows, audio\n"
            "devices and cameras, with your consent. The protocol log goes to standard error.\n\n"
            "Options:\n" +
-           orbweave::command_line::common_usage();
+           orbweave::command_line::common_usage() +
+           "  --check           check this computer (display, sound, encoders, the service,\n"
+           "                    tray, notifications, keyring, autostart), print one line\n"
+           "                    per check and exit: 0 when a stream can work here\n"
+           "  --json            with --check: print the result as one JSON object\n";
+}
+
+/// What --check and the tray's "Check this computer…" check.
+orbweave::check::settings check_settings(const orbweave::command_line::common_options& options)
+{
+    orbweave::check::settings settings;
+    settings.service_url = options.service_url;
+    settings.ca_file = options.ca_file;
+    settings.bitrate = options.bitrate;
+    settings.capture = options.capture;
+    return settings;
 }
 
 } // namespace
@@ -42,8 +60,17 @@ int main(int argc, char** argv)
     using namespace orbweave;
 
     command_line::common_options options;
+    bool check = false, json = false;
     try {
-        options = command_line::parse(std::vector<std::string>(argv + 1, argv + argc));
+        options = command_line::parse(std::vector<std::string>(argv + 1, argv + argc),
+                                      [&](const std::string& name, const command_line::value_reader&) {
+                                          bool* flag = name == "--check" ? &check : name == "--json" ? &json : nullptr;
+                                          if (flag)
+                                              *flag = true;
+                                          return flag != nullptr;
+                                      });
+        if (json && !check)
+            throw std::invalid_argument("--json goes with --check");
     } catch (const std::invalid_argument& error) {
         std::cerr << "orbweave: " << error.what() << "\n";
         return 2;
@@ -55,6 +82,12 @@ int main(int argc, char** argv)
     if (options.show_version) {
         std::cout << "orbweave " << client_version << "\n";
         return 0;
+    }
+    if (check) {
+        // The workers' own log would be interleaved with the answer; errors still show.
+        ::setenv("ORBWEAVE_OBS_LOG", "error", 0);
+        QCoreApplication checking(argc, argv);
+        return app::print_desktop_check(check_settings(options), json);
     }
 
     QApplication application(argc, argv);
@@ -107,6 +140,8 @@ int main(int argc, char** argv)
         orbweave::log::line("No system tray on this desktop; the main window carries the menu");
     // Captured sound needs the virtual output as the default; the menu warns otherwise.
     app::default_output_watcher output([&menu](const QString& description) { menu.audio().on_default_output(description); });
+    ui::check_window checker(check_settings(options));
+    ui::check_window::add_to_menu(menu.menu(), [&checker] { checker.open_and_check(); });
     ui::main_window window(bus, preferences, [&delegate] { return delegate.code(); }, in_tray ? nullptr : menu.menu());
     window.set_history(&history);
     window.show_at_start();

@@ -84,10 +84,19 @@ std::string another_screen(const portal_session::cast& cast, const screen_entry&
 
 std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadline)
 {
+    return wait_for_size(
+        [source] {
+            return std::pair<int, int>(static_cast<int>(obs_source_get_width(source)),
+                                       static_cast<int>(obs_source_get_height(source)));
+        },
+        deadline);
+}
+
+std::pair<int, int> wait_for_size(const std::function<std::pair<int, int>()>& read, clock::time_point deadline)
+{
     std::optional<clock::time_point> half_known_until;
     for (;;) {
-        int width = static_cast<int>(obs_source_get_width(source));
-        int height = static_cast<int>(obs_source_get_height(source));
+        auto [width, height] = read();
         if (width != 0 && height != 0)
             return {width, height};
         auto now = clock::now();
@@ -100,8 +109,9 @@ std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadli
     }
 }
 
-capture_source::capture_source(capture_route route, const stream_limits& limits, ended_handler on_ended)
-    : route_(route), portal_start_(limits.portal_start), source_size_(limits.source_size), on_ended_(std::move(on_ended))
+capture_source::capture_source(capture_route route, const stream_limits& limits, ended_handler on_ended,
+                               bool direct)
+    : route_(route), direct_(direct), portal_start_(limits.portal_start), source_size_(limits.source_size), on_ended_(std::move(on_ended))
 {
 }
 
@@ -119,7 +129,11 @@ bool capture_source::open(const source_entry& entry, const std::string& restore_
     source_type::type kind = entry_kind(entry);
     // The canvas is made once, at the stream's final size, so the source's size must be
     // known first.
-    if (route_ == capture_route::portal && (kind == source_type::screen || kind == source_type::window)) {
+    if (route_ == capture_route::portal && (kind == source_type::screen || kind == source_type::window) && direct_) {
+        if (!open_portal_feed(std::get_if<screen_entry>(&entry), restore_token))
+            return false;
+        size_ = wait_for_size([this] { return feed_->size(); }, clock::now() + source_size_);
+    } else if (route_ == capture_route::portal && (kind == source_type::screen || kind == source_type::window)) {
         source_ = open_portal(std::get_if<screen_entry>(&entry), restore_token);
         if (!source_)
             return false;
@@ -128,7 +142,7 @@ bool capture_source::open(const source_entry& entry, const std::string& restore_
     } else {
         open_plugin_source(entry);
     }
-    if (kind != source_type::window && !source_) {
+    if (kind != source_type::window && !source_ && !feed_) {
         error_ = "cannot create the capture source";
         return false;
     }
@@ -236,6 +250,24 @@ source_handle capture_source::open_portal(const screen_entry* screen, const std:
     signal_handler_connect(obs_source_get_signal_handler(source.get()), portal_source_ended_signal,
                            &capture_source::on_capture_ended, this);
     return source;
+}
+
+bool capture_source::open_portal_feed(const screen_entry* screen, const std::string& restore_token)
+{
+    portal_ = start_cast(screen, restore_token);
+    if (!portal_)
+        return false;
+    const portal_session::cast& cast = portal_->started();
+    restore_token_ = cast.restore_token;
+    portal_->set_closed_handler(on_ended_);
+    try {
+        feed_ = std::make_unique<pipewire_feed>(cast.pipewire_fd, cast.node, on_ended_); // owns the fd from here
+    } catch (const std::exception& failure) {
+        log::line(std::string("media: ") + failure.what());
+        error_ = "cannot show the screen cast's PipeWire stream";
+        return false;
+    }
+    return true;
 }
 
 void capture_source::on_capture_ended(void* data, calldata_t* params) noexcept

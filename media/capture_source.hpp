@@ -8,6 +8,7 @@
 #include "core/obs/capture_route.hpp"
 #include "core/obs/entries.hpp"
 #include "core/obs/media_limits.hpp"
+#include "media/pipewire_feed.hpp"
 #include "media/portal_session.hpp"
 #include "media/unique_handle.hpp"
 #include "media/x11_screens.hpp"
@@ -29,6 +30,9 @@ inline constexpr std::chrono::milliseconds source_half_size_grace{500};
 /// width, and the stream went out 4 pixels wide: once one dimension is known the other
 /// gets source_half_size_grace to follow, and the stream then goes on with what there is.
 std::pair<int, int> wait_for_size(obs_source_t* source, std::chrono::steady_clock::time_point deadline);
+/// The same for any capture whose size read() tells.
+std::pair<int, int> wait_for_size(const std::function<std::pair<int, int>()>& read,
+                                  std::chrono::steady_clock::time_point deadline);
 
 /// Made in two steps around the canvas, which is made once at the stream's final size:
 /// open() makes the source and learns its size, ready_for_canvas() finishes it once the
@@ -39,7 +43,9 @@ public:
     using ended_handler = std::function<void(const std::string& reason)>;
 
     /// Waits for the desktop's picker and for the source's size at most as long as limits say.
-    capture_source(capture_route route, const stream_limits& limits, ended_handler on_ended);
+    /// direct: on the portal route, the cast is fed to the encoder past the canvas
+    /// (feed()) instead of being shown by a libobs source.
+    capture_source(capture_route route, const stream_limits& limits, ended_handler on_ended, bool direct = false);
     ~capture_source();
 
     capture_source(const capture_source&) = delete;
@@ -54,6 +60,8 @@ public:
     bool ready_for_canvas();
 
     obs_source_t* get() const { return source_.get(); }
+    /// The screen cast's feed past the canvas, when made direct on the portal route.
+    pipewire_feed* feed() const { return feed_.get(); }
     /// Gives the reference to the source to whoever keeps it from here (the follower of a
     /// stream's audio devices, which may make the source again); get() is null afterwards.
     source_handle hand_over() { return std::move(source_); }
@@ -70,6 +78,8 @@ private:
     /// The desktop's cast of a screen (checked against the one asked for) or, without
     /// one, of the window the user picks.
     source_handle open_portal(const screen_entry* screen, const std::string& restore_token);
+    /// The same cast, fed past the canvas; false with error_ set.
+    bool open_portal_feed(const screen_entry* screen, const std::string& restore_token);
     /// A portal session that started a cast, or none with error_ (and rejected_) set.
     std::unique_ptr<portal_session> start_cast(const screen_entry* screen, const std::string& restore_token);
     /// Makes the source, or measures the window, of the X11, PulseAudio and V4L2 plug-ins.
@@ -80,12 +90,15 @@ private:
     static void on_capture_ended(void* data, calldata_t* params) noexcept;
 
     capture_route route_;
+    bool direct_;
     std::chrono::milliseconds portal_start_;
     std::chrono::milliseconds source_size_;
     ended_handler on_ended_;
     // Declared before the source: the cast is closed after the source showing it is gone.
     std::unique_ptr<portal_session> portal_;
     source_handle source_;
+    // Declared after the cast too: it disconnects from the cast before the cast is closed.
+    std::unique_ptr<pipewire_feed> feed_;
     // Declared after the source: it stops telling the source of changes before it goes.
     std::unique_ptr<x11_screen_watch> screen_watch_;
     std::pair<int, int> size_{0, 0};

@@ -1,6 +1,8 @@
 #include "media/output.hpp"
 
 #include "core/log.hpp"
+#include "media/direct_video.hpp"
+#include "media/x11_window.hpp"
 
 #include <optional>
 
@@ -60,8 +62,11 @@ bool output::start(const pipe::stream_order& order)
         return false;
     }
     source_type::type kind = entry_kind(order.source);
-    bool fed = kind == source_type::screen && feeds_screens_directly(route_);
-    if (!(fed ? prepare_feed(order) : prepare_capture(order, kind)))
+    bool fed = feeds_directly(route_, kind);
+    bool prepared = !fed                             ? prepare_capture(order, kind)
+                    : route_ == capture_route::portal ? prepare_capture(order, kind, true)
+                                                      : prepare_feed(order);
+    if (!prepared)
         return false;
     // Audio devices and cameras go to the software encoder from the first attempt.
     bool software = kind == source_type::audio || kind == source_type::video;
@@ -76,10 +81,10 @@ bool output::start(const pipe::stream_order& order)
     return false;
 }
 
-bool output::prepare_capture(const pipe::stream_order& order, callback::source_type::type kind)
+bool output::prepare_capture(const pipe::stream_order& order, callback::source_type::type kind, bool direct)
 {
-    capture_ = std::make_unique<capture_source>(route_, limits_,
-                                                [this](const std::string& reason) { end(reason); });
+    capture_ = std::make_unique<capture_source>(
+        route_, limits_, [this](const std::string& reason) { end(reason); }, direct);
     bool opened = capture_->open(order.source, order.restore_token);
     rejected_ = capture_->rejected();
     restore_token_ = capture_->restore_token();
@@ -88,6 +93,15 @@ bool output::prepare_capture(const pipe::stream_order& order, callback::source_t
         return false;
     }
     frame_size_ = stream_frame_size(order, capture_->size(), kind != callback::source_type::audio);
+    if (capture_->feed()) {
+        try {
+            capture_->feed()->start(frame_size_);
+        } catch (const std::exception& failure) {
+            error_ = failure.what();
+            return false;
+        }
+        return true;
+    }
     if (!ensure_canvas(frame_size_)) {
         error_ = "cannot set up video at " + std::to_string(frame_size_.first) + "x" +
                  std::to_string(frame_size_.second);
@@ -102,10 +116,21 @@ bool output::prepare_capture(const pipe::stream_order& order, callback::source_t
 
 bool output::prepare_feed(const pipe::stream_order& order)
 {
-    const auto& screen = std::get<screen_entry>(order.source);
-    frame_size_ = stream_frame_size(order, {static_cast<int>(screen.width), static_cast<int>(screen.height)}, true);
+    auto ended = [this](const std::string& reason) { end(reason); };
     try {
-        feed_ = std::make_unique<screen_feed>(screen, frame_size_, [this](const std::string& reason) { end(reason); });
+        if (const auto* window = std::get_if<window_entry>(&order.source)) {
+            std::pair<int, int> size = x11_window_size(window->pid);
+            if (size.first == 0 || size.second == 0) {
+                error_ = "window not found";
+                return false;
+            }
+            frame_size_ = stream_frame_size(order, size, true);
+            window_ = std::make_unique<window_feed>(*window, frame_size_, ended);
+            return true;
+        }
+        const auto& screen = std::get<screen_entry>(order.source);
+        frame_size_ = stream_frame_size(order, {static_cast<int>(screen.width), static_cast<int>(screen.height)}, true);
+        feed_ = std::make_unique<screen_feed>(screen, frame_size_, ended);
     } catch (const std::exception& failure) {
         error_ = failure.what();
         return false;
@@ -116,9 +141,21 @@ bool output::prepare_feed(const pipe::stream_order& order)
 bool output::attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software)
 {
     error_.clear();
-    std::optional<stream_parts> parts =
-        assemble_stream(order, capture_ ? capture_->get() : nullptr, kind, frame_size_, software, error_,
-                        feed_ ? feed_->video() : nullptr);
+    // Frames past the canvas, and where they come from for the log.
+    video_t* fed = nullptr;
+    const char* fed_from = nullptr;
+    if (feed_) {
+        fed = feed_->video();
+        fed_from = "grabbed straight from the X server";
+    } else if (window_) {
+        fed = window_->video();
+        fed_from = "grabbed straight from the window's picture on the X server";
+    } else if (capture_ && capture_->feed()) {
+        fed = capture_->feed()->video();
+        fed_from = "taken straight from the screen cast's PipeWire buffers";
+    }
+    std::optional<stream_parts> parts = assemble_stream(order, capture_ ? capture_->get() : nullptr, kind,
+                                                        frame_size_, software, error_, fed, fed_from);
     if (!parts)
         return false;
     // Every way a stream ends unasked is told through end(), once.
@@ -168,6 +205,7 @@ void output::release()
     parts_.release();
     // After the encoder that took its frames.
     feed_.reset();
+    window_.reset();
     // The desktop stops casting once the capture is gone.
     capture_.reset();
 }

@@ -19,6 +19,7 @@
 #include "media/capture_source.hpp"
 #include "media/connection_supervisor.hpp"
 #include "media/screen_feed.hpp"
+#include "media/window_feed.hpp"
 #include "media/stream_assembly.hpp"
 
 #include <chrono>
@@ -76,9 +77,11 @@ public:
     bool stop();
 
 private:
-    /// Makes the capture source and the canvas at the stream's size; false with error_ set.
-    bool prepare_capture(const pipe::stream_order& order, callback::source_type::type kind);
-    /// Starts grabbing the order's screen for the encoder, past the canvas; false with error_ set.
+    /// Makes the capture source and the canvas at the stream's size, or with direct a
+    /// screen cast fed past the canvas; false with error_ set.
+    bool prepare_capture(const pipe::stream_order& order, callback::source_type::type kind, bool direct = false);
+    /// Starts grabbing the order's X11 screen or window for the encoder, past the canvas;
+    /// false with error_ set.
     bool prepare_feed(const pipe::stream_order& order);
     /// One attempt with the prepared capture; true when the output became active.
     bool attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software);
@@ -91,6 +94,8 @@ private:
     std::unique_ptr<capture_source> capture_;
     // A screen fed to the encoder without the canvas, instead of capture_.
     std::unique_ptr<screen_feed> feed_;
+    // An X11 window fed to the encoder without the canvas.
+    std::unique_ptr<window_feed> window_;
     // The objects of the attempt that became active.
     stream_parts parts_;
     std::unique_ptr<connection_supervisor> connection_;

@@ -43,3 +43,13 @@ const struct spa_pod* orbweave_crop_meta_param(uint8_t* buffer, size_t size)
                                       SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoCrop),
                                       SPA_PARAM_META_size, SPA_POD_Int(sizeof(struct spa_meta_region)));
 }
+
+const struct spa_pod* orbweave_damage_meta_param(uint8_t* buffer, size_t size)
+{
+    struct spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, size);
+    return spa_pod_builder_add_object(
+        &builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type, SPA_POD_Id(SPA_META_VideoDamage),
+        SPA_PARAM_META_size,
+        SPA_POD_CHOICE_RANGE_Int(sizeof(struct spa_meta_region) * 16, sizeof(struct spa_meta_region) * 1,
+                                 sizeof(struct spa_meta_region) * 16));
+}

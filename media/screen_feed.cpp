@@ -1,6 +1,7 @@
 #include "media/screen_feed.hpp"
 
 #include "core/log.hpp"
+#include "media/direct_video.hpp"
 #include "media/encoders.hpp"
 #include "media/runtime.hpp"
 #include "media/unique_handle.hpp"
@@ -41,43 +42,6 @@ namespace {
 constexpr std::uint64_t frame_interval_ns = 1'000'000'000 / stream_fps;
 
 std::atomic<long long> late_frames{0};
-
-bool has_32_bit_pixels(xcb_connection_t* xcb, std::uint8_t depth)
-{
-    xcb_format_iterator_t formats = xcb_setup_pixmap_formats_iterator(xcb_get_setup(xcb));
-    for (; formats.rem; xcb_format_next(&formats))
-        if (formats.data->depth == depth)
-            return formats.data->bits_per_pixel == 32;
-    return false;
-}
-
-/// Where in the stream's frame a screen's picture goes: all of it when the screen has
-/// the frame's shape (within what rounding to an encodable size loses), else as large
-/// as fits with the screen's aspect kept, centred, with black bars beside or above and
-/// below. Offsets and sizes are even, as the frame's half-resolution colour needs.
-struct placement {
-    int x = 0;
-    int y = 0;
-    int width = 0;
-    int height = 0;
-
-    bool fills(std::pair<int, int> frame) const { return width == frame.first && height == frame.second; }
-};
-
-placement place_in(int width, int height, std::pair<int, int> frame)
-{
-    double scale = std::min(static_cast<double>(frame.first) / width, static_cast<double>(frame.second) / height);
-    int fitted_width = std::min(frame.first, static_cast<int>(std::lround(width * scale)));
-    int fitted_height = std::min(frame.second, static_cast<int>(std::lround(height * scale)));
-    if (frame.first - fitted_width < 8 && frame.second - fitted_height < 8)
-        return {0, 0, frame.first, frame.second};
-    placement place;
-    place.width = std::max(2, fitted_width & ~1);
-    place.height = std::max(2, fitted_height & ~1);
-    place.x = ((frame.first - place.width) / 2) & ~1;
-    place.y = ((frame.second - place.height) / 2) & ~1;
-    return place;
-}
 
 video_scale_info scale_info(video_format format, std::pair<int, int> size, video_range_type range)
 {
@@ -136,7 +100,7 @@ bool feeds_screens_directly(capture_route route)
 
 long long screen_feed_late_frames()
 {
-    return late_frames.load();
+    return late_frames.load() + direct_feed_late_frames();
 }
 
 /// The stream's current picture in NV12, kept between frames so that a frame with nothing

@@ -136,7 +136,8 @@ void stream_parts::release()
 
 std::optional<stream_parts> assemble_stream(const pipe::stream_order& order, obs_source_t* source,
                                             callback::source_type::type kind, std::pair<int, int> frame,
-                                            bool software, std::string& error, video_t* feed)
+                                            bool software, std::string& error, video_t* feed,
+                                            const char* fed_from)
 {
     stream_parts parts;
     parts.scene = show_scene(source, kind);
@@ -157,7 +158,7 @@ std::optional<stream_parts> assemble_stream(const pipe::stream_order& order, obs
     // Which path this stream's pictures take, for whoever reads the log on a machine
     // with or without a GPU.
     const video_path& path = current_video_path();
-    std::string drawn = feed ? std::string("grabbed straight from the X server (no canvas)")
+    std::string drawn = feed ? std::string(fed_from ? fed_from : "grabbed straight from the X server") + " (no canvas)"
                              : "drawn by " + (path.renderer.empty() ? std::string("an unknown renderer") : path.renderer);
     log::line("media: stream " + drawn + ", colour conversion on the " +
               to_string(feed ? colour_conversion::cpu : path.conversion) + ", video encoder " +

@@ -48,10 +48,12 @@ struct stream_parts {
 /// scene bounded to frame on channel 0 (logging the order, key hidden), the encoders
 /// (software or the level's choice), the service and the output, attached. With feed,
 /// the video encoder takes its frames instead of the canvas's and the scene carries the
-/// sound alone (source is then null). Nothing, with error set and the scene off the
+/// sound alone (source is then null), and fed_from says in the log where the frames
+/// come from ("grabbed straight from the X server"). Nothing, with error set and the scene off the
 /// channel again, when an object cannot be made.
 std::optional<stream_parts> assemble_stream(const pipe::stream_order& order, obs_source_t* source,
                                             callback::source_type::type kind, std::pair<int, int> frame,
-                                            bool software, std::string& error, video_t* feed = nullptr);
+                                            bool software, std::string& error, video_t* feed = nullptr,
+                                            const char* fed_from = nullptr);
 
 } // namespace orbweave::obs

@@ -3,6 +3,7 @@
 // requests are in core/obs/pipe_protocol.hpp). "stats" answers read-only frame
 // counters ({"frames","dropped","rendered","lagged","video_frames","skipped"}).
 //
+//   orbweave-media-worker --check-desktop [--capture auto|x11|portal]
 //   orbweave-media-worker [--stream-worker] [--canvas WxH@FPS] [--capture auto|x11|portal]
 //                         [--portal-start-limit-ms N] [--source-size-limit-ms N]
 //                         [--output-start-limit-ms N] [--output-stop-limit-ms N]
@@ -15,6 +16,8 @@
 // the bounds of a stream's steps (core/obs/media_limits.hpp has them and their defaults):
 // the desktop's picker, the source's size, the output's start and stop, a vanished
 // ingest, and data the ingest does not take.
+// --check-desktop writes one line, check_desktop's reply (media/system_check.hpp), and
+// exits without starting libobs: --check's probe where no display lets libobs start.
 // ORBWEAVE_OBS_LOG=error|warning|info|debug sets how much of libobs's log reaches
 // standard error (default warning).
 
@@ -25,6 +28,7 @@
 #include "media/output.hpp"
 #include "media/protocol.hpp"
 #include "media/runtime.hpp"
+#include "media/system_check.hpp"
 
 #include <obs.h>
 #include <util/base.h>
@@ -65,6 +69,7 @@ struct worker_arguments {
     orbweave::obs::stream_limits limits;
     orbweave::obs::capture_route route = orbweave::obs::capture_route::automatic;
     bool stream_worker = false;
+    bool check_desktop = false;
 };
 
 worker_arguments parse_arguments(int argc, char** argv)
@@ -86,6 +91,8 @@ worker_arguments parse_arguments(int argc, char** argv)
         };
         if (arg == "--stream-worker")
             parsed.stream_worker = true;
+        else if (arg == "--check-desktop")
+            parsed.check_desktop = true;
         else if (limit("--portal-start-limit-ms", parsed.limits.portal_start) ||
                  limit("--source-size-limit-ms", parsed.limits.source_size) ||
                  limit("--output-start-limit-ms", parsed.limits.output_start) ||
@@ -217,6 +224,10 @@ int main(int argc, char** argv)
     worker_arguments arguments = parse_arguments(argc, argv);
     obs::protocol_writer writer(protocol_fd);
     obs::route_log_to_stderr(log_level_from_environment());
+    if (arguments.check_desktop) {
+        writer.send(obs::pipe::ok_reply(obs::check_desktop(arguments.runtime.route)));
+        return 0;
+    }
 
     std::unique_ptr<obs::runtime> runtime;
     try {
@@ -233,6 +244,7 @@ int main(int argc, char** argv)
     std::unique_ptr<obs::output> stream;
     serve_stream(loop, writer, stream, arguments);
     loop.on(obs::pipe::op::stats, [](const Json&) { return frame_counters(); });
+    obs::serve_checks(loop, arguments.runtime.route);
 
     bool asked = loop.run();
     stream.reset();

@@ -4,6 +4,7 @@
 
 #include <xcb/xcb.h>
 
+#include <cstdint>
 #include <cstdlib>
 
 namespace orbweave::obs {
@@ -27,6 +28,16 @@ inline xcb_screen_t* root_screen(xcb_connection_t* xcb, int number)
         if (i == number)
             return roots.data;
     return nullptr;
+}
+
+/// Whether pixels of depth take 32 bits in images of the display (BGRX in memory).
+inline bool has_32_bit_pixels(xcb_connection_t* xcb, std::uint8_t depth)
+{
+    xcb_format_iterator_t formats = xcb_setup_pixmap_formats_iterator(xcb_get_setup(xcb));
+    for (; formats.rem; xcb_format_next(&formats))
+        if (formats.data->depth == depth)
+            return formats.data->bits_per_pixel == 32;
+    return false;
 }
 
 } // namespace orbweave::obs

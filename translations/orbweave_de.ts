@@ -249,6 +249,49 @@
     </message>
 </context>
 <context>
+    <name>orbweave::ui::check_window</name>
+    <message>
+        <source>Check this computer</source>
+        <translation>Diesen Computer prüfen</translation>
+    </message>
+    <message>
+        <source>Check results</source>
+        <translation>Prüfergebnisse</translation>
+    </message>
+    <message>
+        <source>Copy</source>
+        <translation>Kopieren</translation>
+    </message>
+    <message>
+        <source>Check again</source>
+        <translation>Erneut prüfen</translation>
+    </message>
+    <message>
+        <source>Close</source>
+        <translation>Schließen</translation>
+    </message>
+    <message>
+        <source>Checking this computer… (a few seconds)</source>
+        <translation>Dieser Computer wird geprüft … (einige Sekunden)</translation>
+    </message>
+    <message>
+        <source>A stream cannot work here (checks failed: %1). Each line marked &quot;fail&quot; says what to do.</source>
+        <translation>Hier kann nicht gestreamt werden (fehlgeschlagene Prüfungen: %1). Jede mit „fail“ markierte Zeile sagt, was zu tun ist.</translation>
+    </message>
+    <message>
+        <source>A stream can work here. Checks with a warning: %1; each says what to do.</source>
+        <translation>Hier kann gestreamt werden. Prüfungen mit Warnung: %1; jede sagt, was zu tun ist.</translation>
+    </message>
+    <message>
+        <source>A stream can work here. Everything was found.</source>
+        <translation>Hier kann gestreamt werden. Alles wurde gefunden.</translation>
+    </message>
+    <message>
+        <source>Check this computer…</source>
+        <translation>Diesen Computer prüfen …</translation>
+    </message>
+</context>
+<context>
     <name>orbweave::ui::main_window</name>
     <message>
         <source>Menu</source>

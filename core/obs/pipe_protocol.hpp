@@ -12,6 +12,8 @@
 //   {"op":"stream","order":<stream_order>}
 //                     -> {"ok":true,"result":{"started":true,"width":W,"height":H} | {"started":false,"error":"..."}}
 //                        (once per worker: a stream worker carries one stream for its life)
+//   {"op":"check_desktop"|"check_encoders"}
+//                     -> {"ok":true,"result":{what the machine offers}} (media/system_check.hpp)
 //   {"op":"stats"}    -> {"ok":true,"result":{frame counters}} (read-only, for benchmarks)
 //   {"op":"shutdown"} or end of input
 //                     -> {"ok":true,"result":{"leaks":<libobs allocations left>}}, exit 0
@@ -43,6 +45,8 @@ inline constexpr const char* list_videos = "list_videos";
 inline constexpr const char* find = "find";
 inline constexpr const char* stream = "stream";
 inline constexpr const char* stats = "stats";
+inline constexpr const char* check_desktop = "check_desktop";
+inline constexpr const char* check_encoders = "check_encoders";
 inline constexpr const char* shutdown = "shutdown";
 } // namespace op
 

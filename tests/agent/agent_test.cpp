@@ -107,6 +107,7 @@ TEST(AgentOptions, BadArgumentsAreRejectedWithAReason)
         {{"--capture", "wayland"}, "--capture needs auto, x11 or portal, not 'wayland'"},
         {{"--max-streams", "0"}, "--max-streams needs a whole number between 1 and 1000, not '0'"},
         {{"--max-streams", "many"}, "--max-streams needs a whole number"},
+        {{"--json"}, "--json goes with --check"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.reason);

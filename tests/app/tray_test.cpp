@@ -410,7 +410,8 @@ TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
     // Unpaired: offline or already waiting for pairing, whichever the link has reached.
     QStringList labels = menu->visible_labels();
     labels.removeOne("Offline") || labels.removeOne("Waiting for pairing");
-    EXPECT_EQ(labels, QStringList({"Connect your computer…", "Launch at login", "Audio Output (Not set!)", "Quit"}))
+    EXPECT_EQ(labels, QStringList({"Connect your computer…", "Launch at login", "Audio Output (Not set!)",
+                                   "Check this computer…", "Quit"}))
         << menu->visible_labels().join(", ").toStdString();
     // Laid out in the panel's menu, "Quit" is the last entry, at its bottom.
     QElapsedTimer since_quit;

@@ -10,6 +10,7 @@
 #include "media/output.hpp"
 #include "media/runtime.hpp"
 #include "media/screen_feed.hpp"
+#include "tests/support/blocking_queue.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/fault_proxy.hpp"
@@ -961,8 +962,10 @@ TEST_F(Streaming, AStreamOutlivesARestartOfTheSoundServer)
     EXPECT_EQ(log.count_lines_starting("media: the sound server is back"), 1) << log.text();
 }
 
+// Through the canvas, as where a GPU draws (the way past it has a test of its own below).
 TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
 {
+    test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", "canvas");
     const auto& windows = test::media_environment::current().windows();
     ASSERT_FALSE(windows.empty());
     const auto& window = *windows.front();
@@ -984,6 +987,115 @@ TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
     EXPECT_EQ(live.video()->width, expected.first & ~3);
     EXPECT_EQ(live.video()->height, expected.second & ~1);
     ASSERT_NE(live.audio(), nullptr);
+}
+
+/// A top-level window of the test's own, shown by the window manager: its left half red,
+/// its right half blue (a child window), 640x400.
+class two_colour_window {
+public:
+    two_colour_window()
+    {
+        x_ = XOpenDisplay(nullptr);
+        if (!x_)
+            throw std::runtime_error("cannot open the X display");
+        Window root = DefaultRootWindow(x_);
+        window_ = XCreateSimpleWindow(x_, root, 100, 100, 640, 400, 0, 0, 0xff0000);
+        Window right = XCreateSimpleWindow(x_, window_, 320, 0, 320, 400, 0, 0, 0x0000ff);
+        XStoreName(x_, window_, "Orbweave two colours");
+        XMapWindow(x_, right);
+        XMapWindow(x_, window_);
+        XSync(x_, False);
+        bool shown = test::eventually(
+            [&] {
+                XWindowAttributes attributes{};
+                return XGetWindowAttributes(x_, window_, &attributes) && attributes.map_state == IsViewable;
+            },
+            10s);
+        if (!shown)
+            throw std::runtime_error("the two-colour window did not show");
+    }
+    ~two_colour_window()
+    {
+        close();
+        XCloseDisplay(x_);
+    }
+    two_colour_window(const two_colour_window&) = delete;
+    two_colour_window& operator=(const two_colour_window&) = delete;
+
+    window_entry entry() const { return window_entry("two-colours", "Orbweave two colours", static_cast<int>(window_)); }
+    void resize(int width, int height)
+    {
+        XResizeWindow(x_, window_, static_cast<unsigned>(width), static_cast<unsigned>(height));
+        XSync(x_, False);
+    }
+    void close()
+    {
+        if (window_)
+            XDestroyWindow(x_, window_);
+        XSync(x_, False);
+        window_ = 0;
+    }
+
+private:
+    Display* x_ = nullptr;
+    Window window_ = 0;
+};
+
+// On a software renderer a window goes past the canvas: its own picture, grabbed from
+// the X server, arrives whole and in its colours, keeps the stream's size when the window
+// is made narrower (fitted in, aspect kept, bars beside it), and closing the window ends
+// the stream.
+TEST_F(Streaming, AWindowPastTheCanvasKeepsItsColoursFollowsItsSizeAndEndsWithIt)
+{
+    test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", "direct");
+    test::stderr_capture log;
+    two_colour_window window;
+    std::string key = new_key("window-direct");
+    auto media = stream_worker();
+    test::blocking_queue<std::string> events;
+    media->set_event_handler([&](const std::string& event, const std::string& reason) { events.push(event + ": " + reason); });
+    ASSERT_TRUE(activate(*media, order_for(window.entry(), {{"profile", "medium"}}, ingest_->url(), key)).result.started);
+    EXPECT_NE(log.text().find("media: stream grabbed straight from the window's picture on the X server (no canvas)"),
+              std::string::npos)
+        << "no line names the window's path";
+    auto live = ingest_->probe_live(key, 15s);
+    ASSERT_NE(live.video(), nullptr) << live.error;
+    // A window is never enlarged: the stream is its size.
+    EXPECT_EQ(live.video()->width, 640);
+    EXPECT_EQ(live.video()->height, 400);
+
+    auto shows = [&](std::vector<std::pair<int, std::array<int, 3>>> columns) {
+        std::vector<std::uint8_t> frame;
+        bool seen = test::eventually(
+            [&] {
+                frame = ingest_->live_frame(key, 64, 36);
+                if (frame.empty())
+                    return false;
+                for (const auto& [x, colour] : columns)
+                    for (int y : {1, 18, 34})
+                        if (!near(pixel_at(frame, x, y), colour))
+                            return false;
+                return true;
+            },
+            30s);
+        std::string seen_text;
+        for (const auto& column : columns)
+            seen_text += " x " + std::to_string(column.first) + ": " + (frame.empty() ? "none" : rgb(pixel_at(frame, column.first, 18)));
+        return seen ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << seen_text;
+    };
+    // Red to the left edge, blue to the right one, the halves meeting in the middle.
+    EXPECT_TRUE(shows({{1, red}, {29, red}, {35, blue}, {62, blue}}));
+
+    // 320x400 in 640x400: the red half alone, in the middle, with bars of 160 pixels.
+    window.resize(320, 400);
+    EXPECT_TRUE(shows({{4, black}, {18, red}, {45, red}, {59, black}}));
+    EXPECT_TRUE(ingest_->publishing(key));
+
+    window.close();
+    auto ended = events.pop(10s);
+    ASSERT_TRUE(ended) << "closing the window did not end the stream";
+    EXPECT_NE(ended->find("the window was closed"), std::string::npos) << *ended;
+    media->shutdown();
 }
 
 TEST_F(Streaming, ServersThatTakeNoStreamFailWithinTheBoundAfterOneSoftwareRetry)

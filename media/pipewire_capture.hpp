@@ -1,0 +1,88 @@
+#pragma once
+
+// The PipeWire stream of a desktop portal's screen cast, on a thread loop of its own:
+// it keeps the newest frame's buffer (in shared memory: memfd or mapped buffers, never
+// DMA-BUF) until the next arrives, and tells, once, when the cast ends. Both ways a cast
+// reaches the encoder read its frames here: our libobs source, which draws the frame on
+// the canvas (media/pipewire_source), and the feed past the canvas on a software
+// renderer (media/pipewire_feed).
+//
+// What is shown is the part of each frame the compositor marks with its crop region,
+// where it marks one: GNOME casts a window in monitor-sized frames with the window at
+// the top left, and the region follows the window as it is resized. The capture's size
+// is that part's size. Without a crop region the whole frame is shown, and the size is
+// the negotiated format's, known before the first frame; with one, the first frame
+// brings it. Where the compositor marks what changed (its damage), the rows changed
+// since the frame was last taken are told with it.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+struct spa_buffer;
+struct spa_video_info_raw;
+
+namespace orbweave::obs {
+
+/// The part of a frame to show, as PipeWire handed it over: its top left pixel, the
+/// frame's stride and the part's size, and where the part starts in the frame; null
+/// pixels when the buffer holds no whole frame of the format.
+struct frame_view {
+    const std::uint8_t* pixels = nullptr;
+    std::uint32_t stride = 0;
+    std::uint32_t width = 0, height = 0;
+    std::int32_t left = 0, top = 0;
+};
+
+/// Checks buffer against the negotiated format and narrows it to the producer's crop
+/// region, where it carries one: a region of no size means the whole frame, one that
+/// reaches past the frame is cut to it, and one wholly outside it is ignored (and
+/// bad_crop set). Reads only what the buffer's chunk says it holds.
+frame_view view_frame(const spa_buffer& buffer, const spa_video_info_raw& format, bool& bad_crop);
+
+/// The rows [top, bottom) of a shown part (of view_frame) that the buffer's damage meta
+/// marks changed; none (top == bottom) when it marks nothing; the whole part when the
+/// buffer carries no damage.
+std::pair<int, int> damaged_rows(const spa_buffer& buffer, const frame_view& shown);
+
+class pipewire_capture {
+public:
+    /// Told why, once, on the stream's thread, when the stream ends without being asked to
+    /// (the desktop ended the cast, PipeWire failed).
+    using ended_handler = std::function<void(const std::string& reason)>;
+
+    /// The newest frame, as use() sees it: valid only during the call.
+    struct frame {
+        frame_view view;
+        /// Whether its pixels are R, G, B, x (else B, G, R, x), and whether x is alpha.
+        bool rgb_order = false;
+        bool alpha = false;
+        /// Whether it arrived since the frame was last taken, and which of its rows
+        /// changed since then (the whole frame after a new format or size).
+        bool fresh = false;
+        int changed_top = 0, changed_bottom = 0;
+    };
+
+    /// Takes over the PipeWire remote fd and connects to the cast's node; throws
+    /// std::runtime_error when it cannot.
+    pipewire_capture(int fd, std::uint32_t node, ended_handler on_ended);
+    /// Disconnects; nothing is told after it returns.
+    ~pipewire_capture();
+    pipewire_capture(const pipewire_capture&) = delete;
+    pipewire_capture& operator=(const pipewire_capture&) = delete;
+
+    /// The size of what is shown; zeros while unknown. Any thread.
+    std::pair<int, int> size() const;
+    /// Calls use with the newest frame, when there is one, holding the stream's lock
+    /// (frames wait meanwhile); the frame counts as taken afterwards.
+    void take_newest(const std::function<void(const frame&)>& use);
+
+private:
+    struct impl;
+    std::unique_ptr<impl> impl_;
+};
+
+} // namespace orbweave::obs
