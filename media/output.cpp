@@ -261,10 +261,12 @@ output::counters output::read_counters()
     } else {
         now.bytes = static_cast<long long>(obs_output_get_total_bytes(sending));
     }
-    // Before the encoder: the frames the canvas rendered late, or that a screen fed past
-    // it grabbed late, and those the encoder's video output skipped.
+    // Before the encoder: the frames the canvas rendered late, or that a feed past it
+    // (an X11 screen or window, a screen cast) had no picture for in time, and those the
+    // encoder's video output skipped.
+    bool fed = feed_ || window_ || (capture_ && capture_->feed());
     video_t* video = obs_encoder_video(parts_.video_encoder.get());
-    now.lagged = (feed_ ? screen_feed_late_frames() : static_cast<long long>(obs_get_lagged_frames())) +
+    now.lagged = (fed ? screen_feed_late_frames() : static_cast<long long>(obs_get_lagged_frames())) +
                  (video ? video_output_get_skipped_frames(video) : 0);
     return now;
 }
