@@ -38,6 +38,7 @@
 
 #include "core/obs/child_process.hpp"
 #include "media/catalogue.hpp"
+#include "media/direct_video.hpp"
 #include "media/runtime.hpp"
 #include "media/screen_feed.hpp"
 #include "media/unique_handle.hpp"
@@ -233,7 +234,7 @@ void run()
         content.kill_and_wait();
     }
     video_output_disconnect(feed.video(), ignore, nullptr);
-    std::printf("floor_direct_chosen %s\n", obs::feeds_screens_directly(obs::capture_route::x11) ? "yes" : "no");
+    std::printf("floor_direct_chosen %s\n", obs::feeds_directly(obs::capture_route::x11, callback::source_type::screen) ? "yes" : "no");
 }
 
 } // namespace

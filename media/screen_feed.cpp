@@ -26,12 +26,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -85,18 +83,6 @@ void draw_pointer(const std::uint32_t* pointer, int pointer_width, int pointer_h
 }
 
 } // namespace
-
-bool feeds_screens_directly(capture_route route)
-{
-    if (route != capture_route::x11)
-        return false;
-    const char* asked = std::getenv("ORBWEAVE_SCREEN_CAPTURE");
-    if (asked && std::string_view(asked) == "direct")
-        return true;
-    if (asked && std::string_view(asked) == "canvas")
-        return false;
-    return software_renderer(current_video_path().renderer);
-}
 
 long long screen_feed_late_frames()
 {

@@ -28,11 +28,6 @@ typedef struct video_output video_t;
 
 namespace orbweave::obs {
 
-/// Whether this worker feeds screens straight to the encoder: on the X11 route when the
-/// renderer is a software rasteriser. ORBWEAVE_SCREEN_CAPTURE=direct|canvas decides
-/// instead (the tests and benchmarks compare both).
-bool feeds_screens_directly(capture_route route);
-
 /// Frames the feeds of this process sent again because a grab came later than the next
 /// frame's time (the canvas's "lagged" frames, for a screen fed past it).
 long long screen_feed_late_frames();

@@ -7,7 +7,7 @@
 #include "media/portal_session.hpp"
 #include "media/protocol.hpp"
 #include "media/runtime.hpp"
-#include "media/screen_feed.hpp"
+#include "media/direct_video.hpp"
 #include "media/unique_handle.hpp"
 
 #include <obs.h>
@@ -410,15 +410,24 @@ Json check_encoders(capture_route route)
     result["conversion"] = to_string(path.conversion);
 
     bool portal = route == capture_route::portal;
+    using callback::source_type;
     Json paths;
     if (portal)
-        paths["screen"] = "the desktop portal and PipeWire, drawn on the canvas";
-    else if (feeds_screens_directly(route))
+        paths["screen"] = feeds_directly(route, source_type::screen)
+                              ? "the desktop portal and PipeWire, converted on the CPU, no canvas"
+                              : "the desktop portal and PipeWire, drawn on the canvas";
+    else if (feeds_directly(route, source_type::screen))
         paths["screen"] = "grabbed from the X server (MIT-SHM) and converted on the CPU, no canvas";
     else
         paths["screen"] = "xshm_input, drawn on the canvas";
-    paths["window"] = portal ? "a window picked in the desktop portal, PipeWire, the canvas"
-                             : "xcomposite_input, drawn on the canvas";
+    if (portal)
+        paths["window"] = feeds_directly(route, source_type::window)
+                              ? "a window picked in the desktop portal, PipeWire, converted on the CPU, no canvas"
+                              : "a window picked in the desktop portal, PipeWire, the canvas";
+    else
+        paths["window"] = feeds_directly(route, source_type::window)
+                              ? "the window's picture on the X server (XComposite, MIT-SHM), converted on the CPU, no canvas"
+                              : "xcomposite_input, drawn on the canvas";
     paths["audio"] = "PulseAudio (pulse_output_capture, pulse_input_capture), libobs's mixer";
     paths["camera"] = "v4l2_input, drawn on the canvas";
     result["paths"] = paths;
