@@ -86,20 +86,10 @@ void progress(const std::string& text)
 /// utime + stime of pid in seconds.
 double cpu_seconds(pid_t pid)
 {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(stat, line))
-        throw std::runtime_error("cannot read /proc/" + std::to_string(pid) + "/stat");
-    std::istringstream fields(line.substr(line.rfind(')') + 2));
-    std::string field;
-    unsigned long long utime = 0, stime = 0;
-    for (int number = 3; number <= 15 && fields >> field; ++number) {
-        if (number == 14)
-            utime = std::stoull(field);
-        else if (number == 15)
-            stime = std::stoull(field);
-    }
-    return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    std::string file = "/proc/" + std::to_string(pid) + "/stat";
+    if (std::optional<double> seconds = test::cpu_seconds_in(file))
+        return *seconds;
+    throw std::runtime_error("cannot read " + file);
 }
 
 /// CPU seconds per second of pid over the window, after the warm-up.

@@ -172,21 +172,10 @@ bool poll_until(const std::function<bool()>& check, std::chrono::milliseconds ti
 /// utime + stime of pid in seconds.
 double cpu_seconds(pid_t pid)
 {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(stat, line))
-        throw std::runtime_error("cannot read /proc/" + std::to_string(pid) + "/stat");
-    // After "pid (comm) ": state is field 3, utime 14, stime 15.
-    std::istringstream fields(line.substr(line.rfind(')') + 2));
-    std::string field;
-    unsigned long long utime = 0, stime = 0;
-    for (int number = 3; number <= 15 && fields >> field; ++number) {
-        if (number == 14)
-            utime = std::stoull(field);
-        else if (number == 15)
-            stime = std::stoull(field);
-    }
-    return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    std::string file = "/proc/" + std::to_string(pid) + "/stat";
+    if (std::optional<double> seconds = test::cpu_seconds_in(file))
+        return *seconds;
+    throw std::runtime_error("cannot read " + file);
 }
 
 /// CPU seconds of each thread of pid by its name (threads of one name added up).
@@ -198,20 +187,9 @@ std::map<std::string, double> thread_cpu_seconds(pid_t pid)
         std::ifstream comm(task.path() / "comm");
         std::string name;
         std::getline(comm, name);
-        std::ifstream stat(task.path() / "stat");
-        std::string line;
-        if (!std::getline(stat, line))
-            continue; // it ended meanwhile
-        std::istringstream fields(line.substr(line.rfind(')') + 2));
-        std::string field;
-        unsigned long long utime = 0, stime = 0;
-        for (int number = 3; number <= 15 && fields >> field; ++number) {
-            if (number == 14)
-                utime = std::stoull(field);
-            else if (number == 15)
-                stime = std::stoull(field);
-        }
-        seconds[name] += static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+        if (std::optional<double> used = test::cpu_seconds_in((task.path() / "stat").string()))
+            seconds[name] += *used;
+        // else it ended meanwhile
     }
     return seconds;
 }

@@ -132,10 +132,26 @@ void wait_for_socket(const std::string& path, clock::time_point deadline)
 
 media_environment* current_environment = nullptr;
 
-/// ":N" from the display number an X server writes to -displayfd once it accepts
-/// clients; closes fd. Throws when none comes in time.
-std::string read_display_number(int fd, const char* server)
+/// Starts an X server whose options pass "-displayfd 3" and returns ":N" from the display
+/// number it writes there once it accepts clients. Throws when none comes in time.
+std::string start_x_server(obs::child_process::options options, const char* server,
+                           std::unique_ptr<obs::child_process>& process)
 {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) < 0)
+        throw std::system_error(errno, std::generic_category(), "pipe2");
+    options.pass_fds = {{fds[1], 3}};
+    options.quiet = true;
+    try {
+        process = std::make_unique<obs::child_process>(options);
+    } catch (...) {
+        ::close(fds[0]);
+        ::close(fds[1]);
+        throw;
+    }
+    ::close(fds[1]);
+
+    int fd = fds[0];
     std::string number;
     auto deadline = clock::now() + start_limit;
     for (;;) {
@@ -194,9 +210,6 @@ EndSection
 
 xvfb_display::xvfb_display(std::vector<screen_size> screens) : screens_(std::move(screens))
 {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) < 0)
-        throw std::system_error(errno, std::generic_category(), "pipe2");
     obs::child_process::options options;
     // -displayfd: Xvfb picks the first free display and writes its number once it accepts clients.
     options.argv = {"Xvfb", "-displayfd", "3", "-nolisten", "tcp", "-noreset", "-extension", "RANDR"};
@@ -205,17 +218,7 @@ xvfb_display::xvfb_display(std::vector<screen_size> screens) : screens_(std::mov
         options.argv.push_back(std::to_string(i));
         options.argv.push_back(std::to_string(screens_[i].width) + "x" + std::to_string(screens_[i].height) + "x24");
     }
-    options.pass_fds = {{fds[1], 3}};
-    options.quiet = true;
-    try {
-        process_ = std::make_unique<obs::child_process>(options);
-    } catch (...) {
-        ::close(fds[0]);
-        ::close(fds[1]);
-        throw;
-    }
-    ::close(fds[1]);
-    name_ = read_display_number(fds[0], "Xvfb");
+    name_ = start_x_server(options, "Xvfb", process_);
 }
 
 xvfb_display::~xvfb_display() = default;
@@ -224,9 +227,6 @@ xorg_display::xorg_display(const std::filesystem::path& directory) : directory_(
 {
     std::filesystem::create_directories(directory_);
     std::ofstream(directory_ / "xorg.conf") << dummy_xorg_conf;
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) < 0)
-        throw std::system_error(errno, std::generic_category(), "pipe2");
     // Xorg takes a configuration by a relative name only, unless run by root, and a log
     // file only from root; others log under $HOME/.local/share/xorg.
     std::string command = "cd \"$0\" && exec Xorg -config xorg.conf -noreset -nolisten tcp -displayfd 3";
@@ -235,17 +235,7 @@ xorg_display::xorg_display(const std::filesystem::path& directory) : directory_(
     obs::child_process::options options;
     options.argv = {"sh", "-c", command, directory_.string()};
     options.environment = {{"HOME", directory_.string()}, {"XDG_DATA_HOME", (directory_ / "data").string()}};
-    options.pass_fds = {{fds[1], 3}};
-    options.quiet = true;
-    try {
-        process_ = std::make_unique<obs::child_process>(options);
-    } catch (...) {
-        ::close(fds[0]);
-        ::close(fds[1]);
-        throw;
-    }
-    ::close(fds[1]);
-    name_ = read_display_number(fds[0], "Xorg (with the dummy driver)");
+    name_ = start_x_server(options, "Xorg (with the dummy driver)", process_);
 }
 
 xorg_display::~xorg_display() = default;

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 namespace orbweave::test {
 
@@ -61,6 +62,25 @@ long status_field(int pid, const std::string& name)
         if (line.rfind(name + ":", 0) == 0)
             return std::stol(line.substr(name.size() + 1));
     return -1;
+}
+
+std::optional<double> cpu_seconds_in(const std::string& stat_file)
+{
+    std::ifstream stat(stat_file);
+    std::string line;
+    if (!std::getline(stat, line) || line.rfind(')') == std::string::npos)
+        return std::nullopt;
+    // After "pid (comm) ": state is field 3, utime 14, stime 15.
+    std::istringstream fields(line.substr(line.rfind(')') + 2));
+    std::string field;
+    unsigned long long utime = 0, stime = 0;
+    for (int number = 3; number <= 15 && fields >> field; ++number) {
+        if (number == 14)
+            utime = std::stoull(field);
+        else if (number == 15)
+            stime = std::stoull(field);
+    }
+    return static_cast<double>(utime + stime) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 } // namespace orbweave::test

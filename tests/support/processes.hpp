@@ -1,7 +1,9 @@
 #pragma once
 
-// This process's children as /proc shows them, for checks that nothing is left behind.
+// This process's children as /proc shows them, for checks that nothing is left behind,
+// and what a process costs, for the benchmarks.
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,5 +17,8 @@ std::vector<int> child_pids();
 bool process_gone(int pid);
 /// A number from /proc/PID/status ("VmRSS" in KiB, "Threads"); -1 when it cannot be read.
 long status_field(int pid, const std::string& name);
+/// The processor time (user + system, in seconds) in a /proc stat file: a process's
+/// (/proc/PID/stat) or a thread's (/proc/PID/task/TID/stat); none when it cannot be read.
+std::optional<double> cpu_seconds_in(const std::string& stat_file);
 
 } // namespace orbweave::test
