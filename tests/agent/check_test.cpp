@@ -255,16 +255,24 @@ TEST(Check, WithoutADisplayNothingCanStreamAndTheLineSaysWhy)
     EXPECT_NE(run.line("service").find(", trusted by "), std::string::npos) << run.line("service");
 }
 
-TEST(Check, AMediaWorkerThatNeverAnswersIsKilledAndNamed)
+/// A check of a reachable, trusted service whose media workers never answer (the fake
+/// worker does not know the check's orders).
+check::settings with_hung_workers(const test::temp_dir& dir, sim::service_sim& service)
 {
-    test::temp_dir dir;
-    sim::service_sim service;
     service.identity().write(dir.path());
     check::settings settings;
     settings.service_url = service.url();
     settings.ca_file = dir.file("ca.pem");
-    settings.bitrate = 1500;
     settings.worker_executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+    return settings;
+}
+
+TEST(Check, AMediaWorkerThatNeverAnswersIsKilledAndNamed)
+{
+    test::temp_dir dir;
+    sim::service_sim service;
+    check::settings settings = with_hung_workers(dir, service);
+    settings.bitrate = 1500;
     auto started = std::chrono::steady_clock::now();
     auto checked = std::async(std::launch::async, [&] { return check::run_common(settings); });
     ASSERT_EQ(checked.wait_for(check::whole_check_limit + 10s), std::future_status::ready);
@@ -286,11 +294,7 @@ TEST(Check, ACancelledCheckEndsAtOnceThoughItsWorkersHang)
 {
     test::temp_dir dir;
     sim::service_sim service;
-    service.identity().write(dir.path());
-    check::settings settings;
-    settings.service_url = service.url();
-    settings.ca_file = dir.file("ca.pem");
-    settings.worker_executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+    check::settings settings = with_hung_workers(dir, service);
     // The app quitting while its window checks: every part ends without waiting out a bound.
     settings.cancelled = [] { return true; };
     auto checked = std::async(std::launch::async, [&] { return check::run_common(settings); });
