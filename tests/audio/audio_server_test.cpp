@@ -3,6 +3,7 @@
 #include "core/obs/child_process.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -58,17 +59,13 @@ TEST(AudioServer, MakesTheVirtualOutputLoopsItBackAndRemovesItOnSigterm)
     {
         test::stderr_capture log;
         auto second = start_server();
-        auto status = second->wait_for(deadline);
-        ASSERT_TRUE(status);
-        EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+        EXPECT_EQ(test::how_it_ended(*second, deadline), "exited with code 0");
         EXPECT_EQ(log.count_lines_starting("orbweave-audio-server: the virtual output exists already"), 1);
         EXPECT_EQ(pactl({"list", "modules", "short"}), modules);
     }
 
     server->kill(SIGTERM);
-    auto status = server->wait_for(deadline);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(test::how_it_ended(*server, deadline), "exited with code 0");
     EXPECT_EQ(pactl({"list", "modules", "short"}), before_modules) << "something it loaded is left";
     EXPECT_EQ(pactl({"list", "sinks"}).find("Orbweave Virtual Audio Driver"), std::string::npos);
 
@@ -76,9 +73,7 @@ TEST(AudioServer, MakesTheVirtualOutputLoopsItBackAndRemovesItOnSigterm)
     ::setenv("PULSE_SERVER", ("unix:" + dir.file("nobody-listens")).c_str(), 1);
     test::stderr_capture log;
     auto lonely = start_server();
-    status = lonely->wait_for(deadline);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(test::how_it_ended(*lonely, deadline), "exited with code 0");
     EXPECT_EQ(log.count_lines_starting("orbweave-audio-server: no sound server answers"), 1);
     ::unsetenv("PULSE_SERVER");
 }
