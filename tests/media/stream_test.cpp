@@ -1063,8 +1063,9 @@ TEST_F(Streaming, ServersThatTakeNoStreamFailWithinTheBoundAfterOneSoftwareRetry
         std::cout << "[ measured ] " << bad.what << ": " << took.count() << " ms, " << result.error << "\n";
         EXPECT_FALSE(result.started);
         EXPECT_EQ(result.error.rfind(bad.error, 0), 0u) << result.error;
-        if (bad.whole_reason)
+        if (bad.whole_reason) {
             EXPECT_EQ(result.error, bad.error);
+        }
         EXPECT_LT(took, bad.bound);
         EXPECT_FALSE(ingest_->publishing(key));
         EXPECT_FALSE(media->list_screens().empty());
