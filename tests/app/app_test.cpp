@@ -361,22 +361,13 @@ TEST(Program, OptionsOneInstanceAndAnOrderlyEndOnSigterm)
     EXPECT_EQ(log.text().find(*secret), std::string::npos) << "the secret reached the log";
 }
 
-std::string pactl(const std::vector<std::string>& arguments)
-{
-    std::vector<std::string> argv{"pactl"};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    std::string out = test::run_program(argv, deadline);
-    while (!out.empty() && out.back() == '\n')
-        out.pop_back();
-    return out;
-}
-
 // Quit leaves nothing of the app running: the audio server it started ends with it, its
 // device unloaded and the output that was the default before the default again (though
 // the user had chosen the virtual one, as the audio alert asks). A server that ran before
 // the app is left alone.
 TEST(Program, QuitEndsTheAudioServerItStartedAndLeavesAnEarlierOneAlone)
 {
+    using test::pactl;
     test::temp_dir home;
     test::session_bus bus;
     test::pulse_server pulse(home.path() / "pulse");

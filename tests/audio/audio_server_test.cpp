@@ -19,12 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 constexpr auto deadline = 10s;
 
-std::string pactl(const std::vector<std::string>& arguments)
-{
-    std::vector<std::string> argv{"pactl"};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    return test::run_program(argv, deadline);
-}
+using test::pactl;
 
 std::unique_ptr<obs::child_process> start_server()
 {
@@ -41,8 +36,6 @@ TEST(AudioServer, MakesTheVirtualOutputLoopsItBackAndRemovesItOnSigterm)
     ::setenv("PULSE_SERVER", pulse.server().c_str(), 1);
     std::string before_modules = pactl({"list", "modules", "short"});
     std::string default_sink = pactl({"get-default-sink"});
-    while (!default_sink.empty() && default_sink.back() == '\n')
-        default_sink.pop_back();
     ASSERT_FALSE(default_sink.empty());
 
     auto server = start_server();
@@ -53,7 +46,7 @@ TEST(AudioServer, MakesTheVirtualOutputLoopsItBackAndRemovesItOnSigterm)
     EXPECT_NE(sinks.find("device.vendor.name = \"ORBVirtualAudio\""), std::string::npos) << sinks;
     std::string modules = pactl({"list", "modules", "short"});
     EXPECT_NE(modules.find("source=orbweave_virtual.monitor sink=" + default_sink), std::string::npos) << modules;
-    EXPECT_EQ(pactl({"get-default-sink"}), default_sink + "\n") << "the user's default output was changed";
+    EXPECT_EQ(pactl({"get-default-sink"}), default_sink) << "the user's default output was changed";
 
     // A second one finds the device and leaves everything as it is.
     {

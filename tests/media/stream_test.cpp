@@ -725,17 +725,7 @@ constexpr double silent_level = -70;
 constexpr auto device_back_limit = 2s;
 constexpr auto ingest_latency_allowance = 2s;
 
-std::string pactl(const std::vector<std::string>& arguments)
-{
-    std::vector<std::string> argv{"pactl"};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    int code = 0;
-    std::string error;
-    std::string output = test::run_program(argv, 10s, &code, &error);
-    if (code != 0)
-        throw std::runtime_error("pactl failed: " + error);
-    return output;
-}
+using test::pactl;
 
 /// A microphone hearing a 440 Hz tone: a PulseAudio source of its own (a remapped monitor
 /// of a sink that pacat plays the tone into, at a real device's pace), loaded as a module
