@@ -231,8 +231,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     // Two screens stream, one of them in a worker that never answers its shutdown: stopping
     // takes its whole bound (2 s here), and none of it may fall on the GUI thread.
     settings.bitrate = 1500;
-    for (auto* worker : {&settings.client.media.listing, &settings.client.media.stream})
-        worker->executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+    test::use_fake_workers(settings.client);
     settings.client.media.stream.shutdown_timeout = 2s;
     app_delegate delegate(bus, stored, secrets, settings);
     std::vector<activity> activities;
@@ -303,7 +302,7 @@ TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)
     EXPECT_TRUE(peer.wait_for_connection(deadline));
 }
 
-TEST(Program, OptionsAndAnOrderlyEndOnSigterm)
+TEST(Program, OptionsOneInstanceAndAnOrderlyEndOnSigterm)
 {
     auto run = [](std::vector<std::string> args, std::string* out = nullptr) {
         obs::child_process::options options;
@@ -327,18 +326,13 @@ TEST(Program, OptionsAndAnOrderlyEndOnSigterm)
     EXPECT_EQ(run({"--service", "http://127.0.0.1/"}), 2);
 
     // Against the simulator, on a session bus where no keyring answers: it pairs, keeps the
-    // secret in its preferences file (this user's alone) and says so, and SIGTERM ends it in order.
+    // secret in its preferences file (this user's alone) and says so, a second launch hands
+    // over to it, and SIGTERM ends it in order.
     test::temp_dir home;
     test::session_bus no_keyring;
     sim::service_sim service;
-    service.identity().write(home.path());
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"), "--bitrate",
-                    "1500"};
-    options.environment = {{"QT_QPA_PLATFORM", "offscreen"},
-                           {"XDG_CONFIG_HOME", home.path().string()},
-                           {"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()},
-                           {"PULSE_SERVER", "unix:" + home.file("no-sound-server")}};
+    auto options = test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()},
+                                                     {"PULSE_SERVER", "unix:" + home.file("no-sound-server")}});
     test::stderr_capture log;
     obs::child_process program(options);
     auto code = service.wait_for_code(deadline);
@@ -353,23 +347,18 @@ TEST(Program, OptionsAndAnOrderlyEndOnSigterm)
     struct stat file_mode {};
     ASSERT_EQ(::stat(conf.c_str(), &file_mode), 0);
     EXPECT_EQ(file_mode.st_mode & 0777, 0600u);
+
+    // A second launch shows the first and ends, without a link of its own.
+    obs::child_process second(options);
+    EXPECT_EQ(test::how_it_ended(second, deadline), "exited with code 0");
+    EXPECT_EQ(service.connections().size(), 1u) << "the second launch connected";
+    EXPECT_EQ(log.count_lines_starting("Activated by another launch"), 1) << log.text();
+
     program.kill(SIGTERM);
-    auto status = program.wait_for(deadline);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
     EXPECT_TRUE(service.wait_for_disconnect(deadline));
     EXPECT_EQ(log.count_lines_starting("No keyring answers"), 1) << log.text();
     EXPECT_EQ(log.text().find(*secret), std::string::npos) << "the secret reached the log";
-}
-
-std::string pactl(const std::vector<std::string>& arguments)
-{
-    std::vector<std::string> argv{"pactl"};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    std::string out = test::run_program(argv, deadline);
-    while (!out.empty() && out.back() == '\n')
-        out.pop_back();
-    return out;
 }
 
 // Quit leaves nothing of the app running: the audio server it started ends with it, its
@@ -378,25 +367,19 @@ std::string pactl(const std::vector<std::string>& arguments)
 // the app is left alone.
 TEST(Program, QuitEndsTheAudioServerItStartedAndLeavesAnEarlierOneAlone)
 {
+    using test::pactl;
     test::temp_dir home;
     test::session_bus bus;
     test::pulse_server pulse(home.path() / "pulse");
     test::scoped_environment sound("PULSE_SERVER", pulse.server());
     sim::service_sim service;
-    service.identity().write(home.path());
     // A second output, chosen as the default: the sound server would fall back to the first.
     pactl({"load-module", "module-null-sink", "sink_name=headphones"});
     pactl({"set-default-sink", "headphones"});
     const std::string modules = pactl({"list", "modules", "short"});
     auto has_virtual_output = [] { return pactl({"list", "sinks"}).find("Orbweave Virtual Audio Driver") != std::string::npos; };
     auto launch = [&] {
-        obs::child_process::options options;
-        options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
-                        "--bitrate", "1500"};
-        options.environment = {{"QT_QPA_PLATFORM", "offscreen"},
-                               {"XDG_CONFIG_HOME", home.file("config")},
-                               {"XDG_STATE_HOME", home.file("state")},
-                               {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
+        auto options = test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", bus.address()}});
         auto program = std::make_unique<obs::child_process>(options);
         // It connects once it is up, ready to quit in order.
         EXPECT_TRUE(service.wait_for_connection(deadline));
@@ -404,9 +387,7 @@ TEST(Program, QuitEndsTheAudioServerItStartedAndLeavesAnEarlierOneAlone)
     };
     auto quit = [](obs::child_process& program) {
         program.kill(SIGTERM); // the path of the menu's Quit
-        auto status = program.wait_for(deadline);
-        ASSERT_TRUE(status);
-        EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+        ASSERT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
     };
 
     {

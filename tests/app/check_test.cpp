@@ -3,7 +3,6 @@
 // its menu entry, and `orbweave --check` as a program.
 
 #include "app/desktop_check.hpp"
-#include "app/translations.hpp"
 #include "core/obs/child_process.hpp"
 #include "tests/app/notification_server.hpp"
 #include "tests/app/qt_support.hpp"
@@ -16,7 +15,6 @@
 #include <QClipboard>
 #include <QMenu>
 #include <QPushButton>
-#include <QTranslator>
 
 #include <gtest/gtest.h>
 
@@ -134,24 +132,6 @@ TEST(DesktopCheck, TheWindowShowsTheLinesAndCopiesThem)
     EXPECT_EQ(QApplication::clipboard()->text(), text);
 }
 
-TEST(DesktopCheck, TheWindowSpeaksGerman)
-{
-    QTranslator german;
-    ASSERT_TRUE(german.load(QLocale(QLocale::German, QLocale::Germany), "orbweave", "_",
-                            app::translations_directory()));
-    QCoreApplication::installTranslator(&german);
-    ui::check_window window(check::settings{});
-    QMenu menu;
-    ui::check_window::add_to_menu(&menu, [] {});
-    QCoreApplication::removeTranslator(&german);
-    EXPECT_EQ(window.windowTitle(), "Diesen Computer prüfen");
-    EXPECT_EQ(menu.actions().value(0) ? menu.actions().value(0)->text() : QString(), "Diesen Computer prüfen …");
-    QStringList buttons;
-    for (auto* button : window.findChildren<QPushButton*>())
-        buttons << button->text();
-    EXPECT_TRUE(buttons.contains("Kopieren")) << buttons.join(", ").toStdString();
-}
-
 TEST(DesktopCheck, TheProgramPrintsItsOwnChecksAndJson)
 {
     test::temp_dir dir;
@@ -170,18 +150,17 @@ TEST(DesktopCheck, TheProgramPrintsItsOwnChecksAndJson)
     std::printf("[ time     ] orbweave --check without a display: %.1f s\n",
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
     ASSERT_TRUE(status && WIFEXITED(*status));
-    // No display: nothing can stream.
+    // No display: nothing can stream (what the common checks say then is the agent's
+    // check test; here, that the app adds its own).
     EXPECT_EQ(WEXITSTATUS(*status), 1);
     std::string text;
     for (const auto& line : reader.lines())
         text += line + "\n";
     Json report = json::parse(text);
     ASSERT_TRUE(report.is_object()) << text;
-    EXPECT_FALSE(json::bool_at(report, {"can_stream"}));
     std::map<std::string, std::string> statuses;
     for (const Json& entry : json::at(report, {"checks"}))
         statuses[json::string_at(entry, {"name"})] = json::string_at(entry, {"status"});
-    EXPECT_EQ(statuses["display"], "fail");
     for (const char* name : {"tray", "notify", "keyring", "autostart"})
         EXPECT_EQ(statuses.count(name), 1u) << name;
     EXPECT_EQ(statuses["keyring"], "ok");

@@ -1,13 +1,10 @@
-// Desktop integration: the launch-at-login entry, and one app per session.
+// Desktop integration: the launch-at-login entry. (One app per session is the program's
+// test in app_test.cpp.)
 
 #include "app/autostart.hpp"
 #include "app/event_bus.hpp"
-#include "core/obs/child_process.hpp"
 #include "tests/support/rtmp_ingest.hpp"
-#include "tests/support/session_bus.hpp"
-#include "tests/support/stderr_capture.hpp"
 #include "tests/support/temp_dir.hpp"
-#include "tools/service-sim/service_sim.hpp"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -16,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <fstream>
 
 namespace orbweave::app {
@@ -25,7 +21,6 @@ namespace {
 using test::pump_until;
 
 using namespace std::chrono_literals;
-constexpr auto deadline = 5s;
 
 std::string read(const std::string& path)
 {
@@ -71,37 +66,6 @@ TEST(LaunchAtLogin, TheEntryIsWrittenOnceRemovedAndWatched)
     // X-GNOME-Autostart-enabled=false counts as off as well.
     std::ofstream(path) << "[Desktop Entry]\nType=Application\nExec=orbweave\nX-GNOME-Autostart-enabled=false\n";
     EXPECT_FALSE(entry.enabled());
-}
-
-TEST(SingleInstance, ASecondLaunchShowsTheFirstAndEnds)
-{
-    test::session_bus bus;
-    test::temp_dir home;
-    sim::service_sim service;
-    service.identity().write(home.path());
-    auto launch = [&] {
-        obs::child_process::options options;
-        options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
-                        "--bitrate", "1500"};
-        options.environment = {{"QT_QPA_PLATFORM", "offscreen"},
-                               {"XDG_CONFIG_HOME", home.path().string()},
-                               {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
-                               {"PULSE_SERVER", "unix:" + home.file("no-sound-server")}};
-        return std::make_unique<obs::child_process>(options);
-    };
-    test::stderr_capture log; // the programs inherit our standard error
-    auto first = launch();
-    ASSERT_TRUE(service.wait_for_code_request(deadline));
-
-    auto second = launch();
-    auto status = second->wait_for(deadline);
-    ASSERT_TRUE(status) << "the second launch kept running";
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
-    EXPECT_EQ(service.connections().size(), 1u) << "the second launch connected";
-
-    first->kill(SIGTERM);
-    ASSERT_TRUE(first->wait_for(deadline));
-    EXPECT_EQ(log.count_lines_starting("Activated by another launch"), 1) << log.text();
 }
 
 } // namespace

@@ -4,8 +4,10 @@
 // platform (the event bus delivers through its loop, dialogs need widgets), and a
 // private session bus with an unlocked keyring, so no test reaches the desktop's own.
 
+#include "core/obs/child_process.hpp"
 #include "tests/support/keyring.hpp"
 #include "tests/support/session_bus.hpp"
+#include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
 #include <QApplication>
@@ -92,6 +94,29 @@ inline Json stream_screens(sim::service_sim& service, const std::vector<std::str
     }
     return screens;
 }
+
+#ifdef ORBWEAVE_APP_PROGRAM
+/// The orbweave program as a user starts it, signing in to service (whose CA is written
+/// to home) with its settings and state in home, on the offscreen platform and in the
+/// language LANG names; environment adds to that and overrides it.
+inline obs::child_process::options app_program(const sim::service_sim& service, const temp_dir& home,
+                                               std::vector<std::pair<std::string, std::string>> environment)
+{
+    service.identity().write(home.path());
+    obs::child_process::options options;
+    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
+                    "--bitrate", "1500"};
+    options.environment = std::move(environment);
+    for (std::pair<std::string, std::string> usual : {std::pair<std::string, std::string>{"QT_QPA_PLATFORM", "offscreen"},
+                                                      {"XDG_CONFIG_HOME", home.path().string()},
+                                                      {"XDG_STATE_HOME", home.path().string()}})
+        if (std::none_of(options.environment.begin(), options.environment.end(),
+                         [&](const auto& given) { return given.first == usual.first; }))
+            options.environment.push_back(usual);
+    options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE"};
+    return options;
+}
+#endif
 
 /// Watches this thread's event loop: a timer due every 10 ms notes the longest gap between
 /// its runs, that is how long a queued call would have waited at worst.

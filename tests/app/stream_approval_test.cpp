@@ -74,9 +74,9 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     // Allowed from the notification: the stream reaches the ingest.
     std::string allowed = activate("approved");
     ASSERT_TRUE(pump_until([&] { return notifications.notified.size() == 1; }, deadline));
-    EXPECT_EQ(notifications.notified[0].summary, "Requesting Permission");
-    EXPECT_EQ(notifications.notified[0].body, "Ann asks to stream the screen “Display 1” (1280x720).\n"
-                                              "It will be streamed live until you stop it from the tray icon.");
+    // (What the prompt says is the prompts' own test; here, the account it names.)
+    EXPECT_TRUE(notifications.notified[0].body.startsWith("Ann asks to stream the screen “Display 1”"))
+        << notifications.notified[0].body.toStdString();
     EXPECT_FALSE(service.wait_for_reply(allowed, 0ms)) << "answered before the user was";
     notifications.invoke(101, "allow");
     EXPECT_EQ(reply_to(allowed), Json({{"status", "Success"}}));

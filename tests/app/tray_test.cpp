@@ -1,15 +1,12 @@
 // The tray as a desktop panel sees it: the orbweave program on Xvfb, on a private bus
 // with a StatusNotifierWatcher stand-in, paired with the service simulator and
 // streaming a screen to nginx-rtmp. The panel reads the exported menu and clicks
-// "Stop streaming", and, in German, "Beenden" while a worker hangs. Then once under a
-// real panel (lxqt-panel), clicked with the pointer.
+// "Stop streaming". Then once under a real panel (lxqt-panel), clicked with the pointer.
 
 #include "app/preferences.hpp"
 #include "core/obs/child_process.hpp"
-#include "core/obs/media_limits.hpp"
 #include "tests/app/qt_support.hpp"
 #include "tests/app/status_notifier_watcher.hpp"
-#include "tests/support/fault_proxy.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/processes.hpp"
 #include "tests/support/rtmp_ingest.hpp"
@@ -43,36 +40,11 @@ using callback::source_type;
 using test::pump_until;
 
 constexpr auto deadline = 20s;
-// A worker that hangs on stop is killed once its orderly shutdown's bound is up, and
-// reaped within the kill's; quitting may take that long, no more.
-constexpr auto stop_bound = obs::stream_stop_limit({}) + obs::limits::kill;
 
 /// The test program's private bus (its qt_environment exports it).
 std::string bus_address()
 {
     return qgetenv("DBUS_SESSION_BUS_ADDRESS").toStdString();
-}
-
-/// The app, run as a user starts it on this display and bus, with its settings in home,
-/// signing in to service (whose CA home holds); environment adds to its environment
-/// and overrides the usual platform and settings folder.
-obs::child_process::options app_run(const sim::service_sim& service, const test::temp_dir& home,
-                                    std::vector<std::pair<std::string, std::string>> environment)
-{
-    service.identity().write(home.path());
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
-                    "--bitrate", "1500"};
-    options.environment = std::move(environment);
-    for (std::pair<std::string, std::string> usual : {std::pair<std::string, std::string>{"QT_QPA_PLATFORM", "xcb"},
-                                                      {"XDG_CONFIG_HOME", home.path().string()},
-                                                      {"XDG_STATE_HOME", home.path().string()}})
-        if (std::none_of(options.environment.begin(), options.environment.end(),
-                         [&](const auto& given) { return given.first == usual.first; }))
-            options.environment.push_back(usual);
-    // The language comes from LANG alone.
-    options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE"};
-    return options;
 }
 
 /// The item's ToolTip property, (sa(iiay)ss), as dbus-send prints it; a panel shows its
@@ -100,7 +72,8 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     auto panel = QDBusConnection::connectToBus(QString::fromStdString(bus_address()), "panel");
     status_notifier_watcher watcher(panel);
     test::stderr_capture log; // the program inherits our standard error
-    obs::child_process program(app_run(service, home, {{"DBUS_SESSION_BUS_ADDRESS", bus_address()}}));
+    obs::child_process program(
+        test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", bus_address()}, {"QT_QPA_PLATFORM", "xcb"}}));
 
     // The tray icon registers with the panel, and exports its menu.
     ASSERT_TRUE(pump_until([&] { return !watcher.registered.empty(); }, deadline)) << log.text();
@@ -109,7 +82,6 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     QString menu_path = qvariant_cast<QDBusObjectPath>(status_item.property("Menu")).path();
     ASSERT_FALSE(menu_path.isEmpty());
 
-    // Not paired yet: the panel shows how to connect and nothing that needs an account.
     auto menu = [&] {
         std::optional<menu_entry> layout;
         EXPECT_TRUE(pump_until([&] { return (layout = read_menu(panel, item, menu_path)).has_value(); }, deadline));
@@ -117,16 +89,12 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     };
     std::optional<std::string> code;
     ASSERT_TRUE(pump_until([&] { return (code = service.wait_for_code(0ms)).has_value(); }, deadline)) << log.text();
-    QStringList labels = menu().visible_labels();
-    EXPECT_TRUE(labels.contains("Connect your computer…")) << labels.join(", ").toStdString();
-    EXPECT_FALSE(labels.contains("Sign out"));
 
-    // Paired, then a screen streams (through a path the test can stall): the panel shows
-    // the stream with its bitrate, and "Stop streaming".
+    // Paired, then a screen streams: the panel shows the stream with what its worker
+    // reports it sends, and "Stop streaming" (which entries show in which state is the
+    // menu's own test; here, what the export carries).
     ASSERT_TRUE(service.claim(*code, {"Ann Example", ""}));
-    test::fault_proxy path(ingest.rtmp_port());
-    Json screens = test::stream_screens(service, {"tray"}, "rtmp://127.0.0.1:" + std::to_string(path.port()) + "/live",
-                                        deadline);
+    Json screens = test::stream_screens(service, {"tray"}, ingest.url(), deadline);
     ASSERT_FALSE(screens.empty());
     Json first = screens[0];
     ASSERT_TRUE(ingest.wait_for_publishing("tray", deadline));
@@ -143,23 +111,18 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     ASSERT_TRUE(pump_until([&] { return sending(stream_line(menu().visible_labels())); }, deadline))
         << menu().visible_labels().join(", ").toStdString();
     menu_entry streaming = menu();
-    labels = streaming.visible_labels();
+    QStringList labels = streaming.visible_labels();
     int state_line = labels.indexOf("Streaming");
     ASSERT_GE(state_line, 1) << labels.join(", ").toStdString();
     EXPECT_EQ(labels[state_line - 1], "Stop streaming");
     EXPECT_EQ(labels[state_line + 1], stream_line(labels));
     EXPECT_FALSE(streaming.find(stream_line(labels))->enabled());
-    EXPECT_EQ(labels.first(), "Ann Example");
-    EXPECT_FALSE(labels.contains("Connect your computer…"));
-    EXPECT_EQ(labels.last(), "Quit");
     const menu_entry* quality = streaming.find("Quality");
     ASSERT_NE(quality, nullptr);
-    EXPECT_EQ(quality->visible_labels(), QStringList({"Low", "Medium", "High", "Extreme"}));
     EXPECT_EQ(quality->find("Medium")->properties.value("toggle-state").toInt(), 1);
     // One level at a time, and the panel draws them so.
     for (const auto& level : quality->children)
         EXPECT_EQ(level.properties.value("toggle-type").toString(), "radio") << level.label().toStdString();
-    EXPECT_TRUE(labels.contains("Activity…"));
     // "Forget screen choices" forgets the desktop's restore tokens: its picker asks again.
     std::string tokens = home.file("orbweave/restore-tokens.json");
     std::ofstream(tokens) << R"({"account":"Ann Example","tokens":{"abc":"token-1"}})";
@@ -170,22 +133,6 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
     // Panels that show tooltips read the state, and what is sent, from the item.
     EXPECT_NE(tooltip_of(item, item_path).find("string \"Orbweave — Streaming · "), std::string::npos)
         << tooltip_of(item, item_path);
-
-    // The path to the ingest stalls: within 10 s the line and the tooltip say the stream is
-    // in trouble; once the path carries again, the line shows the bitrate again.
-    path.stall(true);
-    EXPECT_TRUE(pump_until([&] {
-        QString line = stream_line(menu().visible_labels());
-        return !line.isEmpty() && !sending(line);
-    }, 10s)) << menu().visible_labels().join(", ").toStdString();
-    std::string troubled = tooltip_of(item, item_path);
-    EXPECT_NE(troubled.find("string \"Orbweave — Streaming · " + first["name"].get<std::string>() + ": "),
-              std::string::npos)
-        << troubled;
-    path.stall(false);
-    EXPECT_TRUE(pump_until([&] { return sending(stream_line(menu().visible_labels())); }, 40s))
-        << menu().visible_labels().join(", ").toStdString();
-    streaming = menu();
 
     // The user clicks "Stop streaming" in the panel: the stream ends, the link stays.
     ASSERT_TRUE(click_menu_entry(panel, item, menu_path, streaming.find("Stop streaming")->id));
@@ -199,83 +146,12 @@ TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
         [&] { return tooltip_of(item, item_path).find("string \"Orbweave — Connected\"") != std::string::npos; },
         deadline))
         << tooltip_of(item, item_path);
-    // The history, in the state folder, tells what was streamed and that the user stopped it.
-    std::ifstream history(home.file("orbweave/activity.jsonl"));
-    std::string text((std::istreambuf_iterator<char>(history)), std::istreambuf_iterator<char>());
-    EXPECT_NE(text.find("\"event\":\"activate\""), std::string::npos) << text;
-    EXPECT_NE(text.find("\"event\":\"deactivate\""), std::string::npos) << text;
-    EXPECT_NE(text.find("\"decided\":\"user\""), std::string::npos) << text;
     EXPECT_EQ(service.connections().size(), 1u) << "stopping the streams cost the link";
-
     program.kill(SIGTERM);
-    auto status = program.wait_for(deadline);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
     QDBusConnection::disconnectFromBus("panel");
 }
 
-
-TEST(Tray, QuitInGermanAnswersAtOnceAndEndsTheAppAndEveryWorkerThoughOneHangs)
-{
-    test::temp_dir home;
-    sim::service_sim service;
-    auto panel = QDBusConnection::connectToBus(QString::fromStdString(bus_address()), "panel-de");
-    status_notifier_watcher watcher(panel);
-    test::stderr_capture log;
-    obs::child_process program(app_run(service, home,
-                                       {{"DBUS_SESSION_BUS_ADDRESS", bus_address()},
-                                        {"LANG", "de_DE.UTF-8"},
-                                        {"ORBWEAVE_MEDIA_WORKER", ORBWEAVE_FAKE_MEDIA_WORKER}}));
-    ASSERT_TRUE(pump_until([&] { return !watcher.registered.empty(); }, deadline)) << log.text();
-    auto [item, item_path] = watcher.registered.front();
-    QString menu_path =
-        qvariant_cast<QDBusObjectPath>(QDBusInterface(item, item_path, "org.kde.StatusNotifierItem", panel).property("Menu"))
-            .path();
-
-    // Paired, with two screens streaming, one from a worker that will not stop.
-    std::optional<std::string> code;
-    ASSERT_TRUE(pump_until([&] { return (code = service.wait_for_code(0ms)).has_value(); }, deadline)) << log.text();
-    ASSERT_TRUE(service.claim(*code, {"Ann Example", ""}));
-    ASSERT_FALSE(test::stream_screens(service, {"ok", "hang-on-shutdown"}, "rtmp://127.0.0.1:9/live", deadline).empty());
-    std::vector<int> workers = test::children_running(program.pid(), {"orbweave_fake_media_worker"});
-    ASSERT_GE(workers.size(), 3u) << "the listing worker and two stream workers (and a spare)";
-
-    // The menu speaks German; the stream lines name the sources as this machine does.
-    std::optional<menu_entry> menu;
-    ASSERT_TRUE(pump_until([&] {
-        menu = read_menu(panel, item, menu_path);
-        return menu && menu->visible_labels().contains("Bildschirm: Display 2");
-    }, deadline)) << (menu ? menu->visible_labels().join(", ").toStdString() : "no menu");
-    QStringList labels = menu->visible_labels();
-    EXPECT_EQ(labels.mid(labels.size() - 2), QStringList({"Abmelden", "Beenden"})) << labels.join(", ").toStdString();
-    EXPECT_TRUE(labels.contains("Überträgt"));
-    EXPECT_TRUE(labels.contains("Übertragung beenden"));
-
-    // "Beenden": the menu keeps answering, says it is stopping, and the app ends in order
-    // once the hanging worker's bound is up.
-    QElapsedTimer since_quit;
-    since_quit.start();
-    ASSERT_TRUE(click_menu_entry(panel, item, menu_path, menu->find("Beenden")->id));
-    qint64 slowest = 0;
-    bool said_stopping = false;
-    std::optional<int> status;
-    while (!(status = program.wait_for(10ms)) && since_quit.elapsed() < std::chrono::milliseconds(stop_bound + 5s).count()) {
-        QElapsedTimer call;
-        call.start();
-        if (auto now = read_menu(panel, item, menu_path)) {
-            slowest = std::max(slowest, call.elapsed());
-            said_stopping = said_stopping || now->visible_labels().contains("Wird beendet …");
-        }
-    }
-    ASSERT_TRUE(status) << "still running " << since_quit.elapsed() << " ms after Quit\n" << log.text();
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
-    EXPECT_TRUE(said_stopping);
-    // Two processes and a bus between them: a looser bound than the in-process watchdog's.
-    EXPECT_LT(slowest, 500) << "the menu waited for the workers";
-    for (int worker : workers)
-        EXPECT_TRUE(test::process_gone(worker)) << "worker " << worker << " outlived the app";
-    QDBusConnection::disconnectFromBus("panel-de");
-}
 
 /// The X server's top-level windows that are mapped and bypass the window manager (popup
 /// menus, tooltips), by id, with their geometry.
@@ -381,7 +257,7 @@ TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
 
     sim::service_sim service;
     desktop.push_back({"PULSE_SERVER", "unix:" + home.file("no-sound-server")});
-    auto options = app_run(service, home, desktop);
+    auto options = test::app_program(service, home, desktop);
     options.unset_environment.push_back("LANG");
     test::stderr_capture log;
     obs::child_process program(options);
@@ -453,9 +329,7 @@ TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
     since_quit.start();
     ASSERT_TRUE(xdotool({"mousemove", "--sync", std::to_string(opened->center().x()),
                          std::to_string(opened->bottom() - 12), "click", "1"}));
-    auto status = program.wait_for(deadline);
-    ASSERT_TRUE(status) << "Quit did not end the app\n" << log.text();
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    ASSERT_EQ(test::how_it_ended(program, deadline), "exited with code 0") << "Quit did not end the app\n" << log.text();
     EXPECT_LT(since_quit.elapsed(), 2000) << "with no stream to stop, quitting takes moments";
     QDBusConnection::disconnectFromBus("lxqt-session");
 }

@@ -3,6 +3,7 @@
 #include "core/obs/child_process.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/media_fixtures.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -18,12 +19,7 @@ namespace {
 using namespace std::chrono_literals;
 constexpr auto deadline = 10s;
 
-std::string pactl(const std::vector<std::string>& arguments)
-{
-    std::vector<std::string> argv{"pactl"};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    return test::run_program(argv, deadline);
-}
+using test::pactl;
 
 std::unique_ptr<obs::child_process> start_server()
 {
@@ -40,8 +36,6 @@ TEST(AudioServer, MakesTheVirtualOutputLoopsItBackAndRemovesItOnSigterm)
     ::setenv("PULSE_SERVER", pulse.server().c_str(), 1);
     std::string before_modules = pactl({"list", "modules", "short"});
     std::string default_sink = pactl({"get-default-sink"});
-    while (!default_sink.empty() && default_sink.back() == '\n')
-        default_sink.pop_back();
     ASSERT_FALSE(default_sink.empty());
 
     auto server = start_server();
@@ -52,23 +46,19 @@ TEST(AudioServer, MakesTheVirtualOutputLoopsItBackAndRemovesItOnSigterm)
     EXPECT_NE(sinks.find("device.vendor.name = \"ORBVirtualAudio\""), std::string::npos) << sinks;
     std::string modules = pactl({"list", "modules", "short"});
     EXPECT_NE(modules.find("source=orbweave_virtual.monitor sink=" + default_sink), std::string::npos) << modules;
-    EXPECT_EQ(pactl({"get-default-sink"}), default_sink + "\n") << "the user's default output was changed";
+    EXPECT_EQ(pactl({"get-default-sink"}), default_sink) << "the user's default output was changed";
 
     // A second one finds the device and leaves everything as it is.
     {
         test::stderr_capture log;
         auto second = start_server();
-        auto status = second->wait_for(deadline);
-        ASSERT_TRUE(status);
-        EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+        EXPECT_EQ(test::how_it_ended(*second, deadline), "exited with code 0");
         EXPECT_EQ(log.count_lines_starting("orbweave-audio-server: the virtual output exists already"), 1);
         EXPECT_EQ(pactl({"list", "modules", "short"}), modules);
     }
 
     server->kill(SIGTERM);
-    auto status = server->wait_for(deadline);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(test::how_it_ended(*server, deadline), "exited with code 0");
     EXPECT_EQ(pactl({"list", "modules", "short"}), before_modules) << "something it loaded is left";
     EXPECT_EQ(pactl({"list", "sinks"}).find("Orbweave Virtual Audio Driver"), std::string::npos);
 
@@ -76,9 +66,7 @@ TEST(AudioServer, MakesTheVirtualOutputLoopsItBackAndRemovesItOnSigterm)
     ::setenv("PULSE_SERVER", ("unix:" + dir.file("nobody-listens")).c_str(), 1);
     test::stderr_capture log;
     auto lonely = start_server();
-    status = lonely->wait_for(deadline);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(test::how_it_ended(*lonely, deadline), "exited with code 0");
     EXPECT_EQ(log.count_lines_starting("orbweave-audio-server: no sound server answers"), 1);
     ::unsetenv("PULSE_SERVER");
 }

@@ -73,8 +73,7 @@ protected:
     test::temp_dir state;
     std::shared_ptr<activity_log> log = std::make_shared<activity_log>(state.file("orbweave/activity.jsonl"));
     test::client_harness app{service, false, [this](client_options& options) {
-                                 options.media.listing.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
-                                 options.media.stream.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+                                 test::use_fake_workers(options);
                                  options.activity = log;
                              }};
     std::atomic<bool> ask_user{false};

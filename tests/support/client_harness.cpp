@@ -16,6 +16,12 @@ client_options fast_client_options(const std::string& ca_file)
     return options;
 }
 
+void use_fake_workers(client_options& options)
+{
+    options.media.listing.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+    options.media.stream.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+}
+
 std::string ca_file_of(const sim::service_sim& sim)
 {
     static temp_dir dir("orbweave-ca");
@@ -27,7 +33,7 @@ std::string ca_file_of(const sim::service_sim& sim)
 
 client_harness::client_harness(sim::service_sim& sim, bool bare, std::function<void(client_options&)> tweak,
                                int port)
-    : ca_file_(ca_file_of(sim))
+    : sim_(sim), ca_file_(ca_file_of(sim))
 {
     client_options options = fast_client_options(ca_file_);
     if (tweak)
@@ -69,6 +75,19 @@ void client_harness::on_permission(orbweave_client::permission_callback answer)
 {
     std::lock_guard<std::mutex> lock(permission_mutex_);
     permission_answer_ = std::move(answer);
+}
+
+void client_harness::allow_all()
+{
+    on_permission([](callback::source_type::type, const std::string&, const std::string&, callback::request_type::type,
+                     const callback::request& request) { request.answer(true); });
+}
+
+bool client_harness::start_paired(std::chrono::milliseconds timeout)
+{
+    set_secret(sim_.issue_secret({"Ann", ""}));
+    start();
+    return wait_for_state(callback::state_type::connected, timeout);
 }
 
 client_harness::~client_harness()

@@ -19,6 +19,10 @@ namespace orbweave::test {
 /// Production timing scaled down so reconnection and keep-alive tests take milliseconds.
 client_options fast_client_options(const std::string& ca_file);
 
+/// Media workers that are the misbehaving stand-in (tests/support/fake_worker): one lists
+/// a few sources, and an activation's stream key says how its stream worker breaks.
+void use_fake_workers(client_options& options);
+
 /// A PEM file holding the CA that issued sim's certificate; it lasts as long as the program.
 std::string ca_file_of(const sim::service_sim& sim);
 
@@ -33,6 +37,9 @@ public:
 
     orbweave_client& client() { return *client_; }
     void start() { client_->start(); }
+    /// Starts already paired (with a secret the simulator issued to Ann) and waits for
+    /// "connected"; false at the deadline.
+    bool start_paired(std::chrono::milliseconds timeout);
 
     /// The next reported state equal to state; false at the deadline.
     bool wait_for_state(callback::state_type::type state, std::chrono::milliseconds timeout);
@@ -47,6 +54,8 @@ public:
 
     /// How permission requests are answered from now on (default: denied at once).
     void on_permission(orbweave_client::permission_callback answer);
+    /// Every permission request is granted at once from now on.
+    void allow_all();
     /// Permission requests seen so far: (source kind, request kind, name).
     struct permission_asked {
         callback::source_type::type kind;
@@ -62,6 +71,7 @@ public:
     const std::string& ca_file() const { return ca_file_; }
 
 private:
+    sim::service_sim& sim_;
     std::string ca_file_;
     std::unique_ptr<orbweave_client> client_;
     blocking_queue<callback::state_type::type> states_;

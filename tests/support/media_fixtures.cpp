@@ -332,6 +332,20 @@ pulse_server::pulse_server(const std::filesystem::path& directory) : runtime_pat
     start();
 }
 
+std::string pactl(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> argv{"pactl"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    int code = -1;
+    std::string error;
+    std::string output = run_program(argv, start_limit, &code, &error);
+    if (code != 0)
+        throw std::runtime_error("pactl " + arguments.front() + " failed: " + error);
+    while (!output.empty() && output.back() == '\n')
+        output.pop_back();
+    return output;
+}
+
 void pulse_server::start()
 {
     std::string socket = (runtime_path_ / "native").string();

@@ -118,6 +118,10 @@ private:
     std::unique_ptr<obs::child_process> process_;
 };
 
+/// pactl with arguments, against whatever PULSE_SERVER names: its output without the
+/// trailing newlines; throws std::runtime_error with what it said when it fails.
+std::string pactl(const std::vector<std::string>& arguments);
+
 /// Everything a media test needs, started once per test program, with DISPLAY,
 /// PULSE_SERVER, PULSE_RUNTIME_PATH and XDG_CACHE_HOME exported to this process and
 /// every worker it starts.

@@ -54,6 +54,12 @@ bool process_gone(int pid)
            errno == ESRCH;
 }
 
+std::string how_it_ended(obs::child_process& program, std::chrono::milliseconds timeout)
+{
+    auto status = program.wait_for(timeout);
+    return status ? obs::child_process::describe(*status) : "still running";
+}
+
 long status_field(int pid, const std::string& name)
 {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");

@@ -3,6 +3,9 @@
 // This process's children as /proc shows them, for checks that nothing is left behind,
 // and what a process costs, for the benchmarks.
 
+#include "core/obs/child_process.hpp"
+
+#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +18,9 @@ std::vector<int> children_running(int parent, const std::vector<std::string>& wo
 std::vector<int> child_pids();
 /// Whether pid has ended and been reaped: neither our child any more nor a process at all.
 bool process_gone(int pid);
+/// How program ended, as child_process::describe says it ("exited with code 0"), waiting
+/// up to timeout; "still running" when it has not ended by then.
+std::string how_it_ended(obs::child_process& program, std::chrono::milliseconds timeout);
 /// A number from /proc/PID/status ("VmRSS" in KiB, "Threads"); -1 when it cannot be read.
 long status_field(int pid, const std::string& name);
 /// The processor time (user + system, in seconds) in a /proc stat file: a process's

@@ -7,6 +7,7 @@
 #include "tests/support/blocking_queue.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
@@ -88,9 +89,7 @@ TEST(ServiceSimProgram, ServesWithAGeneratedCaTakesConsoleCommandsAndOutlivesStd
     client->join();
 
     program.kill(SIGTERM);
-    auto status = program.wait_for(deadline);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(obs::child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
     while (output.next(0ms)) {
     }
     for (const auto& line : output.lines())

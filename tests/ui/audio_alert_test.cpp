@@ -35,15 +35,7 @@ using test::pump_until;
 constexpr auto deadline = 10s;
 const QString not_set = "Audio Output (Not set!)";
 
-void pactl(const std::vector<std::string>& arguments)
-{
-    std::vector<std::string> argv{"pactl"};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    int status = -1;
-    std::string errors;
-    test::run_program(argv, deadline, &status, &errors);
-    ASSERT_EQ(status, 0) << errors;
-}
+using test::pactl;
 
 /// A menu, its alert and a watcher on whatever PULSE_SERVER names, with no sound
 /// settings tool on PATH but the stand-in a test may write into `tools`.

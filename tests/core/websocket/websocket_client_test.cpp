@@ -114,15 +114,6 @@ std::optional<std::string> next_frame(service_peer& peer)
     return frame ? std::optional<std::string>(frame->text) : std::nullopt;
 }
 
-TEST(TransportTls, HandshakeSucceedsWithTheTrustedCa)
-{
-    service_peer peer;
-    transport link(trusting(peer));
-    link.start(peer.url());
-    EXPECT_EQ(link.next("open"), Json({{"id", "open"}}));
-    EXPECT_TRUE(peer.wait_for_connection(deadline));
-}
-
 TEST(TransportTls, UntrustedCertificateFailsWithNothingSent)
 {
     for (bool untrusted_certificate : {true, false}) {
