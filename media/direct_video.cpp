@@ -7,6 +7,7 @@
 #include <media-io/video-io.h>
 #include <media-io/video-scaler.h>
 #include <util/platform.h>
+#include <util/threading.h>
 
 #include <algorithm>
 #include <atomic>
@@ -23,10 +24,6 @@ namespace {
 
 constexpr std::uint64_t frame_interval_ns = 1'000'000'000 / stream_fps;
 
-// Rows converted together when only part of a picture changed: even, as NV12's colour
-// rows cover two, and small enough that a ticking clock converts a sliver of the screen.
-constexpr int band_rows = 16;
-
 std::atomic<long long> late_frames{0};
 
 video_scale_info scale_info(video_format format, int width, int height, video_range_type range)
@@ -38,6 +35,26 @@ video_scale_info scale_info(video_format format, int width, int height, video_ra
     info.range = range;
     info.colorspace = VIDEO_CS_DEFAULT;
     return info;
+}
+
+/// A scaler from width x height pixels in format to NV12 of the same size, with the
+/// fastest filter: at the capture's own size it only halves the colour, within a pair
+/// of rows, where every filter gives the same. Null when libobs cannot make one.
+video_scaler_t* same_size_scaler(video_format format, int width, int height)
+{
+    video_scale_info from = scale_info(format, width, height, VIDEO_RANGE_FULL);
+    video_scale_info to = scale_info(VIDEO_FORMAT_NV12, width, height, VIDEO_RANGE_DEFAULT);
+    video_scaler_t* scaler = nullptr;
+    if (video_scaler_create(&scaler, &to, &from, VIDEO_SCALE_FAST_BILINEAR) != VIDEO_SCALER_SUCCESS)
+        return nullptr;
+    return scaler;
+}
+
+void destroy(video_scaler_t*& scaler)
+{
+    if (scaler)
+        video_scaler_destroy(scaler);
+    scaler = nullptr;
 }
 
 } // namespace
@@ -78,17 +95,17 @@ placement place_in(int width, int height, std::pair<int, int> frame)
 }
 
 fitted_picture::fitted_picture(std::pair<int, int> frame)
-    : frame_(frame), planes_(static_cast<std::size_t>(frame.first) * frame.second * 3 / 2)
+    : frame_(frame), planes_(static_cast<std::size_t>(frame.first) * frame.second * 3 / 2),
+      versions_(static_cast<std::size_t>((frame.second + stripe_rows - 1) / stripe_rows), 0)
 {
     clear();
 }
 
 fitted_picture::~fitted_picture()
 {
-    if (scaler_)
-        video_scaler_destroy(scaler_);
-    if (band_scaler_)
-        video_scaler_destroy(band_scaler_);
+    destroy(scaler_);
+    destroy(stripe_scaler_);
+    destroy(last_stripe_scaler_);
 }
 
 void fitted_picture::clear()
@@ -97,6 +114,16 @@ void fitted_picture::clear()
     std::size_t luma_bytes = static_cast<std::size_t>(frame_.first) * frame_.second;
     std::memset(planes_.data(), 16, luma_bytes);
     std::memset(planes_.data() + luma_bytes, 128, planes_.size() - luma_bytes);
+    changed(0, frame_.second);
+}
+
+void fitted_picture::changed(int top, int bottom)
+{
+    ++version_;
+    top = std::max(0, top);
+    bottom = std::min(frame_.second, bottom);
+    for (int stripe = top / stripe_rows; stripe * stripe_rows < bottom; ++stripe)
+        versions_[static_cast<std::size_t>(stripe)] = version_;
 }
 
 bool fitted_picture::fit(int width, int height, pixels layout)
@@ -107,29 +134,37 @@ bool fitted_picture::fit(int width, int height, pixels layout)
         return false;
     placement place = place_in(width, height, frame_);
     video_format format = layout == pixels::bgrx ? VIDEO_FORMAT_BGRX : VIDEO_FORMAT_RGBA;
-    video_scale_info from = scale_info(format, width, height, VIDEO_RANGE_FULL);
-    video_scale_info to = scale_info(VIDEO_FORMAT_NV12, place.width, place.height, VIDEO_RANGE_DEFAULT);
-    // Bicubic where the picture is scaled; at the capture's own size the filter only
-    // halves the chroma, where the fastest one is as good.
-    bool scaled = from.width != to.width || from.height != to.height;
+    bool scaled = place.width != width || place.height != height;
     video_scaler_t* scaler = nullptr;
-    if (video_scaler_create(&scaler, &to, &from, scaled ? VIDEO_SCALE_BICUBIC : VIDEO_SCALE_FAST_BILINEAR) !=
-        VIDEO_SCALER_SUCCESS)
-        return false;
-    video_scaler_t* band = nullptr;
-    if (!scaled && height >= band_rows) {
-        video_scale_info band_from = scale_info(format, width, band_rows, VIDEO_RANGE_FULL);
-        video_scale_info band_to = scale_info(VIDEO_FORMAT_NV12, width, band_rows, VIDEO_RANGE_DEFAULT);
-        if (video_scaler_create(&band, &band_to, &band_from, VIDEO_SCALE_FAST_BILINEAR) != VIDEO_SCALER_SUCCESS)
-            band = nullptr;
+    video_scaler_t* stripe = nullptr;
+    video_scaler_t* last_stripe = nullptr;
+    if (scaled) {
+        video_scale_info from = scale_info(format, width, height, VIDEO_RANGE_FULL);
+        video_scale_info to = scale_info(VIDEO_FORMAT_NV12, place.width, place.height, VIDEO_RANGE_DEFAULT);
+        if (video_scaler_create(&scaler, &to, &from, VIDEO_SCALE_BICUBIC) != VIDEO_SCALER_SUCCESS)
+            return false;
+    } else {
+        scaler = same_size_scaler(format, width, height);
+        if (!scaler)
+            return false;
+        // A stripe converts alone to what it is in the whole picture: colour is halved
+        // within pairs of rows, and stripes start on even rows.
+        if (height > stripe_rows) {
+            stripe = same_size_scaler(format, width, stripe_rows);
+            if (int rest = height % stripe_rows; stripe && rest > 0)
+                last_stripe = same_size_scaler(format, width, rest);
+            if (!stripe || (height % stripe_rows > 0 && !last_stripe)) {
+                destroy(stripe);
+                destroy(last_stripe);
+            }
+        }
     }
-    if (scaler_)
-        video_scaler_destroy(scaler_);
-    if (band_scaler_)
-        video_scaler_destroy(band_scaler_);
+    destroy(scaler_);
+    destroy(stripe_scaler_);
+    destroy(last_stripe_scaler_);
     scaler_ = scaler;
-    band_scaler_ = band;
-    band_height_ = band ? band_rows : 0;
+    stripe_scaler_ = stripe;
+    last_stripe_scaler_ = last_stripe;
     width_ = width;
     height_ = height;
     layout_ = layout;
@@ -139,19 +174,26 @@ bool fitted_picture::fit(int width, int height, pixels layout)
     return true;
 }
 
-void fitted_picture::draw(const std::uint8_t* pixels, std::uint32_t stride)
+void fitted_picture::convert(video_scaler_t* scaler, const std::uint8_t* pixels, std::uint32_t stride, int row)
 {
-    if (!scaler_)
-        return;
     std::uint8_t* luma = planes_.data();
     std::uint8_t* chroma = luma + static_cast<std::size_t>(frame_.first) * frame_.second;
-    std::uint8_t* planes[MAX_AV_PLANES] = {luma + static_cast<std::size_t>(place_.y) * frame_.first + place_.x,
-                                           chroma + static_cast<std::size_t>(place_.y / 2) * frame_.first + place_.x};
+    int y = place_.y + row;
+    std::uint8_t* planes[MAX_AV_PLANES] = {luma + static_cast<std::size_t>(y) * frame_.first + place_.x,
+                                           chroma + static_cast<std::size_t>(y / 2) * frame_.first + place_.x};
     const std::uint32_t lines_out[MAX_AV_PLANES] = {static_cast<std::uint32_t>(frame_.first),
                                                     static_cast<std::uint32_t>(frame_.first)};
     const std::uint8_t* input[MAX_AV_PLANES] = {pixels};
     const std::uint32_t lines_in[MAX_AV_PLANES] = {stride};
-    video_scaler_scale(scaler_, planes, lines_out, input, lines_in);
+    video_scaler_scale(scaler, planes, lines_out, input, lines_in);
+}
+
+void fitted_picture::draw(const std::uint8_t* pixels, std::uint32_t stride)
+{
+    if (!scaler_)
+        return;
+    convert(scaler_, pixels, stride, 0);
+    changed(place_.y, place_.y + place_.height);
 }
 
 void fitted_picture::draw_rows(const std::uint8_t* pixels, std::uint32_t stride, int top, int bottom)
@@ -160,32 +202,45 @@ void fitted_picture::draw_rows(const std::uint8_t* pixels, std::uint32_t stride,
     bottom = std::min(height_, bottom);
     if (top >= bottom)
         return;
-    int first = top / band_rows * band_rows;
-    int last = (bottom + band_rows - 1) / band_rows * band_rows;
-    // Bands only where the picture is not scaled, and never past its last whole band.
-    if (!band_scaler_ || last > height_ || (last - first) * 2 > height_) {
+    if (!stripe_scaler_) {
         draw(pixels, stride);
         return;
     }
-    std::uint8_t* luma = planes_.data();
-    std::uint8_t* chroma = luma + static_cast<std::size_t>(frame_.first) * frame_.second;
-    const std::uint32_t lines_out[MAX_AV_PLANES] = {static_cast<std::uint32_t>(frame_.first),
-                                                    static_cast<std::uint32_t>(frame_.first)};
-    const std::uint32_t lines_in[MAX_AV_PLANES] = {stride};
-    for (int row = first; row < last; row += band_rows) {
-        int y = place_.y + row;
-        std::uint8_t* planes[MAX_AV_PLANES] = {luma + static_cast<std::size_t>(y) * frame_.first + place_.x,
-                                               chroma + static_cast<std::size_t>(y / 2) * frame_.first + place_.x};
-        const std::uint8_t* input[MAX_AV_PLANES] = {pixels + static_cast<std::size_t>(row) * stride};
-        video_scaler_scale(band_scaler_, planes, lines_out, input, lines_in);
+    for (int row = top / stripe_rows * stripe_rows; row < bottom; row += stripe_rows) {
+        int rows = std::min(stripe_rows, height_ - row);
+        convert(rows == stripe_rows ? stripe_scaler_ : last_stripe_scaler_,
+                pixels + static_cast<std::size_t>(row) * stride, stride, row);
+        changed(place_.y + row, place_.y + row + rows);
     }
 }
 
-paced_video::paced_video(const char* name, fitted_picture& picture, std::function<void()> refresh)
-    : picture_(picture), refresh_(std::move(refresh))
+void fitted_picture::copy_to(const video_frame& frame)
+{
+    std::vector<std::uint64_t>& held = held_[frame.data[0]];
+    if (held.size() != versions_.size())
+        held.assign(versions_.size(), 0);
+    const std::size_t width = static_cast<std::size_t>(frame_.first);
+    for (std::size_t stripe = 0; stripe < versions_.size(); ++stripe) {
+        if (held[stripe] == versions_[stripe])
+            continue;
+        int top = static_cast<int>(stripe) * stripe_rows;
+        int bottom = std::min(frame_.second, top + stripe_rows);
+        for (int row = top; row < bottom; ++row)
+            std::memcpy(frame.data[0] + static_cast<std::size_t>(row) * frame.linesize[0], luma() + row * width,
+                        width);
+        for (int row = top / 2; row < bottom / 2; ++row)
+            std::memcpy(frame.data[1] + static_cast<std::size_t>(row) * frame.linesize[1], chroma() + row * width,
+                        width);
+        held[stripe] = versions_[stripe];
+    }
+}
+
+paced_video::paced_video(const std::string& name, fitted_picture& picture, std::function<void()> refresh)
+    : name_(name), picture_(picture), refresh_(std::move(refresh))
 {
     video_output_info info{};
-    info.name = name;
+    // libobs keeps the name's pointer, not a copy.
+    info.name = name_.c_str();
     info.format = VIDEO_FORMAT_NV12;
     info.fps_num = stream_fps;
     info.fps_den = 1;
@@ -196,7 +251,10 @@ paced_video::paced_video(const char* name, fitted_picture& picture, std::functio
     info.cache_size = 6;
     if (video_output_open(&video_, &info) != VIDEO_OUTPUT_SUCCESS)
         throw std::runtime_error("cannot open a video output for the capture");
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] {
+        os_set_thread_name(name_.c_str());
+        run();
+    });
 }
 
 paced_video::~paced_video()
@@ -212,7 +270,6 @@ paced_video::~paced_video()
 
 void paced_video::run()
 {
-    auto [width, height] = picture_.frame();
     std::uint64_t due = os_gettime_ns();
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopping_) {
@@ -224,14 +281,7 @@ void paced_video::run()
             count += static_cast<int>((now - due) / frame_interval_ns);
         video_frame frame{};
         if (video_output_lock_frame(video_, &frame, count, due)) {
-            // The output's frames are a ring of older pictures: each gets the whole picture.
-            for (int row = 0; row < height; ++row)
-                std::memcpy(frame.data[0] + static_cast<std::size_t>(row) * frame.linesize[0],
-                            picture_.luma() + static_cast<std::size_t>(row) * width, static_cast<std::size_t>(width));
-            for (int row = 0; row < height / 2; ++row)
-                std::memcpy(frame.data[1] + static_cast<std::size_t>(row) * frame.linesize[1],
-                            picture_.chroma() + static_cast<std::size_t>(row) * width,
-                            static_cast<std::size_t>(width));
+            picture_.copy_to(frame);
             video_output_unlock_frame(video_);
         }
         late_frames += count - 1;

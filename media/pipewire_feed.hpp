@@ -45,7 +45,7 @@ private:
     pipewire_capture capture_;
     std::unique_ptr<fitted_picture> picture_;
     std::unique_ptr<paced_video> paced_;
-    // Frames converted whole and in bands, for the log when the feed stops.
+    // Frames converted whole, in stripes and not at all, for the log when the feed stops.
     long long whole_ = 0, partial_ = 0, kept_ = 0;
 };
 

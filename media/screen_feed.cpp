@@ -1,19 +1,7 @@
 #include "media/screen_feed.hpp"
 
 #include "core/log.hpp"
-#include "media/direct_video.hpp"
-#include "media/encoders.hpp"
-#include "media/runtime.hpp"
-#include "media/unique_handle.hpp"
-#include "media/x11_screens.hpp"
 #include "media/xcb_reply.hpp"
-
-#include <obs.h>
-#include <media-io/video-frame.h>
-#include <media-io/video-io.h>
-#include <media-io/video-scaler.h>
-#include <util/platform.h>
-#include <util/threading.h>
 
 #include <xcb/damage.h>
 #include <xcb/shm.h>
@@ -23,11 +11,8 @@
 #include <sys/shm.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cmath>
-#include <cstring>
-#include <map>
+#include <cstdint>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -36,21 +21,6 @@
 namespace orbweave::obs {
 
 namespace {
-
-constexpr std::uint64_t frame_interval_ns = 1'000'000'000 / stream_fps;
-
-std::atomic<long long> late_frames{0};
-
-video_scale_info scale_info(video_format format, std::pair<int, int> size, video_range_type range)
-{
-    video_scale_info info{};
-    info.format = format;
-    info.width = static_cast<std::uint32_t>(size.first);
-    info.height = static_cast<std::uint32_t>(size.second);
-    info.range = range;
-    info.colorspace = VIDEO_CS_DEFAULT;
-    return info;
-}
 
 /// Draws the pointer's image (premultiplied ARGB) over the grabbed picture (BGRX rows of
 /// stride bytes), as the canvas's screen capture does.
@@ -84,82 +54,6 @@ void draw_pointer(const std::uint32_t* pointer, int pointer_width, int pointer_h
 
 } // namespace
 
-long long screen_feed_late_frames()
-{
-    return late_frames.load() + direct_feed_late_frames();
-}
-
-/// The stream's current picture in NV12, kept between frames so that a frame with nothing
-/// changed is sent again without being grabbed or converted. It is made of stripes of
-/// rows, each with the number of the picture it last changed in; the video output's
-/// frames (a small ring of buffers) are brought up to date stripe by stripe, so a still
-/// screen copies nothing and a ticking clock copies its own rows.
-class nv12_picture {
-public:
-    static constexpr int stripe_rows = 16;
-
-    explicit nv12_picture(std::pair<int, int> size)
-        : width_(size.first), height_(size.second),
-          luma_(static_cast<std::size_t>(width_) * height_, 16),
-          chroma_(static_cast<std::size_t>(width_) * (height_ / 2), 128),
-          versions_(static_cast<std::size_t>((height_ + stripe_rows - 1) / stripe_rows), 0)
-    {
-    }
-
-    std::uint8_t* luma(int row) { return luma_.data() + static_cast<std::size_t>(row) * width_; }
-    std::uint8_t* chroma(int row) { return chroma_.data() + static_cast<std::size_t>(row) * width_; }
-    std::uint32_t stride() const { return static_cast<std::uint32_t>(width_); }
-
-    /// Black everywhere (the bars around a fitted picture), all of it changed.
-    void clear()
-    {
-        std::fill(luma_.begin(), luma_.end(), 16);
-        std::fill(chroma_.begin(), chroma_.end(), 128);
-        changed(0, height_);
-    }
-
-    /// Rows [top, bottom) were written.
-    void changed(int top, int bottom)
-    {
-        ++version_;
-        top = std::max(0, top);
-        bottom = std::min(height_, bottom);
-        for (int stripe = top / stripe_rows; stripe * stripe_rows < bottom; ++stripe)
-            versions_[static_cast<std::size_t>(stripe)] = version_;
-    }
-
-    /// Brings one of the video output's frames up to date with the picture.
-    void copy_to(const video_frame& frame)
-    {
-        std::vector<std::uint64_t>& held = held_[frame.data[0]];
-        if (held.size() != versions_.size())
-            held.assign(versions_.size(), 0);
-        for (std::size_t stripe = 0; stripe < versions_.size(); ++stripe) {
-            if (held[stripe] == versions_[stripe])
-                continue;
-            int top = static_cast<int>(stripe) * stripe_rows;
-            int bottom = std::min(height_, top + stripe_rows);
-            for (int row = top; row < bottom; ++row)
-                std::memcpy(frame.data[0] + static_cast<std::size_t>(row) * frame.linesize[0], luma(row),
-                            static_cast<std::size_t>(width_));
-            for (int row = top / 2; row < bottom / 2; ++row)
-                std::memcpy(frame.data[1] + static_cast<std::size_t>(row) * frame.linesize[1], chroma(row),
-                            static_cast<std::size_t>(width_));
-            held[stripe] = versions_[stripe];
-        }
-    }
-
-private:
-    int width_;
-    int height_;
-    std::vector<std::uint8_t> luma_;
-    std::vector<std::uint8_t> chroma_;
-    std::vector<std::uint64_t> versions_;
-    std::uint64_t version_ = 0;
-    // What each of the output's frames holds, by its first plane's address.
-    std::map<const std::uint8_t*, std::vector<std::uint64_t>> held_;
-};
-
 /// The pointer as last seen: where its image's top left corner is on the screen's area,
 /// and the image (premultiplied ARGB).
 struct pointer_image {
@@ -178,9 +72,9 @@ struct pointer_image {
     bool operator!=(const pointer_image& other) const { return !(*this == other); }
 };
 
-/// The X side: the connection, the shared memory the screen's area is grabbed into, and
-/// the scaler that turns it into the stream's NV12 frames. Used by the feed's thread
-/// alone once made. Requests go through XCB, whose errors come back with their replies:
+/// The X side: the connection, and the shared memory the screen's area is grabbed into
+/// before it is converted into the stream's picture. Used by the pacing thread alone
+/// once made. Requests go through XCB, whose errors come back with their replies:
 /// a grab that fails while the screen changes is counted here, not reported by the
 /// process's X error handler once a frame.
 ///
@@ -189,23 +83,18 @@ struct pointer_image {
 /// changed and the pointer stayed, nothing is grabbed at all. Without the extension every
 /// frame is grabbed whole, as before.
 struct screen_feed::grabber {
-    static constexpr int stripe_rows = nv12_picture::stripe_rows;
+    // Grabbed in the picture's stripes, so a grabbed stripe converts alone.
+    static constexpr int stripe_rows = fitted_picture::stripe_rows;
 
     xcb_connection_t* xcb = nullptr;
     xcb_window_t root = 0;
     x11_screen area;
-    std::pair<int, int> frame;
-    placement place;
+    fitted_picture& picture;
     xcb_shm_seg_t segment = 0;
     int shmid = -1;
     std::uint8_t* pixels = nullptr;
     bool attached = false;
     bool pointer = false;
-    // The picture at the screen's own size: converted stripe by stripe.
-    bool unscaled = false;
-    video_scaler_t* scaler = nullptr;
-    video_scaler_t* last_stripe_scaler = nullptr;
-    nv12_picture picture;
     // Grabs failed since the last one that worked.
     long failed = 0;
 
@@ -226,7 +115,7 @@ struct screen_feed::grabber {
     int cursor_yhot = 0;
     bool cursor_changed = true;
 
-    grabber(const x11_screen& screen, std::pair<int, int> frame_size) : frame(frame_size), picture(frame_size)
+    grabber(const x11_screen& screen, fitted_picture& into) : picture(into)
     {
         xcb = xcb_connect(nullptr, nullptr);
         if (xcb_connection_has_error(xcb)) {
@@ -265,8 +154,7 @@ struct screen_feed::grabber {
     grabber(const grabber&) = delete;
     grabber& operator=(const grabber&) = delete;
 
-    /// Shared memory for the screen's area where it is now, and the scaler that places it
-    /// in the frame.
+    /// Shared memory for the screen's area where it is now, and the picture fitted to it.
     void open(const x11_screen& screen)
     {
         area = screen;
@@ -296,26 +184,8 @@ struct screen_feed::grabber {
         }
         attached = true;
 
-        place = place_in(area.width, area.height, frame);
-        unscaled = place.width == area.width && place.height == area.height;
-        video_scale_info from = scale_info(VIDEO_FORMAT_BGRX, {area.width, area.height}, VIDEO_RANGE_FULL);
-        video_scale_info to = scale_info(VIDEO_FORMAT_NV12, {place.width, place.height}, VIDEO_RANGE_DEFAULT);
-        if (unscaled) {
-            // At the screen's own size the filter only halves the chroma, within a pair of
-            // rows: a stripe converts alone to what it is in the whole picture, and the
-            // fastest filter is as good as any.
-            from.height = to.height = static_cast<std::uint32_t>(std::min(stripe_rows, area.height));
-            if (video_scaler_create(&scaler, &to, &from, VIDEO_SCALE_FAST_BILINEAR) != VIDEO_SCALER_SUCCESS)
-                throw std::runtime_error("cannot make the scaler for the screen");
-            if (int rest = area.height % stripe_rows; rest > 0 && area.height > stripe_rows) {
-                from.height = to.height = static_cast<std::uint32_t>(rest);
-                if (video_scaler_create(&last_stripe_scaler, &to, &from, VIDEO_SCALE_FAST_BILINEAR) !=
-                    VIDEO_SCALER_SUCCESS)
-                    throw std::runtime_error("cannot make the scaler for the screen");
-            }
-        } else if (video_scaler_create(&scaler, &to, &from, VIDEO_SCALE_BICUBIC) != VIDEO_SCALER_SUCCESS) {
+        if (!picture.fit(area.width, area.height, fitted_picture::pixels::bgrx))
             throw std::runtime_error("cannot make the scaler for the screen");
-        }
 
         if (damage_extension) {
             damage = xcb_generate_id(xcb);
@@ -348,15 +218,10 @@ struct screen_feed::grabber {
         damaged = true;
         cursor_changed = true;
         drawn = {};
-        picture.clear();
     }
 
     void close()
     {
-        if (scaler)
-            video_scaler_destroy(scaler);
-        if (last_stripe_scaler)
-            video_scaler_destroy(last_stripe_scaler);
         if (damage)
             xcb_damage_destroy(xcb, damage);
         if (region)
@@ -365,8 +230,6 @@ struct screen_feed::grabber {
             xcb_shm_detach(xcb, segment);
         if (pixels)
             shmdt(pixels);
-        scaler = nullptr;
-        last_stripe_scaler = nullptr;
         damage = 0;
         region = 0;
         attached = false;
@@ -385,14 +248,15 @@ struct screen_feed::grabber {
             log::line(std::string("media: cannot follow the screen: ") + failure.what());
             return false;
         }
-        if (place.fills(frame))
-            log::line("media: the screen fills the stream's " + std::to_string(frame.first) + "x" +
-                      std::to_string(frame.second) + " frame");
+        const placement& place = picture.place();
+        auto [width, height] = picture.frame();
+        if (place.fills(picture.frame()))
+            log::line("media: the screen fills the stream's " + std::to_string(width) + "x" +
+                      std::to_string(height) + " frame");
         else
             log::line("media: the screen is shown at " + std::to_string(place.width) + "x" +
                       std::to_string(place.height) + " in the middle of the stream's " +
-                      std::to_string(frame.first) + "x" + std::to_string(frame.second) +
-                      " frame, its aspect kept");
+                      std::to_string(width) + "x" + std::to_string(height) + " frame, its aspect kept");
         return true;
     }
 
@@ -577,126 +441,71 @@ struct screen_feed::grabber {
         std::fill(dirty.begin(), dirty.end(), false);
     }
 
-    /// The grabbed stripes into the picture: each alone at the screen's own size, the
-    /// whole picture again when it is scaled.
+    /// The grabbed stripes into the picture: each run of them alone at the screen's own
+    /// size, the whole picture again when it is scaled.
     void convert_marked()
     {
-        const std::uint32_t input_stride = static_cast<std::uint32_t>(area.width * 4);
-        const std::uint32_t strides[] = {picture.stride(), picture.stride()};
-        if (!unscaled) {
-            std::uint8_t* planes[MAX_AV_PLANES] = {picture.luma(place.y) + place.x,
-                                                   picture.chroma(place.y / 2) + place.x};
-            const std::uint8_t* input[] = {pixels};
-            video_scaler_scale(scaler, planes, strides, input, &input_stride);
-            picture.changed(place.y, place.y + place.height);
+        const std::uint32_t stride = static_cast<std::uint32_t>(area.width * 4);
+        if (!picture.in_stripes()) {
+            picture.draw(pixels, stride);
             return;
         }
-        for (std::size_t stripe = 0; stripe < dirty.size(); ++stripe) {
-            if (!dirty[stripe])
+        for (std::size_t stripe = 0; stripe < dirty.size();) {
+            if (!dirty[stripe]) {
+                ++stripe;
                 continue;
-            int top = static_cast<int>(stripe) * stripe_rows;
-            int rows = std::min(stripe_rows, area.height - top);
-            video_scaler_t* stripe_scaler = rows == stripe_rows || !last_stripe_scaler ? scaler : last_stripe_scaler;
-            std::uint8_t* planes[MAX_AV_PLANES] = {picture.luma(place.y + top) + place.x,
-                                                   picture.chroma((place.y + top) / 2) + place.x};
-            const std::uint8_t* input[] = {pixels + static_cast<std::size_t>(top) * input_stride};
-            video_scaler_scale(stripe_scaler, planes, strides, input, &input_stride);
-            picture.changed(place.y + top, place.y + top + rows);
+            }
+            std::size_t end = stripe;
+            while (end < dirty.size() && dirty[end])
+                ++end;
+            picture.draw_rows(pixels, stride, static_cast<int>(stripe) * stripe_rows,
+                              static_cast<int>(end) * stripe_rows);
+            stripe = end;
         }
     }
 };
 
 screen_feed::screen_feed(const screen_entry& screen, std::pair<int, int> frame, ended_handler on_ended)
-    : on_ended_(std::move(on_ended))
+    : ended_(std::move(on_ended)), picture_(frame)
 {
-    // Told on the watch's thread; the feed's own thread moves the grab at its next frame.
+    // Told on the watch's thread; the pacing thread moves the grab at its next frame.
     watch_ = std::make_unique<x11_screen_watch>(
         screen.index,
         [this](const x11_screen& now) {
             std::lock_guard<std::mutex> lock(mutex_);
             moved_ = now;
         },
-        [this](const std::string& reason) { end(reason); });
-    grabber_ = std::make_unique<grabber>(watch_->initial(), frame);
-    video_output_info info{};
-    info.name = "screen feed";
-    info.format = VIDEO_FORMAT_NV12;
-    info.fps_num = stream_fps;
-    info.fps_den = 1;
-    info.width = static_cast<std::uint32_t>(frame.first);
-    info.height = static_cast<std::uint32_t>(frame.second);
-    info.range = VIDEO_RANGE_DEFAULT;
-    info.colorspace = VIDEO_CS_DEFAULT;
-    info.cache_size = 6;
-    if (video_output_open(&video_, &info) != VIDEO_OUTPUT_SUCCESS)
-        throw std::runtime_error("cannot open the screen's video output");
-    thread_ = std::thread([this] {
-        // Named, so a profile tells the grab from the encoder's threads.
-        os_set_thread_name("screen feed");
-        run();
-    });
+        [this](const std::string& reason) { ended_.end(reason); });
+    grabber_ = std::make_unique<grabber>(watch_->initial(), picture_);
+    paced_ = std::make_unique<paced_video>("screen feed", picture_, [this] { refresh(); });
 }
 
 screen_feed::~screen_feed()
 {
-    // No more news of the screen once stopping.
+    // No more news of the screen once stopping, then no more frames.
     watch_.reset();
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-    }
-    wake_.notify_all();
-    thread_.join();
-    video_output_close(video_);
-}
-
-void screen_feed::end(const std::string& reason)
-{
-    if (on_ended_)
-        on_ended_(reason);
+    paced_.reset();
 }
 
 video_t* screen_feed::video() const
 {
-    return video_;
+    return paced_->video();
 }
 
-void screen_feed::run()
+void screen_feed::refresh()
 {
-    std::uint64_t due = os_gettime_ns();
-    bool grabbing = true;
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (!stopping_) {
-        std::optional<x11_screen> moved = std::exchange(moved_, std::nullopt);
-        lock.unlock();
-        if (moved && grabbing && !grabber_->move_to(*moved)) {
-            grabbing = false;
-            end("screen " + std::to_string(moved->index + 1) + " cannot be grabbed at " + describe(*moved));
-        }
-        if (grabbing) {
-            grabber_->refresh();
-            // A grab later than the next frame's time sends this picture for the frames
-            // missed, so the stream keeps its rate and its timestamps their grid.
-            std::uint64_t now = os_gettime_ns();
-            int count = 1;
-            if (now > due + frame_interval_ns)
-                count += static_cast<int>((now - due) / frame_interval_ns);
-            video_frame frame{};
-            if (video_output_lock_frame(video_, &frame, count, due)) {
-                grabber_->picture.copy_to(frame);
-                video_output_unlock_frame(video_);
-            }
-            late_frames += count - 1;
-            due += frame_interval_ns * static_cast<std::uint64_t>(count);
-        } else {
-            due += frame_interval_ns;
-        }
-        lock.lock();
-        // Pacing, not synchronisation: the next frame is due then, and a stop wakes us.
-        std::uint64_t now = os_gettime_ns();
-        auto wait = std::chrono::nanoseconds(due > now ? due - now : 0);
-        wake_.wait_for(lock, wait, [this] { return stopping_; });
+    std::optional<x11_screen> moved;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        moved = std::exchange(moved_, std::nullopt);
     }
+    if (moved && grabbing_ && !grabber_->move_to(*moved)) {
+        // The last picture is sent until the stream has ended.
+        grabbing_ = false;
+        ended_.end("screen " + std::to_string(moved->index + 1) + " cannot be grabbed at " + describe(*moved));
+    }
+    if (grabbing_)
+        grabber_->refresh();
 }
 
 } // namespace orbweave::obs

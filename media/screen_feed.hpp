@@ -5,32 +5,31 @@
 // GPU), showing the screen on the canvas, converting it by shader and reading it back
 // costs about 0.6 of a core per 720p30 stream; grabbing the screen through shared
 // memory and converting it with libobs's scaler costs under 0.1 (bench_libobs_floor).
-// The feed is a libobs video output of its own that the encoder takes instead of the
-// canvas; sound still goes through libobs's mixer as for every stream.
+// The feed is a libobs video output of its own (media/direct_video's paced_video) that
+// the encoder takes instead of the canvas; sound still goes through libobs's mixer as
+// for every stream.
 
+#include "core/end_notice.hpp"
 #include "core/obs/capture_route.hpp"
 #include "core/obs/entries.hpp"
+#include "media/direct_video.hpp"
 #include "media/x11_screens.hpp"
 
-#include <atomic>
-#include <condition_variable>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
-
-struct video_output;
-typedef struct video_output video_t;
 
 namespace orbweave::obs {
 
-/// Frames the feeds of this process sent again because a grab came later than the next
-/// frame's time (the canvas's "lagged" frames, for a screen fed past it).
-long long screen_feed_late_frames();
+/// The late frames of every feed past the canvas in this process (direct_feed_late_frames),
+/// by the name the stream's health report reads them with.
+inline long long screen_feed_late_frames()
+{
+    return direct_feed_late_frames();
+}
 
 class screen_feed {
 public:
@@ -53,19 +52,19 @@ public:
 private:
     struct grabber;
 
-    void run();
-    void end(const std::string& reason);
+    /// On the pacing thread, at each frame's time.
+    void refresh();
 
-    ended_handler on_ended_;
+    // The screen's end: it went away (told by the watch) or cannot be grabbed where it went.
+    end_notice ended_;
+    fitted_picture picture_;
     std::unique_ptr<grabber> grabber_;
-    video_t* video_ = nullptr;
+    // Where the screen went, for the pacing thread to follow.
     std::mutex mutex_;
-    std::condition_variable wake_;
-    bool stopping_ = false;
-    // Where the screen went, for the feed's thread to follow.
     std::optional<x11_screen> moved_;
+    bool grabbing_ = true;
     std::unique_ptr<x11_screen_watch> watch_;
-    std::thread thread_;
+    std::unique_ptr<paced_video> paced_;
 };
 
 } // namespace orbweave::obs

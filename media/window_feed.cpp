@@ -4,11 +4,14 @@
 #include "media/xcb_reply.hpp"
 
 #include <xcb/composite.h>
+#include <xcb/damage.h>
 #include <xcb/shm.h>
 #include <xcb/xcb.h>
+#include <xcb/xfixes.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
@@ -21,6 +24,10 @@ namespace orbweave::obs {
 /// gives the window a new one: a new size, mapped again) and the shared memory it is
 /// grabbed into. Requests go through XCB, whose errors come back with their replies: a
 /// window that goes between two requests is an answer here, not a process-wide X error.
+///
+/// The X server says which rows of the window changed (XDamage, its children's drawing
+/// included): only those are grabbed and converted, and a still window costs a request
+/// that answers "nothing" once a frame. Without the extension every frame is grabbed whole.
 struct window_feed::grabber {
     enum class news { none, resized, gone };
 
@@ -33,6 +40,13 @@ struct window_feed::grabber {
     std::size_t capacity = 0;
     // Grabs failed since the last one that worked.
     long failed = 0;
+
+    // What changed, from the X server; rows [changed_top, changed_bottom) to grab.
+    const xcb_query_extension_reply_t* damage_extension = nullptr;
+    xcb_damage_damage_t damage = 0;
+    xcb_xfixes_region_t region = 0;
+    bool damaged = true;
+    int changed_top = 0, changed_bottom = 0;
 
     explicit grabber(xcb_window_t id) : window(id)
     {
@@ -83,6 +97,7 @@ struct window_feed::grabber {
         // Its changes of size, and its end, come to this connection.
         const std::uint32_t events[] = {XCB_EVENT_MASK_STRUCTURE_NOTIFY};
         xcb_change_window_attributes(xcb, window, XCB_CW_EVENT_MASK, events);
+        watch_damage();
         // Kept off screen for us while this connection lasts; still shown by the server.
         if (xcb_generic_error_t* error = xcb_request_check(
                 xcb, xcb_composite_redirect_window_checked(xcb, window, XCB_COMPOSITE_REDIRECT_AUTOMATIC))) {
@@ -93,6 +108,86 @@ struct window_feed::grabber {
         // it is: the stream is black until then.
         if (!name_picture())
             log::line("media: the window is not shown; the stream stays black until it is");
+        all_changed();
+    }
+
+    /// One event when the window's damage becomes non-empty; what it covers is fetched
+    /// when the frame is made. Without XDamage (or XFixes, whose regions carry it) every
+    /// frame is grabbed whole: a missed change would freeze the picture.
+    void watch_damage()
+    {
+        const xcb_query_extension_reply_t* fixes = xcb_get_extension_data(xcb, &xcb_xfixes_id);
+        damage_extension = xcb_get_extension_data(xcb, &xcb_damage_id);
+        if (!fixes || !fixes->present || !damage_extension || !damage_extension->present) {
+            damage_extension = nullptr;
+            return;
+        }
+        // Both answer only clients that said which version they speak.
+        std::free(xcb_xfixes_query_version_reply(xcb, xcb_xfixes_query_version(xcb, 4, 0), nullptr));
+        std::free(xcb_damage_query_version_reply(xcb, xcb_damage_query_version(xcb, 1, 1), nullptr));
+        damage = xcb_generate_id(xcb);
+        region = xcb_generate_id(xcb);
+        auto made = xcb_damage_create_checked(xcb, damage, window, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
+        auto region_made = xcb_xfixes_create_region_checked(xcb, region, 0, nullptr);
+        xcb_generic_error_t* damage_error = xcb_request_check(xcb, made);
+        xcb_generic_error_t* region_error = xcb_request_check(xcb, region_made);
+        if (damage_error || region_error) {
+            if (!damage_error)
+                xcb_damage_destroy(xcb, damage);
+            if (!region_error)
+                xcb_xfixes_destroy_region(xcb, region);
+            damage = 0;
+            region = 0;
+            damage_extension = nullptr;
+        }
+        std::free(damage_error);
+        std::free(region_error);
+    }
+
+    /// The rows of the window that changed since it was last asked, all of them without
+    /// damage; none when nothing changed.
+    void take_damage()
+    {
+        if (!damage) {
+            changed_top = 0;
+            changed_bottom = height;
+            return;
+        }
+        if (!damaged)
+            return;
+        damaged = false;
+        // Taken before the grab: what is drawn after it is told again and grabbed next time.
+        xcb_damage_subtract(xcb, damage, XCB_NONE, region);
+        xcb_reply<xcb_xfixes_fetch_region_reply_t> parts{
+            xcb_xfixes_fetch_region_reply(xcb, xcb_xfixes_fetch_region(xcb, region), nullptr)};
+        if (!parts) {
+            changed_top = 0;
+            changed_bottom = height;
+            return;
+        }
+        const xcb_rectangle_t* rectangles = xcb_xfixes_fetch_region_rectangles(parts.reply);
+        int count = xcb_xfixes_fetch_region_rectangles_length(parts.reply);
+        for (int i = 0; i < count; ++i) {
+            // In the window's coordinates, its border outside them.
+            int top = std::max(0, static_cast<int>(rectangles[i].y));
+            int bottom = std::min(height, rectangles[i].y + static_cast<int>(rectangles[i].height));
+            if (top >= bottom)
+                continue;
+            if (changed_top >= changed_bottom) {
+                changed_top = top;
+                changed_bottom = bottom;
+            } else {
+                changed_top = std::min(changed_top, top);
+                changed_bottom = std::max(changed_bottom, bottom);
+            }
+        }
+    }
+
+    /// Everything is grabbed at the next frame.
+    void all_changed()
+    {
+        changed_top = 0;
+        changed_bottom = height;
     }
 
     /// Names the window's off-screen picture as it is now, with shared memory that holds
@@ -148,6 +243,12 @@ struct window_feed::grabber {
 
     void release()
     {
+        if (damage)
+            xcb_damage_destroy(xcb, damage);
+        if (region)
+            xcb_xfixes_destroy_region(xcb, region);
+        damage = 0;
+        region = 0;
         if (pixmap)
             xcb_free_pixmap(xcb, pixmap);
         pixmap = 0;
@@ -181,29 +282,43 @@ struct window_feed::grabber {
                     heard = news::gone;
                 break;
             default:
+                if (damage_extension && (event->response_type & 0x7f) ==
+                                            damage_extension->first_event + XCB_DAMAGE_NOTIFY)
+                    damaged = true;
                 break;
             }
             std::free(event);
         }
         if (xcb_connection_has_error(xcb))
             return news::gone;
-        if (renamed && heard != news::gone)
+        if (renamed && heard != news::gone) {
             name_picture();
+            all_changed();
+        }
         return heard;
     }
 
-    /// Grabs the window's picture into pixels; false (the last picture stays) when it
-    /// cannot. Failures are told once when they begin and once when they end.
+    /// Grabs the rows of the window's picture that changed into pixels (at their place
+    /// in it); false (the last picture stays) when nothing changed or it cannot. The rows
+    /// stay to grab after a failure. Failures are told once when they begin and once
+    /// when they end.
     bool grab()
     {
+        take_damage();
+        changed_top = std::max(0, changed_top);
+        changed_bottom = std::min(height, changed_bottom);
+        if (changed_top >= changed_bottom)
+            return false;
         xcb_generic_error_t* error = nullptr;
         bool grabbed = false;
         if (pixmap && pixels) {
             xcb_reply<xcb_shm_get_image_reply_t> image{xcb_shm_get_image_reply(
                 xcb,
-                xcb_shm_get_image(xcb, pixmap, static_cast<std::int16_t>(border), static_cast<std::int16_t>(border),
-                                  static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height), ~0u,
-                                  XCB_IMAGE_FORMAT_Z_PIXMAP, segment, 0),
+                xcb_shm_get_image(xcb, pixmap, static_cast<std::int16_t>(border),
+                                  static_cast<std::int16_t>(border + changed_top), static_cast<std::uint16_t>(width),
+                                  static_cast<std::uint16_t>(changed_bottom - changed_top), ~0u,
+                                  XCB_IMAGE_FORMAT_Z_PIXMAP, segment,
+                                  static_cast<std::uint32_t>(changed_top) * static_cast<std::uint32_t>(width) * 4),
                 &error)};
             grabbed = static_cast<bool>(image);
         }
@@ -218,6 +333,12 @@ struct window_feed::grabber {
             log::line("media: the window is grabbed again after " + std::to_string(failed) + " failed grabs");
         failed = 0;
         return true;
+    }
+
+    /// Marks the rows grabbed as taken; the next frame grabs only what changes after.
+    void taken()
+    {
+        changed_top = changed_bottom = 0;
     }
 };
 
@@ -262,8 +383,11 @@ void window_feed::refresh()
                   std::to_string(picture_.frame().second) + " frame");
     }
     // Drawn only with a scaler made for the window's size now.
-    if (picture_.fitted(grabber_->width, grabber_->height, fitted_picture::pixels::bgrx) && grabber_->grab())
-        picture_.draw(grabber_->pixels, static_cast<std::uint32_t>(grabber_->width) * 4);
+    if (picture_.fitted(grabber_->width, grabber_->height, fitted_picture::pixels::bgrx) && grabber_->grab()) {
+        picture_.draw_rows(grabber_->pixels, static_cast<std::uint32_t>(grabber_->width) * 4, grabber_->changed_top,
+                           grabber_->changed_bottom);
+        grabber_->taken();
+    }
 }
 
 } // namespace orbweave::obs

@@ -2,9 +2,10 @@
 
 // An X11 window fed to the video encoder without libobs's canvas, on a software
 // renderer: the window's own picture, which the X server keeps off screen for it
-// (XComposite), is grabbed through shared memory (MIT-SHM) at each frame, converted on
-// the CPU and handed to the encoder on the stream's frame grid as the X11 screen feed
-// does. Covered or partly off the screen, the window is still whole in its picture. A
+// (XComposite), is grabbed through shared memory (MIT-SHM) where the X server says it
+// changed (XDamage), converted on the CPU and handed to the encoder on the stream's frame
+// grid as the X11 screen feed does; a still window costs next to nothing. Covered or
+// partly off the screen, the window is still whole in its picture. A
 // window that changes its size is fitted into the stream's frame with its aspect kept;
 // a window that is closed ends the stream.
 

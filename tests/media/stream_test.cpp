@@ -928,9 +928,9 @@ public:
             throw std::runtime_error("cannot open the X display");
         Window root = DefaultRootWindow(x_);
         window_ = XCreateSimpleWindow(x_, root, 100, 100, 640, 400, 0, 0, 0xff0000);
-        Window right = XCreateSimpleWindow(x_, window_, 320, 0, 320, 400, 0, 0, 0x0000ff);
+        right_ = XCreateSimpleWindow(x_, window_, 320, 0, 320, 400, 0, 0, 0x0000ff);
         XStoreName(x_, window_, "Orbweave two colours");
-        XMapWindow(x_, right);
+        XMapWindow(x_, right_);
         XMapWindow(x_, window_);
         XSync(x_, False);
         bool shown = test::eventually(
@@ -951,6 +951,13 @@ public:
     two_colour_window& operator=(const two_colour_window&) = delete;
 
     window_entry entry() const { return window_entry("two-colours", "Orbweave two colours", static_cast<int>(window_)); }
+    /// Repaints the right half (the child window) in colour (0xRRGGBB).
+    void paint_right(unsigned long colour)
+    {
+        XSetWindowBackground(x_, right_, colour);
+        XClearWindow(x_, right_);
+        XSync(x_, False);
+    }
     void resize(int width, int height)
     {
         XResizeWindow(x_, window_, static_cast<unsigned>(width), static_cast<unsigned>(height));
@@ -967,10 +974,11 @@ public:
 private:
     Display* x_ = nullptr;
     Window window_ = 0;
+    Window right_ = 0;
 };
 
 // On a software renderer a window goes past the canvas: its own picture, grabbed from
-// the X server, arrives whole and in its colours, keeps the stream's size when the window
+// the X server, arrives whole and in its colours, follows what changes in it, keeps the stream's size when the window
 // is made narrower (fitted in, aspect kept, bars beside it), and closing the window ends
 // the stream.
 TEST_F(Streaming, AWindowPastTheCanvasKeepsItsColoursFollowsItsSizeAndEndsWithIt)
@@ -1013,6 +1021,10 @@ TEST_F(Streaming, AWindowPastTheCanvasKeepsItsColoursFollowsItsSizeAndEndsWithIt
     };
     // Red to the left edge, blue to the right one, the halves meeting in the middle.
     EXPECT_TRUE(shows({{1, red}, {29, red}, {35, blue}, {62, blue}}));
+    // Only what the X server says changed is grabbed again: a change drawn in a child
+    // window arrives, the still half stays.
+    window.paint_right(0x00ff00);
+    EXPECT_TRUE(shows({{1, red}, {29, red}, {35, green}, {62, green}}));
 
     // 320x400 in 640x400: the red half alone, in the middle, with bars of 160 pixels.
     window.resize(320, 400);
