@@ -1,10 +1,14 @@
 // A desktop portal's screen cast without a compositor: its PipeWire buffers read without
-// trusting them (hostile sizes, strides, offsets, metas), and RGBx frames turned into the
-// order libobs draws.
+// trusting them (hostile sizes, strides, offsets, metas), RGBx frames turned into the
+// order libobs draws, and a cast whose PipeWire stream cannot be reached reported as
+// such when its source is made.
 
+#include "media/capture_source.hpp"
+#include "media/catalogue.hpp"
 #include "media/pipewire_frames.hpp"
+#include "media/pipewire_source.hpp"
 
-
+#include <obs.h>
 #include <spa/buffer/buffer.h>
 #include <spa/buffer/meta.h>
 #include <spa/param/video/raw.h>
@@ -177,6 +181,20 @@ TEST(ScreenCastBuffers, RgbxFramesAreDrawnAsBgrxRowsPackedFromTheShownPart)
     std::vector<std::uint8_t> expected = {30, 29, 28, 31, 34, 33, 32, 35, 38, 37, 36, 39,
                                           54, 53, 52, 55, 58, 57, 56, 59, 62, 61, 60, 63};
     EXPECT_EQ(drawn, expected);
+}
+
+TEST(ScreenCastSource, ACastWhosePipeWireStreamCannotBeReachedIsNoSource)
+{
+    // libobs keeps a source whose create failed; it would wait for a size that never comes.
+    register_portal_source();
+    data_handle settings(obs_data_create());
+    obs_data_set_int(settings.get(), "fd", -1);
+    obs_data_set_int(settings.get(), "node", 42);
+    EXPECT_FALSE(create_source(portal_source_id, settings));
+
+    data_handle screen(obs_data_create());
+    obs_data_set_int(screen.get(), "screen", 0);
+    EXPECT_TRUE(create_source(capture_id::screen, screen)) << "a source that was made is one";
 }
 
 } // namespace
