@@ -25,11 +25,6 @@ using clock = std::chrono::steady_clock;
 // How often a source's size is read again while it has none.
 constexpr auto size_poll_interval = 1ms;
 
-source_handle create_source(const char* id, const data_handle& settings)
-{
-    return source_handle(obs_source_create(id, "source", settings.get(), nullptr));
-}
-
 source_handle create_screen_source(const screen_entry& entry)
 {
     data_handle settings(obs_data_create());
@@ -82,6 +77,16 @@ std::string another_screen(const portal_session::cast& cast, const screen_entry&
 
 } // namespace
 
+source_handle create_source(const char* id, const data_handle& settings)
+{
+    source_handle source(obs_source_create(id, "source", settings.get(), nullptr));
+    // libobs keeps a source whose type's create failed, as one without data that never
+    // gets a size.
+    if (source && !obs_obj_get_data(source.get()))
+        return {};
+    return source;
+}
+
 std::pair<int, int> wait_for_size(obs_source_t* source, clock::time_point deadline)
 {
     return wait_for_size(
@@ -117,10 +122,18 @@ capture_source::capture_source(capture_route route, const stream_limits& limits,
 
 capture_source::~capture_source()
 {
+    if (!source_ || !portal_)
+        return;
     // libobs holds the signal handler's lock while calling, so no callback outlasts this.
-    if (source_ && portal_)
-        signal_handler_disconnect(obs_source_get_signal_handler(source_.get()), portal_source_ended_signal,
-                                  &capture_source::on_capture_ended, this);
+    signal_handler_disconnect(obs_source_get_signal_handler(source_.get()), portal_source_ended_signal,
+                              &capture_source::on_capture_ended, this);
+    // libobs destroys sources on a queue of its own; the cast must close only after the
+    // source showing it is gone, or its capture takes the closing for the desktop ending
+    // the cast. A scene released before still holds the source until the queue destroys
+    // it: that first, then the source itself.
+    obs_wait_for_destroy_queue();
+    source_.reset();
+    obs_wait_for_destroy_queue();
 }
 
 bool capture_source::open(const source_entry& entry, const std::string& restore_token)
@@ -196,7 +209,7 @@ void capture_source::watch_screen(int index)
     }
 }
 
-bool capture_source::ready_for_canvas()
+bool capture_source::create_after_canvas()
 {
     if (window_) {
         source_ = create_window_source(*window_);
@@ -244,7 +257,7 @@ source_handle capture_source::open_portal(const screen_entry* screen, const std:
     obs_data_set_int(settings.get(), "node", cast.node);
     source_handle source = create_source(portal_source_id, settings);
     if (!source) {
-        error_ = "cannot show the screen cast's PipeWire stream";
+        error_ = "cannot connect to the screen cast's PipeWire stream";
         return {};
     }
     signal_handler_connect(obs_source_get_signal_handler(source.get()), portal_source_ended_signal,
@@ -264,7 +277,7 @@ bool capture_source::open_portal_feed(const screen_entry* screen, const std::str
         feed_ = std::make_unique<pipewire_feed>(cast.pipewire_fd, cast.node, on_ended_); // owns the fd from here
     } catch (const std::exception& failure) {
         log::line(std::string("media: ") + failure.what());
-        error_ = "cannot show the screen cast's PipeWire stream";
+        error_ = "cannot connect to the screen cast's PipeWire stream";
         return false;
     }
     return true;

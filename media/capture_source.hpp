@@ -34,9 +34,14 @@ std::pair<int, int> wait_for_size(obs_source_t* source, std::chrono::steady_cloc
 std::pair<int, int> wait_for_size(const std::function<std::pair<int, int>()>& read,
                                   std::chrono::steady_clock::time_point deadline);
 
+/// A libobs source of type id with settings; none when the type's create failed (libobs
+/// still returns an object then, one that never gets a size).
+source_handle create_source(const char* id, const data_handle& settings);
+
 /// Made in two steps around the canvas, which is made once at the stream's final size:
-/// open() makes the source and learns its size, ready_for_canvas() finishes it once the
-/// canvas has that size. Destroying it releases the source, then closes the cast.
+/// open() makes the source and learns its size, create_after_canvas() makes what needs
+/// the canvas once it has that size. Destroying it waits until libobs has destroyed the
+/// source, then closes the cast.
 class capture_source {
 public:
     /// Told why, once, on whichever thread noticed it, when the desktop ends the cast.
@@ -57,7 +62,7 @@ public:
     bool open(const source_entry& entry, const std::string& restore_token);
     /// With the canvas at the stream's size: makes an X11 window's source, or has a source
     /// made before the canvas set its capture up again. False with error() set.
-    bool ready_for_canvas();
+    bool create_after_canvas();
 
     obs_source_t* get() const { return source_.get(); }
     /// The screen cast's feed past the canvas, when made direct on the portal route.
@@ -67,7 +72,7 @@ public:
     source_handle hand_over() { return std::move(source_); }
     /// The size the source reported (or its window has); meaningless for audio.
     std::pair<int, int> size() const { return size_; }
-    /// Why open() or ready_for_canvas() failed: a short reason.
+    /// Why open() or create_after_canvas() failed: a short reason.
     const std::string& error() const { return error_; }
     /// open() failed because the user declined in the desktop's picker.
     bool rejected() const { return rejected_; }
@@ -94,7 +99,8 @@ private:
     std::chrono::milliseconds portal_start_;
     std::chrono::milliseconds source_size_;
     ended_handler on_ended_;
-    // Declared before the source: the cast is closed after the source showing it is gone.
+    // Declared before the source: the cast is closed after the source showing it is gone
+    // (the destructor waits for libobs to destroy it).
     std::unique_ptr<portal_session> portal_;
     source_handle source_;
     // Declared after the cast too: it disconnects from the cast before the cast is closed.

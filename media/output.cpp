@@ -138,7 +138,7 @@ bool output::prepare_capture(const pipe::stream_order& order, callback::source_t
                  std::to_string(frame_size_.second);
         return false;
     }
-    if (!capture_->ready_for_canvas()) {
+    if (!capture_->create_after_canvas()) {
         error_ = capture_->error();
         return false;
     }

@@ -1,5 +1,6 @@
 #include "media/pipewire_capture.hpp"
 
+#include "core/end_notice.hpp"
 #include "core/log.hpp"
 #include "media/c_boundary.hpp"
 #include "media/pipewire_params.h"
@@ -12,7 +13,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace orbweave::obs {
 
@@ -24,92 +29,13 @@ std::uint64_t pack(std::uint32_t width, std::uint32_t height)
     return static_cast<std::uint64_t>(width) << 32 | height;
 }
 
-bool supported(std::uint32_t video_format)
-{
-    return video_format == SPA_VIDEO_FORMAT_BGRx || video_format == SPA_VIDEO_FORMAT_BGRA ||
-           video_format == SPA_VIDEO_FORMAT_RGBx || video_format == SPA_VIDEO_FORMAT_RGBA;
-}
-
-/// Narrows the whole frame (at, area) to the producer's crop region, where the buffer
-/// carries one; false when the region lies wholly outside the frame.
-bool crop_region(const spa_buffer& buffer, spa_point& at, spa_rectangle& area)
-{
-    auto* crop = static_cast<spa_meta_region*>(
-        spa_buffer_find_meta_data(&buffer, SPA_META_VideoCrop, sizeof(spa_meta_region)));
-    if (!crop || !spa_meta_region_is_valid(crop))
-        return true;
-    const spa_region& region = crop->region;
-    std::int64_t left = std::max<std::int64_t>(region.position.x, 0);
-    std::int64_t top = std::max<std::int64_t>(region.position.y, 0);
-    std::int64_t right = std::min<std::int64_t>(std::int64_t{region.position.x} + region.size.width, area.width);
-    std::int64_t bottom = std::min<std::int64_t>(std::int64_t{region.position.y} + region.size.height, area.height);
-    if (left >= right || top >= bottom)
-        return false;
-    at = {static_cast<std::int32_t>(left), static_cast<std::int32_t>(top)};
-    area = {static_cast<std::uint32_t>(right - left), static_cast<std::uint32_t>(bottom - top)};
-    return true;
-}
-
 } // namespace
-
-frame_view view_frame(const spa_buffer& buffer, const spa_video_info_raw& format, bool& bad_crop)
-{
-    bad_crop = false;
-    auto* header = static_cast<spa_meta_header*>(
-        spa_buffer_find_meta_data(&buffer, SPA_META_Header, sizeof(spa_meta_header)));
-    if (header && (header->flags & SPA_META_HEADER_FLAG_CORRUPTED))
-        return {};
-    if (buffer.n_datas < 1 || !buffer.datas || !supported(format.format))
-        return {};
-    const spa_data& data = buffer.datas[0];
-    if (!data.data || !data.chunk || data.chunk->size == 0 || data.maxsize == 0)
-        return {};
-    std::uint32_t stride = data.chunk->stride > 0 ? static_cast<std::uint32_t>(data.chunk->stride) : format.size.width * 4;
-    std::uint32_t offset = data.chunk->offset % data.maxsize;
-    if (stride < static_cast<std::uint64_t>(format.size.width) * 4 ||
-        static_cast<std::uint64_t>(stride) * format.size.height > data.maxsize - offset)
-        return {};
-    spa_rectangle area = format.size;
-    spa_point at{0, 0};
-    if (!crop_region(buffer, at, area)) {
-        bad_crop = true;
-        area = format.size;
-        at = {0, 0};
-    }
-    const auto* pixels = static_cast<const std::uint8_t*>(data.data) + offset +
-                         static_cast<std::size_t>(at.y) * stride + static_cast<std::size_t>(at.x) * 4;
-    return {pixels, stride, area.width, area.height, at.x, at.y};
-}
-
-std::pair<int, int> damaged_rows(const spa_buffer& buffer, const frame_view& shown)
-{
-    int whole_bottom = static_cast<int>(shown.height);
-    const spa_meta* damage = spa_buffer_find_meta(&buffer, SPA_META_VideoDamage);
-    if (!damage || damage->size < sizeof(spa_meta_region))
-        return {0, whole_bottom};
-    std::int64_t top = whole_bottom, bottom = 0;
-    bool any = false;
-    spa_meta_region* region;
-    spa_meta_for_each(region, damage)
-    {
-        if (!spa_meta_region_is_valid(region))
-            break;
-        any = true;
-        std::int64_t from = std::int64_t{region->region.position.y} - shown.top;
-        std::int64_t to = from + region->region.size.height;
-        top = std::min(top, std::max<std::int64_t>(from, 0));
-        bottom = std::max(bottom, std::min<std::int64_t>(to, whole_bottom));
-    }
-    // A meta with no region at all says nothing: take the whole frame as changed.
-    if (!any)
-        return {0, whole_bottom};
-    if (top >= bottom)
-        return {0, 0};
-    return {static_cast<int>(top), static_cast<int>(bottom)};
-}
 
 struct pipewire_capture::impl {
     ended_handler on_ended;
+    // Heard on the loop's thread; told on teller, away from the loop's lock.
+    end_notice ended{[this](const std::string& reason) { tell_end(reason); }};
+    std::thread teller;
     pw_thread_loop* loop = nullptr;
     pw_context* context = nullptr;
     pw_core* core = nullptr;
@@ -120,26 +46,50 @@ struct pipewire_capture::impl {
     spa_hook stream_listener{};
     spa_hook registry_listener{};
     bool streaming = false;
-    bool ended = false;
     // Guarded by the loop's lock: the stream's thread writes them, take_newest() reads.
     spa_video_info_raw format{};
     bool has_format = false;
-    pw_buffer* held = nullptr; // the newest frame, kept until the next arrives
-    frame_view shown;          // the part of the held frame to show
-    bool fresh = false;        // whether held arrived since the last take
+    pw_buffer* held = nullptr;      // the newest frame, kept until the next arrives
+    pw_buffer* returning = nullptr; // one replaced while take_newest() read it, queued after
+    frame_view shown;               // the part of the held frame to show
+    bool fresh = false;             // whether held arrived since the last take
     int changed_top = 0, changed_bottom = 0;
     bool told_bad_crop = false;
     // The size of what is shown (pack()), read without the lock.
     std::atomic<std::uint64_t> size{0};
+    // The buffer take_newest() reads without the loop's lock: PipeWire's thread neither
+    // queues nor frees it until it is given back.
+    std::mutex reading_mutex;
+    std::condition_variable reading_done;
+    pw_buffer* reading = nullptr;
 
-    void end(const std::string& reason)
+    void end(const std::string& reason) { ended.end(reason); }
+
+    /// The first end, heard under the loop's lock: its handler may block (a pipe write, a
+    /// libobs signal), so it runs on a thread of its own, joined when the capture goes.
+    void tell_end(const std::string& reason)
     {
-        if (ended)
-            return;
-        ended = true;
         log::line("media: the screen cast ended: " + reason);
         if (on_ended)
-            on_ended(reason);
+            teller = std::thread([this, reason] {
+                guarded("the screen cast's end", [&] { on_ended(reason); });
+            });
+    }
+
+    bool being_read(pw_buffer* buffer)
+    {
+        std::lock_guard<std::mutex> lock(reading_mutex);
+        return reading == buffer;
+    }
+
+    /// Gives a replaced frame's buffer back to PipeWire, or leaves it to take_newest()
+    /// while that reads it.
+    void give_back(pw_buffer* buffer)
+    {
+        if (being_read(buffer))
+            returning = buffer;
+        else
+            pw_stream_queue_buffer(stream, buffer);
     }
 
     void on_state(pw_stream_state state, const char* error)
@@ -162,7 +112,7 @@ struct pipewire_capture::impl {
             return;
         if (spa_format_video_raw_parse(param, &format) < 0)
             return;
-        has_format = supported(format.format);
+        has_format = supported_format(format.format);
         if (!has_format)
             size = 0;
         fresh = false;
@@ -209,7 +159,7 @@ struct pipewire_capture::impl {
         bool same_part = held && frame.width == shown.width && frame.height == shown.height &&
                          frame.left == shown.left && frame.top == shown.top;
         if (held)
-            pw_stream_queue_buffer(stream, held);
+            give_back(held);
         held = newest;
         if (!same_part) {
             changed_top = 0;
@@ -259,10 +209,14 @@ struct pipewire_capture::impl {
             e.remove_buffer = [](void* data, pw_buffer* buffer) {
                 guarded("the PipeWire stream's buffer removal", [&] {
                     auto* self = static_cast<impl*>(data);
+                    std::unique_lock<std::mutex> lock(self->reading_mutex);
+                    self->reading_done.wait(lock, [&] { return self->reading != buffer; });
                     if (self->held == buffer) {
                         self->held = nullptr;
                         self->fresh = false;
                     }
+                    if (self->returning == buffer)
+                        self->returning = nullptr;
                 });
             };
             e.add_buffer = [](void* data, pw_buffer* buffer) {
@@ -351,10 +305,12 @@ struct pipewire_capture::impl {
         if (loop) {
             pw_thread_loop_lock(loop);
             // Asked to stop: an end now is no news.
-            ended = true;
+            ended.silence();
             if (stream) {
                 if (held)
                     pw_stream_queue_buffer(stream, held);
+                if (returning)
+                    pw_stream_queue_buffer(stream, returning);
                 spa_hook_remove(&stream_listener);
                 pw_stream_disconnect(stream);
                 pw_stream_destroy(stream);
@@ -374,6 +330,8 @@ struct pipewire_capture::impl {
             pw_context_destroy(context);
         if (loop)
             pw_thread_loop_destroy(loop);
+        if (teller.joinable())
+            teller.join();
     }
 };
 
@@ -394,25 +352,45 @@ std::pair<int, int> pipewire_capture::size() const
 
 void pipewire_capture::take_newest(const std::function<void(const frame&)>& use)
 {
-    pw_thread_loop_lock(impl_->loop);
-    if (impl_->held) {
-        frame newest;
-        newest.view = impl_->shown;
-        newest.rgb_order = impl_->format.format == SPA_VIDEO_FORMAT_RGBx || impl_->format.format == SPA_VIDEO_FORMAT_RGBA;
-        newest.alpha = impl_->format.format == SPA_VIDEO_FORMAT_BGRA || impl_->format.format == SPA_VIDEO_FORMAT_RGBA;
-        newest.fresh = impl_->fresh;
-        newest.changed_top = impl_->changed_top;
-        newest.changed_bottom = impl_->changed_bottom;
-        try {
-            use(newest);
-        } catch (...) {
-            pw_thread_loop_unlock(impl_->loop);
-            throw;
+    impl& self = *impl_;
+    frame newest;
+    {
+        pw_thread_loop_lock(self.loop);
+        if (self.held) {
+            newest.view = self.shown;
+            newest.rgb_order = rgb_ordered(self.format.format);
+            newest.alpha = has_alpha(self.format.format);
+            newest.fresh = self.fresh;
+            newest.changed_top = self.changed_top;
+            newest.changed_bottom = self.changed_bottom;
+            self.fresh = false;
+            self.changed_top = self.changed_bottom = 0;
+            std::lock_guard<std::mutex> lock(self.reading_mutex);
+            self.reading = self.held;
         }
-        impl_->fresh = false;
-        impl_->changed_top = impl_->changed_bottom = 0;
+        pw_thread_loop_unlock(self.loop);
     }
-    pw_thread_loop_unlock(impl_->loop);
+    if (!newest.view.pixels)
+        return;
+    struct give_back_after {
+        impl& self;
+        ~give_back_after()
+        {
+            {
+                std::lock_guard<std::mutex> lock(self.reading_mutex);
+                self.reading = nullptr;
+            }
+            self.reading_done.notify_all();
+            // Replaced while it was read: PipeWire may refill it now.
+            pw_thread_loop_lock(self.loop);
+            if (self.returning) {
+                pw_stream_queue_buffer(self.stream, self.returning);
+                self.returning = nullptr;
+            }
+            pw_thread_loop_unlock(self.loop);
+        }
+    } done{self};
+    use(newest);
 }
 
 } // namespace orbweave::obs

@@ -15,43 +15,22 @@
 // brings it. Where the compositor marks what changed (its damage), the rows changed
 // since the frame was last taken are told with it.
 
-#include <atomic>
+#include "media/pipewire_frames.hpp"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <utility>
 
-struct spa_buffer;
-struct spa_video_info_raw;
-
 namespace orbweave::obs {
-
-/// The part of a frame to show, as PipeWire handed it over: its top left pixel, the
-/// frame's stride and the part's size, and where the part starts in the frame; null
-/// pixels when the buffer holds no whole frame of the format.
-struct frame_view {
-    const std::uint8_t* pixels = nullptr;
-    std::uint32_t stride = 0;
-    std::uint32_t width = 0, height = 0;
-    std::int32_t left = 0, top = 0;
-};
-
-/// Checks buffer against the negotiated format and narrows it to the producer's crop
-/// region, where it carries one: a region of no size means the whole frame, one that
-/// reaches past the frame is cut to it, and one wholly outside it is ignored (and
-/// bad_crop set). Reads only what the buffer's chunk says it holds.
-frame_view view_frame(const spa_buffer& buffer, const spa_video_info_raw& format, bool& bad_crop);
-
-/// The rows [top, bottom) of a shown part (of view_frame) that the buffer's damage meta
-/// marks changed; none (top == bottom) when it marks nothing; the whole part when the
-/// buffer carries no damage.
-std::pair<int, int> damaged_rows(const spa_buffer& buffer, const frame_view& shown);
 
 class pipewire_capture {
 public:
-    /// Told why, once, on the stream's thread, when the stream ends without being asked to
-    /// (the desktop ended the cast, PipeWire failed).
+    /// Told why, once, when the stream ends without being asked to (the desktop ended the
+    /// cast, PipeWire failed): on a thread of the capture's own, never under PipeWire's
+    /// lock, so it may block (write to a pipe, signal libobs). It must not destroy the
+    /// capture.
     using ended_handler = std::function<void(const std::string& reason)>;
 
     /// The newest frame, as use() sees it: valid only during the call.
@@ -69,15 +48,17 @@ public:
     /// Takes over the PipeWire remote fd and connects to the cast's node; throws
     /// std::runtime_error when it cannot.
     pipewire_capture(int fd, std::uint32_t node, ended_handler on_ended);
-    /// Disconnects; nothing is told after it returns.
+    /// Disconnects; an end being told is waited for, and nothing is told after it returns.
     ~pipewire_capture();
     pipewire_capture(const pipewire_capture&) = delete;
     pipewire_capture& operator=(const pipewire_capture&) = delete;
 
     /// The size of what is shown; zeros while unknown. Any thread.
     std::pair<int, int> size() const;
-    /// Calls use with the newest frame, when there is one, holding the stream's lock
-    /// (frames wait meanwhile); the frame counts as taken afterwards.
+    /// Calls use with the newest frame, when there is one; the frame counts as taken. The
+    /// stream's lock is held only to take the frame's buffer: PipeWire goes on meanwhile,
+    /// and keeps the buffer (neither refilled nor freed) until use returns. One thread
+    /// at a time.
     void take_newest(const std::function<void(const frame&)>& use);
 
 private:

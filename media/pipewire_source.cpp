@@ -3,6 +3,7 @@
 #include "core/log.hpp"
 #include "media/c_boundary.hpp"
 #include "media/pipewire_capture.hpp"
+#include "media/pipewire_frames.hpp"
 
 #include <obs.h>
 #include <pipewire/pipewire.h>
@@ -33,7 +34,8 @@ struct portal_source {
     gs_texture_t* texture = nullptr;
     std::vector<std::uint8_t> swizzled; // RGBx frames, turned into BGRX
 
-    /// Told on the stream's thread, once.
+    /// Told once by the capture, on its own thread (never under PipeWire's lock): the
+    /// capture_source listening may write to the worker's pipe.
     void end(const std::string& reason)
     {
         calldata_t data{};
@@ -70,18 +72,7 @@ struct portal_source {
         const std::uint8_t* pixels = frame.view.pixels;
         std::uint32_t stride = frame.view.stride;
         if (frame.rgb_order) {
-            // No RGB-ordered texture format in libobs: red and blue swap places.
-            swizzled.resize(static_cast<std::size_t>(w) * h * 4);
-            for (std::uint32_t row = 0; row < h; ++row) {
-                const std::uint8_t* in = pixels + static_cast<std::size_t>(row) * stride;
-                std::uint8_t* out = swizzled.data() + static_cast<std::size_t>(row) * w * 4;
-                for (std::uint32_t column = 0; column < w; ++column, in += 4, out += 4) {
-                    out[0] = in[2];
-                    out[1] = in[1];
-                    out[2] = in[0];
-                    out[3] = in[3];
-                }
-            }
+            rgbx_to_bgrx(frame.view, swizzled);
             pixels = swizzled.data();
             stride = w * 4;
         }

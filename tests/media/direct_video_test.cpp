@@ -1,16 +1,11 @@
-// The pieces of the feeds past the canvas that take bytes from outside or decide what a
-// picture looks like: a screen cast's buffers checked and cut to the compositor's crop
-// region, the compositor's damage read, and a capture fitted into the stream's NV12
-// picture (bars, colours, a change converted in stripes equal to a whole conversion, and
-// the output's frames brought up to date by what changed).
+// What the feeds past the canvas decide about a picture: a capture fitted into the
+// stream's NV12 picture (bars, colours, a change converted in stripes equal to a whole
+// conversion, and the output's frames brought up to date by what changed). The screen
+// cast's buffers are read in screen_cast_test.
 
 #include "media/direct_video.hpp"
-#include "media/pipewire_capture.hpp"
 
 #include <media-io/video-frame.h>
-#include <spa/buffer/buffer.h>
-#include <spa/buffer/meta.h>
-#include <spa/param/video/raw.h>
 
 #include <gtest/gtest.h>
 
@@ -21,130 +16,6 @@
 
 namespace orbweave::obs {
 namespace {
-
-/// A screen cast's buffer as PipeWire hands it over: one plane of width x height BGRx
-/// pixels with stride bytes a row, and any metas given.
-struct cast_buffer {
-    std::vector<std::uint8_t> bytes;
-    spa_chunk chunk{};
-    spa_data data{};
-    std::vector<spa_meta> metas;
-    spa_buffer buffer{};
-
-    cast_buffer(std::uint32_t stride, std::uint32_t height, std::uint32_t maxsize = 0)
-        : bytes(maxsize ? maxsize : stride * height)
-    {
-        chunk.size = stride * height;
-        chunk.stride = static_cast<std::int32_t>(stride);
-        data.type = SPA_DATA_MemPtr;
-        data.maxsize = static_cast<std::uint32_t>(bytes.size());
-        data.data = bytes.data();
-        data.chunk = &chunk;
-        relink();
-    }
-    void relink()
-    {
-        buffer.n_metas = static_cast<std::uint32_t>(metas.size());
-        buffer.metas = metas.data();
-        buffer.n_datas = 1;
-        buffer.datas = &data;
-    }
-    void add_meta(std::uint32_t type, void* meta, std::uint32_t size)
-    {
-        metas.push_back(spa_meta{type, size, meta});
-        relink();
-    }
-};
-
-spa_video_info_raw bgrx(std::uint32_t width, std::uint32_t height)
-{
-    spa_video_info_raw format{};
-    format.format = SPA_VIDEO_FORMAT_BGRx;
-    format.size = {width, height};
-    return format;
-}
-
-spa_meta_region region(std::int32_t x, std::int32_t y, std::uint32_t width, std::uint32_t height)
-{
-    spa_meta_region meta{};
-    meta.region.position = {x, y};
-    meta.region.size = {width, height};
-    return meta;
-}
-
-TEST(ScreenCastBuffers, OnlyWholeFramesOfTheFormatAreReadAndTheCropRegionIsKeptInside)
-{
-    bool bad_crop = false;
-    auto format = bgrx(64, 32);
-    cast_buffer whole(256, 32);
-    frame_view view = view_frame(whole.buffer, format, bad_crop);
-    EXPECT_EQ(view.pixels, whole.bytes.data());
-    EXPECT_EQ(view.width, 64u);
-    EXPECT_EQ(view.height, 32u);
-
-    // Rows narrower than the format's, a plane smaller than its rows say, an offset
-    // that leaves too little, an empty chunk, a frame marked corrupted: nothing is read.
-    cast_buffer narrow(128, 32);
-    EXPECT_EQ(view_frame(narrow.buffer, format, bad_crop).pixels, nullptr);
-    cast_buffer short_plane(256, 32, 256 * 31);
-    short_plane.chunk.size = 256 * 31;
-    EXPECT_EQ(view_frame(short_plane.buffer, format, bad_crop).pixels, nullptr);
-    cast_buffer offset(256, 32);
-    offset.chunk.offset = 256;
-    EXPECT_EQ(view_frame(offset.buffer, format, bad_crop).pixels, nullptr);
-    cast_buffer empty(256, 32);
-    empty.chunk.size = 0;
-    EXPECT_EQ(view_frame(empty.buffer, format, bad_crop).pixels, nullptr);
-    cast_buffer corrupted(256, 32);
-    spa_meta_header header{};
-    header.flags = SPA_META_HEADER_FLAG_CORRUPTED;
-    corrupted.add_meta(SPA_META_Header, &header, sizeof header);
-    EXPECT_EQ(view_frame(corrupted.buffer, format, bad_crop).pixels, nullptr);
-    spa_video_info_raw other = format;
-    other.format = SPA_VIDEO_FORMAT_NV12;
-    EXPECT_EQ(view_frame(whole.buffer, other, bad_crop).pixels, nullptr);
-
-    // A window's region of a larger frame; one reaching past the frame is cut to it;
-    // one wholly outside is ignored, and said.
-    cast_buffer cropped(256, 32);
-    auto inside = region(8, 4, 20, 10);
-    cropped.add_meta(SPA_META_VideoCrop, &inside, sizeof inside);
-    view = view_frame(cropped.buffer, format, bad_crop);
-    EXPECT_EQ(view.pixels, cropped.bytes.data() + 4 * 256 + 8 * 4);
-    EXPECT_EQ(view.width, 20u);
-    EXPECT_EQ(view.height, 10u);
-    EXPECT_FALSE(bad_crop);
-    inside = region(50, 20, 100, 100);
-    view = view_frame(cropped.buffer, format, bad_crop);
-    EXPECT_EQ(view.width, 14u);
-    EXPECT_EQ(view.height, 12u);
-    inside = region(70, 40, 10, 10);
-    view = view_frame(cropped.buffer, format, bad_crop);
-    EXPECT_TRUE(bad_crop);
-    EXPECT_EQ(view.pixels, cropped.bytes.data());
-    EXPECT_EQ(view.width, 64u);
-}
-
-TEST(ScreenCastBuffers, TheCompositorsDamageNamesTheRowsThatChangedInTheShownPart)
-{
-    bool bad_crop = false;
-    auto format = bgrx(64, 32);
-    cast_buffer frame(256, 32);
-    frame_view view = view_frame(frame.buffer, format, bad_crop);
-    // No damage told: all of it may have changed.
-    EXPECT_EQ(damaged_rows(frame.buffer, view), std::make_pair(0, 32));
-
-    spa_meta_region damage[4] = {region(0, 10, 5, 4), region(30, 20, 2, 3), region(0, 0, 0, 0), region(0, 0, 64, 32)};
-    frame.add_meta(SPA_META_VideoDamage, damage, sizeof damage);
-    // The regions up to the first empty one.
-    EXPECT_EQ(damaged_rows(frame.buffer, view), std::make_pair(10, 23));
-    // Measured from the top of a window's crop region, and kept inside it.
-    view.top = 12;
-    view.height = 8;
-    EXPECT_EQ(damaged_rows(frame.buffer, view), std::make_pair(0, 8));
-    view.top = 24;
-    EXPECT_EQ(damaged_rows(frame.buffer, view), std::make_pair(0, 0));
-}
 
 /// width x height BGRX pixels, all of colour (0xRRGGBB).
 std::vector<std::uint8_t> filled(int width, int height, std::uint32_t colour)
