@@ -155,6 +155,12 @@ std::shared_ptr<prompter> app_delegate::current_prompter()
     return prompter_;
 }
 
+void app_delegate::refuse_open_prompts()
+{
+    if (std::shared_ptr<prompter> asking = current_prompter())
+        asking->refuse_all();
+}
+
 void app_delegate::set_prompter(std::shared_ptr<prompter> prompter)
 {
     std::lock_guard<std::mutex> lock(prompter_mutex_);
@@ -194,9 +200,7 @@ std::future<bool> app_delegate::connect_service()
 
 std::future<void> app_delegate::disconnect_service()
 {
-    std::shared_ptr<prompter> asking = current_prompter();
-    if (asking)
-        asking->refuse_all();
+    refuse_open_prompts();
     {
         std::lock_guard<std::mutex> lock(code_mutex_);
         code_.clear();
@@ -265,9 +269,7 @@ void app_delegate::quit(std::function<void()> done)
         return;
     // A connect still measuring gives up at once, and nothing starts the client again.
     quitting_ = true;
-    std::shared_ptr<prompter> asking = current_prompter();
-    if (asking)
-        asking->refuse_all();
+    refuse_open_prompts();
     set_activity(activity::stopping);
     auto finished = std::make_shared<std::function<void()>>(std::move(done));
     bool queued = connector_ && connector_->post([this, finished] {
@@ -283,9 +285,7 @@ void app_delegate::quit(std::function<void()> done)
 void app_delegate::shutdown()
 {
     quitting_ = true;
-    std::shared_ptr<prompter> asking = current_prompter();
-    if (asking)
-        asking->refuse_all();
+    refuse_open_prompts();
     // Finishes what the connector runs (a probe gives up at once, a stop ends within its
     // bound) and drops the rest; the client is then stopped here, a no-op when it is already.
     connector_.reset();

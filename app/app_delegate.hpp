@@ -105,6 +105,8 @@ private:
     /// but at the very end).
     void stop_client();
     std::shared_ptr<prompter> current_prompter();
+    /// Answers every prompt still open with a refusal (a disconnect, sign-out or quit).
+    void refuse_open_prompts();
     void init_client();
     void on_permission(callback::source_type::type kind, const std::string& name, const std::string& description,
                        callback::request_type::type request_kind, const callback::request& request);

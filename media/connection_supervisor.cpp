@@ -52,69 +52,78 @@ struct connection_supervisor::send_progress {
 };
 
 connection_supervisor::connection_supervisor(const stream_limits& limits, ended_handler on_ended)
-    : limits_(limits), on_ended_(std::move(on_ended))
+    : limits_(limits), ended_(std::move(on_ended))
 {
 }
 
 connection_supervisor::~connection_supervisor()
 {
     end_watch();
-    disconnect();
+    stop_following();
 }
 
-void connection_supervisor::follow(bool on)
+template <connection_supervisor::signal_change change>
+void connection_supervisor::on_change(void* data, calldata_t*) noexcept
 {
-    static const std::pair<const char*, signal_callback_t> signals[] = {
-        {"activate", &on_activate},
-        {"stop", &on_stop},
-        {"reconnect", &on_reconnect},
-        {"reconnect_success", &on_reconnect_success},
-    };
+    auto* self = static_cast<connection_supervisor*>(data);
+    guarded(signal_text(change), [self] { self->note_change(change); });
+    self->changed_.notify_all();
+}
+
+const connection_supervisor::followed_signal connection_supervisor::followed_signals[] = {
+    {"activate", &on_change<signal_change::activated>},
+    {"stop", &on_stop},
+    {"reconnect", &on_change<signal_change::reconnecting>},
+    {"reconnect_success", &on_change<signal_change::reconnected>},
+};
+
+void connection_supervisor::start_following()
+{
     signal_handler_t* handler = obs_output_get_signal_handler(output_);
-    for (const auto& [name, callback] : signals)
-        (on ? signal_handler_connect : signal_handler_disconnect)(handler, name, callback, this);
-    following_ = on;
+    for (const auto& [name, callback] : followed_signals)
+        signal_handler_connect(handler, name, callback, this);
+    following_ = true;
 }
 
-void connection_supervisor::disconnect()
+void connection_supervisor::stop_following()
 {
+    if (!following_)
+        return;
     // libobs holds the signal handler's lock while calling, so no callback outlasts this.
-    if (following_)
-        follow(false);
+    signal_handler_t* handler = obs_output_get_signal_handler(output_);
+    for (const auto& [name, callback] : followed_signals)
+        signal_handler_disconnect(handler, name, callback, this);
+    following_ = false;
 }
 
-void connection_supervisor::on_activate(void* data, calldata_t*) noexcept
+const char* connection_supervisor::signal_text(signal_change change)
 {
-    auto* self = static_cast<connection_supervisor*>(data);
-    guarded("the rtmp output's activate signal", [self] {
-        std::lock_guard<std::mutex> lock(self->mutex_);
-        self->activated_ = true;
-    });
-    self->changed_.notify_all();
+    switch (change) {
+    case signal_change::activated: return "the rtmp output's activate signal";
+    case signal_change::reconnecting: return "the rtmp output's reconnect signal";
+    case signal_change::reconnected: return "the rtmp output's reconnect_success signal";
+    }
+    return "the rtmp output's signal";
 }
 
-void connection_supervisor::on_reconnect(void* data, calldata_t*) noexcept
+void connection_supervisor::note_change(signal_change change)
 {
-    auto* self = static_cast<connection_supervisor*>(data);
-    guarded("the rtmp output's reconnect signal", [self] {
-        std::lock_guard<std::mutex> lock(self->mutex_);
-        if (!self->reconnecting_since_)
-            self->reconnecting_since_ = clock::now();
-        ++self->reconnect_attempts_;
-        self->stalled_ = false;
-    });
-    self->changed_.notify_all();
-}
-
-void connection_supervisor::on_reconnect_success(void* data, calldata_t*) noexcept
-{
-    auto* self = static_cast<connection_supervisor*>(data);
-    guarded("the rtmp output's reconnect_success signal", [self] {
-        std::lock_guard<std::mutex> lock(self->mutex_);
-        self->reconnecting_since_.reset();
-        self->reconnect_attempts_ = 0;
-    });
-    self->changed_.notify_all();
+    std::lock_guard<std::mutex> lock(mutex_);
+    switch (change) {
+    case signal_change::activated:
+        activated_ = true;
+        break;
+    case signal_change::reconnecting:
+        if (!reconnecting_since_)
+            reconnecting_since_ = clock::now();
+        ++reconnect_attempts_;
+        stalled_ = false;
+        break;
+    case signal_change::reconnected:
+        reconnecting_since_.reset();
+        reconnect_attempts_ = 0;
+        break;
+    }
 }
 
 void connection_supervisor::on_stop(void* data, calldata_t* params) noexcept
@@ -123,7 +132,7 @@ void connection_supervisor::on_stop(void* data, calldata_t* params) noexcept
     std::string ended = guarded("the rtmp output's stop signal", [&] { return self->note_stop(params); });
     self->changed_.notify_all();
     if (!ended.empty())
-        guarded("the stopped handler", [&] { self->on_ended_(ended); });
+        guarded("the stopped handler", [&] { self->ended_.end(ended); });
 }
 
 std::string connection_supervisor::note_stop(calldata_t* params)
@@ -142,7 +151,7 @@ std::string connection_supervisor::note_stop(calldata_t* params)
 bool connection_supervisor::connect(obs_output_t* output, std::string& error)
 {
     output_ = output;
-    follow(true);
+    start_following();
     sockets_before_ = tcp_socket_inodes();
     bool active = false;
     if (!obs_output_start(output)) {
@@ -163,7 +172,7 @@ bool connection_supervisor::connect(obs_output_t* output, std::string& error)
             abandon_connecting(lock);
     }
     if (!active)
-        disconnect();
+        stop_following();
     return active;
 }
 
@@ -316,14 +325,14 @@ void connection_supervisor::give_up(std::unique_lock<std::mutex>& lock)
     // A reconnection attempt may hang in a connection that takes bytes and never answers;
     // it is of no use any more, and stopping the output would wait for it.
     interrupt_connections_since(sockets_before_);
-    // Not a stop we were asked for: the "stop" signal reports it as the stream's end,
-    // or, should libobs not send one for an output between attempts, we do (once).
+    // Not a stop we were asked for: the "stop" signal reports it as the stream's end, and
+    // so do we, since libobs sends none for an output between attempts; the first counts.
     obs_output_force_stop(output_);
     lock.lock();
     bool asked = stop_requested_;
     lock.unlock();
     if (!asked)
-        on_ended_(gave_up_);
+        ended_.end(gave_up_);
 }
 
 } // namespace orbweave::obs

@@ -5,6 +5,7 @@
 // then a watchdog that shuts a connection the ingest stopped taking from down, and ends
 // a stream whose ingest stays gone for longer than the outage limit.
 
+#include "core/end_notice.hpp"
 #include "core/obs/media_limits.hpp"
 #include "core/obs/stream_health.hpp"
 #include "media/tcp_sockets.hpp"
@@ -27,8 +28,8 @@ namespace orbweave::obs {
 
 class connection_supervisor {
 public:
-    /// Called once, on whichever thread noticed it (libobs's or the watchdog's), when a
-    /// connected stream ends without being asked to.
+    /// Called once, on whichever thread noticed it first (libobs's or the watchdog's), when
+    /// a connected stream ends without being asked to.
     using ended_handler = std::function<void(const std::string& reason)>;
 
     /// Applies the output's start and stop bounds, the outage limit and the send stall limit of limits.
@@ -54,7 +55,7 @@ public:
     bool stop();
 
     /// Stops following the output's signals: after this no callback of it runs any more.
-    void disconnect();
+    void stop_following();
 
     /// How the connection stands: connected, reconnecting (with the attempt under way), or
     /// stalled (the watchdog's last look found data waiting and nothing taken since the one
@@ -68,12 +69,24 @@ private:
     using clock = std::chrono::steady_clock;
     struct send_progress;
 
-    static void on_activate(void* data, calldata_t* params) noexcept;
-    static void on_reconnect(void* data, calldata_t* params) noexcept;
-    static void on_reconnect_success(void* data, calldata_t* params) noexcept;
+    /// What one of the output's signals other than "stop" says of the connection.
+    enum class signal_change { activated, reconnecting, reconnected };
+
+    /// The output's signal that brings change: records it and wakes the waits.
+    template <signal_change change>
+    static void on_change(void* data, calldata_t* params) noexcept;
     static void on_stop(void* data, calldata_t* params) noexcept;
-    /// Connects (or disconnects) the output's signals to this object.
-    void follow(bool on);
+    /// "the rtmp output's activate signal" and the like, for the log.
+    static const char* signal_text(signal_change change);
+    /// Records change under the lock.
+    void note_change(signal_change change);
+    /// Connects the output's signals to this object.
+    void start_following();
+    struct followed_signal {
+        const char* name;
+        signal_callback_t callback;
+    };
+    static const followed_signal followed_signals[4];
     /// Records a "stop"; why the stream ended when nobody asked it to, "" otherwise.
     std::string note_stop(calldata_t* params);
 
@@ -90,7 +103,8 @@ private:
     void give_up(std::unique_lock<std::mutex>& lock);
 
     const stream_limits limits_;
-    const ended_handler on_ended_;
+    // Both the "stop" signal and the watchdog giving up report an ingest gone for good.
+    end_notice ended_;
     obs_output_t* output_ = nullptr;
     bool following_ = false;
     // The process's TCP sockets before the output started: any other is the stream's.

@@ -1,5 +1,6 @@
 #include "media/portal_session.hpp"
 
+#include "core/end_notice.hpp"
 #include "core/log.hpp"
 #include "media/c_boundary.hpp"
 
@@ -89,9 +90,9 @@ struct portal_session::impl {
     std::mutex mutex;
     std::condition_variable changed;
     bool answered = false;
-    bool closing = false;
     cast result;
-    std::function<void(const std::string&)> on_closed;
+    // The desktop ending the cast: told once, to the handler set when it comes.
+    end_notice closed;
 
     impl()
     {
@@ -196,7 +197,7 @@ struct portal_session::impl {
         }
         g_signal_connect(session, "closed", G_CALLBACK(+[](XdpSession*, gpointer data) {
                              guarded("the screen cast's closed signal", [&] {
-                                 static_cast<impl*>(data)->closed("the desktop ended the screen cast");
+                                 static_cast<impl*>(data)->closed.end("the desktop ended the screen cast");
                              });
                          }),
                          this);
@@ -247,20 +248,6 @@ struct portal_session::impl {
         outcome.result = outcome::started;
         answer(std::move(outcome));
     }
-
-    void closed(const std::string& reason)
-    {
-        std::function<void(const std::string&)> handler;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            if (closing)
-                return;
-            closing = true;
-            handler = std::move(on_closed);
-        }
-        if (handler)
-            handler(reason);
-    }
 };
 
 portal_session::portal_session(const std::string& restore_token, bool window, std::chrono::milliseconds limit)
@@ -285,17 +272,14 @@ portal_session::portal_session(const std::string& restore_token, bool window, st
 
 portal_session::~portal_session()
 {
-    {
-        std::lock_guard<std::mutex> lock(impl_->mutex);
-        impl_->closing = true; // our own close is not the desktop ending the cast
-    }
+    // Our own close is not the desktop ending the cast.
+    impl_->closed.silence();
     impl_.reset();
 }
 
 void portal_session::set_closed_handler(std::function<void(const std::string& reason)> handler)
 {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    impl_->on_closed = std::move(handler);
+    impl_->closed.on_end(std::move(handler));
 }
 
 } // namespace orbweave::obs

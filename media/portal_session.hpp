@@ -60,7 +60,8 @@ public:
 
     const cast& started() const { return cast_; }
     /// Called once, on the session's own thread, when the desktop ends the cast by
-    /// itself (output gone, permission revoked, the portal gone).
+    /// itself (output gone, permission revoked, the portal gone); on the caller's, at
+    /// once, when it did so before the handler was set.
     void set_closed_handler(std::function<void(const std::string& reason)> handler);
 
 private:

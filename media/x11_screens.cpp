@@ -145,7 +145,7 @@ struct x11_screen_watch::connection {
 };
 
 x11_screen_watch::x11_screen_watch(int index, moved_handler on_moved, gone_handler on_gone)
-    : connection_(std::make_unique<connection>()), on_moved_(std::move(on_moved)), on_gone_(std::move(on_gone))
+    : connection_(std::make_unique<connection>()), on_moved_(std::move(on_moved)), gone_(std::move(on_gone))
 {
     std::optional<x11_screen> found = connection_->find(index);
     if (!found)
@@ -226,7 +226,7 @@ bool x11_screen_watch::check()
         if (clock::now() - *missing_since_ < gone_grace)
             return true;
         std::string reason = "screen " + std::to_string(initial_.index + 1) + " is gone from the X display";
-        guarded("the screen watch's gone handler", [&] { on_gone_(reason); });
+        guarded("the screen watch's gone handler", [&] { gone_.end(reason); });
         return false;
     }
     missing_since_.reset();

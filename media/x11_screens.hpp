@@ -6,6 +6,7 @@
 // capture counts them (RandR monitors, or CRTCs before RandR 1.5; X screens without
 // RandR), so a screen's index means the same to both.
 
+#include "core/end_notice.hpp"
 #include "core/obs/media_limits.hpp"
 
 #include <chrono>
@@ -76,7 +77,7 @@ private:
     x11_screen initial_;
     x11_screen last_;
     moved_handler on_moved_;
-    gone_handler on_gone_;
+    end_notice gone_;
     std::optional<clock::time_point> missing_since_;
     int stop_fd_ = -1;
     std::thread thread_;

@@ -7,7 +7,7 @@
 #include "core/obs/worker.hpp"
 #include "media/capture_source.hpp"
 #include "media/encoders.hpp"
-#include "media/output.hpp"
+#include "media/live_stream.hpp"
 #include "media/runtime.hpp"
 #include "media/screen_feed.hpp"
 #include "tests/support/blocking_queue.hpp"
@@ -1216,7 +1216,7 @@ TEST(OutputInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
 TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
 {
     runtime libobs; // without a canvas, as a stream worker starts
-    output stream;
+    live_stream stream;
     screen_entry made_up(9, "Display 10", "", 0, 0, 0, 0);
     auto begun = clock::now();
     EXPECT_FALSE(stream.start(order_for(made_up, {{"profile", "medium"}}, "rtmp://127.0.0.1:1/live", "k")));

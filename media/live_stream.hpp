@@ -6,12 +6,14 @@
 // (media/connection_supervisor).
 //
 // start() builds the stream from a stream order (the source's catalogue entry and
-// what the activate request asks) and returns only once the output has reported
+// what the activate request asks) and returns only once its RTMP output has reported
 // itself active (connected to the ingest and sending) or has failed; a failed
-// first attempt is retried once with the software encoder. Destroying the object
-// stops the stream.
+// first attempt is retried once with the software encoder. However the stream ends
+// by itself (its capture, its connection), one end_notice hears every report and the
+// stopped handler the first. Destroying the object stops the stream.
 
 #include "core/callback.hpp"
+#include "core/end_notice.hpp"
 #include "core/obs/capture_route.hpp"
 #include "core/obs/media_limits.hpp"
 #include "core/obs/pipe_protocol.hpp"
@@ -38,21 +40,21 @@ namespace orbweave::obs {
 inline constexpr const char* software_fallback_line =
     "Failed to start stream; attempting to fallback to software encoder";
 
-class output {
+class live_stream {
 public:
     /// Called once, on whichever thread noticed it (libobs's, the outage watchdog's, the
     /// screen cast's), when a running stream ends without being asked to: its ingest gone
-    /// for longer than the outage limit, the output failing, or its capture ending.
+    /// for longer than the outage limit, the RTMP output failing, or its capture ending.
     using stopped_handler = std::function<void(const std::string& error)>;
 
     /// On the portal route a screen is captured through the desktop portal and PipeWire.
-    explicit output(stream_limits limits = {}, capture_route route = capture_route::x11);
-    /// Stops the stream (waiting at most the output stop limit for the output to stop) and
-    /// releases everything it holds.
-    ~output();
+    explicit live_stream(stream_limits limits = {}, capture_route route = capture_route::x11);
+    /// Stops the stream (waiting at most the output stop limit for its RTMP output to stop)
+    /// and releases everything it holds.
+    ~live_stream();
 
-    output(const output&) = delete;
-    output& operator=(const output&) = delete;
+    live_stream(const live_stream&) = delete;
+    live_stream& operator=(const live_stream&) = delete;
 
     /// Builds and starts the stream the order describes; its bitrate is the measured
     /// uplink bitrate (kbps). True once the output is active; false with error() set
@@ -75,7 +77,7 @@ public:
     /// Installs the handler for a stream that stops on its own; call before or after start().
     void set_stopped_handler(stopped_handler handler);
 
-    /// Stops the stream now (the destructor does the same); false when the output did
+    /// Stops the stream now (the destructor does the same); false when its RTMP output did
     /// not report stopping within the output stop limit and was forced.
     bool stop();
 
@@ -92,10 +94,10 @@ private:
     /// Starts grabbing the order's X11 screen or window for the encoder, past the canvas;
     /// false with error_ set.
     bool prepare_feed(const pipe::stream_order& order);
-    /// One attempt with the prepared capture; true when the output became active.
+    /// One attempt with the prepared capture; true when the RTMP output became active.
     bool attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software);
-    /// Marks the stream running, and passes on an end that came while it started.
-    void run();
+    /// Logs the end of a running stream and tells the stopped handler.
+    void report_end(const std::string& reason);
     void release();
 
     /// The stream's running totals; libobs restarts the output's with each connection.
@@ -128,12 +130,11 @@ private:
     bool started_ = false;
     bool rejected_ = false;
     std::string restore_token_;
-    // A capture that ends: told to the stopped handler once the stream runs.
-    std::mutex end_mutex_;
-    stopped_handler end_handler_;
-    bool running_ = false;
-    bool ended_ = false;
-    std::string early_end_;
+    // Every report of the stream's end; it reaches report_end() once the stream runs, so
+    // an end during start() is passed on when the start succeeds.
+    end_notice ended_;
+    std::mutex handler_mutex_;
+    stopped_handler stopped_handler_;
     // The health reports' thread, and what ends it.
     std::thread health_thread_;
     std::mutex health_mutex_;

@@ -1,6 +1,7 @@
-#include "media/output.hpp"
+#include "media/live_stream.hpp"
 
 #include "core/log.hpp"
+#include "media/c_boundary.hpp"
 #include "media/direct_video.hpp"
 #include "media/x11_window.hpp"
 
@@ -39,52 +40,44 @@ long long growth(long long now, long long before)
 
 } // namespace
 
-output::output(stream_limits limits, capture_route route) : limits_(limits), route_(route)
+live_stream::live_stream(stream_limits limits, capture_route route) : limits_(limits), route_(route)
 {
 }
 
-output::~output()
+live_stream::~live_stream()
 {
     release();
 }
 
-void output::end(const std::string& reason)
+void live_stream::end(const std::string& reason)
 {
+    ended_.end(reason);
+}
+
+void live_stream::report_end(const std::string& reason)
+{
+    log::line("media: the stream ends: " + reason);
     stopped_handler handler;
     {
-        std::lock_guard<std::mutex> lock(end_mutex_);
-        if (ended_)
-            return;
-        if (!running_) {
-            if (early_end_.empty())
-                early_end_ = reason;
-            return;
-        }
-        ended_ = true;
-        handler = end_handler_;
+        std::lock_guard<std::mutex> lock(handler_mutex_);
+        handler = stopped_handler_;
     }
-    log::line("media: the stream ends: " + reason);
-    if (!handler)
-        return;
-    try {
-        handler(reason);
-    } catch (...) {
-        log::line("media: the stopped handler failed");
-    }
+    if (handler)
+        guarded("the stopped handler", [&] { handler(reason); });
 }
 
-void output::set_stopped_handler(stopped_handler handler)
+void live_stream::set_stopped_handler(stopped_handler handler)
 {
-    std::lock_guard<std::mutex> lock(end_mutex_);
-    end_handler_ = std::move(handler);
+    std::lock_guard<std::mutex> lock(handler_mutex_);
+    stopped_handler_ = std::move(handler);
 }
 
-bool output::stop()
+bool live_stream::stop()
 {
     return connection_ ? connection_->stop() : true;
 }
 
-bool output::start(const pipe::stream_order& order)
+bool live_stream::start(const pipe::stream_order& order)
 {
     using callback::source_type;
     error_.clear();
@@ -112,7 +105,7 @@ bool output::start(const pipe::stream_order& order)
     return false;
 }
 
-bool output::prepare_capture(const pipe::stream_order& order, callback::source_type::type kind, bool direct)
+bool live_stream::prepare_capture(const pipe::stream_order& order, callback::source_type::type kind, bool direct)
 {
     capture_ = std::make_unique<capture_source>(
         route_, limits_, [this](const std::string& reason) { end(reason); }, direct);
@@ -145,7 +138,7 @@ bool output::prepare_capture(const pipe::stream_order& order, callback::source_t
     return true;
 }
 
-bool output::prepare_feed(const pipe::stream_order& order)
+bool live_stream::prepare_feed(const pipe::stream_order& order)
 {
     auto ended = [this](const std::string& reason) { end(reason); };
     try {
@@ -169,7 +162,7 @@ bool output::prepare_feed(const pipe::stream_order& order)
     return true;
 }
 
-bool output::attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software)
+bool live_stream::attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software)
 {
     error_.clear();
     // Frames past the canvas, and where they come from for the log.
@@ -203,23 +196,12 @@ bool output::attempt(const pipe::stream_order& order, callback::source_type::typ
     source_handle held = capture_ && kind == callback::source_type::audio ? capture_->hand_over() : source_handle{};
     audio_ = std::make_unique<audio_follower>(parts_.scene.get(), std::move(held));
     connection_->watch();
-    run();
+    // Running: an end from now on is told, and one that came while it started is told now.
+    ended_.on_end([this](const std::string& reason) { report_end(reason); });
     return true;
 }
 
-void output::run()
-{
-    std::string ended_meanwhile;
-    {
-        std::lock_guard<std::mutex> lock(end_mutex_);
-        running_ = true;
-        ended_meanwhile = early_end_;
-    }
-    if (!ended_meanwhile.empty())
-        end(ended_meanwhile);
-}
-
-void output::report_health(std::function<void(const health_sample&)> report, std::chrono::milliseconds interval)
+void live_stream::report_health(std::function<void(const health_sample&)> report, std::chrono::milliseconds interval)
 {
     if (!started_ || health_thread_.joinable())
         return;
@@ -234,20 +216,15 @@ void output::report_health(std::function<void(const health_sample&)> report, std
             auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - since);
             since = now;
             health_sample sample = measure(last, elapsed, target_kbps);
-            bool ended;
-            {
-                std::lock_guard<std::mutex> ending(end_mutex_);
-                ended = ended_;
-            }
             // A stream that has ended has nothing more to report.
-            if (!ended)
+            if (!ended_.ended())
                 report(sample);
             lock.lock();
         }
     });
 }
 
-output::counters output::read_counters()
+live_stream::counters live_stream::read_counters()
 {
     counters now;
     obs_output_t* sending = parts_.output.get();
@@ -271,7 +248,7 @@ output::counters output::read_counters()
     return now;
 }
 
-health_sample output::measure(counters& last, std::chrono::milliseconds elapsed, int target_kbps)
+health_sample live_stream::measure(counters& last, std::chrono::milliseconds elapsed, int target_kbps)
 {
     counters now = read_counters();
     health_sample sample;
@@ -291,7 +268,7 @@ health_sample output::measure(counters& last, std::chrono::milliseconds elapsed,
     return sample;
 }
 
-void output::stop_health_reports()
+void live_stream::stop_health_reports()
 {
     {
         std::lock_guard<std::mutex> lock(health_mutex_);
@@ -302,15 +279,12 @@ void output::stop_health_reports()
         health_thread_.join();
 }
 
-void output::release()
+void live_stream::release()
 {
     // It reads the objects released below.
     stop_health_reports();
-    {
-        // Stopping on purpose: a capture ending now is no news.
-        std::lock_guard<std::mutex> lock(end_mutex_);
-        ended_ = true;
-    }
+    // Stopping on purpose: a capture ending now is no news.
+    ended_.silence();
     // Before the scene it remakes sources in goes.
     audio_.reset();
     if (connection_)
