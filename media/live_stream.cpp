@@ -243,7 +243,7 @@ live_stream::counters live_stream::read_counters()
     // encoder's video output skipped.
     bool fed = feed_ || window_ || (capture_ && capture_->feed());
     video_t* video = obs_encoder_video(parts_.video_encoder.get());
-    now.lagged = (fed ? screen_feed_late_frames() : static_cast<long long>(obs_get_lagged_frames())) +
+    now.lagged = (fed ? direct_feed_late_frames() : static_cast<long long>(obs_get_lagged_frames())) +
                  (video ? video_output_get_skipped_frames(video) : 0);
     return now;
 }

@@ -24,13 +24,6 @@
 
 namespace orbweave::obs {
 
-/// The late frames of every feed past the canvas in this process (direct_feed_late_frames),
-/// by the name the stream's health report reads them with.
-inline long long screen_feed_late_frames()
-{
-    return direct_feed_late_frames();
-}
-
 class screen_feed {
 public:
     /// Told why, once, on whichever thread noticed it, when the screen goes away.

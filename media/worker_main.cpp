@@ -25,6 +25,7 @@
 #include "core/obs/pipe_protocol.hpp"
 #include "core/version.hpp"
 #include "media/catalogue.hpp"
+#include "media/direct_video.hpp"
 #include "media/live_stream.hpp"
 #include "media/protocol.hpp"
 #include "media/runtime.hpp"
@@ -199,7 +200,7 @@ orbweave::Json frame_counters()
     return orbweave::Json{{"frames", sent.frames},
                           {"dropped", sent.dropped},
                           {"rendered", obs_get_total_frames()},
-                          {"lagged", obs_get_lagged_frames() + orbweave::obs::screen_feed_late_frames()},
+                          {"lagged", obs_get_lagged_frames() + orbweave::obs::direct_feed_late_frames()},
                           {"video_frames", video ? video_output_get_total_frames(video) : 0u},
                           {"skipped", video ? video_output_get_skipped_frames(video) : 0u}};
 }

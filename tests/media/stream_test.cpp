@@ -1194,7 +1194,7 @@ struct late_width_source {
     }
 };
 
-TEST(OutputInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
+TEST(LiveStreamInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
 {
     runtime libobs;
     auto far = clock::now() + 1h;
@@ -1213,7 +1213,7 @@ TEST(OutputInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
     EXPECT_LT(clock::now() - begun, limits::source_size);
 }
 
-TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
+TEST(LiveStreamInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
 {
     runtime libobs; // without a canvas, as a stream worker starts
     live_stream stream;
