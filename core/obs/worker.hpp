@@ -105,8 +105,9 @@ public:
     /// and its end is expected (the exit handler is not called).
     void abort();
 
-    /// Called on the reader thread for each event line with its name and reason. The handler
-    /// must not call into this worker (the reply it would wait for is read by that very thread).
+    /// Called on the reader thread for each event line with its name and reason; what the
+    /// handlers throw is logged and dropped. The handler must not call into this worker
+    /// (the reply it would wait for is read by that very thread).
     void set_event_handler(std::function<void(const std::string& event, const std::string& reason)> handler);
     /// Called on the reader thread for each health report of the worker's stream (every
     /// second while it runs), under the same rules as the event handler. A malformed one
