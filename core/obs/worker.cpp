@@ -361,26 +361,6 @@ pid_t worker::pid() const
     return process_->pid();
 }
 
-std::vector<screen_entry> worker::list_screens()
-{
-    return entries_from_json<screen_entry>(call(Json{{"op", pipe::op::list_screens}}));
-}
-
-std::vector<window_entry> worker::list_windows()
-{
-    return entries_from_json<window_entry>(call(Json{{"op", pipe::op::list_windows}}));
-}
-
-std::vector<audio_entry> worker::list_audios()
-{
-    return entries_from_json<audio_entry>(call(Json{{"op", pipe::op::list_audios}}));
-}
-
-std::vector<video_entry> worker::list_videos()
-{
-    return entries_from_json<video_entry>(call(Json{{"op", pipe::op::list_videos}}));
-}
-
 std::vector<source_entry> worker::list(callback::source_type::type kind)
 {
     const char* op = pipe::list_op(kind);

@@ -78,10 +78,6 @@ public:
     worker(const worker&) = delete;
     worker& operator=(const worker&) = delete;
 
-    std::vector<screen_entry> list_screens();
-    std::vector<window_entry> list_windows();
-    std::vector<audio_entry> list_audios();
-    std::vector<video_entry> list_videos();
     /// The catalogue of one kind; none for no kind.
     std::vector<source_entry> list(callback::source_type::type kind);
     /// The one source of that kind and id; none when the catalogue has no such source.
