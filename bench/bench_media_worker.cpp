@@ -75,10 +75,10 @@ int main()
         print("worker_shutdown_ms", median(shutdowns));
 
         obs::worker worker;
-        print("list_screens_ms", median_ms([&] { worker.list_screens(); }));
-        print("list_windows_ms", median_ms([&] { worker.list_windows(); }));
-        print("list_audios_ms", median_ms([&] { worker.list_audios(); }));
-        print("list_videos_ms", median_ms([&] { worker.list_videos(); }));
+        print("list_screens_ms", median_ms([&] { worker.list(callback::source_type::screen); }));
+        print("list_windows_ms", median_ms([&] { worker.list(callback::source_type::window); }));
+        print("list_audios_ms", median_ms([&] { worker.list(callback::source_type::audio); }));
+        print("list_videos_ms", median_ms([&] { worker.list(callback::source_type::video); }));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "bench: %s\n", error.what());
         if (environment)

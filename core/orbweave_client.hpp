@@ -18,6 +18,23 @@ namespace orbweave {
 /// domain, so an unconfigured build contacts no one.
 inline constexpr const char* default_service_url = ORBWEAVE_SERVICE_URL;
 
+/// The media worker processes: the source catalogue's listing worker, and the stream
+/// workers of the work manager.
+struct media_options {
+    /// For the listing worker.
+    obs::worker::options listing;
+    /// For each stream's worker; its canvas is set once, at the stream's size.
+    obs::worker::options stream = obs::worker_manager::stream_worker_options();
+    /// Where the portal's restore tokens are kept (per source id); "" keeps none.
+    std::string restore_tokens;
+    /// At most this many streams at once; 0 derives it from the machine (stream_limit_for).
+    int max_streams = 0;
+    /// Start the listing worker at once, and keep one stream worker started ahead of the
+    /// next activation (the spare), so neither a first list nor an activation waits for a
+    /// worker to start. The front ends turn it on.
+    bool warm = false;
+};
+
 /// Timing of the link to the service. The defaults are the production values;
 /// tests run the same code with delays of a few milliseconds.
 struct client_options {
@@ -29,7 +46,7 @@ struct client_options {
     /// Reconnection attempts with streams active after which the streams are stopped.
     int stream_outage_attempts = 5;
     /// The media worker processes.
-    obs::worker_manager::options media;
+    media_options media;
     /// Where the history of what the service used is appended; null keeps none.
     std::shared_ptr<activity_log> activity;
 };

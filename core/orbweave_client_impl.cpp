@@ -45,8 +45,16 @@ void orbweave_client_impl::initialize()
     keep_running_ = std::make_unique<boost::asio::io_service::work>(*io_service_);
     loop_ = std::make_shared<network_loop>(*io_service_);
     websocket_client_ = std::make_unique<websocket::websocket_client>(options_.transport);
-    work_manager_ = std::make_unique<obs::worker_manager>(
-        [loop = loop_](std::function<void()> task) { loop->post(std::move(task)); }, options_.media);
+    auto post = [loop = loop_](std::function<void()> task) { loop->post(std::move(task)); };
+    restore_tokens_ = std::make_unique<obs::restore_tokens>(options_.media.restore_tokens);
+    // Both start their workers now when warm, side by side: the service lists right
+    // after connecting and activates soon after.
+    catalogue_ = std::make_unique<obs::source_catalogue>(post, options_.media.listing, options_.media.warm);
+    obs::worker_manager::options streams;
+    streams.stream = options_.media.stream;
+    streams.max_streams = options_.media.max_streams;
+    streams.keep_spare = options_.media.warm;
+    work_manager_ = std::make_unique<obs::worker_manager>(post, *restore_tokens_, streams);
     work_manager_->set_stream_ended_handler([this](const std::string& id, const std::string& reason, bool now_empty) {
         log::line("The stream of source " + id + " ended: " + reason);
         activity_.stopped(id, "ended", reason);
@@ -63,16 +71,18 @@ void orbweave_client_impl::initialize()
     // Every message the client serves, in one place, each handler given what it uses.
     auto& transport = *websocket_client_;
     app_callbacks& app = *this;
+    obs::source_catalogue& catalogue = *catalogue_;
     obs::worker_manager& media = *work_manager_;
-    transport.register_message_handler(std::make_unique<obs::activate_handler>(media, app));
+    obs::restore_tokens& consent = *restore_tokens_;
+    transport.register_message_handler(std::make_unique<obs::activate_handler>(catalogue, media, app));
     transport.register_message_handler(std::make_unique<code_handler>(app));
     transport.register_message_handler(std::make_unique<obs::deactivate_handler>(media, app));
     transport.register_message_handler(std::make_unique<identify_handler>());
-    transport.register_message_handler(std::make_unique<obs::list_handler>(media, app));
+    transport.register_message_handler(std::make_unique<obs::list_handler>(catalogue, media, app));
     transport.register_message_handler(std::make_unique<open_handler>(
         app, transport, options_.keepalive_interval_ms, [this] { reset_reconnection(); }));
-    transport.register_message_handler(std::make_unique<ready_handler>(app, media));
-    transport.register_message_handler(std::make_unique<reset_handler>(app, media));
+    transport.register_message_handler(std::make_unique<ready_handler>(app, media, consent));
+    transport.register_message_handler(std::make_unique<reset_handler>(app, media, consent));
     transport.register_message_handler(
         websocket::lambda_message_handler::create("fail", [this](const websocket::connection&, const Json&) {
             on_fail();
@@ -179,12 +189,16 @@ void orbweave_client_impl::join()
 
 void orbweave_client_impl::release_run()
 {
-    // The streams stop first (the workers shut down in parallel, each bounded); then
-    // dropping the transport closes its sockets, so the service sees this machine
-    // leave now rather than at the next start().
+    // The streams and the listing worker stop first (the workers shut down in parallel,
+    // each bounded); then dropping the transport closes its sockets, so the service sees
+    // this machine leave now rather than at the next start().
+    if (catalogue_)
+        catalogue_->close();
     work_manager_.reset();
+    catalogue_.reset();
     reconnect_timer_.reset();
     websocket_client_.reset();
+    restore_tokens_.reset(); // after the handlers that use it
     loop_.reset();
     keep_running_.reset();
     io_service_.reset();
@@ -335,8 +349,8 @@ void orbweave_client_impl::forget_consent()
     obs::restore_tokens(options_.media.restore_tokens).forget();
     if (std::shared_ptr<network_loop> loop = current_loop())
         loop->post([this] {
-            if (work_manager_)
-                work_manager_->forget_consent();
+            if (restore_tokens_)
+                restore_tokens_->forget();
         });
 }
 

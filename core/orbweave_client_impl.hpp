@@ -2,6 +2,8 @@
 
 #include "core/app_callbacks.hpp"
 #include "core/network_loop.hpp"
+#include "core/obs/restore_tokens.hpp"
+#include "core/obs/source_catalogue.hpp"
 #include "core/obs/worker_manager.hpp"
 #include "core/orbweave_client.hpp"
 #include "core/websocket/connection.hpp"
@@ -21,7 +23,8 @@
 namespace orbweave {
 
 /// The one implementation of orbweave_client. The protocol handlers reach the
-/// application through it as app_callbacks, and the work manager directly.
+/// application through it as app_callbacks, and the source catalogue, the work manager
+/// and the restore tokens directly.
 ///
 /// Threads: every handler, timer and application callback runs on the network
 /// thread. Other threads (the application's, the work manager's, the worker pipe
@@ -119,6 +122,10 @@ private:
 
     std::unique_ptr<websocket::websocket_client> websocket_client_;
     websocket::timer_ptr reconnect_timer_;
+    // One each per run, made in initialize(). The tokens outlive the work manager, whose
+    // stream threads use them.
+    std::unique_ptr<obs::restore_tokens> restore_tokens_;
+    std::unique_ptr<obs::source_catalogue> catalogue_;
     std::unique_ptr<obs::worker_manager> work_manager_;
 
     // Serialises start(), stop() and join(); they take no other lock of the client.

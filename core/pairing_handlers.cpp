@@ -1,5 +1,6 @@
 #include "core/pairing_handlers.hpp"
 
+#include "core/obs/restore_tokens.hpp"
 #include "core/obs/worker_manager.hpp"
 #include "core/websocket/connection.hpp"
 
@@ -30,8 +31,8 @@ void code_handler::handle(const websocket::connection&, const Json& message)
         app_.new_code(code);
 }
 
-ready_handler::ready_handler(app_callbacks& app, obs::worker_manager& media)
-    : message_handler("ready"), app_(app), media_(media)
+ready_handler::ready_handler(app_callbacks& app, obs::worker_manager& media, obs::restore_tokens& consent)
+    : message_handler("ready"), app_(app), media_(media), consent_(consent)
 {
 }
 
@@ -43,20 +44,20 @@ void ready_handler::handle(const websocket::connection&, const Json& message)
         json::string_at(message, {"payload", "owner", "avatar"}),
     };
     // Before anything can be activated under this pairing.
-    media_.paired_with(ready.displayName);
+    consent_.paired_with(ready.displayName);
     app_.state_changed(media_.is_empty() ? callback::state_type::connected : callback::state_type::streaming);
     app_.ready(ready);
 }
 
-reset_handler::reset_handler(app_callbacks& app, obs::worker_manager& media)
-    : message_handler("reset"), app_(app), media_(media)
+reset_handler::reset_handler(app_callbacks& app, obs::worker_manager& media, obs::restore_tokens& consent)
+    : message_handler("reset"), app_(app), media_(media), consent_(consent)
 {
 }
 
 void reset_handler::handle(const websocket::connection& connection, const Json&)
 {
     media_.clear();
-    media_.forget_consent();
+    consent_.forget();
     app_.activity().stopped_all("ended", "the service reset this machine");
     activity_event line;
     line.event = "reset";

@@ -11,8 +11,9 @@
 namespace orbweave {
 
 namespace obs {
+class restore_tokens;
 class worker_manager;
-}
+} // namespace obs
 
 /// The pairing-code request the client sends when it has no secret.
 Json code_request_without_secret();
@@ -30,22 +31,24 @@ private:
 
 class ready_handler final : public websocket::message_handler {
 public:
-    ready_handler(app_callbacks& app, obs::worker_manager& media);
+    ready_handler(app_callbacks& app, obs::worker_manager& media, obs::restore_tokens& consent);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
     app_callbacks& app_;
     obs::worker_manager& media_;
+    obs::restore_tokens& consent_;
 };
 
 class reset_handler final : public websocket::message_handler {
 public:
-    reset_handler(app_callbacks& app, obs::worker_manager& media);
+    reset_handler(app_callbacks& app, obs::worker_manager& media, obs::restore_tokens& consent);
     void handle(const websocket::connection& connection, const Json& message) override;
 
 private:
     app_callbacks& app_;
     obs::worker_manager& media_;
+    obs::restore_tokens& consent_;
 };
 
 } // namespace orbweave

@@ -296,13 +296,13 @@ std::vector<item> desktop_checks(const settings& options, worker_watch* watch)
     }
     try {
         Json counts;
-        std::size_t screens = worker->list_screens().size();
-        std::size_t windows = worker->list_windows().size();
-        auto audios = worker->list_audios();
+        std::size_t screens = worker->list(callback::source_type::screen).size();
+        std::size_t windows = worker->list(callback::source_type::window).size();
+        auto audios = obs::entries_of<obs::audio_entry>(worker->list(callback::source_type::audio));
         std::size_t inputs = 0;
         for (const auto& audio : audios)
             inputs += audio.input;
-        std::size_t cameras = worker->list_videos().size();
+        std::size_t cameras = worker->list(callback::source_type::video).size();
         counts = {{"screens", screens}, {"windows", windows}, {"audio_outputs", audios.size() - inputs},
                   {"audio_inputs", inputs}, {"cameras", cameras}};
         std::string found = plural(screens, "screen", "screens") + ", " + plural(windows, "window", "windows") +

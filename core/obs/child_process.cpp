@@ -90,6 +90,187 @@ int open_pidfd(pid_t pid)
 #endif
 }
 
+/// Strings and the null-terminated array of pointers to them that exec takes.
+class c_strings {
+public:
+    explicit c_strings(std::vector<std::string> strings) : strings_(std::move(strings))
+    {
+        for (auto& text : strings_)
+            pointers_.push_back(text.data());
+        pointers_.push_back(nullptr);
+    }
+    c_strings(const c_strings&) = delete;
+    c_strings& operator=(const c_strings&) = delete;
+    char* const* pointers() const { return pointers_.data(); }
+
+private:
+    std::vector<std::string> strings_;
+    std::vector<char*> pointers_;
+};
+
+/// Ours, less what options replaces or removes, plus what it sets.
+std::vector<std::string> child_environment(const child_process::options& options)
+{
+    std::vector<std::string> environment;
+    for (char** entry = environ; entry && *entry; ++entry) {
+        std::string text = *entry;
+        std::string name = text.substr(0, text.find('='));
+        bool replaced = std::any_of(options.environment.begin(), options.environment.end(),
+                                    [&](const auto& var) { return var.first == name; }) ||
+                        std::find(options.unset_environment.begin(), options.unset_environment.end(), name) !=
+                            options.unset_environment.end();
+        if (!replaced)
+            environment.push_back(std::move(text));
+    }
+    for (const auto& [name, value] : options.environment)
+        environment.push_back(name + "=" + value);
+    return environment;
+}
+
+/// The descriptors a child is given: its standard streams (our socket ends, or
+/// /dev/null), the ones options passes on, and the pipe it reports a failed exec on.
+struct child_descriptors {
+    fd_pair in, out, status;
+    int null_fd = -1;
+    /// What the child keeps, as (ours, the number it gets in the child).
+    std::vector<std::pair<int, int>> mapping;
+
+    explicit child_descriptors(const child_process::options& options)
+    {
+        if (options.pipe_stdin)
+            make_socket_pair(in);
+        if (options.pipe_stdout)
+            make_socket_pair(out);
+        int fds[2];
+        if (::pipe2(fds, O_CLOEXEC) < 0)
+            throw_errno(errno, "pipe2");
+        status.ours = fds[0];
+        status.theirs = fds[1];
+        if (options.quiet || !options.pipe_stdin) {
+            null_fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            if (null_fd < 0)
+                throw_errno(errno, "open /dev/null");
+        }
+        mapping.push_back({options.pipe_stdin ? in.theirs : null_fd, 0});
+        if (options.pipe_stdout)
+            mapping.push_back({out.theirs, 1});
+        else if (options.quiet)
+            mapping.push_back({null_fd, 1});
+        if (options.quiet)
+            mapping.push_back({null_fd, 2});
+        for (const auto& pass : options.pass_fds)
+            mapping.push_back(pass);
+    }
+    ~child_descriptors() { close_null(); }
+
+    /// The highest descriptor number on either side of the mapping (at least 2).
+    int highest_target() const
+    {
+        int highest = 2;
+        for (const auto& [source, target] : mapping)
+            highest = std::max({highest, source, target});
+        return highest;
+    }
+    void close_null()
+    {
+        if (null_fd >= 0)
+            ::close(std::exchange(null_fd, -1));
+    }
+};
+
+/// Everything the child does after fork, prepared before it.
+struct exec_plan {
+    const char* program;
+    char* const* argv;
+    char* const* envp;
+    const std::pair<int, int>* mapping;
+    std::size_t mapping_size;
+    int highest; // of every descriptor in mapping
+    int status_fd;
+    bool new_process_group;
+    pid_t parent;
+};
+
+constexpr std::size_t max_mapped = 64;
+
+/// In the child after fork: async-signal-safe calls only, nothing that allocates or
+/// takes a lock (another thread of the parent may have held one at the fork). Sets the
+/// child up as the plan says and executes the program; on failure the errno goes up the
+/// status pipe and the child exits.
+[[noreturn]] void exec_in_child(const exec_plan& plan) noexcept
+{
+    int status_fd = plan.status_fd;
+    auto fail = [&status_fd](int error) {
+        ssize_t ignored = ::write(status_fd, &error, sizeof error);
+        (void)ignored;
+        ::_exit(127);
+    };
+    if (::prctl(PR_SET_PDEATHSIG, SIGKILL) < 0)
+        fail(errno);
+    if (::getppid() != plan.parent) // the parent died before prctl took effect
+        ::_exit(127);
+    if (plan.new_process_group)
+        ::setpgid(0, 0);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::signal(SIGPIPE, SIG_DFL);
+
+    // The status pipe first goes above every target, so no target can overwrite it; then
+    // every source goes above too, so no dup2 below overwrites a source not yet moved.
+    int spare = plan.highest + 1;
+    status_fd = ::fcntl(status_fd, F_DUPFD_CLOEXEC, spare);
+    if (status_fd < 0)
+        fail(errno);
+    spare = status_fd + 1;
+    if (plan.mapping_size > max_mapped)
+        fail(EINVAL);
+    int moved[max_mapped];
+    for (std::size_t i = 0; i < plan.mapping_size; ++i) {
+        moved[i] = ::fcntl(plan.mapping[i].first, F_DUPFD, spare);
+        if (moved[i] < 0)
+            fail(errno);
+        spare = moved[i] + 1;
+    }
+    for (std::size_t i = 0; i < plan.mapping_size; ++i)
+        if (::dup2(moved[i], plan.mapping[i].second) < 0)
+            fail(errno);
+
+    // Close every descriptor from 3 up except the targets and the status pipe.
+    int keep[max_mapped + 1];
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < plan.mapping_size; ++i)
+        if (plan.mapping[i].second >= 3)
+            keep[kept++] = plan.mapping[i].second;
+    keep[kept++] = status_fd;
+    std::sort(keep, keep + kept);
+    unsigned from = 3;
+    for (std::size_t i = 0; i < kept; ++i) {
+        unsigned fd = static_cast<unsigned>(keep[i]);
+        if (fd > from)
+            ::syscall(SYS_close_range, from, fd - 1, 0);
+        from = std::max(from, fd + 1);
+    }
+    ::syscall(SYS_close_range, from, ~0U, 0);
+    ::execve(plan.program, plan.argv, plan.envp);
+    fail(errno);
+    ::_exit(127); // not reached: fail() exits
+}
+
+/// The child's exec status, read from our end of its status pipe: none once the program
+/// runs (exec closed the pipe), else the errno of what failed.
+std::optional<int> read_exec_status(int fd)
+{
+    int exec_error = 0;
+    ssize_t got;
+    do {
+        got = ::read(fd, &exec_error, sizeof exec_error);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0)
+        return exec_error;
+    return std::nullopt;
+}
+
 // Children left to the kernel after SIGKILL did not end them in time. Nothing waits for
 // them; they are reaped in passing, whenever a child is started or destroyed, so
 // they do not stay behind as zombies.
@@ -153,149 +334,34 @@ child_process::child_process(const options& options)
 
     // Everything the child needs is prepared before fork: after it, only
     // async-signal-safe calls are allowed.
-    std::vector<std::string> env_strings;
-    for (char** entry = environ; entry && *entry; ++entry) {
-        std::string text = *entry;
-        std::string name = text.substr(0, text.find('='));
-        bool replaced = std::any_of(options.environment.begin(), options.environment.end(),
-                                    [&](const auto& var) { return var.first == name; }) ||
-                        std::find(options.unset_environment.begin(), options.unset_environment.end(), name) !=
-                            options.unset_environment.end();
-        if (!replaced)
-            env_strings.push_back(std::move(text));
-    }
-    for (const auto& [name, value] : options.environment)
-        env_strings.push_back(name + "=" + value);
-    std::vector<char*> envp;
-    for (auto& text : env_strings)
-        envp.push_back(text.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> argv_strings = options.argv;
-    std::vector<char*> argv;
-    for (auto& text : argv_strings)
-        argv.push_back(text.data());
-    argv.push_back(nullptr);
+    c_strings environment(child_environment(options));
+    c_strings argv(options.argv);
+    child_descriptors fds(options);
+    exec_plan plan{program.c_str(), argv.pointers(), environment.pointers(), fds.mapping.data(), fds.mapping.size(),
+                   fds.highest_target(), fds.status.theirs, options.new_process_group, ::getpid()};
 
-    fd_pair in, out, status_pipe;
-    if (options.pipe_stdin)
-        make_socket_pair(in);
-    if (options.pipe_stdout)
-        make_socket_pair(out);
-    {
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) < 0)
-            throw_errno(errno, "pipe2");
-        status_pipe.ours = fds[0];
-        status_pipe.theirs = fds[1];
-    }
-    int null_fd = -1;
-    if (options.quiet || !options.pipe_stdin) {
-        null_fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-        if (null_fd < 0)
-            throw_errno(errno, "open /dev/null");
-    }
-
-    // Descriptors the child keeps, as (source, target); sources are first moved above every target.
-    std::vector<std::pair<int, int>> mapping;
-    mapping.push_back({options.pipe_stdin ? in.theirs : null_fd, 0});
-    if (options.pipe_stdout)
-        mapping.push_back({out.theirs, 1});
-    else if (options.quiet)
-        mapping.push_back({null_fd, 1});
-    if (options.quiet)
-        mapping.push_back({null_fd, 2});
-    for (const auto& pass : options.pass_fds)
-        mapping.push_back(pass);
-    int highest = 2;
-    for (const auto& [source, target] : mapping)
-        highest = std::max({highest, source, target});
-    int error_fd = status_pipe.theirs;
-    bool group = options.new_process_group;
-    pid_t parent = ::getpid();
-
-    forked fork_result = on_spawner_thread([&]() -> forked {
+    forked fork_result = on_spawner_thread([&plan]() -> forked {
         pid_t child = ::fork();
-        if (child != 0)
-            return {child, child < 0 ? errno : 0};
-        // In the child.
-        auto fail = [&error_fd](int error) {
-            ssize_t ignored = ::write(error_fd, &error, sizeof error);
-            (void)ignored;
-            ::_exit(127);
-        };
-        if (::prctl(PR_SET_PDEATHSIG, SIGKILL) < 0)
-            fail(errno);
-        if (::getppid() != parent) // the parent died before prctl took effect
-            ::_exit(127);
-        if (group)
-            ::setpgid(0, 0);
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        ::signal(SIGPIPE, SIG_DFL);
-        int spare = highest + 1;
-        // The exec-status pipe first goes above every target, so no target can overwrite it.
-        int status_fd = ::fcntl(error_fd, F_DUPFD_CLOEXEC, spare);
-        if (status_fd < 0)
-            fail(errno);
-        error_fd = status_fd;
-        spare = status_fd + 1;
-        std::size_t count = mapping.size();
-        int moved[64];
-        if (count > 64)
-            fail(EINVAL);
-        for (std::size_t i = 0; i < count; ++i) {
-            moved[i] = ::fcntl(mapping[i].first, F_DUPFD, spare);
-            if (moved[i] < 0)
-                fail(errno);
-            spare = moved[i] + 1;
-        }
-        for (std::size_t i = 0; i < count; ++i)
-            if (::dup2(moved[i], mapping[i].second) < 0)
-                fail(errno);
-        // Close every descriptor from 3 up except the targets and the status pipe.
-        int keep[66];
-        std::size_t kept = 0;
-        for (std::size_t i = 0; i < count; ++i)
-            if (mapping[i].second >= 3)
-                keep[kept++] = mapping[i].second;
-        keep[kept++] = error_fd;
-        std::sort(keep, keep + kept);
-        unsigned from = 3;
-        for (std::size_t i = 0; i < kept; ++i) {
-            unsigned fd = static_cast<unsigned>(keep[i]);
-            if (fd > from)
-                ::syscall(SYS_close_range, from, fd - 1, 0);
-            from = std::max(from, fd + 1);
-        }
-        ::syscall(SYS_close_range, from, ~0U, 0);
-        ::execve(program.c_str(), argv.data(), envp.data());
-        fail(errno);
-        return {};
+        if (child == 0)
+            exec_in_child(plan);
+        return {child, child < 0 ? errno : 0};
     });
-    if (null_fd >= 0)
-        ::close(null_fd);
+    fds.close_null();
     if (fork_result.pid < 0)
         throw_errno(fork_result.error, "fork");
     pid_ = fork_result.pid;
     pidfd_ = open_pidfd(pid_);
 
-    ::close(status_pipe.theirs);
-    status_pipe.theirs = -1;
-    int exec_error = 0;
-    ssize_t got;
-    do {
-        got = ::read(status_pipe.ours, &exec_error, sizeof exec_error);
-    } while (got < 0 && errno == EINTR);
-    if (got > 0) {
+    ::close(std::exchange(fds.status.theirs, -1));
+    if (std::optional<int> exec_error = read_exec_status(fds.status.ours)) {
         kill_and_wait();
         if (pidfd_ >= 0)
             ::close(pidfd_);
-        throw_errno(exec_error, "cannot start " + program);
+        throw_errno(*exec_error, "cannot start " + program);
     }
 
-    stdin_fd_ = std::exchange(in.ours, -1);
-    stdout_fd_ = std::exchange(out.ours, -1);
+    stdin_fd_ = std::exchange(fds.in.ours, -1);
+    stdout_fd_ = std::exchange(fds.out.ours, -1);
 }
 
 child_process::~child_process()

@@ -121,6 +121,17 @@ Json to_json(const source_entry& entry);
 /// An entry read back from its JSON form; none when "type" names no kind.
 std::optional<source_entry> source_entry_from_json(const Json& value);
 
+/// The entries of type Entry among entries, in order: a listing of one kind typed.
+template <class Entry>
+std::vector<Entry> entries_of(const std::vector<source_entry>& entries)
+{
+    std::vector<Entry> typed;
+    for (const source_entry& entry : entries)
+        if (const Entry* one = std::get_if<Entry>(&entry))
+            typed.push_back(*one);
+    return typed;
+}
+
 /// The first entry whose id is id.
 template <class Entry>
 std::optional<source_entry> find_entry(const std::vector<Entry>& entries, const std::string& id)

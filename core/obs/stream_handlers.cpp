@@ -4,6 +4,8 @@
 #include "core/obs/requests.hpp"
 #include "core/websocket/connection.hpp"
 
+#include <algorithm>
+
 namespace orbweave::obs {
 
 using callback::permission_rule;
@@ -60,10 +62,22 @@ activity_event activation_event(const char* event, const activate_request& reque
     return line;
 }
 
+/// The entries as the service sees them, marked active where streaming.
+Json marked(const std::vector<source_entry>& entries, const std::vector<std::string>& active)
+{
+    Json array = Json::array();
+    for (source_entry entry : entries) {
+        bool streaming = std::find(active.begin(), active.end(), entry_id(entry)) != active.end();
+        std::visit([streaming](auto& typed) { typed.is_active = streaming; }, entry);
+        array.push_back(to_json(entry));
+    }
+    return array;
+}
+
 } // namespace
 
-list_handler::list_handler(worker_manager& media, app_callbacks& app)
-    : message_handler("list"), media_(media), app_(app)
+list_handler::list_handler(source_catalogue& catalogue, worker_manager& media, app_callbacks& app)
+    : message_handler("list"), catalogue_(catalogue), media_(media), app_(app)
 {
 }
 
@@ -73,7 +87,8 @@ void list_handler::handle(const websocket::connection& connection, const Json& m
     auto to = websocket::envelope::of(message);
     auto& history = app_.activity();
     app_.ask_permission(kind, "", "", request_type::list,
-                        [&media = media_, &history, connection, to, kind](bool allowed, const char* decided) {
+                        [&catalogue = catalogue_, &media = media_, &history, connection, to, kind](
+                            bool allowed, const char* decided) {
         activity_event line;
         line.kind = kind;
         line.decided = decided;
@@ -85,7 +100,7 @@ void list_handler::handle(const websocket::connection& connection, const Json& m
         }
         if (kind == source_type::none)
             return send_reply(connection, to, Json{{"status", "Failure"}, {"results", nullptr}});
-        media.list(kind, [connection, to, &history, line](const worker_manager::listing& listed) mutable {
+        catalogue.list(kind, [&media, connection, to, &history, line](const source_catalogue::listing& listed) mutable {
             line.event = "list";
             if (!listed.error.empty()) {
                 // The catalogue could not be read (its worker failed): say so rather than stay silent.
@@ -97,13 +112,13 @@ void list_handler::handle(const websocket::connection& connection, const Json& m
             }
             line.outcome = "listed";
             history.record(line);
-            send_reply(connection, to, {{"status", "Success"}, {"results", listed.entries}});
+            send_reply(connection, to, {{"status", "Success"}, {"results", marked(listed.entries, media.active_ids())}});
         });
     });
 }
 
-activate_handler::activate_handler(worker_manager& media, app_callbacks& app)
-    : message_handler("activate"), media_(media), app_(app)
+activate_handler::activate_handler(source_catalogue& catalogue, worker_manager& media, app_callbacks& app)
+    : message_handler("activate"), catalogue_(catalogue), media_(media), app_(app)
 {
 }
 
@@ -125,9 +140,9 @@ void activate_handler::handle(const websocket::connection& connection, const Jso
 
     // The service lists before it activates, so the entry is usually at hand; otherwise
     // the listing worker looks that one source up.
-    if (std::optional<source_entry> listed = media_.listed_source(request.source))
+    if (std::optional<source_entry> listed = catalogue_.listed_source(request.source))
         return ask_and_start(connection, to, request, *listed);
-    media_.find_source(request.source, [this, connection, to, request](const worker_manager::lookup& found) {
+    catalogue_.find_source(request.source, [this, connection, to, request](const source_catalogue::lookup& found) {
         if (!found.entry) {
             std::string error = found.error.empty() ? "source not found" : found.error;
             log::line("The stream did not start: ", error);

@@ -1,5 +1,6 @@
 #include "core/obs/worker.hpp"
 
+#include "core/guarded.hpp"
 #include "core/log.hpp"
 #include "core/obs/pipe_channel.hpp"
 
@@ -269,14 +270,7 @@ void worker::read_loop()
         log::line("media worker " + std::to_string(process_->pid()) + " ended: " + reason);
         return;
     }
-    // Application code on our thread: nothing may leave it.
-    try {
-        handler(reason);
-    } catch (const std::exception& error) {
-        log::line("media worker: the exit handler failed: ", error.what());
-    } catch (...) {
-        log::line("media worker: the exit handler failed");
-    }
+    guarded("media worker", "the exit handler", [&] { handler(reason); });
 }
 
 bool worker::on_line(std::string_view text)
@@ -295,15 +289,8 @@ bool worker::on_line(std::string_view text)
             std::lock_guard<std::mutex> lock(state_mutex_);
             handler = event_handler_;
         }
-        if (!handler)
-            return true;
-        try {
-            handler(line.event, line.error);
-        } catch (const std::exception& error) {
-            log::line("media worker: the event handler failed: ", error.what());
-        } catch (...) {
-            log::line("media worker: the event handler failed");
-        }
+        if (handler)
+            guarded("media worker", "the event handler", [&] { handler(line.event, line.error); });
         return true;
     }
     case pipe::worker_line::kind::reply:
@@ -329,15 +316,8 @@ void worker::on_health(const Json& line)
         std::lock_guard<std::mutex> lock(state_mutex_);
         handler = health_handler_;
     }
-    if (!handler)
-        return;
-    try {
-        handler(*sample);
-    } catch (const std::exception& error) {
-        log::line("media worker: the health handler failed: ", error.what());
-    } catch (...) {
-        log::line("media worker: the health handler failed");
-    }
+    if (handler)
+        guarded("media worker", "the health handler", [&] { handler(*sample); });
 }
 
 void worker::set_health_handler(std::function<void(const health_sample&)> handler)
@@ -379,26 +359,6 @@ bool worker::alive() const
 pid_t worker::pid() const
 {
     return process_->pid();
-}
-
-std::vector<screen_entry> worker::list_screens()
-{
-    return entries_from_json<screen_entry>(call(Json{{"op", pipe::op::list_screens}}));
-}
-
-std::vector<window_entry> worker::list_windows()
-{
-    return entries_from_json<window_entry>(call(Json{{"op", pipe::op::list_windows}}));
-}
-
-std::vector<audio_entry> worker::list_audios()
-{
-    return entries_from_json<audio_entry>(call(Json{{"op", pipe::op::list_audios}}));
-}
-
-std::vector<video_entry> worker::list_videos()
-{
-    return entries_from_json<video_entry>(call(Json{{"op", pipe::op::list_videos}}));
 }
 
 std::vector<source_entry> worker::list(callback::source_type::type kind)

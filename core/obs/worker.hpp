@@ -78,10 +78,6 @@ public:
     worker(const worker&) = delete;
     worker& operator=(const worker&) = delete;
 
-    std::vector<screen_entry> list_screens();
-    std::vector<window_entry> list_windows();
-    std::vector<audio_entry> list_audios();
-    std::vector<video_entry> list_videos();
     /// The catalogue of one kind; none for no kind.
     std::vector<source_entry> list(callback::source_type::type kind);
     /// The one source of that kind and id; none when the catalogue has no such source.
@@ -105,8 +101,9 @@ public:
     /// and its end is expected (the exit handler is not called).
     void abort();
 
-    /// Called on the reader thread for each event line with its name and reason. The handler
-    /// must not call into this worker (the reply it would wait for is read by that very thread).
+    /// Called on the reader thread for each event line with its name and reason; what the
+    /// handlers throw is logged and dropped. The handler must not call into this worker
+    /// (the reply it would wait for is read by that very thread).
     void set_event_handler(std::function<void(const std::string& event, const std::string& reason)> handler);
     /// Called on the reader thread for each health report of the worker's stream (every
     /// second while it runs), under the same rules as the event handler. A malformed one

@@ -43,27 +43,17 @@ worker::options worker_manager::stream_worker_options()
     return stream;
 }
 
-worker_manager::worker_manager(post_function post) : worker_manager(std::move(post), options{}) {}
-
-worker_manager::worker_manager(post_function post, options options)
+worker_manager::worker_manager(post_function post, restore_tokens& tokens, options options)
     : options_(std::move(options)),
       max_streams_(options_.max_streams > 0 ? options_.max_streams : stream_limit_for(this_machine())),
-      post_(std::move(post)), tokens_(options_.restore_tokens),
-      listing_thread_(std::make_unique<serial_executor>())
+      post_(std::move(post)), tokens_(tokens)
 {
-    if (!options_.warm)
+    if (!options_.keep_spare)
         return;
+    // Started now, beside the catalogue's listing worker: the service activates soon
+    // after it has listed, and the first activation should find the spare ready.
     spare_ = std::make_unique<spare_worker>(options_.stream);
-    // The listing worker first: the service lists right after connecting. The spare
-    // starts once it is ready, so the two do not share the CPU.
-    listing_thread_->post([this] {
-        try {
-            listing_worker();
-        } catch (const std::exception&) {
-            // Logged by the worker; the first list tries again.
-        }
-        spare_->refill();
-    });
+    spare_->refill();
 }
 
 worker_manager::~worker_manager()
@@ -78,13 +68,10 @@ worker_manager::~worker_manager()
         }
     }
     changed_.notify_all();
-    // Everything stops at once: the stream threads shut their workers down, the spare
-    // shuts down on its own thread, and a listing worker still starting is killed.
+    // Everything stops at once: the stream threads shut their workers down, and the
+    // spare shuts down on its own thread.
     if (spare_)
         spare_->close();
-    closing_starts_.cancel();
-    listing_thread_.reset();
-    listing_worker_.reset();
     {
         std::unique_lock<std::mutex> lock(mutex_);
         changed_.wait(lock, [this] { return streams_.empty(); });
@@ -351,16 +338,6 @@ std::string worker_manager::refusal_locked() const
     return "too many streams: at most " + std::to_string(max_streams_) + " run at once on this machine";
 }
 
-void worker_manager::forget_consent()
-{
-    tokens_.forget();
-}
-
-void worker_manager::paired_with(const std::string& account)
-{
-    tokens_.paired_with(account);
-}
-
 bool worker_manager::is_empty() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -404,72 +381,6 @@ void worker_manager::set_health_handler(health_handler handler)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     health_handler_ = std::move(handler);
-}
-
-worker& worker_manager::listing_worker()
-{
-    // Started on first use, and again after it died, so a crashed plug-in costs one request.
-    if (!listing_worker_ || !listing_worker_->alive())
-        listing_worker_ = std::make_unique<worker>(options_.listing, &closing_starts_);
-    return *listing_worker_;
-}
-
-std::vector<source_entry> worker_manager::catalogue(source_type::type kind)
-{
-    std::vector<source_entry> entries = listing_worker().list(kind);
-    std::lock_guard<std::mutex> lock(listed_mutex_);
-    listed_[kind] = entries;
-    return entries;
-}
-
-Json worker_manager::marked(const std::vector<source_entry>& entries) const
-{
-    std::vector<std::string> active = active_ids();
-    Json array = Json::array();
-    for (source_entry entry : entries) {
-        bool streaming = std::find(active.begin(), active.end(), entry_id(entry)) != active.end();
-        std::visit([streaming](auto& typed) { typed.is_active = streaming; }, entry);
-        array.push_back(to_json(entry));
-    }
-    return array;
-}
-
-void worker_manager::list(source_type::type kind, std::function<void(const listing&)> done)
-{
-    listing_thread_->post([this, kind, done = std::move(done)] {
-        listing result;
-        try {
-            result.entries = marked(catalogue(kind));
-        } catch (const std::exception& error) {
-            result.error = error.what();
-        }
-        report([done, result = std::move(result)] { done(result); });
-    });
-}
-
-std::optional<source_entry> worker_manager::listed_source(const source_ref& source) const
-{
-    std::lock_guard<std::mutex> lock(listed_mutex_);
-    auto kind = listed_.find(source.kind);
-    if (kind == listed_.end())
-        return std::nullopt;
-    for (const source_entry& entry : kind->second)
-        if (entry_id(entry) == source.id)
-            return entry;
-    return std::nullopt;
-}
-
-void worker_manager::find_source(source_ref source, std::function<void(const lookup&)> done)
-{
-    listing_thread_->post([this, source = std::move(source), done = std::move(done)] {
-        lookup result;
-        try {
-            result.entry = listing_worker().find(source);
-        } catch (const std::exception& error) {
-            result.error = error.what();
-        }
-        report([done, result = std::move(result)] { done(result); });
-    });
 }
 
 void worker_manager::report(std::function<void()> task) const noexcept

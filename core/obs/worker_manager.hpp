@@ -6,7 +6,6 @@
 #include "core/obs/spare_worker.hpp"
 #include "core/obs/stream_health.hpp"
 #include "core/obs/worker.hpp"
-#include "core/serial_executor.hpp"
 
 #include <condition_variable>
 #include <cstdint>
@@ -14,39 +13,33 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace orbweave::obs {
 
-/// The registry of streams, keyed by the service's source id, and the media work
-/// behind it. Each stream runs in a media worker process of its own, owned by a
-/// thread of its own from spawning to shut-down; one more worker, started when
-/// first needed and again if it dies, serves every listing on the listing thread, and
-/// the last listing of each kind is kept to look activated sources up in.
+/// The registry of streams, keyed by the service's source id. Each stream runs in a
+/// media worker process of its own, owned by a thread of its own from spawning to
+/// shut-down; with a spare (options.keep_spare) one more stream worker is kept started
+/// ahead of the next activation. What the machine offers to stream is the source
+/// catalogue's (core/obs/source_catalogue).
 ///
-/// Every operation returns at once. Slow work (spawning, starting, stopping,
-/// listing) runs on the manager's threads and reports through the post function,
-/// which the client points at its network loop. The registry lock is held only to
-/// mark a stream starting, running or stopping, never across media work.
+/// Every operation returns at once. Slow work (spawning, starting, stopping) runs on the
+/// stream threads and reports through the post function, which the client points at its
+/// network loop. The registry lock is held only to mark a stream starting, running or
+/// stopping, never across media work.
 class worker_manager {
 public:
     struct options {
-        /// For the listing worker.
-        worker::options listing;
         /// For each stream's worker; its canvas is set once, at the stream's size.
         worker::options stream = stream_worker_options();
-        /// Where the portal's restore tokens are kept (per source id); "" keeps none.
-        std::string restore_tokens;
         /// At most this many streams at once, counting those still starting or stopping
         /// (each holds a worker); 0 derives it from the machine (stream_limit_for).
         int max_streams = 0;
-        /// Start the listing worker at once, and keep one stream worker started ahead of
-        /// the next activation (the spare), so neither a first list nor an activation
-        /// waits for a worker to start. The front ends turn it on.
-        bool warm = false;
+        /// Keep one stream worker started ahead of the next activation (the spare), from
+        /// the construction on, so that not even the first activation waits for one.
+        bool keep_spare = false;
     };
 
     /// Runs a task on the owner's thread, or drops it once the owner has stopped. It is
@@ -72,18 +65,6 @@ public:
         bool now_empty = false;
     };
 
-    /// One kind's catalogue, marked active where streaming; entries is null on error.
-    struct listing {
-        Json entries;
-        std::string error;
-    };
-
-    /// A source looked up by the listing worker.
-    struct lookup {
-        std::optional<source_entry> entry;
-        std::string error;
-    };
-
     /// The streams running now, in the order they started; told on every change.
     using streams_handler = std::function<void(const std::vector<callback::active_stream>&)>;
 
@@ -96,10 +77,11 @@ public:
 
     static worker::options stream_worker_options();
 
-    explicit worker_manager(post_function post);
-    worker_manager(post_function post, options options);
-    /// Cancels starts, stops every stream and the listing worker, all at once (each
-    /// bounded by its shut-down time), and joins every thread.
+    /// Streams started here use tokens (the desktop's screen-cast consent), which must
+    /// outlive the manager.
+    worker_manager(post_function post, restore_tokens& tokens, options options);
+    /// Cancels starts, stops every stream and the spare, all at once (each bounded by its
+    /// shut-down time), and joins every thread.
     ~worker_manager();
 
     worker_manager(const worker_manager&) = delete;
@@ -122,22 +104,6 @@ public:
     bool is_empty() const;
     /// The source ids streaming now.
     std::vector<std::string> active_ids() const;
-
-    /// Lists one kind on the listing thread; done gets the result through post.
-    void list(callback::source_type::type kind, std::function<void(const listing&)> done);
-    /// The source as the last listing of its kind had it; none when it had no such id
-    /// (or that kind was not listed yet). Returns at once.
-    std::optional<source_entry> listed_source(const source_ref& source) const;
-    /// Asks the listing worker for that one source on the listing thread; done gets the
-    /// result through post.
-    void find_source(source_ref source, std::function<void(const lookup&)> done);
-
-    /// The pairing has gone (reset, sign-out): the desktop's screen-cast consent (every
-    /// restore token) goes with it, so the desktop's picker asks again.
-    void forget_consent();
-    /// The client is paired with account (the owner's name, as the service gives it):
-    /// consent given while paired with another account is forgotten.
-    void paired_with(const std::string& account);
 
     /// Set before the first activation; called through post.
     void set_stream_ended_handler(ended_handler handler);
@@ -173,16 +139,11 @@ private:
     /// Tells the streams handler of the running streams when they differ from the last told.
     void report_streams_locked();
     void join_finished();
-    worker& listing_worker();
-    /// The listing worker's entries of kind (on the listing thread), kept for lookups.
-    std::vector<source_entry> catalogue(callback::source_type::type kind);
-    /// The entries as the service sees them, marked active where streaming.
-    Json marked(const std::vector<source_entry>& entries) const;
 
     const options options_;
     const std::size_t max_streams_;
     const post_function post_;
-    restore_tokens tokens_;
+    restore_tokens& tokens_;
 
     mutable std::mutex mutex_; // the registry below; never held across media work
     std::condition_variable changed_;
@@ -198,18 +159,7 @@ private:
     health_handler health_handler_;
     std::vector<callback::active_stream> streams_told_;
 
-    // Cancelled when the manager closes: a listing worker still starting then ends at once.
-    cancellation closing_starts_;
-
-    // Used only on the listing thread (and by the destructor once that has ended).
-    std::unique_ptr<worker> listing_worker_;
-    std::unique_ptr<serial_executor> listing_thread_;
-
-    // The last listing of each kind, written on the listing thread.
-    mutable std::mutex listed_mutex_;
-    std::map<callback::source_type::type, std::vector<source_entry>> listed_;
-
-    // The stream worker started ahead of the next activation (options.warm); null otherwise.
+    // The stream worker started ahead of the next activation (options.keep_spare); null otherwise.
     // Set once, and reset only after every stream thread has ended: they use it unlocked.
     std::unique_ptr<spare_worker> spare_;
 };

@@ -113,8 +113,8 @@ protected:
     {
         ingest_ = new test::rtmp_ingest;
         worker listing;
-        screens_ = new std::vector<screen_entry>(listing.list_screens());
-        windows_ = new std::vector<window_entry>(listing.list_windows());
+        screens_ = new std::vector<screen_entry>(obs::entries_of<screen_entry>(listing.list(callback::source_type::screen)));
+        windows_ = new std::vector<window_entry>(obs::entries_of<window_entry>(listing.list(callback::source_type::window)));
     }
     static void TearDownTestSuite()
     {
@@ -643,7 +643,7 @@ TEST_P(ScreenChanges, AStreamKeepsItsSizeAndFitsTheScreensNewPicture)
     test::stderr_capture log;
     paint("#00ff00", green);
     worker listing;
-    auto screens = listing.list_screens();
+    auto screens = obs::entries_of<obs::screen_entry>(listing.list(callback::source_type::screen));
     ASSERT_EQ(screens.size(), 1u);
     ASSERT_EQ(screens[0].width, 1280u);
     std::string key = new_key(std::string("mode-") + GetParam());
@@ -1070,7 +1070,7 @@ TEST_F(Streaming, ServersThatTakeNoStreamFailWithinTheBoundAfterOneSoftwareRetry
         }
         EXPECT_LT(took, bad.bound);
         EXPECT_FALSE(ingest_->publishing(key));
-        EXPECT_FALSE(media->list_screens().empty());
+        EXPECT_FALSE(media->list(callback::source_type::screen).empty());
         media->shutdown();
         EXPECT_EQ(log.count_lines_starting(software_fallback_line), 1) << log.text();
     }

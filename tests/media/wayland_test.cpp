@@ -67,7 +67,7 @@ TEST(WaylandWorker, ListsWithoutGraphicsAndHearsPipeWire)
 {
     test::scoped_environment verbose("ORBWEAVE_OBS_LOG", "info");
     test::stderr_capture log; // the worker inherits our standard error
-    auto audios = listing_worker().list_audios();
+    auto audios = obs::entries_of<obs::audio_entry>(listing_worker().list(callback::source_type::audio));
     // Listing starts no graphics (the stream test sees them start on the compositor).
     EXPECT_EQ(log.text().find("Using EGL"), std::string::npos) << log.text();
     // PipeWire's PulseAudio server serves the audio sources.
@@ -154,7 +154,7 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
     const auto& output = session->desktop->outputs()[index];
     session->desktop->choose(output.name);
     test::rtmp_ingest ingest;
-    auto screens = listing_worker().list_screens();
+    auto screens = obs::entries_of<obs::screen_entry>(listing_worker().list(callback::source_type::screen));
     ASSERT_GT(screens.size(), index);
     test::scoped_environment verbose("ORBWEAVE_OBS_LOG", "info");
     test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", std::string(route));
@@ -222,7 +222,7 @@ TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
     const auto& output = desktop.outputs()[0];
     desktop.choose(output.name);
     test::rtmp_ingest ingest;
-    auto screens = listing_worker().list_screens();
+    auto screens = obs::entries_of<obs::screen_entry>(listing_worker().list(callback::source_type::screen));
     obs::worker media(stream_options());
     auto result = media.stream(order_for(screens[0], ingest, "resized"));
     ASSERT_TRUE(result.started) << result.error;
@@ -256,7 +256,7 @@ TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
     ASSERT_GT(::read(audio_server.stdout_fd(), ready, sizeof ready - 1), 0);
     EXPECT_EQ(std::string(ready), "ready orbweave_virtual\n");
 
-    auto audios = listing_worker().list_audios();
+    auto audios = obs::entries_of<obs::audio_entry>(listing_worker().list(callback::source_type::audio));
     auto virtual_output = std::find_if(audios.begin(), audios.end(), [](const obs::audio_entry& audio) {
         return !audio.input && audio.name == "Orbweave Virtual Audio Driver";
     });
@@ -533,7 +533,9 @@ TEST_P(WaylandDesktops, ListsTheCompositorsOutputsAsScreensAndWindowsOnlyWhereTh
 {
     obs::worker::options options;
     options.capture = obs::capture_route::portal;
-    auto list = [&] { return obs::worker(options).list_screens(); };
+    auto list = [&] {
+        return obs::entries_of<obs::screen_entry>(obs::worker(options).list(callback::source_type::screen));
+    };
     auto screens = list();
     const auto& outputs = desktop().outputs();
     ASSERT_EQ(screens.size(), outputs.size());
@@ -562,7 +564,7 @@ TEST_P(WaylandDesktops, ListsTheCompositorsOutputsAsScreensAndWindowsOnlyWhereTh
 
     // Windows: one entry for "a window the user picks" where the portal casts windows
     // (GNOME, KDE), none on wlroots (XWayland's windows are never listed).
-    auto windows = obs::worker(options).list_windows();
+    auto windows = obs::entries_of<obs::window_entry>(obs::worker(options).list(callback::source_type::window));
     if (GetParam() == desktop_kind::sway) {
         EXPECT_TRUE(windows.empty());
         return;
@@ -570,7 +572,8 @@ TEST_P(WaylandDesktops, ListsTheCompositorsOutputsAsScreensAndWindowsOnlyWhereTh
     ASSERT_EQ(windows.size(), 1u);
     EXPECT_EQ(windows[0].pid, 0);
     EXPECT_EQ(windows[0].id.size(), 64u);
-    EXPECT_EQ(obs::worker(options).list_windows()[0].id, windows[0].id) << "the window entry's id is not stable";
+    auto windows_again = obs::entries_of<obs::window_entry>(obs::worker(options).list(callback::source_type::window));
+    EXPECT_EQ(windows_again[0].id, windows[0].id) << "the window entry's id is not stable";
 }
 
 TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfterARestart)

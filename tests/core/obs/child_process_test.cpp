@@ -2,6 +2,7 @@
 
 #include "core/obs/child_process.hpp"
 #include "core/obs/media_limits.hpp"
+#include "tests/support/scoped_environment.hpp"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <system_error>
@@ -146,6 +148,35 @@ TEST(ChildProcess, InheritsOnlyTheStandardStreamsAndPassedDescriptors)
     ::close(fds[0]);
     ::close(leaky);
     EXPECT_TRUE(lister.wait_for(10s));
+}
+
+TEST(ChildProcess, RunsInOurEnvironmentWithTheGivenChanges)
+{
+    test::scoped_environment kept("ORBWEAVE_TEST_KEPT", "ours");
+    test::scoped_environment replaced("ORBWEAVE_TEST_REPLACED", "ours");
+    test::scoped_environment removed("ORBWEAVE_TEST_REMOVED", "ours");
+    auto options = shell("echo \"$ORBWEAVE_TEST_KEPT $ORBWEAVE_TEST_REPLACED $ORBWEAVE_TEST_ADDED "
+                         "${ORBWEAVE_TEST_REMOVED-unset}\"");
+    options.environment = {{"ORBWEAVE_TEST_REPLACED", "theirs"}, {"ORBWEAVE_TEST_ADDED", "new"}};
+    options.unset_environment = {"ORBWEAVE_TEST_REMOVED"};
+    child_process child(options);
+    EXPECT_EQ(read_all(child.stdout_fd()), "ours theirs new unset\n");
+    EXPECT_TRUE(child.wait_for(10s));
+}
+
+TEST(ChildProcess, AProgramThatCannotRunThrowsWhyAndLeavesNoChild)
+{
+    child_process::options options;
+    options.argv = {"/dev/null"}; // exists, but exec refuses it
+    try {
+        child_process child(options);
+        ADD_FAILURE() << "a program that cannot run was started";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), EACCES);
+        EXPECT_NE(std::string(error.what()).find("cannot start /dev/null"), std::string::npos) << error.what();
+    }
+    // Reaped already: nothing is left for us to wait for.
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
 }
 
 TEST(ChildProcess, OutlivesTheThreadThatStartedItButNotItsOwner)

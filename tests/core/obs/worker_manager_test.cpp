@@ -1,7 +1,9 @@
-// The work manager against the fake media worker (tests/support/fake_worker): how long
-// a stream's start may take, and how promptly starts and the whole manager stop. No
-// libobs in any process, so it also runs under ThreadSanitizer.
+// The work manager and the source catalogue against the fake media worker
+// (tests/support/fake_worker): how long a stream's start may take, and how promptly
+// starts and the whole media side stop. No libobs in any process, so it also runs under
+// ThreadSanitizer.
 
+#include "core/obs/source_catalogue.hpp"
 #include "core/obs/worker_manager.hpp"
 #include "core/serial_executor.hpp"
 #include "tests/support/blocking_queue.hpp"
@@ -33,15 +35,26 @@ protected:
     static worker_manager::options fake_workers()
     {
         worker_manager::options options;
-        options.listing.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
         options.stream.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
         return options;
     }
 
     void start(const worker_manager::options& options)
     {
-        manager = std::make_unique<worker_manager>([this](std::function<void()> task) { owner.post(std::move(task)); },
-                                                   options);
+        manager = std::make_unique<worker_manager>(post(), tokens, options);
+    }
+
+    /// The catalogue as the front ends run it: its listing worker starts at once.
+    void start_catalogue()
+    {
+        obs::worker::options listing;
+        listing.executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+        catalogue = std::make_unique<obs::source_catalogue>(post(), listing, true);
+    }
+
+    worker_manager::post_function post()
+    {
+        return [this](std::function<void()> task) { owner.post(std::move(task)); };
     }
 
     /// Activates one of the fake worker's displays; what became of it arrives in outcomes.
@@ -60,6 +73,11 @@ protected:
         return test::children_running(::getpid(), {"orbweave_fake_media_worker", "--stream-worker"});
     }
 
+    static std::vector<int> all_workers()
+    {
+        return test::children_running(::getpid(), {"orbweave_fake_media_worker"});
+    }
+
     static bool none_left()
     {
         return test::children_running(::getpid(), {"orbweave_fake_media_worker"}).empty();
@@ -69,6 +87,8 @@ protected:
     // that thread puts them.
     test::blocking_queue<worker_manager::activation> outcomes;
     serial_executor owner; // the client's network thread, to which results are posted
+    obs::restore_tokens tokens;
+    std::unique_ptr<obs::source_catalogue> catalogue;
     std::unique_ptr<worker_manager> manager;
 };
 
@@ -120,17 +140,24 @@ TEST_F(WorkManager, ADeactivateDuringAWorkersStartCancelsItAtOnce)
 
 TEST_F(WorkManager, StoppingWhileWorkersStartIsPromptAndLeavesNothing)
 {
-    // The listing worker, then the spare, and a stream's own worker all start slowly.
+    // The listing worker and the spare both start at once, slowly; the activation waits
+    // for the spare rather than spawning a worker of its own.
     test::scoped_environment slow("ORBWEAVE_FAKE_WORKER_START_MS", "60000");
     worker_manager::options options = fake_workers();
-    options.warm = true;
+    options.keep_spare = true;
+    start_catalogue();
     start(options);
+    ASSERT_TRUE(test::eventually([] { return stream_workers().size() == 1; }, deadline)) << "no spare started";
+    ASSERT_TRUE(test::eventually([] { return all_workers().size() == 2; }, deadline)) << "no listing worker started";
     activate(displays[0], "ok");
-    ASSERT_TRUE(test::eventually([] { return stream_workers().size() == 1; }, deadline));
 
+    // As the client stops: the catalogue closes, then the manager and the catalogue go.
     auto asked = std::chrono::steady_clock::now();
+    catalogue->close();
     manager.reset();
+    catalogue.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - asked, promptly);
+    EXPECT_EQ(stream_workers().size(), 0u);
     EXPECT_TRUE(none_left());
     auto answered = outcomes.pop(deadline);
     ASSERT_TRUE(answered);
@@ -142,7 +169,7 @@ TEST_F(WorkManager, StoppingWithStreamsRunningAndTheSpareRefillingLeavesNothing)
     // The stream threads refill the spare as they start, while stopping shuts the spare
     // down: the two must not overlap (ThreadSanitizer watches this case).
     worker_manager::options options = fake_workers();
-    options.warm = true;
+    options.keep_spare = true;
     for (int round = 0; round < 3; ++round) {
         start(options);
         activate(displays[0], "ok");

@@ -41,7 +41,7 @@ worker* Catalogue::worker_ = nullptr;
 
 TEST_F(Catalogue, ListsEachScreenWithItsOwnSize)
 {
-    auto screens = worker_->list_screens();
+    auto screens = obs::entries_of<obs::screen_entry>(worker_->list(callback::source_type::screen));
     const auto& expected = test::media_environment::current().settings().screens;
     ASSERT_EQ(screens.size(), expected.size());
     for (std::size_t i = 0; i < screens.size(); ++i) {
@@ -61,7 +61,7 @@ TEST_F(Catalogue, ListsEachScreenWithItsOwnSize)
 
 TEST_F(Catalogue, ListsManagedWindowsWithClassAndTitle)
 {
-    auto windows = worker_->list_windows();
+    auto windows = obs::entries_of<obs::window_entry>(worker_->list(callback::source_type::window));
     for (const auto& window : windows) {
         EXPECT_FALSE(window.name.empty() && window.description.empty() && window.pid == 0);
         EXPECT_EQ(window.id, create_unique_hash("Window" + std::to_string(window.pid)));
@@ -77,7 +77,7 @@ TEST_F(Catalogue, ListsManagedWindowsWithClassAndTitle)
 
 TEST_F(Catalogue, ListsAudioOutputsBeforeInputs)
 {
-    auto audios = worker_->list_audios();
+    auto audios = obs::entries_of<obs::audio_entry>(worker_->list(callback::source_type::audio));
     ASSERT_FALSE(audios.empty());
     auto first_input = std::find_if(audios.begin(), audios.end(), [](const audio_entry& a) { return a.input; });
     EXPECT_TRUE(std::none_of(first_input, audios.end(), [](const audio_entry& a) { return !a.input; }))
@@ -115,7 +115,7 @@ TEST_F(Catalogue, ListsAudioOutputsBeforeInputs)
 
 TEST_F(Catalogue, ListsNoCameraWithoutVideoDevices)
 {
-    EXPECT_TRUE(worker_->list_videos().empty());
+    EXPECT_TRUE(worker_->list(callback::source_type::video).empty());
 }
 
 TEST_F(Catalogue, AnErrorReachesTheCallerAndTheWorkerStaysUsable)
@@ -126,7 +126,7 @@ TEST_F(Catalogue, AnErrorReachesTheCallerAndTheWorkerStaysUsable)
     } catch (const std::runtime_error& error) {
         EXPECT_NE(std::string(error.what()).find("no_such_op"), std::string::npos) << error.what();
     }
-    EXPECT_EQ(worker_->list_screens().size(), 2u);
+    EXPECT_EQ(worker_->list(callback::source_type::screen).size(), 2u);
     EXPECT_TRUE(worker_->alive());
 }
 
@@ -137,11 +137,11 @@ TEST(WorkerProcess, ShutsDownCleanlyWithoutLeaksOrLeftovers)
     {
         worker listing;
         pid = listing.pid();
-        ASSERT_FALSE(listing.list_screens().empty());
-        ASSERT_FALSE(listing.list_audios().empty());
+        ASSERT_FALSE(listing.list(callback::source_type::screen).empty());
+        ASSERT_FALSE(listing.list(callback::source_type::audio).empty());
         leaks = listing.shutdown();
         EXPECT_FALSE(listing.alive());
-        EXPECT_THROW(listing.list_screens(), std::runtime_error);
+        EXPECT_THROW(listing.list(callback::source_type::screen), std::runtime_error);
     }
     ASSERT_TRUE(leaks) << "no shutdown reply";
     EXPECT_EQ(*leaks, 0) << "libobs leaked allocations";
@@ -176,8 +176,8 @@ std::set<std::string> mapped_libraries(pid_t pid)
 TEST(WorkerProcess, AListingWorkerLoadsOnlyCapturePluginsAndNoGraphics)
 {
     worker listing;
-    ASSERT_FALSE(listing.list_screens().empty());
-    ASSERT_FALSE(listing.list_windows().empty());
+    ASSERT_FALSE(listing.list(callback::source_type::screen).empty());
+    ASSERT_FALSE(listing.list(callback::source_type::window).empty());
     auto listed = mapped_libraries(listing.pid());
     EXPECT_TRUE(listed.count("linux-capture"));
     EXPECT_TRUE(listed.count("linux-pulseaudio"));
@@ -203,7 +203,7 @@ TEST(WorkerProcess, AKilledWorkerFailsCallsAtOnce)
     ASSERT_EQ(reason.wait_for(10s), std::future_status::ready) << "the death went unnoticed";
     EXPECT_EQ(reason.get(), "killed by signal SIGKILL");
     EXPECT_FALSE(victim.alive());
-    EXPECT_THROW(victim.list_screens(), std::runtime_error);
+    EXPECT_THROW(victim.list(callback::source_type::screen), std::runtime_error);
     EXPECT_FALSE(victim.shutdown());
     EXPECT_TRUE(test::process_gone(pid));
 }

@@ -1,4 +1,4 @@
-#include "media/c_boundary.hpp"
+#include "core/guarded.hpp"
 
 #include "core/log.hpp"
 
@@ -7,13 +7,13 @@
 #include <cstdio>
 #include <cstring>
 
-namespace orbweave::obs::detail {
+namespace orbweave::detail {
 
-void report_escaped(const char* where, const char* what) noexcept
+void report_escaped(const char* part, const char* where, const char* what) noexcept
 {
     char text[512];
     // One byte stays free for the newline of the fallback below.
-    if (std::snprintf(text, sizeof text - 1, "media: %s failed: %s", where, what) < 0)
+    if (std::snprintf(text, sizeof text - 1, "%s: %s failed: %s", part, where, what) < 0)
         return;
     try {
         log::line(text);
@@ -26,4 +26,4 @@ void report_escaped(const char* where, const char* what) noexcept
     }
 }
 
-} // namespace orbweave::obs::detail
+} // namespace orbweave::detail
