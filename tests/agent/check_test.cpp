@@ -4,6 +4,7 @@
 // and the portal. Each run's lines, exit status and JSON form are checked.
 
 #include "core/check/checks.hpp"
+#include "core/check/report.hpp"
 #include "core/json.hpp"
 #include "core/obs/child_process.hpp"
 #include "tests/support/line_reader.hpp"
@@ -310,6 +311,10 @@ TEST(Check, WhichEncoderAStreamTakesAndWhatABitrateCarries)
     EXPECT_EQ(check::quality_for(2000), "every level up to medium at its full bitrate");
     EXPECT_EQ(check::quality_for(3500), "every level up to extreme at its full bitrate");
     EXPECT_EQ(check::quality_for(400).rfind("below low's 600 kbps", 0), 0u);
+    // Warnings alone leave a stream possible: the commands exit 0.
+    check::item sound;
+    sound.level = check::status::warn;
+    EXPECT_EQ((check::report{{sound, check::item{}}, 0}.exit_status()), 0);
 }
 
 TEST(Check, TheStateFolderAndTheSecretsModes)
