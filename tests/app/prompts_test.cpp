@@ -173,7 +173,7 @@ TEST_F(Prompts, AClickOnTheBodyOpensTheDialogForTheSameRequestAndGrantsNothingBy
 
 // What the user caused and did not get (a stream that did not start) is told without a
 // question, as plain text whatever the names hold.
-TEST_F(Prompts, ATellingNotificationHasNoActionsAndEscapesItsText)
+TEST_F(Prompts, ATellingNotificationHasNoActionsAndEveryNotificationEscapesItsText)
 {
     start({"actions", "body-markup"});
     prompter->tell("The stream did not start", "<b>Display</b> is not streamed: refused");
@@ -183,6 +183,13 @@ TEST_F(Prompts, ATellingNotificationHasNoActionsAndEscapesItsText)
     EXPECT_EQ(call.body, "&lt;b&gt;Display&lt;/b&gt; is not streamed: refused");
     EXPECT_TRUE(call.actions.isEmpty());
     EXPECT_EQ(call.app_icon, "org.orbweave.Client");
+
+    // A question's names, too: no text poses as the prompt.
+    recorded request;
+    ask(request, "<b>Allow</b> & more", "x < y");
+    EXPECT_EQ(server->notified.back().body,
+              "Ann Example asks to stream the screen “&lt;b&gt;Allow&lt;/b&gt; &amp; more” (x &lt; y).\n"
+              "It will be streamed live until you stop it from the tray icon.");
 }
 
 TEST_F(Prompts, SigningOutRefusesEveryOpenPrompt)
@@ -199,16 +206,6 @@ TEST_F(Prompts, SigningOutRefusesEveryOpenPrompt)
     server->invoke(first, "allow"); // too late
     settle();
     EXPECT_EQ(one.answers, std::vector<bool>{false});
-}
-
-TEST_F(Prompts, MarkupIsEscapedSoNoTextPosesAsThePrompt)
-{
-    start({"actions", "body-markup"});
-    recorded request;
-    ask(request, "<b>Allow</b> & more", "x < y");
-    EXPECT_EQ(server->notified.back().body,
-              "Ann Example asks to stream the screen “&lt;b&gt;Allow&lt;/b&gt; &amp; more” (x &lt; y).\n"
-              "It will be streamed live until you stop it from the tray icon.");
 }
 
 TEST_F(Prompts, WithoutAServerOrActionsTheFallbackAsks)

@@ -76,11 +76,16 @@ TEST_F(Faults, CutsDuringTheHandshakeAndMidFrameAreRecovered)
     EXPECT_GT(proxy.forwarded(), before);
 }
 
-TEST_F(Faults, ALinkCutWhilePairingPairsOnTheNextCode)
+// Pairing over a path that writes every byte on its own, late: the link holds; cut
+// once the code is shown, the client pairs on the next code.
+TEST_F(Faults, OneByteWritesAndLatencyChangeNothingAndACutWhilePairingPairsOnTheNextCode)
 {
+    proxy.slice(true);
+    proxy.delay(20ms);
     app.start(); // no secret yet: the service hands out a code
     auto first = service.wait_for_code(deadline);
     ASSERT_TRUE(first);
+    EXPECT_EQ(proxy.accepted(), 1) << "the link was lost on the way";
     proxy.cut();
     EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline));
     auto second = service.wait_for_code(deadline);
@@ -93,19 +98,7 @@ TEST_F(Faults, ALinkCutWhilePairingPairsOnTheNextCode)
     EXPECT_FALSE(ready->secret.empty());
     EXPECT_EQ(app.secret(), ready->secret);
     EXPECT_TRUE(serves());
-}
-
-TEST_F(Faults, OneByteWritesAndLatencyChangeNothing)
-{
-    proxy.slice(true);
-    proxy.delay(20ms);
-    app.start();
-    auto code = service.wait_for_code(deadline);
-    ASSERT_TRUE(code);
-    ASSERT_TRUE(service.claim(*code, {"Ann", ""}));
-    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-    EXPECT_TRUE(serves());
-    EXPECT_EQ(proxy.accepted(), 1) << "the link was lost on the way";
+    EXPECT_EQ(proxy.accepted(), 2);
 }
 
 /// A paired client whose media workers are the misbehaving stand-in: it lists one

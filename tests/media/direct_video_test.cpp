@@ -1,7 +1,7 @@
 // What the feeds past the canvas decide about a picture: a capture fitted into the
-// stream's NV12 picture (bars, colours, a change converted in stripes equal to a whole
-// conversion, and the output's frames brought up to date by what changed). The screen
-// cast's buffers are read in screen_cast_test.
+// stream's NV12 picture (bars, colours, and the output's frames brought up to date by what
+// changed, each change converted in stripes equal to a whole conversion). The screen cast's
+// buffers are read in screen_cast_test.
 
 #include "media/direct_video.hpp"
 
@@ -53,28 +53,6 @@ TEST(FittedPicture, ACaptureOfAnotherShapeIsCentredWithBlackBarsInTheStreamsRang
     EXPECT_NEAR(luma(640, 360), 63, 3); // BT.709 red
     const std::uint8_t* uv = picture.chroma() + static_cast<std::size_t>(180) * 1280 + 640;
     EXPECT_GT(uv[1], 200) << "V of red";
-}
-
-TEST(FittedPicture, AChangeConvertedInStripesEqualsTheWholePictureConverted)
-{
-    fitted_picture banded({1280, 720}), whole({1280, 720});
-    auto pixels = filled(1280, 720, 0x336699);
-    ASSERT_TRUE(banded.fit(1280, 720, fitted_picture::pixels::bgrx));
-    ASSERT_TRUE(whole.fit(1280, 720, fitted_picture::pixels::bgrx));
-    banded.draw(pixels.data(), 1280 * 4);
-    // Rows 101 to 129 change, with a colour edge inside the rows.
-    for (int row = 101; row < 130; ++row)
-        for (int column = 0; column < 1280; ++column) {
-            std::uint8_t* pixel = &pixels[(static_cast<std::size_t>(row) * 1280 + column) * 4];
-            pixel[0] = column < 500 ? 0x10 : 0xf0;
-            pixel[1] = static_cast<std::uint8_t>(row);
-            pixel[2] = static_cast<std::uint8_t>(column);
-        }
-    banded.draw_rows(pixels.data(), 1280 * 4, 101, 130);
-    whole.draw(pixels.data(), 1280 * 4);
-    std::size_t bytes = 1280u * 720u * 3u / 2u;
-    EXPECT_EQ(std::vector<std::uint8_t>(banded.luma(), banded.luma() + bytes),
-              std::vector<std::uint8_t>(whole.luma(), whole.luma() + bytes));
 }
 
 /// One of a video output's frames: NV12 planes of width x height with rows of linesize

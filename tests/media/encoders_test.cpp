@@ -77,7 +77,6 @@ TEST(VideoEncoderDecision, HardwareFromFiveThousandWhenRegistered)
 {
     auto at_threshold = plan_video_encoder(false, profile_type::high, 5000, "ffmpeg_vaapi");
     EXPECT_EQ(at_threshold.id, "ffmpeg_vaapi");
-    EXPECT_EQ(at_threshold.settings["bitrate"], 3000);
     EXPECT_EQ(at_threshold.settings["keyint_sec"], 2);
     EXPECT_EQ(at_threshold.settings["cbr"], false);
     EXPECT_FALSE(at_threshold.settings.contains("preset"));
@@ -85,13 +84,9 @@ TEST(VideoEncoderDecision, HardwareFromFiveThousandWhenRegistered)
 
     EXPECT_EQ(plan_video_encoder(false, profile_type::high, 4999, "ffmpeg_vaapi").id, "obs_x264");
     // Cameras, audio and the retry after a failed start always use software.
-    auto forced = plan_video_encoder(true, profile_type::medium, 8000, "ffmpeg_nvenc");
-    EXPECT_EQ(forced.id, "obs_x264");
-    EXPECT_EQ(forced.settings["bitrate"], 1500);
+    EXPECT_EQ(plan_video_encoder(true, profile_type::medium, 8000, "ffmpeg_nvenc").id, "obs_x264");
     // Without a registered hardware encoder software is chosen directly.
-    auto none = plan_video_encoder(false, profile_type::high, 9000, "");
-    EXPECT_EQ(none.id, "obs_x264");
-    EXPECT_EQ(none.settings["bitrate"], 2500);
+    EXPECT_EQ(plan_video_encoder(false, profile_type::high, 9000, "").id, "obs_x264");
 }
 
 TEST(VideoEncoderObjects, CarryThePlannedSettingsAndOnlyKeysThePluginReads)
