@@ -26,7 +26,7 @@
 #include "core/version.hpp"
 #include "media/catalogue.hpp"
 #include "media/direct_video.hpp"
-#include "media/live_stream.hpp"
+#include "media/output.hpp"
 #include "media/protocol.hpp"
 #include "media/runtime.hpp"
 #include "media/system_check.hpp"
@@ -150,7 +150,7 @@ void serve_catalogue(orbweave::obs::request_loop& loop, orbweave::obs::capture_r
 
 /// The one stream this worker carries, once started; stopped before libobs shuts down.
 void serve_stream(orbweave::obs::request_loop& loop, orbweave::obs::protocol_writer& writer,
-                  std::unique_ptr<orbweave::obs::live_stream>& stream, const worker_arguments& arguments)
+                  std::unique_ptr<orbweave::obs::output>& stream, const worker_arguments& arguments)
 {
     using namespace orbweave;
     loop.on(obs::pipe::op::stream, [&stream, &writer, limits = arguments.limits,
@@ -160,7 +160,7 @@ void serve_stream(orbweave::obs::request_loop& loop, orbweave::obs::protocol_wri
             throw std::invalid_argument("the stream order names no source");
         if (stream)
             throw std::logic_error("this worker already carries a stream");
-        auto started = std::make_unique<obs::live_stream>(limits, route);
+        auto started = std::make_unique<obs::output>(limits, route);
         started->set_stopped_handler([&writer](const std::string& error) {
             writer.send(obs::pipe::event_line(obs::pipe::stopped_event, error));
         });
@@ -245,7 +245,7 @@ int main(int argc, char** argv)
 
     obs::request_loop loop(STDIN_FILENO, writer);
     serve_catalogue(loop, arguments.runtime.route);
-    std::unique_ptr<obs::live_stream> stream;
+    std::unique_ptr<obs::output> stream;
     serve_stream(loop, writer, stream, arguments);
     loop.on(obs::pipe::op::stats, [](const Json&) { return frame_counters(); });
     obs::serve_checks(loop, arguments.runtime.route);

@@ -7,7 +7,7 @@
 #include "core/obs/worker.hpp"
 #include "media/capture_source.hpp"
 #include "media/encoders.hpp"
-#include "media/live_stream.hpp"
+#include "media/output.hpp"
 #include "media/runtime.hpp"
 #include "media/screen_feed.hpp"
 #include "tests/support/blocking_queue.hpp"
@@ -1194,7 +1194,7 @@ struct late_width_source {
     }
 };
 
-TEST(LiveStreamInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
+TEST(OutputInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLate)
 {
     runtime libobs;
     auto far = clock::now() + 1h;
@@ -1213,10 +1213,10 @@ TEST(LiveStreamInProcess, ASizeIsReadUntilBothDimensionsAreKnownOrTheSecondIsLat
     EXPECT_LT(clock::now() - begun, limits::source_size);
 }
 
-TEST(LiveStreamInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
+TEST(OutputInProcess, ASourceThatNeverReportsASizeFailsAfterFiveSeconds)
 {
     runtime libobs; // without a canvas, as a stream worker starts
-    live_stream stream;
+    output stream;
     screen_entry made_up(9, "Display 10", "", 0, 0, 0, 0);
     auto begun = clock::now();
     EXPECT_FALSE(stream.start(order_for(made_up, {{"profile", "medium"}}, "rtmp://127.0.0.1:1/live", "k")));

@@ -40,7 +40,7 @@ namespace orbweave::obs {
 inline constexpr const char* software_fallback_line =
     "Failed to start stream; attempting to fallback to software encoder";
 
-class live_stream {
+class output {
 public:
     /// Called once, on whichever thread noticed it (libobs's, the outage watchdog's, the
     /// screen cast's), when a running stream ends without being asked to: its ingest gone
@@ -48,13 +48,13 @@ public:
     using stopped_handler = std::function<void(const std::string& error)>;
 
     /// On the portal route a screen is captured through the desktop portal and PipeWire.
-    explicit live_stream(stream_limits limits = {}, capture_route route = capture_route::x11);
+    explicit output(stream_limits limits = {}, capture_route route = capture_route::x11);
     /// Stops the stream (waiting at most the output stop limit for its RTMP output to stop)
     /// and releases everything it holds.
-    ~live_stream();
+    ~output();
 
-    live_stream(const live_stream&) = delete;
-    live_stream& operator=(const live_stream&) = delete;
+    output(const output&) = delete;
+    output& operator=(const output&) = delete;
 
     /// Builds and starts the stream the order describes; its bitrate is the measured
     /// uplink bitrate (kbps). True once the output is active; false with error() set

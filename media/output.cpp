@@ -1,4 +1,4 @@
-#include "media/live_stream.hpp"
+#include "media/output.hpp"
 
 #include "core/log.hpp"
 #include "media/c_boundary.hpp"
@@ -40,21 +40,21 @@ long long growth(long long now, long long before)
 
 } // namespace
 
-live_stream::live_stream(stream_limits limits, capture_route route) : limits_(limits), route_(route)
+output::output(stream_limits limits, capture_route route) : limits_(limits), route_(route)
 {
 }
 
-live_stream::~live_stream()
+output::~output()
 {
     release();
 }
 
-void live_stream::end(const std::string& reason)
+void output::end(const std::string& reason)
 {
     ended_.end(reason);
 }
 
-void live_stream::report_end(const std::string& reason)
+void output::report_end(const std::string& reason)
 {
     log::line("media: the stream ends: " + reason);
     stopped_handler handler;
@@ -66,18 +66,18 @@ void live_stream::report_end(const std::string& reason)
         guarded("the stopped handler", [&] { handler(reason); });
 }
 
-void live_stream::set_stopped_handler(stopped_handler handler)
+void output::set_stopped_handler(stopped_handler handler)
 {
     std::lock_guard<std::mutex> lock(handler_mutex_);
     stopped_handler_ = std::move(handler);
 }
 
-bool live_stream::stop()
+bool output::stop()
 {
     return connection_ ? connection_->stop() : true;
 }
 
-bool live_stream::start(const pipe::stream_order& order)
+bool output::start(const pipe::stream_order& order)
 {
     using callback::source_type;
     error_.clear();
@@ -105,7 +105,7 @@ bool live_stream::start(const pipe::stream_order& order)
     return false;
 }
 
-bool live_stream::prepare_capture(const pipe::stream_order& order, callback::source_type::type kind, bool direct)
+bool output::prepare_capture(const pipe::stream_order& order, callback::source_type::type kind, bool direct)
 {
     capture_ = std::make_unique<capture_source>(
         route_, limits_, [this](const std::string& reason) { end(reason); }, direct);
@@ -138,7 +138,7 @@ bool live_stream::prepare_capture(const pipe::stream_order& order, callback::sou
     return true;
 }
 
-bool live_stream::prepare_feed(const pipe::stream_order& order)
+bool output::prepare_feed(const pipe::stream_order& order)
 {
     auto ended = [this](const std::string& reason) { end(reason); };
     try {
@@ -162,7 +162,7 @@ bool live_stream::prepare_feed(const pipe::stream_order& order)
     return true;
 }
 
-bool live_stream::attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software)
+bool output::attempt(const pipe::stream_order& order, callback::source_type::type kind, bool software)
 {
     error_.clear();
     // Frames past the canvas, and where they come from for the log.
@@ -201,7 +201,7 @@ bool live_stream::attempt(const pipe::stream_order& order, callback::source_type
     return true;
 }
 
-void live_stream::report_health(std::function<void(const health_sample&)> report, std::chrono::milliseconds interval)
+void output::report_health(std::function<void(const health_sample&)> report, std::chrono::milliseconds interval)
 {
     if (!started_ || health_thread_.joinable())
         return;
@@ -224,7 +224,7 @@ void live_stream::report_health(std::function<void(const health_sample&)> report
     });
 }
 
-live_stream::counters live_stream::read_counters()
+output::counters output::read_counters()
 {
     counters now;
     obs_output_t* sending = parts_.output.get();
@@ -248,7 +248,7 @@ live_stream::counters live_stream::read_counters()
     return now;
 }
 
-health_sample live_stream::measure(counters& last, std::chrono::milliseconds elapsed, int target_kbps)
+health_sample output::measure(counters& last, std::chrono::milliseconds elapsed, int target_kbps)
 {
     counters now = read_counters();
     health_sample sample;
@@ -268,7 +268,7 @@ health_sample live_stream::measure(counters& last, std::chrono::milliseconds ela
     return sample;
 }
 
-void live_stream::stop_health_reports()
+void output::stop_health_reports()
 {
     {
         std::lock_guard<std::mutex> lock(health_mutex_);
@@ -279,7 +279,7 @@ void live_stream::stop_health_reports()
         health_thread_.join();
 }
 
-void live_stream::release()
+void output::release()
 {
     // It reads the objects released below.
     stop_health_reports();
