@@ -175,7 +175,7 @@ double x11_part()
     if (!shown)
         throw std::runtime_error("the pattern's window did not show");
     int xid = std::stoi(found);
-    auto screens = obs::entries_of<obs::screen_entry>(obs::worker().list(callback::source_type::screen));
+    auto screens = obs::worker().list_screens();
     if (screens.empty())
         throw std::runtime_error("no screen listed");
     obs::window_entry pattern_window("ffplay", "orbweave-pattern", xid);
@@ -232,7 +232,7 @@ std::optional<wayland_figures> wayland_part()
     obs::worker::options listing_options;
     listing_options.capture = obs::capture_route::portal;
     obs::worker listing(listing_options);
-    auto screens = obs::entries_of<obs::screen_entry>(listing.list(callback::source_type::screen));
+    auto screens = listing.list_screens();
     if (screens.empty())
         throw std::runtime_error("no Wayland output listed");
     auto options = obs::worker_manager::stream_worker_options();

@@ -298,7 +298,7 @@ std::vector<item> desktop_checks(const settings& options, worker_watch* watch)
         Json counts;
         std::size_t screens = worker->list(callback::source_type::screen).size();
         std::size_t windows = worker->list(callback::source_type::window).size();
-        auto audios = obs::entries_of<obs::audio_entry>(worker->list(callback::source_type::audio));
+        auto audios = worker->list_audios();
         std::size_t inputs = 0;
         for (const auto& audio : audios)
             inputs += audio.input;

@@ -80,6 +80,11 @@ public:
 
     /// The catalogue of one kind; none for no kind.
     std::vector<source_entry> list(callback::source_type::type kind);
+    /// The catalogue of one kind as its own entries.
+    std::vector<screen_entry> list_screens() { return entries_of<screen_entry>(list(callback::source_type::screen)); }
+    std::vector<window_entry> list_windows() { return entries_of<window_entry>(list(callback::source_type::window)); }
+    std::vector<audio_entry> list_audios() { return entries_of<audio_entry>(list(callback::source_type::audio)); }
+    std::vector<video_entry> list_videos() { return entries_of<video_entry>(list(callback::source_type::video)); }
     /// The one source of that kind and id; none when the catalogue has no such source.
     std::optional<source_entry> find(const source_ref& source);
     /// Starts the one stream this worker carries and returns once it runs or has failed,

@@ -41,7 +41,7 @@ worker* Catalogue::worker_ = nullptr;
 
 TEST_F(Catalogue, ListsEachScreenWithItsOwnSize)
 {
-    auto screens = obs::entries_of<obs::screen_entry>(worker_->list(callback::source_type::screen));
+    auto screens = worker_->list_screens();
     const auto& expected = test::media_environment::current().settings().screens;
     ASSERT_EQ(screens.size(), expected.size());
     for (std::size_t i = 0; i < screens.size(); ++i) {
@@ -61,7 +61,7 @@ TEST_F(Catalogue, ListsEachScreenWithItsOwnSize)
 
 TEST_F(Catalogue, ListsManagedWindowsWithClassAndTitle)
 {
-    auto windows = obs::entries_of<obs::window_entry>(worker_->list(callback::source_type::window));
+    auto windows = worker_->list_windows();
     for (const auto& window : windows) {
         EXPECT_FALSE(window.name.empty() && window.description.empty() && window.pid == 0);
         EXPECT_EQ(window.id, create_unique_hash("Window" + std::to_string(window.pid)));
@@ -77,7 +77,7 @@ TEST_F(Catalogue, ListsManagedWindowsWithClassAndTitle)
 
 TEST_F(Catalogue, ListsAudioOutputsBeforeInputs)
 {
-    auto audios = obs::entries_of<obs::audio_entry>(worker_->list(callback::source_type::audio));
+    auto audios = worker_->list_audios();
     ASSERT_FALSE(audios.empty());
     auto first_input = std::find_if(audios.begin(), audios.end(), [](const audio_entry& a) { return a.input; });
     EXPECT_TRUE(std::none_of(first_input, audios.end(), [](const audio_entry& a) { return !a.input; }))
