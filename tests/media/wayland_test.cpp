@@ -54,27 +54,6 @@ obs::worker listing_worker()
     return obs::worker(options);
 }
 
-TEST(WaylandDesktop, ThePortalOffersScreenCasts)
-{
-    std::string reply = test::run_program({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.portal.Desktop",
-                                           "/org/freedesktop/portal/desktop", "org.freedesktop.DBus.Properties.Get",
-                                           "string:org.freedesktop.portal.ScreenCast", "string:AvailableSourceTypes"},
-                                          10s);
-    EXPECT_NE(reply.find("uint32 1"), std::string::npos) << reply;
-}
-
-TEST(WaylandWorker, ListsWithoutGraphicsAndHearsPipeWire)
-{
-    test::scoped_environment verbose("ORBWEAVE_OBS_LOG", "info");
-    test::stderr_capture log; // the worker inherits our standard error
-    auto audios = obs::entries_of<obs::audio_entry>(listing_worker().list(callback::source_type::audio));
-    // Listing starts no graphics (the stream test sees them start on the compositor).
-    EXPECT_EQ(log.text().find("Using EGL"), std::string::npos) << log.text();
-    // PipeWire's PulseAudio server serves the audio sources.
-    EXPECT_NE(log.text().find("on PipeWire"), std::string::npos);
-    ASSERT_FALSE(audios.empty());
-}
-
 obs::pipe::stream_order order_for(const obs::screen_entry& screen, const test::rtmp_ingest& ingest,
                                   const std::string& key, const std::string& token = "")
 {
@@ -256,7 +235,15 @@ TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
     ASSERT_GT(::read(audio_server.stdout_fd(), ready, sizeof ready - 1), 0);
     EXPECT_EQ(std::string(ready), "ready orbweave_virtual\n");
 
-    auto audios = obs::entries_of<obs::audio_entry>(listing_worker().list(callback::source_type::audio));
+    std::vector<obs::audio_entry> audios;
+    {
+        test::scoped_environment verbose("ORBWEAVE_OBS_LOG", "info");
+        test::stderr_capture log; // the worker inherits our standard error
+        audios = obs::entries_of<obs::audio_entry>(listing_worker().list(callback::source_type::audio));
+        // Listing starts no graphics (the stream test sees them start on the compositor).
+        EXPECT_EQ(log.text().find("Using EGL"), std::string::npos) << log.text();
+        EXPECT_NE(log.text().find("on PipeWire"), std::string::npos);
+    }
     auto virtual_output = std::find_if(audios.begin(), audios.end(), [](const obs::audio_entry& audio) {
         return !audio.input && audio.name == "Orbweave Virtual Audio Driver";
     });
@@ -307,12 +294,7 @@ public:
     Json list(const std::string& kind) { return reply(service_.list(kind)); }
     Json activate(const std::string& id, const test::rtmp_ingest& ingest, const std::string& key)
     {
-        sim::activation request;
-        request.source_id = id;
-        request.profile = "medium";
-        request.server = ingest.url();
-        request.key = key;
-        return reply(service_.activate(request));
+        return reply(service_.activate(sim::activation::of(id, ingest.url(), key)));
     }
     Json deactivate(const std::string& id) { return reply(service_.deactivate(id)); }
     sim::service_sim& service() { return service_; }
@@ -370,11 +352,7 @@ TEST_F(PortalClient, WaitingForThePickerIsBoundedAndHoldsUpNothingElse)
     portal_client client(service, tokens, obs::capture_route::portal, 3000ms);
     std::string screen = first_screen(client);
     desktop.choose("slow");
-    sim::activation request;
-    request.source_id = screen;
-    request.server = ingest.url();
-    request.key = "slow";
-    auto activated = service.activate(request);
+    auto activated = service.activate(sim::activation::of(screen, ingest.url(), "slow"));
     ASSERT_TRUE(test::eventually([&] { return !desktop.chooser_idle(); }, 10s)) << "the picker was not shown";
     // While the desktop waits for the user, the client answers other requests.
     Json listed = client.list("audio");

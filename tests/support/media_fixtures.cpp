@@ -1,5 +1,6 @@
 #include "tests/support/media_fixtures.hpp"
 
+#include "tests/support/eventually.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 
 #include <X11/Xatom.h>
@@ -112,22 +113,22 @@ std::string window_title(Display* display, Window window)
     return title;
 }
 
-void wait_for_socket(const std::string& path, clock::time_point deadline)
+void wait_for_socket(const std::string& path, std::chrono::milliseconds timeout)
 {
     // PulseAudio offers no readiness notification we can rely on: try to connect until it answers.
-    for (;;) {
-        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        bool connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-        ::close(fd);
-        if (connected)
-            return;
-        if (milliseconds_left(deadline) == 0)
-            throw std::runtime_error("PulseAudio did not open " + path + " in time");
-        ::poll(nullptr, 0, 10);
-    }
+    bool connected = eventually(
+        [&] {
+            int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+            bool answered = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+            ::close(fd);
+            return answered;
+        },
+        timeout);
+    if (!connected)
+        throw std::runtime_error("PulseAudio did not open " + path + " in time");
 }
 
 media_environment* current_environment = nullptr;
@@ -369,7 +370,7 @@ void pulse_server::start()
     options.unset_environment = {"PULSE_SERVER"};
     options.quiet = true;
     process_ = std::make_unique<obs::child_process>(options);
-    wait_for_socket(socket, clock::now() + start_limit);
+    wait_for_socket(socket, start_limit);
 }
 
 void pulse_server::stop()

@@ -306,22 +306,16 @@ rtmp_ingest::rtmp_ingest(int rtmp_port) : directory_("orbweave-ingest")
     process_ = std::make_unique<obs::child_process>(options);
 
     // nginx has no readiness notice of its own: poll both ports, bounded.
-    auto deadline = clock::now() + 10s;
-    for (;;) {
-        int rtmp = connect_loopback(rtmp_port_);
-        int http = rtmp >= 0 ? connect_loopback(http_port_) : -1;
-        if (rtmp >= 0)
-            ::close(rtmp);
-        if (http >= 0) {
-            ::close(http);
-            break;
-        }
-        if (process_->wait_for(0ms) || clock::now() >= deadline) {
-            std::string log = error_log();
-            process_.reset();
-            throw std::runtime_error("nginx did not start: " + log);
-        }
-        std::this_thread::sleep_for(10ms);
+    auto answers = [](int port) {
+        int fd = connect_loopback(port);
+        return fd >= 0 && ::close(fd) == 0;
+    };
+    auto ready = [&] { return answers(rtmp_port_) && answers(http_port_); };
+    bool ended = false;
+    if (!eventually([&] { return (ended = process_->wait_for(0ms).has_value()) || ready(); }, 10s) || ended) {
+        std::string log = error_log();
+        process_.reset();
+        throw std::runtime_error("nginx did not start: " + log);
     }
 }
 

@@ -168,24 +168,9 @@ protected:
     test::rtmp_ingest ingest;
 };
 
-TEST_F(Streams, AScreenStreamsUntilDeactivated)
-{
-    std::string screen = source_id("screen");
-    ASSERT_FALSE(screen.empty());
-    EXPECT_EQ(activate(screen, "screen-key"), Json({{"status", "Success"}}));
-    EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
-    // What arrives (codecs, sizes) is the stream tests' business; here, that it runs.
-    ASSERT_TRUE(ingest.wait_for_publishing("screen-key", deadline));
-    EXPECT_TRUE(listed_active("screen", screen));
-
-    EXPECT_EQ(deactivate(screen), Json({{"status", "Success"}}));
-    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-    EXPECT_TRUE(ingest.wait_until_not_publishing("screen-key", deadline));
-    EXPECT_FALSE(listed_active("screen", screen));
-}
-
 TEST_F(Streams, TwoSourcesStreamAtOnceAndReactivatingKeepsOnlyTheNewStream)
 {
+    test::stderr_capture log; // the workers inherit this process's standard error
     std::string screen = source_id("screen");
     std::string speakers = source_id("audio");
     ASSERT_EQ(activate(screen, "first"), Json({{"status", "Success"}}));
@@ -219,22 +204,7 @@ TEST_F(Streams, TwoSourcesStreamAtOnceAndReactivatingKeepsOnlyTheNewStream)
     EXPECT_TRUE(app.wait_for_streams({}, deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("second", deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));
-}
-
-TEST_F(Streams, AStreamThatCannotReachItsServerFailsAndKeepsNothing)
-{
-    std::string screen = source_id("screen");
-    int closed_port = test::free_loopback_port();
-    test::stderr_capture log; // the workers inherit this process's standard error
-    Json reply = activate(screen, "nowhere", "rtmp://127.0.0.1:" + std::to_string(closed_port) + "/live");
-    EXPECT_EQ(reply["status"], "Failure");
-    EXPECT_FALSE(reply.value("error", "").empty());
-    EXPECT_EQ(log.count_lines_starting("Failed to start stream; attempting to fallback to software encoder"), 1);
-    EXPECT_EQ(log.text().find("\"key\":\"nowhere\""), std::string::npos) << "the stream key was logged";
-    EXPECT_FALSE(listed_active("screen", screen));
-    // No streaming was ever reported.
-    while (auto state = app.states().pop(std::chrono::milliseconds(0)))
-        EXPECT_NE(*state, state_type::streaming);
+    EXPECT_EQ(log.text().find("\"key\":\"first\""), std::string::npos) << "the stream key was logged";
 }
 
 TEST_F(Streams, DeniedUnknownAndInactiveRequestsStartAndStopNothing)
@@ -274,11 +244,7 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     ASSERT_EQ(::kill(stream_workers.front(), SIGKILL), 0);
 
     EXPECT_TRUE(ingest.wait_until_not_publishing("screen", deadline));
-    auto still_listed = [&] { return listed_active("screen", screen); };
-    auto until = std::chrono::steady_clock::now() + deadline;
-    while (still_listed() && std::chrono::steady_clock::now() < until)
-        ;
-    EXPECT_FALSE(still_listed());
+    EXPECT_TRUE(eventually([&] { return !listed_active("screen", screen); }));
     EXPECT_TRUE(listed_active("audio", speakers));
     EXPECT_TRUE(ingest.publishing("sound"));
     EXPECT_NE(log.text().find("ended: its media worker killed by signal"), std::string::npos) << log.text();
