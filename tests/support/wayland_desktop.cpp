@@ -261,15 +261,16 @@ void wayland_desktop::wait_for_socket(const std::string& compositor)
 void wayland_desktop::start_sway(bool as_root)
 {
     const std::filesystem::path& root = dir_.path();
-    // The compositor, its outputs and a terminal that keeps changing.
+    // The compositor, its outputs and (when busy) a terminal that keeps changing.
     std::ostringstream sway;
     sway << "xwayland disable\ndefault_border none\n";
     for (const output& out : options_.outputs)
         sway << "output " << out.name << " mode " << out.width << "x" << out.height << " position " << out.left << " "
              << out.top << " bg " << out.background << " solid_color\n";
-    sway << "for_window [app_id=\"clock\"] floating enable, resize set 600 120, move position 40 40\n"
-            "exec foot --app-id=clock --font=\"DejaVu Sans Mono:size=20\" -e sh -c "
-            "'while :; do date +%T.%N | cut -c1-12; sleep 0.2; done'\n";
+    if (options_.busy)
+        sway << "for_window [app_id=\"clock\"] floating enable, resize set 600 120, move position 40 40\n"
+                "exec foot --app-id=clock --font=\"DejaVu Sans Mono:size=20\" -e sh -c "
+                "'while :; do date +%T.%N | cut -c1-12; sleep 0.2; done'\n";
     std::ofstream(root / "config/sway.conf") << sway.str();
     std::vector<std::string> sway_argv{"sway", "-c", (root / "config/sway.conf").string()};
     if (as_root)
@@ -296,7 +297,8 @@ void wayland_desktop::start_gnome()
     wait_for_bus_name("org.gnome.Mutter.ScreenCast");
     wait_for_bus_name("org.gnome.Shell.Introspect");
     leave_overview();
-    start_clock();
+    if (options_.busy)
+        start_clock();
 }
 
 void wayland_desktop::leave_overview()
@@ -341,7 +343,8 @@ void wayland_desktop::start_kde()
           "kwin");
     wait_for_socket("kwin");
     wait_for_bus_name("org.kde.KWin");
-    start_clock();
+    if (options_.busy)
+        start_clock();
 }
 
 void wayland_desktop::start_clock()

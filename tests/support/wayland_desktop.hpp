@@ -44,6 +44,10 @@ public:
         kind desktop = kind::sway;
         /// Empty: the desktop's usual test outputs (default_outputs()).
         std::vector<output> outputs;
+        /// A terminal printing the time five times a second on the first output, so
+        /// its picture keeps changing; without it the desktop never changes. On GNOME
+        /// and KDE it fills the output, in the output's background colour.
+        bool busy = true;
     };
 
     /// sway: HEADLESS-1 1280x720 and HEADLESS-2 1024x768 beside it; GNOME and KDE: one
