@@ -101,8 +101,7 @@ struct screen_feed::grabber {
     // What changed, from the X server.
     const xcb_query_extension_reply_t* damage_extension = nullptr;
     const xcb_query_extension_reply_t* fixes_extension = nullptr;
-    xcb_damage_damage_t damage = 0;
-    xcb_xfixes_region_t region = 0;
+    xcb_damage damage;
     bool damaged = true;
     // Stripes of the screen's area to grab again.
     std::vector<bool> dirty;
@@ -188,28 +187,12 @@ struct screen_feed::grabber {
             throw std::runtime_error("cannot make the scaler for the screen");
 
         if (damage_extension) {
-            damage = xcb_generate_id(xcb);
-            region = xcb_generate_id(xcb);
             // One event when the damage becomes non-empty; what it covers is fetched
-            // when the frame is made.
-            auto made = xcb_damage_create_checked(xcb, damage, root, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
-            auto region_made = xcb_xfixes_create_region_checked(xcb, region, 0, nullptr);
-            xcb_generic_error_t* damage_error = xcb_request_check(xcb, made);
-            xcb_generic_error_t* region_error = xcb_request_check(xcb, region_made);
-            if (damage_error || region_error) {
-                // Without damage every frame is grabbed whole: a missed change would
-                // freeze the picture.
+            // when the frame is made. Without damage every frame is grabbed whole: a
+            // missed change would freeze the picture.
+            if (!damage.watch(xcb, root))
                 log::line("media: the X server tells nothing of what changed on the screen; every frame is "
                           "grabbed whole");
-                if (!damage_error)
-                    xcb_damage_destroy(xcb, damage);
-                if (!region_error)
-                    xcb_xfixes_destroy_region(xcb, region);
-                damage = 0;
-                region = 0;
-            }
-            std::free(damage_error);
-            std::free(region_error);
         }
         if (pointer)
             xcb_xfixes_select_cursor_input(xcb, root, XCB_XFIXES_CURSOR_NOTIFY_MASK_DISPLAY_CURSOR);
@@ -222,16 +205,11 @@ struct screen_feed::grabber {
 
     void close()
     {
-        if (damage)
-            xcb_damage_destroy(xcb, damage);
-        if (region)
-            xcb_xfixes_destroy_region(xcb, region);
+        damage.forget(xcb);
         if (attached)
             xcb_shm_detach(xcb, segment);
         if (pixels)
             shmdt(pixels);
-        damage = 0;
-        region = 0;
         attached = false;
         pixels = nullptr;
         shmid = -1;
@@ -302,22 +280,13 @@ struct screen_feed::grabber {
         if (!damaged)
             return;
         damaged = false;
-        // Taken before the grab: what is drawn after it is told again and grabbed next time.
-        xcb_damage_subtract(xcb, damage, XCB_NONE, region);
-        xcb_reply<xcb_xfixes_fetch_region_reply_t> parts{
-            xcb_xfixes_fetch_region_reply(xcb, xcb_xfixes_fetch_region(xcb, region), nullptr)};
-        if (!parts) {
-            mark(0, area.height);
-            return;
-        }
-        const xcb_rectangle_t* rectangles = xcb_xfixes_fetch_region_rectangles(parts.reply);
-        int count = xcb_xfixes_fetch_region_rectangles_length(parts.reply);
-        for (int i = 0; i < count; ++i) {
-            const xcb_rectangle_t& changed = rectangles[i];
+        bool told = damage.take(xcb, [&](const xcb_rectangle_t& changed) {
             if (changed.x + changed.width <= area.x || changed.x >= area.x + area.width)
-                continue;
+                return;
             mark(changed.y - area.y, changed.y + changed.height - area.y);
-        }
+        });
+        if (!told)
+            mark(0, area.height);
     }
 
     /// Where the pointer is now and its image; the rows it left and the rows it covers

@@ -43,8 +43,7 @@ struct window_feed::grabber {
 
     // What changed, from the X server; rows [changed_top, changed_bottom) to grab.
     const xcb_query_extension_reply_t* damage_extension = nullptr;
-    xcb_damage_damage_t damage = 0;
-    xcb_xfixes_region_t region = 0;
+    xcb_damage damage;
     bool damaged = true;
     int changed_top = 0, changed_bottom = 0;
 
@@ -125,23 +124,8 @@ struct window_feed::grabber {
         // Both answer only clients that said which version they speak.
         std::free(xcb_xfixes_query_version_reply(xcb, xcb_xfixes_query_version(xcb, 4, 0), nullptr));
         std::free(xcb_damage_query_version_reply(xcb, xcb_damage_query_version(xcb, 1, 1), nullptr));
-        damage = xcb_generate_id(xcb);
-        region = xcb_generate_id(xcb);
-        auto made = xcb_damage_create_checked(xcb, damage, window, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
-        auto region_made = xcb_xfixes_create_region_checked(xcb, region, 0, nullptr);
-        xcb_generic_error_t* damage_error = xcb_request_check(xcb, made);
-        xcb_generic_error_t* region_error = xcb_request_check(xcb, region_made);
-        if (damage_error || region_error) {
-            if (!damage_error)
-                xcb_damage_destroy(xcb, damage);
-            if (!region_error)
-                xcb_xfixes_destroy_region(xcb, region);
-            damage = 0;
-            region = 0;
+        if (!damage.watch(xcb, window))
             damage_extension = nullptr;
-        }
-        std::free(damage_error);
-        std::free(region_error);
     }
 
     /// The rows of the window that changed since it was last asked, all of them without
@@ -149,30 +133,18 @@ struct window_feed::grabber {
     void take_damage()
     {
         if (!damage) {
-            changed_top = 0;
-            changed_bottom = height;
+            all_changed();
             return;
         }
         if (!damaged)
             return;
         damaged = false;
-        // Taken before the grab: what is drawn after it is told again and grabbed next time.
-        xcb_damage_subtract(xcb, damage, XCB_NONE, region);
-        xcb_reply<xcb_xfixes_fetch_region_reply_t> parts{
-            xcb_xfixes_fetch_region_reply(xcb, xcb_xfixes_fetch_region(xcb, region), nullptr)};
-        if (!parts) {
-            changed_top = 0;
-            changed_bottom = height;
-            return;
-        }
-        const xcb_rectangle_t* rectangles = xcb_xfixes_fetch_region_rectangles(parts.reply);
-        int count = xcb_xfixes_fetch_region_rectangles_length(parts.reply);
-        for (int i = 0; i < count; ++i) {
+        bool told = damage.take(xcb, [&](const xcb_rectangle_t& changed) {
             // In the window's coordinates, its border outside them.
-            int top = std::max(0, static_cast<int>(rectangles[i].y));
-            int bottom = std::min(height, rectangles[i].y + static_cast<int>(rectangles[i].height));
+            int top = std::max(0, static_cast<int>(changed.y));
+            int bottom = std::min(height, changed.y + static_cast<int>(changed.height));
             if (top >= bottom)
-                continue;
+                return;
             if (changed_top >= changed_bottom) {
                 changed_top = top;
                 changed_bottom = bottom;
@@ -180,7 +152,9 @@ struct window_feed::grabber {
                 changed_top = std::min(changed_top, top);
                 changed_bottom = std::max(changed_bottom, bottom);
             }
-        }
+        });
+        if (!told)
+            all_changed();
     }
 
     /// Everything is grabbed at the next frame.
@@ -243,12 +217,7 @@ struct window_feed::grabber {
 
     void release()
     {
-        if (damage)
-            xcb_damage_destroy(xcb, damage);
-        if (region)
-            xcb_xfixes_destroy_region(xcb, region);
-        damage = 0;
-        region = 0;
+        damage.forget(xcb);
         if (pixmap)
             xcb_free_pixmap(xcb, pixmap);
         pixmap = 0;

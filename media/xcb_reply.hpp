@@ -2,7 +2,9 @@
 
 // Small helpers for XCB, whose replies are malloc'ed and whose errors come back with them.
 
+#include <xcb/damage.h>
 #include <xcb/xcb.h>
+#include <xcb/xfixes.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -39,5 +41,64 @@ inline bool has_32_bit_pixels(xcb_connection_t* xcb, std::uint8_t depth)
             return formats.data->bits_per_pixel == 32;
     return false;
 }
+
+/// What the X server says changed on a drawable (a damage object), read through a region.
+/// Both extensions must have been told their versions on the connection first.
+struct xcb_damage {
+    xcb_damage_damage_t damage = 0;
+    xcb_xfixes_region_t region = 0;
+
+    explicit operator bool() const { return damage != 0; }
+
+    /// Starts watching drawable: one event when its damage becomes non-empty. False, with
+    /// nothing kept, when the server refuses.
+    bool watch(xcb_connection_t* xcb, xcb_drawable_t drawable)
+    {
+        damage = xcb_generate_id(xcb);
+        region = xcb_generate_id(xcb);
+        auto made = xcb_damage_create_checked(xcb, damage, drawable, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
+        auto region_made = xcb_xfixes_create_region_checked(xcb, region, 0, nullptr);
+        xcb_generic_error_t* damage_error = xcb_request_check(xcb, made);
+        xcb_generic_error_t* region_error = xcb_request_check(xcb, region_made);
+        bool watching = !damage_error && !region_error;
+        if (damage_error)
+            damage = 0;
+        if (region_error)
+            region = 0;
+        std::free(damage_error);
+        std::free(region_error);
+        if (!watching)
+            forget(xcb);
+        return watching;
+    }
+
+    void forget(xcb_connection_t* xcb)
+    {
+        if (damage)
+            xcb_damage_destroy(xcb, damage);
+        if (region)
+            xcb_xfixes_destroy_region(xcb, region);
+        damage = 0;
+        region = 0;
+    }
+
+    /// Takes what changed since the last call and hands each rectangle to visit; false when
+    /// the server did not say (then everything should count as changed). Taken before a
+    /// grab, what is drawn after it is told again next time.
+    template <class Visit>
+    bool take(xcb_connection_t* xcb, Visit visit)
+    {
+        xcb_damage_subtract(xcb, damage, XCB_NONE, region);
+        xcb_reply<xcb_xfixes_fetch_region_reply_t> parts{
+            xcb_xfixes_fetch_region_reply(xcb, xcb_xfixes_fetch_region(xcb, region), nullptr)};
+        if (!parts)
+            return false;
+        const xcb_rectangle_t* rectangles = xcb_xfixes_fetch_region_rectangles(parts.reply);
+        int count = xcb_xfixes_fetch_region_rectangles_length(parts.reply);
+        for (int i = 0; i < count; ++i)
+            visit(rectangles[i]);
+        return true;
+    }
+};
 
 } // namespace orbweave::obs
