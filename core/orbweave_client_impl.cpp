@@ -135,6 +135,12 @@ void orbweave_client_impl::start_thread()
         } catch (...) {
             log::line("Unexpected error on the network thread");
         }
+        // A stop asked for meanwhile ends the run here: its last task may be the one that
+        // threw, and the loop would otherwise wait for work that never comes.
+        if (stop_requested()) {
+            io_service_->stop();
+            break;
+        }
         // Whatever went wrong, the link is treated as lost and tried again.
         try {
             state_changed(state_type::disconnected);
@@ -147,6 +153,12 @@ void orbweave_client_impl::start_thread()
     std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
     thread_finished_ = true;
     thread_finished_cv_.notify_all();
+}
+
+bool orbweave_client_impl::stop_requested()
+{
+    std::lock_guard<std::mutex> lifecycle(lifecycle_mutex_);
+    return stopped_;
 }
 
 void orbweave_client_impl::stop()

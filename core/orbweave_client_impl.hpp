@@ -83,6 +83,8 @@ private:
     void reset_reconnection();
     void initialize();
     void start_thread();
+    /// Whether stop() has been called for this run.
+    bool stop_requested();
     /// Runs on the network thread as the last task of a run.
     void finish_run();
     /// Drops what a run used, once its thread has ended: streams stop, sockets close.
