@@ -15,6 +15,7 @@
 #include "core/callback.hpp"
 #include "core/obs/capture_route.hpp"
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -58,6 +59,27 @@ struct placement {
 };
 
 placement place_in(int width, int height, std::pair<int, int> frame);
+
+/// Rows [top, bottom) of a capture that changed since it was last taken: what a feed
+/// grabs or converts at its next frame. Empty when top >= bottom.
+struct row_span {
+    int top = 0;
+    int bottom = 0;
+
+    bool empty() const { return top >= bottom; }
+    /// Grows to cover rows [from, to) too; an empty range adds nothing.
+    void add(int from, int to)
+    {
+        if (from >= to)
+            return;
+        bool was_empty = empty();
+        top = was_empty ? from : std::min(top, from);
+        bottom = was_empty ? to : std::max(bottom, to);
+    }
+    /// All rows of a picture height rows high.
+    void all(int height) { top = 0, bottom = height; }
+    void clear() { top = bottom = 0; }
+};
 
 /// The stream's current picture: NV12 at the frame's size, in the stream's limited
 /// range, into which captured pixels are scaled and placed. Kept between frames, so a

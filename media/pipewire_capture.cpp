@@ -53,7 +53,7 @@ struct pipewire_capture::impl {
     pw_buffer* returning = nullptr; // one replaced while take_newest() read it, queued after
     frame_view shown;               // the part of the held frame to show
     bool fresh = false;             // whether held arrived since the last take
-    int changed_top = 0, changed_bottom = 0;
+    row_span changed;
     bool told_bad_crop = false;
     // The size of what is shown (pack()), read without the lock.
     std::atomic<std::uint64_t> size{0};
@@ -161,10 +161,8 @@ struct pipewire_capture::impl {
         if (held)
             give_back(held);
         held = newest;
-        if (!same_part) {
-            changed_top = 0;
-            changed_bottom = static_cast<int>(frame.height);
-        }
+        if (!same_part)
+            changed.all(static_cast<int>(frame.height));
         shown = frame;
         note_damage(*newest->buffer);
         fresh = true;
@@ -177,20 +175,11 @@ struct pipewire_capture::impl {
         bool bad_crop = false;
         frame_view frame = has_format ? view_frame(buffer, format, bad_crop) : frame_view{};
         if (!frame.pixels) {
-            changed_top = 0;
-            changed_bottom = static_cast<int>(shown.height);
+            changed.all(static_cast<int>(shown.height));
             return;
         }
         auto [top, bottom] = damaged_rows(buffer, frame);
-        if (top >= bottom)
-            return;
-        if (changed_top >= changed_bottom) {
-            changed_top = top;
-            changed_bottom = bottom;
-        } else {
-            changed_top = std::min(changed_top, top);
-            changed_bottom = std::max(changed_bottom, bottom);
-        }
+        changed.add(top, bottom);
     }
 
     static const pw_stream_events* stream_events()
@@ -361,10 +350,9 @@ void pipewire_capture::take_newest(const std::function<void(const frame&)>& use)
             newest.rgb_order = rgb_ordered(self.format.format);
             newest.alpha = has_alpha(self.format.format);
             newest.fresh = self.fresh;
-            newest.changed_top = self.changed_top;
-            newest.changed_bottom = self.changed_bottom;
+            newest.changed = self.changed;
             self.fresh = false;
-            self.changed_top = self.changed_bottom = 0;
+            self.changed.clear();
             std::lock_guard<std::mutex> lock(self.reading_mutex);
             self.reading = self.held;
         }

@@ -15,6 +15,7 @@
 // brings it. Where the compositor marks what changed (its damage), the rows changed
 // since the frame was last taken are told with it.
 
+#include "media/direct_video.hpp"
 #include "media/pipewire_frames.hpp"
 
 #include <cstdint>
@@ -42,7 +43,7 @@ public:
         /// Whether it arrived since the frame was last taken, and which of its rows
         /// changed since then (the whole frame after a new format or size).
         bool fresh = false;
-        int changed_top = 0, changed_bottom = 0;
+        row_span changed;
     };
 
     /// Takes over the PipeWire remote fd and connects to the cast's node; throws

@@ -42,11 +42,11 @@ void pipewire_feed::refresh()
         if (!picture_->fit(width, height, layout))
             return;
         converted = true;
-        if (refitted || (frame.changed_top == 0 && frame.changed_bottom >= height)) {
+        if (refitted || (frame.changed.top == 0 && frame.changed.bottom >= height)) {
             picture_->draw(frame.view.pixels, frame.view.stride);
             ++whole_;
-        } else if (frame.changed_top < frame.changed_bottom) {
-            picture_->draw_rows(frame.view.pixels, frame.view.stride, frame.changed_top, frame.changed_bottom);
+        } else if (!frame.changed.empty()) {
+            picture_->draw_rows(frame.view.pixels, frame.view.stride, frame.changed.top, frame.changed.bottom);
             ++partial_;
         }
     });

@@ -41,11 +41,11 @@ struct window_feed::grabber {
     // Grabs failed since the last one that worked.
     long failed = 0;
 
-    // What changed, from the X server; rows [changed_top, changed_bottom) to grab.
+    // What changed, from the X server: the rows to grab.
     const xcb_query_extension_reply_t* damage_extension = nullptr;
     xcb_damage damage;
     bool damaged = true;
-    int changed_top = 0, changed_bottom = 0;
+    row_span changed;
 
     explicit grabber(xcb_window_t id) : window(id)
     {
@@ -139,30 +139,16 @@ struct window_feed::grabber {
         if (!damaged)
             return;
         damaged = false;
-        bool told = damage.take(xcb, [&](const xcb_rectangle_t& changed) {
+        bool told = damage.take(xcb, [&](const xcb_rectangle_t& area) {
             // In the window's coordinates, its border outside them.
-            int top = std::max(0, static_cast<int>(changed.y));
-            int bottom = std::min(height, changed.y + static_cast<int>(changed.height));
-            if (top >= bottom)
-                return;
-            if (changed_top >= changed_bottom) {
-                changed_top = top;
-                changed_bottom = bottom;
-            } else {
-                changed_top = std::min(changed_top, top);
-                changed_bottom = std::max(changed_bottom, bottom);
-            }
+            changed.add(std::max(0, static_cast<int>(area.y)), std::min(height, area.y + static_cast<int>(area.height)));
         });
         if (!told)
             all_changed();
     }
 
     /// Everything is grabbed at the next frame.
-    void all_changed()
-    {
-        changed_top = 0;
-        changed_bottom = height;
-    }
+    void all_changed() { changed.all(height); }
 
     /// Names the window's off-screen picture as it is now, with shared memory that holds
     /// it; false when the window has none (it is not mapped).
@@ -274,9 +260,9 @@ struct window_feed::grabber {
     bool grab()
     {
         take_damage();
-        changed_top = std::max(0, changed_top);
-        changed_bottom = std::min(height, changed_bottom);
-        if (changed_top >= changed_bottom)
+        changed.top = std::max(0, changed.top);
+        changed.bottom = std::min(height, changed.bottom);
+        if (changed.empty())
             return false;
         xcb_generic_error_t* error = nullptr;
         bool grabbed = false;
@@ -284,10 +270,10 @@ struct window_feed::grabber {
             xcb_reply<xcb_shm_get_image_reply_t> image{xcb_shm_get_image_reply(
                 xcb,
                 xcb_shm_get_image(xcb, pixmap, static_cast<std::int16_t>(border),
-                                  static_cast<std::int16_t>(border + changed_top), static_cast<std::uint16_t>(width),
-                                  static_cast<std::uint16_t>(changed_bottom - changed_top), ~0u,
+                                  static_cast<std::int16_t>(border + changed.top), static_cast<std::uint16_t>(width),
+                                  static_cast<std::uint16_t>(changed.bottom - changed.top), ~0u,
                                   XCB_IMAGE_FORMAT_Z_PIXMAP, segment,
-                                  static_cast<std::uint32_t>(changed_top) * static_cast<std::uint32_t>(width) * 4),
+                                  static_cast<std::uint32_t>(changed.top) * static_cast<std::uint32_t>(width) * 4),
                 &error)};
             grabbed = static_cast<bool>(image);
         }
@@ -307,7 +293,7 @@ struct window_feed::grabber {
     /// Marks the rows grabbed as taken; the next frame grabs only what changes after.
     void taken()
     {
-        changed_top = changed_bottom = 0;
+        changed.clear();
     }
 };
 
@@ -353,8 +339,8 @@ void window_feed::refresh()
     }
     // Drawn only with a scaler made for the window's size now.
     if (picture_.fitted(grabber_->width, grabber_->height, fitted_picture::pixels::bgrx) && grabber_->grab()) {
-        picture_.draw_rows(grabber_->pixels, static_cast<std::uint32_t>(grabber_->width) * 4, grabber_->changed_top,
-                           grabber_->changed_bottom);
+        picture_.draw_rows(grabber_->pixels, static_cast<std::uint32_t>(grabber_->width) * 4, grabber_->changed.top,
+                           grabber_->changed.bottom);
         grabber_->taken();
     }
 }
