@@ -1,6 +1,5 @@
 #include "tests/support/stderr_capture.hpp"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>

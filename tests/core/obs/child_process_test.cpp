@@ -2,6 +2,7 @@
 
 #include "core/obs/child_process.hpp"
 #include "core/obs/media_limits.hpp"
+#include "tests/support/line_reader.hpp"
 #include "tests/support/scoped_environment.hpp"
 
 #include <gtest/gtest.h>
@@ -40,23 +41,6 @@ std::string read_all(int fd, std::chrono::milliseconds timeout = 10s)
             return text;
         text.append(chunk, static_cast<std::size_t>(got));
     }
-}
-
-// The child's first line, without its end; what came by the deadline otherwise.
-std::string read_line(int fd, std::chrono::milliseconds timeout = 10s)
-{
-    std::string line;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    char next = 0;
-    while (next != '\n') {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd entry{fd, POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) <= 0 || ::read(fd, &next, 1) != 1)
-            return line;
-        if (next != '\n')
-            line += next;
-    }
-    return line;
 }
 
 child_process::options shell(const std::string& script)
@@ -110,7 +94,7 @@ TEST(ChildProcess, AStoppedChildIsEndedWithinTheKillBound)
     // kill_and_wait leaves such a one to the kernel after the bound.)
     auto options = shell("trap '' TERM; echo ignoring; exec sleep 60");
     child_process frozen(options);
-    ASSERT_EQ(read_line(frozen.stdout_fd()), "ignoring");
+    ASSERT_EQ(test::line_reader(frozen.stdout_fd()).next(10s), "ignoring");
     ASSERT_EQ(::kill(frozen.pid(), SIGSTOP), 0);
     EXPECT_TRUE(frozen.kill(SIGTERM));
     EXPECT_FALSE(frozen.wait_for(200ms)) << "a child ignoring SIGTERM ended on it";
@@ -124,7 +108,7 @@ TEST(ChildProcess, AStoppedChildIsEndedWithinTheKillBound)
     // Its owner's destruction is bounded the same way.
     auto owned = std::make_unique<child_process>(options);
     pid_t pid = owned->pid();
-    ASSERT_EQ(read_line(owned->stdout_fd()), "ignoring");
+    ASSERT_EQ(test::line_reader(owned->stdout_fd()).next(10s), "ignoring");
     ASSERT_EQ(::kill(pid, SIGSTOP), 0);
     begun = std::chrono::steady_clock::now();
     owned.reset();
