@@ -277,19 +277,11 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     EXPECT_TRUE(service.wait_for_disconnect(deadline));
 }
 
-TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)
+TEST_F(Wiring, AConnectOvertakenByADisconnectDoesNotStartTheClient)
 {
-    test::temp_dir dir;
-    sim::service_sim peer;
     std::promise<void> release;
-    peer.hold_probe(release.get_future().share()); // a slow uplink measurement
-    peer.answer_probe_json({{"bytes", 1048576}, {"duration", 1000}});
-    event_bus bus;
-    preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
-    secret_keeper secrets(stored);
-    app_delegate::settings settings;
-    settings.service_url = peer.url();
-    settings.client = test::fast_client_options(test::ca_file_of(peer));
+    service.hold_probe(release.get_future().share()); // a slow uplink measurement
+    service.answer_probe_json({{"bytes", 1048576}, {"duration", 1000}});
     app_delegate delegate(bus, stored, secrets, settings);
 
     std::future<bool> first = delegate.connect_service();
@@ -299,7 +291,7 @@ TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)
     EXPECT_EQ(delegate.bitrate(), 4194) << "its measurement is kept";
 
     EXPECT_TRUE(delegate.connect_service().get());
-    EXPECT_TRUE(peer.wait_for_connection(deadline));
+    EXPECT_TRUE(service.wait_for_connection(deadline));
 }
 
 TEST(Program, OptionsOneInstanceAndAnOrderlyEndOnSigterm)

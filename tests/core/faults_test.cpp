@@ -28,11 +28,9 @@ using namespace std::chrono_literals;
 using callback::state_type;
 constexpr auto deadline = 15s;
 
+/// A client talking to the simulator through the proxy.
 class Faults : public ::testing::Test {
 protected:
-    /// A paired client talking to the simulator through the proxy.
-    void start_paired() { ASSERT_TRUE(app.start_paired(deadline)); }
-
     /// A list request answered through the proxy: the link serves.
     bool serves()
     {
@@ -47,7 +45,7 @@ protected:
 
 TEST_F(Faults, AStallLongerThanTheKeepAliveTimeOutIsNoticedAndTheLinkComesBack)
 {
-    start_paired();
+    ASSERT_TRUE(app.start_paired(deadline));
     proxy.stall(true); // bytes go in, nothing comes out: pongs never arrive
     EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline));
     proxy.stall(false);
@@ -61,10 +59,8 @@ TEST_F(Faults, CutsDuringTheHandshakeAndMidFrameAreRecovered)
     // The first connection dies inside the TLS handshake, the second inside the
     // identify exchange (its frames are a few hundred bytes past the handshake).
     proxy.cut_next_after(200);
-    app.set_secret(service.issue_secret({"Ann", ""}));
-    app.start();
-    ASSERT_TRUE(test::eventually([&] { return proxy.accepted() >= 2; }, deadline));
-    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(app.start_paired(deadline));
+    EXPECT_GE(proxy.accepted(), 2);
     EXPECT_TRUE(serves());
 
     std::uint64_t before = proxy.forwarded();

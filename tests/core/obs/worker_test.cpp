@@ -113,11 +113,6 @@ TEST_F(Catalogue, ListsAudioOutputsBeforeInputs)
     EXPECT_TRUE(same_name_both_ways) << "expected the default device in both directions";
 }
 
-TEST_F(Catalogue, ListsNoCameraWithoutVideoDevices)
-{
-    EXPECT_TRUE(worker_->list(callback::source_type::video).empty());
-}
-
 TEST_F(Catalogue, AnErrorReachesTheCallerAndTheWorkerStaysUsable)
 {
     try {
