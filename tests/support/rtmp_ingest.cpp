@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -411,35 +412,74 @@ probe_result rtmp_ingest::probe_recording(const std::string& key, std::chrono::m
     return probe({recording(key).string()}, timeout);
 }
 
-std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, double at, int width, int height,
-                                                       std::chrono::milliseconds timeout, bool colour) const
+namespace {
+/// One frame of input (ffmpeg's arguments before the output), scaled to width x height, as
+/// grey or RGB bytes; empty when it cannot be decoded within timeout.
+std::vector<std::uint8_t> decoded_frame(std::vector<std::string> input, int width, int height,
+                                        std::chrono::milliseconds timeout, bool colour)
 {
+    std::vector<std::string> argv{program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error"};
+    argv.insert(argv.end(), input.begin(), input.end());
+    argv.insert(argv.end(), {"-frames:v", "1", "-vf",
+                             "scale=" + std::to_string(width) + ":" + std::to_string(height) +
+                                 ",format=" + (colour ? "rgb24" : "gray"),
+                             "-f", "rawvideo", "-"});
     int code = 0;
-    std::string output = run_program(
-        {program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error", "-ss", std::to_string(at), "-i",
-         recording(key).string(), "-frames:v", "1", "-vf",
-         "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=" + (colour ? "rgb24" : "gray"),
-         "-f", "rawvideo", "-"},
-        timeout, &code);
+    std::string output = run_program(argv, timeout, &code);
     std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * (colour ? 3 : 1);
     if (code != 0 || output.size() != size)
         return {};
     return std::vector<std::uint8_t>(output.begin(), output.end());
 }
+} // namespace
+
+std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, double at, int width, int height,
+                                                       std::chrono::milliseconds timeout, bool colour) const
+{
+    return decoded_frame({"-ss", std::to_string(at), "-i", recording(key).string()}, width, height, timeout, colour);
+}
+
+std::vector<std::uint8_t> rtmp_ingest::last_frame(const std::string& key) const
+{
+    return recording_frame(key, std::max(0.0, probe_recording(key).duration - 0.5), 64, 36, 20s, true);
+}
 
 std::vector<std::uint8_t> rtmp_ingest::live_frame(const std::string& key, int width, int height,
                                                   std::chrono::milliseconds timeout) const
 {
-    int code = 0;
-    std::string output = run_program(
-        {program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error", "-i", stream_url(key), "-an",
-         "-frames:v", "1", "-vf", "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=rgb24",
-         "-f", "rawvideo", "-"},
-        timeout, &code);
-    std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
-    if (code != 0 || output.size() != size)
-        return {};
-    return std::vector<std::uint8_t>(output.begin(), output.end());
+    return decoded_frame({"-i", stream_url(key), "-an"}, width, height, timeout, true);
+}
+
+colour colour_at(const std::vector<std::uint8_t>& frame, int x, int y)
+{
+    if (frame.size() != 64u * 36u * 3u)
+        return {-1, -1, -1};
+    std::size_t at = (static_cast<std::size_t>(y) * 64 + static_cast<std::size_t>(x)) * 3;
+    return {frame[at], frame[at + 1], frame[at + 2]};
+}
+
+bool near(const colour& seen, const colour& expected, int tolerance)
+{
+    for (int channel = 0; channel < 3; ++channel)
+        if (std::abs(seen[channel] - expected[channel]) > tolerance)
+            return false;
+    return true;
+}
+
+std::string describe(const colour& seen)
+{
+    return std::to_string(seen[0]) + "," + std::to_string(seen[1]) + "," + std::to_string(seen[2]);
+}
+
+std::string describe(const std::vector<std::uint8_t>& frame)
+{
+    std::string text;
+    for (int y : {1, 9, 18, 26, 34}) {
+        text += "\n ";
+        for (int x : {1, 8, 16, 24, 32, 40, 48, 56, 62})
+            text += " " + describe(colour_at(frame, x, y));
+    }
+    return text;
 }
 
 std::string rtmp_ingest::error_log() const
