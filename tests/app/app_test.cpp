@@ -145,15 +145,10 @@ TEST(EventBus, ObserversRunInTheirOwnThreadAndGoWithTheirObject)
 }
 
 /// The app's non-visual half against the simulator, with preferences in a private folder.
-class Wiring : public ::testing::Test {
+class Wiring : public ::testing::Test, protected test::app_wiring {
 protected:
-    Wiring()
-        : stored(QString::fromStdString(dir.file("orbweave.conf"))), secrets(stored),
-          events(bus, {events::state_changed, events::code_changed, events::user_changed})
+    Wiring() : events(bus, {events::state_changed, events::code_changed, events::user_changed})
     {
-        service.identity().write(dir.path());
-        settings.service_url = service.url();
-        settings.client = test::fast_client_options(dir.file("ca.pem"));
         settings.client.media.restore_tokens = tokens;
     }
 
@@ -165,14 +160,8 @@ protected:
         ASSERT_EQ(obs::restore_tokens(tokens).get("screen-1"), "token-1");
     }
 
-    test::temp_dir dir;
     const std::string tokens = dir.file("state/restore-tokens.json");
-    sim::service_sim service;
-    event_bus bus;
-    preferences stored;
-    secret_keeper secrets;
     recorder events;
-    app_delegate::settings settings;
 };
 
 /// What a keeper starting now reads back.
@@ -190,9 +179,7 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
 {
     settings.bitrate = 2500;
     app_delegate delegate(bus, stored, secrets, settings);
-    bool loaded = false;
-    secrets.load([&] { loaded = true; });
-    ASSERT_TRUE(pump_until([&] { return loaded; }));
+    ASSERT_TRUE(load_secrets());
     delegate.start();
     EXPECT_TRUE(events.wait_for(events::state_changed, QVariant::fromValue(state_type::disconnected))); // the disconnected look first
 
@@ -238,9 +225,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     QObject observer;
     bus.observe(events::activity_changed, &observer,
                 [&](const QVariant& now) { activities.push_back(now.value<activity>()); });
-    bool loaded = false;
-    secrets.load([&] { loaded = true; });
-    ASSERT_TRUE(pump_until([&] { return loaded; }));
+    ASSERT_TRUE(load_secrets());
     delegate.start();
 
     auto pair_and_stream = [&] {
