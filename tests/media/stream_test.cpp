@@ -593,11 +593,7 @@ TEST_P(ScreenChanges, AScreenThatGoesAwayEndsItsStream)
         ASSERT_EQ(screens.size(), 2u) << screens;
         std::string id = screens[1]["id"];
 
-        sim::activation request;
-        request.source_id = id;
-        request.profile = "medium";
-        request.server = ingest_->url();
-        request.key = new_key(std::string("gone-") + GetParam());
+        auto request = sim::activation::of(id, ingest_->url(), new_key(std::string("gone-") + GetParam()));
         auto activated = service.wait_for_reply(service.activate(request).value_or(""), 60s);
         ASSERT_TRUE(activated);
         ASSERT_EQ(activated->message["payload"], Json({{"status", "Success"}}));
