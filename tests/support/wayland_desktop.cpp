@@ -233,9 +233,8 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
     start_portal_backend();
     if (options_.desktop != kind::sway && picker_limitation().empty())
         start_picker();
-    const char* portal = options_.desktop == kind::sway ? "wlr" : options_.desktop == kind::gnome ? "gnome" : "kde";
-    fs::copy_file(fs::path("/usr/share/xdg-desktop-portal/portals") / (std::string(portal) + ".portal"),
-                  root / "portals" / (std::string(portal) + ".portal"));
+    std::string portal = std::string(portal_name()) + ".portal";
+    fs::copy_file(fs::path("/usr/share/xdg-desktop-portal/portals") / portal, root / "portals" / portal);
     start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp", {{"XDG_DESKTOP_PORTAL_DIR", (root / "portals").string()}});
     wait_for_bus_name("org.freedesktop.portal.Desktop");
 }
@@ -479,25 +478,16 @@ bool wayland_desktop::resize_output(const std::string& name, int width, int heig
 
 void wayland_desktop::start_portal_backend()
 {
-    switch (options_.desktop) {
-    case kind::sway:
+    if (options_.desktop == kind::sway)
         start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",
                (dir_.path() / "config/xdg-desktop-portal-wlr/config").string()},
               "xdpw", {{"LD_PRELOAD", ORBWEAVE_XDPW_SHIM}});
-        portal_backend_ = processes_.back().get();
-        wait_for_bus_name("org.freedesktop.impl.portal.desktop.wlr");
-        break;
-    case kind::gnome:
+    else if (options_.desktop == kind::gnome)
         start({"/usr/libexec/xdg-desktop-portal-gnome", "-v"}, "xdp-gnome");
-        portal_backend_ = processes_.back().get();
-        wait_for_bus_name("org.freedesktop.impl.portal.desktop.gnome");
-        break;
-    case kind::kde:
+    else
         start({kde_portal_backend}, "xdp-kde", qt_accessible);
-        portal_backend_ = processes_.back().get();
-        wait_for_bus_name("org.freedesktop.impl.portal.desktop.kde");
-        break;
-    }
+    portal_backend_ = processes_.back().get();
+    wait_for_bus_name(std::string("org.freedesktop.impl.portal.desktop.") + portal_name());
 }
 
 void wayland_desktop::restart_portal_backend()
