@@ -279,7 +279,7 @@ TEST_F(Wiring, AConnectOvertakenByADisconnectDoesNotStartTheClient)
     EXPECT_TRUE(service.wait_for_connection(deadline));
 }
 
-TEST(Program, OptionsOneInstanceAndAnOrderlyEndOnSigterm)
+TEST(Program, OptionsOneInstanceAndAnOrderlyEndThatTakesItsAudioServerAlong)
 {
     auto run = [](std::vector<std::string> args, std::string* out = nullptr) {
         obs::child_process::options options;
@@ -302,14 +302,22 @@ TEST(Program, OptionsOneInstanceAndAnOrderlyEndOnSigterm)
     EXPECT_EQ(run({"--frobnicate"}), 2);
     EXPECT_EQ(run({"--service", "http://127.0.0.1/"}), 2);
 
-    // Against the simulator, on a session bus where no keyring answers: it pairs, keeps the
-    // secret in its preferences file (this user's alone) and says so, a second launch hands
-    // over to it, and SIGTERM ends it in order.
+    // Against the simulator, on a session bus where no keyring answers, beside a sound
+    // server whose default output the user chose: it pairs, keeps the secret in its
+    // preferences file (this user's alone) and says so, a second launch hands over to it,
+    // and SIGTERM (the path of the menu's Quit) ends it in order.
+    using test::pactl;
     test::temp_dir home;
     test::session_bus no_keyring;
+    test::pulse_server pulse(home.path() / "pulse");
+    test::scoped_environment sound("PULSE_SERVER", pulse.server());
     sim::service_sim service;
-    auto options = test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()},
-                                                     {"PULSE_SERVER", "unix:" + home.file("no-sound-server")}});
+    // A second output, chosen as the default: the sound server would fall back to the first.
+    pactl({"load-module", "module-null-sink", "sink_name=headphones"});
+    pactl({"set-default-sink", "headphones"});
+    const std::string modules = pactl({"list", "modules", "short"});
+    auto has_virtual_output = [] { return pactl({"list", "sinks"}).find("Orbweave Virtual Audio Driver") != std::string::npos; };
+    auto options = test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()}});
     test::stderr_capture log;
     obs::child_process program(options);
     auto code = service.wait_for_code(deadline);
@@ -331,70 +339,41 @@ TEST(Program, OptionsOneInstanceAndAnOrderlyEndOnSigterm)
     EXPECT_EQ(service.connections().size(), 1u) << "the second launch connected";
     EXPECT_EQ(log.count_lines_starting("Activated by another launch"), 1) << log.text();
 
+    // Quit leaves nothing of the app running: the audio server it started ends with it, its
+    // device unloaded and the output that was the default before the default again (though
+    // the user had chosen the virtual one, as the audio alert asks).
+    ASSERT_TRUE(test::eventually(has_virtual_output, deadline)) << "the app started no audio server";
+    auto servers = test::children_running(program.pid(), {"orbweave-audio-server"});
+    ASSERT_EQ(servers.size(), 1u);
+    pactl({"set-default-sink", "orbweave_virtual"});
+    ASSERT_EQ(pactl({"get-default-sink"}), "orbweave_virtual");
     program.kill(SIGTERM);
     EXPECT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
     EXPECT_TRUE(service.wait_for_disconnect(deadline));
     EXPECT_EQ(log.count_lines_starting("No keyring answers"), 1) << log.text();
     EXPECT_EQ(log.text().find(*secret), std::string::npos) << "the secret reached the log";
-}
+    EXPECT_TRUE(test::process_gone(servers[0])) << "its audio server is left running";
+    EXPECT_FALSE(has_virtual_output());
+    EXPECT_EQ(pactl({"get-default-sink"}), "headphones");
+    EXPECT_EQ(pactl({"list", "modules", "short"}), modules) << "something it loaded is left";
 
-// Quit leaves nothing of the app running: the audio server it started ends with it, its
-// device unloaded and the output that was the default before the default again (though
-// the user had chosen the virtual one, as the audio alert asks). A server that ran before
-// the app is left alone.
-TEST(Program, QuitEndsTheAudioServerItStartedAndLeavesAnEarlierOneAlone)
-{
-    using test::pactl;
-    test::temp_dir home;
-    test::session_bus bus;
-    test::pulse_server pulse(home.path() / "pulse");
-    test::scoped_environment sound("PULSE_SERVER", pulse.server());
-    sim::service_sim service;
-    // A second output, chosen as the default: the sound server would fall back to the first.
-    pactl({"load-module", "module-null-sink", "sink_name=headphones"});
-    pactl({"set-default-sink", "headphones"});
-    const std::string modules = pactl({"list", "modules", "short"});
-    auto has_virtual_output = [] { return pactl({"list", "sinks"}).find("Orbweave Virtual Audio Driver") != std::string::npos; };
-    auto launch = [&] {
-        auto options = test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", bus.address()}});
-        auto program = std::make_unique<obs::child_process>(options);
-        // It connects once it is up, ready to quit in order.
-        EXPECT_TRUE(service.wait_for_connection(deadline));
-        return program;
-    };
-    auto quit = [](obs::child_process& program) {
-        program.kill(SIGTERM); // the path of the menu's Quit
-        ASSERT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
-    };
-
-    {
-        auto program = launch();
-        ASSERT_TRUE(test::eventually(has_virtual_output, deadline)) << "the app started no audio server";
-        auto servers = test::children_running(program->pid(), {"orbweave-audio-server"});
-        ASSERT_EQ(servers.size(), 1u);
-        pactl({"set-default-sink", "orbweave_virtual"});
-        ASSERT_EQ(pactl({"get-default-sink"}), "orbweave_virtual");
-        quit(*program);
-        EXPECT_TRUE(test::process_gone(servers[0])) << "its audio server is left running";
-        EXPECT_FALSE(has_virtual_output());
-        EXPECT_EQ(pactl({"get-default-sink"}), "headphones");
-        EXPECT_EQ(pactl({"list", "modules", "short"}), modules) << "something it loaded is left";
-    }
-
+    // An audio server that ran before the app is left alone.
     obs::child_process::options earlier_options;
     earlier_options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
     earlier_options.pipe_stdout = true;
     obs::child_process earlier(earlier_options);
-    test::line_reader ready(earlier.stdout_fd());
-    ASSERT_EQ(ready.next(deadline), "ready orbweave_virtual");
+    ASSERT_EQ(test::line_reader(earlier.stdout_fd()).next(deadline), "ready orbweave_virtual");
     {
-        test::stderr_capture log;
-        auto program = launch();
+        test::stderr_capture again_log;
+        obs::child_process again(options);
         ASSERT_TRUE(test::eventually(
-            [&] { return log.count_lines_starting("orbweave-audio-server: the virtual output exists already") == 1; },
+            [&] { return again_log.count_lines_starting("orbweave-audio-server: the virtual output exists already") == 1; },
             deadline))
-            << log.text();
-        quit(*program);
+            << again_log.text();
+        // Up (its link open), ready to quit in order.
+        EXPECT_TRUE(test::eventually([&] { return service.connections().size() == 1; }, deadline));
+        again.kill(SIGTERM);
+        ASSERT_EQ(test::how_it_ended(again, deadline), "exited with code 0");
     }
     EXPECT_FALSE(earlier.wait_for(0ms)) << "the audio server that ran before the app ended with it";
     EXPECT_TRUE(has_virtual_output());

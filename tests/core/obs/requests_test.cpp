@@ -601,14 +601,5 @@ TEST_F(ShortStall, ReconnectsTheStreamWhenThePathComesBack)
     EXPECT_EQ(log.count_lines_starting("The stream of source "), 0) << log.text();
 }
 
-TEST(RequestsWithoutPermissionHandler, AreRejectedAtOnce)
-{
-    sim::service_sim service;
-    test::client_harness app(service, /*bare=*/true);
-    app.start();
-    ASSERT_TRUE(service.wait_for_code_request(deadline));
-    EXPECT_EQ(service.reply_payload(service.list("screen"), deadline), Json({{"status", "Rejected"}}));
-}
-
 } // namespace
 } // namespace orbweave
