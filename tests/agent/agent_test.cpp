@@ -304,13 +304,9 @@ TEST_F(AgentProcess, MeasuresPairsKeepsTheSecretAndPairsAgainByItself)
     EXPECT_TRUE(output->wait_for_prefix("pairing removed", deadline));
     EXPECT_TRUE(output->wait_for_prefix("code ", deadline));
     EXPECT_EQ(stored.load(), "");
-    stop(*agent);
-}
 
-TEST_F(AgentProcess, StopsCleanlyOnSigintEvenWhileTheServiceIsAway)
-{
+    // SIGINT ends it cleanly too, even while the service is away.
     service.stop();
-    auto agent = run({"--bitrate", "1000"});
     EXPECT_TRUE(output->wait_for_prefix("state disconnected", deadline));
     agent->kill(SIGINT);
     EXPECT_TRUE(output->wait_for_prefix("stopped", deadline));
@@ -379,8 +375,9 @@ TEST_F(AgentProcess, KeepsAnsweringWhileNobodyReadsItsOutput)
 }
 
 // The desktop's screen choices go with --forget-choices: the agent forgets the restore
-// tokens in its state folder, says so, and exits without connecting anywhere.
-TEST_F(AgentProcess, ForgetChoicesForgetsTheRestoreTokensAndExits)
+// tokens in its state folder, says so, and exits without connecting anywhere; bad
+// arguments end it with status 2, without connecting either.
+TEST_F(AgentProcess, ForgetChoicesAndBadArgumentsExitWithoutConnecting)
 {
     std::filesystem::create_directories(dir.file("state"));
     std::string tokens = restore_tokens_path(dir.file("state"));
@@ -393,6 +390,9 @@ TEST_F(AgentProcess, ForgetChoicesForgetsTheRestoreTokensAndExits)
     // Nothing to forget is no error.
     agent = run({"--forget-choices"});
     EXPECT_EQ(test::how_it_ended(*agent, deadline), "exited with code 0");
+    agent = run({"--allow", "printer"});
+    EXPECT_EQ(test::how_it_ended(*agent, deadline), "exited with code 2");
+    EXPECT_FALSE(service.wait_for_connection(0ms)) << "it connected";
 }
 
 /// A moving test pattern over the whole of display's first screen, so the encoder spends
@@ -474,15 +474,6 @@ TEST_F(AgentProcess, PrintsAStreamsHealthAsThePathToItsIngestSlowsAndStalls)
     path.stall(false);
     EXPECT_TRUE(level_line({"good"}, 40s)) << "not good again after the stall\n" << printed();
     stop(*agent);
-}
-
-TEST_F(AgentProcess, BadArgumentsExitNonZeroWithAMessage)
-{
-    obs::child_process::options options;
-    options.argv = {obs::beside_this_program("orbweave-agent"), "--allow", "printer"};
-    options.pipe_stdout = true;
-    obs::child_process agent(options);
-    EXPECT_EQ(test::how_it_ended(agent, deadline), "exited with code 2");
 }
 
 } // namespace
