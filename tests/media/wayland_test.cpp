@@ -9,6 +9,7 @@
 #include "core/obs/worker_manager.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
+#include "tests/support/line_reader.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/scoped_environment.hpp"
@@ -190,9 +191,7 @@ TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
     server.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
     server.pipe_stdout = true;
     obs::child_process audio_server(server);
-    char ready[64] = {};
-    ASSERT_GT(::read(audio_server.stdout_fd(), ready, sizeof ready - 1), 0);
-    EXPECT_EQ(std::string(ready), "ready orbweave_virtual\n");
+    ASSERT_EQ(test::line_reader(audio_server.stdout_fd()).next(10s), "ready orbweave_virtual");
 
     std::vector<obs::audio_entry> audios;
     {
