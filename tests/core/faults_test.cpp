@@ -125,7 +125,7 @@ protected:
     test::client_harness app{service, false, test::use_fake_workers};
 };
 
-TEST_F(WorkerFaults, AWorkerThatBreaksWhileStartingIsAnsweredFailureKilledAndForgotten)
+TEST_F(WorkerFaults, AWorkerThatBreaksStartingOrStreamingIsKilledAndForgottenAndTheNextStreamRuns)
 {
     struct broken {
         const char* key;
@@ -143,6 +143,17 @@ TEST_F(WorkerFaults, AWorkerThatBreaksWhileStartingIsAnsweredFailureKilledAndFor
         EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
         EXPECT_EQ(screen().value("isActive", true), false);
     }
+    // Or once it streams: it is killed for what it wrote, and the stream ends as if it had died.
+    test::stderr_capture log;
+    std::string id = screen().value("id", "");
+    EXPECT_EQ(activate("started-garbage"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
+    EXPECT_EQ(log.count_lines_starting("The stream of source " + id +
+                                       " ended: its media worker wrote a line that is not a JSON object"),
+              1)
+        << log.text();
+    EXPECT_EQ(screen().value("isActive", true), false);
     // The client serves on: the link never dropped, and a good stream starts.
     EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
     EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
@@ -187,22 +198,6 @@ TEST_F(WorkerFaults, SourcesAreLookedUpOnlyForKindsTheUserMayAllow)
         0ms);
     ASSERT_TRUE(asked);
     EXPECT_EQ(asked->name, "Display 1");
-}
-
-TEST_F(WorkerFaults, AStreamWhoseWorkerTurnsToGarbageEndsAndTheNextOneRuns)
-{
-    test::stderr_capture log;
-    std::string id = screen().value("id", "");
-    EXPECT_EQ(activate("started-garbage"), Json({{"status", "Success"}}));
-    // Its worker is killed for what it wrote, and the stream ends as if it had died.
-    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-    EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
-    EXPECT_EQ(log.count_lines_starting("The stream of source " + id +
-                                       " ended: its media worker wrote a line that is not a JSON object"),
-              1)
-        << log.text();
-    EXPECT_EQ(screen().value("isActive", true), false);
-    EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
 }
 
 // A stream that ends by itself while the link is down leaves the state at the link's
