@@ -838,33 +838,30 @@ private:
     Window right_ = 0;
 };
 
-// Through the canvas, as where a GPU draws (the way past it has a test of its own below).
-TEST_F(Streaming, WindowStreamsAtTheWindowsOwnSize)
+// A window streams at its own size through the canvas, as where a GPU draws. On a
+// software renderer it goes past the canvas: its own picture, grabbed from the X server,
+// arrives whole and in its colours, follows what changes in it, keeps the stream's size
+// when the window is made narrower (fitted in, aspect kept, bars beside it), and closing
+// the window ends the stream.
+TEST_F(Streaming, AWindowStreamsAtItsSizeAndPastTheCanvasKeepsItsColoursFollowsItsSizeAndEndsWithIt)
 {
-    test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", "canvas");
     two_colour_window window;
-    std::string key = new_key("window");
-    auto media = stream_worker();
-    auto [result, took] = activate(*media, order_for(window.entry(), {{"profile", "medium"}}, ingest_->url(), key));
-    ASSERT_TRUE(result.started) << result.error;
-    std::cout << "[ measured ] window activation: " << took.count() << " ms\n";
-    auto live = ingest_->probe_live(key, 15s);
-    ASSERT_NE(live.video(), nullptr) << live.error;
-    // A window is never enlarged: the stream is its size.
-    EXPECT_EQ(live.video()->width, 640);
-    EXPECT_EQ(live.video()->height, 400);
-    ASSERT_NE(live.audio(), nullptr);
-}
-
-// On a software renderer a window goes past the canvas: its own picture, grabbed from
-// the X server, arrives whole and in its colours, follows what changes in it, keeps the stream's size when the window
-// is made narrower (fitted in, aspect kept, bars beside it), and closing the window ends
-// the stream.
-TEST_F(Streaming, AWindowPastTheCanvasKeepsItsColoursFollowsItsSizeAndEndsWithIt)
-{
+    {
+        test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", "canvas");
+        std::string key = new_key("window");
+        auto media = stream_worker();
+        auto [result, took] = activate(*media, order_for(window.entry(), {{"profile", "medium"}}, ingest_->url(), key));
+        ASSERT_TRUE(result.started) << result.error;
+        std::cout << "[ measured ] window activation: " << took.count() << " ms\n";
+        auto live = ingest_->probe_live(key, 15s);
+        ASSERT_NE(live.video(), nullptr) << live.error;
+        // A window is never enlarged: the stream is its size.
+        EXPECT_EQ(live.video()->width, 640);
+        EXPECT_EQ(live.video()->height, 400);
+        ASSERT_NE(live.audio(), nullptr);
+    }
     test::scoped_environment capture("ORBWEAVE_SCREEN_CAPTURE", "direct");
     test::stderr_capture log;
-    two_colour_window window;
     std::string key = new_key("window-direct");
     auto media = stream_worker();
     test::blocking_queue<std::string> events;
@@ -875,7 +872,6 @@ TEST_F(Streaming, AWindowPastTheCanvasKeepsItsColoursFollowsItsSizeAndEndsWithIt
         << "no line names the window's path";
     auto live = ingest_->probe_live(key, 15s);
     ASSERT_NE(live.video(), nullptr) << live.error;
-    // A window is never enlarged: the stream is its size.
     EXPECT_EQ(live.video()->width, 640);
     EXPECT_EQ(live.video()->height, 400);
 
