@@ -239,8 +239,7 @@ protected:
     std::unique_ptr<obs::child_process> run(std::vector<std::string> extra = {},
                                             std::vector<std::pair<std::string, std::string>> environment = {})
     {
-        obs::child_process::options options;
-        options.argv = arguments(extra, /*ca_file=*/environment.empty());
+        auto options = test::command(arguments(extra, /*ca_file=*/environment.empty()));
         options.environment = std::move(environment);
         options.pipe_stdout = true;
         auto child = std::make_unique<obs::child_process>(options);
@@ -354,8 +353,7 @@ TEST_F(AgentProcess, KeepsAnsweringWhileNobodyReadsItsOutput)
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     ASSERT_GE(::fcntl(ends[0], F_SETPIPE_SZ, 4096), 0);
-    obs::child_process::options options;
-    options.argv = arguments({"--bitrate", "1000", "--allow", "screen"});
+    auto options = test::command(arguments({"--bitrate", "1000", "--allow", "screen"}));
     options.pass_fds = {{ends[1], STDOUT_FILENO}};
     obs::child_process agent(options);
     ::close(ends[1]);
@@ -399,11 +397,10 @@ TEST_F(AgentProcess, ForgetChoicesAndBadArgumentsExitWithoutConnecting)
 /// its whole bitrate; returns once it runs.
 std::unique_ptr<obs::child_process> moving_pattern(const std::string& display, int width, int height)
 {
-    obs::child_process::options options;
-    options.argv = {"ffplay", "-loglevel", "error", "-an", "-f", "lavfi", "-i",
-                    "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30",
-                    "-vf", "format=rgb0", "-x", std::to_string(width), "-y", std::to_string(height),
-                    "-noborder", "-left", "0", "-top", "0"};
+    auto options = test::command({"ffplay", "-loglevel", "error", "-an", "-f", "lavfi", "-i",
+                                  "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30",
+                                  "-vf", "format=rgb0", "-x", std::to_string(width), "-y", std::to_string(height),
+                                  "-noborder", "-left", "0", "-top", "0"});
     options.environment = {{"DISPLAY", display}, {"SDL_AUDIODRIVER", "dummy"}};
     options.quiet = true;
     return std::make_unique<obs::child_process>(options);

@@ -53,8 +53,7 @@ struct check_run {
 check_run run_check(std::vector<std::string> arguments, const environment_list& environment,
                     const std::vector<std::string>& unset, const std::string& label)
 {
-    obs::child_process::options options;
-    options.argv = {obs::beside_this_program("orbweave-agent"), "--check"};
+    auto options = test::command({obs::beside_this_program("orbweave-agent"), "--check"});
     options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
     options.environment = environment;
     options.unset_environment = unset;

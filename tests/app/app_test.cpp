@@ -282,8 +282,7 @@ TEST_F(Wiring, AConnectOvertakenByADisconnectDoesNotStartTheClient)
 TEST(Program, OptionsOneInstanceAndAnOrderlyEndThatTakesItsAudioServerAlong)
 {
     auto run = [](std::vector<std::string> args, std::string* out = nullptr) {
-        obs::child_process::options options;
-        options.argv = {ORBWEAVE_APP_PROGRAM};
+        auto options = test::command({ORBWEAVE_APP_PROGRAM});
         options.argv.insert(options.argv.end(), args.begin(), args.end());
         options.pipe_stdout = true;
         obs::child_process program(options);
@@ -358,8 +357,7 @@ TEST(Program, OptionsOneInstanceAndAnOrderlyEndThatTakesItsAudioServerAlong)
     EXPECT_EQ(pactl({"list", "modules", "short"}), modules) << "something it loaded is left";
 
     // An audio server that ran before the app is left alone.
-    obs::child_process::options earlier_options;
-    earlier_options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    auto earlier_options = test::command({ORBWEAVE_AUDIO_SERVER_PROGRAM});
     earlier_options.pipe_stdout = true;
     obs::child_process earlier(earlier_options);
     ASSERT_EQ(test::line_reader(earlier.stdout_fd()).next(deadline), "ready orbweave_virtual");

@@ -11,6 +11,7 @@
 #include "app/preferences.hpp"
 #include "app/secret_keeper.hpp"
 #include "tests/support/client_harness.hpp"
+#include "tests/support/processes.hpp"
 #endif
 #include "tests/support/keyring.hpp"
 #include "tests/support/session_bus.hpp"
@@ -110,9 +111,8 @@ inline obs::child_process::options app_program(const sim::service_sim& service, 
                                                std::vector<std::pair<std::string, std::string>> environment)
 {
     service.identity().write(home.path());
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
-                    "--bitrate", "1500"};
+    auto options = test::command({ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
+                                  "--bitrate", "1500"});
     options.environment = std::move(environment);
     for (std::pair<std::string, std::string> usual : {std::pair<std::string, std::string>{"QT_QPA_PLATFORM", "offscreen"},
                                                       {"XDG_CONFIG_HOME", home.path().string()},

@@ -115,8 +115,7 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
 TEST(StreamApproval, ARealNotificationServerAsksToo)
 {
     // dunst, as packaged, on this program's private bus and display.
-    obs::child_process::options options;
-    options.argv = {"dunst"};
+    auto options = test::command({"dunst"});
     options.quiet = true;
     obs::child_process dunst(options);
     auto dunstctl = [](const std::string& command) {

@@ -142,8 +142,7 @@ TEST(Tray, UnderARealLxqtPanelTheMenuShowsTheStreamsStopsThemAndItsQuitEndsTheAp
                                                               {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
                                                               {"XDG_CONFIG_HOME", home.file("config")},
                                                               {"HOME", home.path().string()}};
-    obs::child_process::options panel_options;
-    panel_options.argv = {"lxqt-panel"};
+    auto panel_options = test::command({"lxqt-panel"});
     panel_options.environment = desktop;
     panel_options.quiet = true;
     obs::child_process panel(panel_options);

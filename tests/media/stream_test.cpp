@@ -659,9 +659,8 @@ public:
     void reload()
     {
         feed_module_ = std::stoi(pactl({"load-module", "module-null-sink", std::string("sink_name=") + feed}));
-        obs::child_process::options options;
-        options.argv = {"pacat", "--playback", "-d", feed, "--latency-msec=20", "--raw", "--format=s16le",
-                        "--rate=44100", "--channels=1", tone_file()};
+        auto options = test::command({"pacat", "--playback", "-d", feed, "--latency-msec=20", "--raw", "--format=s16le",
+                                      "--rate=44100", "--channels=1", tone_file()});
         options.quiet = true;
         player_ = std::make_unique<obs::child_process>(options);
         load();

@@ -187,8 +187,7 @@ TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
 TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
 {
     // Our virtual output, made through PipeWire's PulseAudio server.
-    obs::child_process::options server;
-    server.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    auto server = test::command({ORBWEAVE_AUDIO_SERVER_PROGRAM});
     server.pipe_stdout = true;
     obs::child_process audio_server(server);
     ASSERT_EQ(test::line_reader(audio_server.stdout_fd()).next(10s), "ready orbweave_virtual");

@@ -219,8 +219,7 @@ xorg_display::xorg_display(const std::filesystem::path& directory) : directory_(
     std::string command = "cd \"$0\" && exec Xorg -config xorg.conf -noreset -nolisten tcp -displayfd 3";
     if (::geteuid() == 0)
         command += " -logfile xorg.log";
-    obs::child_process::options options;
-    options.argv = {"sh", "-c", command, directory_.string()};
+    auto options = test::command({"sh", "-c", command, directory_.string()});
     options.environment = {{"HOME", directory_.string()}, {"XDG_DATA_HOME", (directory_ / "data").string()}};
     name_ = start_x_server(options, "Xorg (with the dummy driver)", process_);
 }
@@ -249,8 +248,7 @@ window_manager::window_manager(const std::string& display, const std::filesystem
     int ready = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (ready < 0)
         throw std::system_error(errno, std::generic_category(), "open " + fifo);
-    obs::child_process::options options;
-    options.argv = {"openbox", "--sm-disable", "--startup", "sh -c 'echo ready > " + fifo + "'"};
+    auto options = test::command({"openbox", "--sm-disable", "--startup", "sh -c 'echo ready > " + fifo + "'"});
     options.environment = {{"DISPLAY", display}};
     options.quiet = true;
     try {
@@ -270,8 +268,7 @@ window_manager::~window_manager() = default;
 test_window::test_window(const std::string& display, const std::string& title, const std::string& instance)
     : title_(title), instance_(instance)
 {
-    obs::child_process::options options;
-    options.argv = {"xmessage", "-name", instance, "-title", title, "Orbweave test window: " + title};
+    auto options = test::command({"xmessage", "-name", instance, "-title", title, "Orbweave test window: " + title});
     options.environment = {{"DISPLAY", display}};
     options.quiet = true;
     process_ = std::make_unique<obs::child_process>(options);
@@ -320,8 +317,7 @@ std::string pactl(const std::vector<std::string>& arguments)
 void pulse_server::start()
 {
     std::string socket = (runtime_path_ / "native").string();
-    obs::child_process::options options;
-    options.argv = {
+    auto options = test::command({
         "pulseaudio",
         "--daemonize=no",
         "--exit-idle-time=-1",
@@ -333,7 +329,7 @@ void pulse_server::start()
         std::string("--load=module-null-sink sink_name=") + sink_name +
             " sink_properties=device.description=" + sink_description,
         std::string("--load=module-null-source source_name=") + source_name + " description=" + source_description,
-    };
+    });
     options.environment = {{"PULSE_RUNTIME_PATH", runtime_path_.string()},
                            {"PULSE_STATE_PATH", (runtime_path_ / "state").string()},
                            {"HOME", runtime_path_.string()}};

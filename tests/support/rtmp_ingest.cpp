@@ -3,6 +3,7 @@
 #include "core/json.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -218,8 +219,7 @@ std::string run_program(const std::vector<std::string>& argv, std::chrono::milli
         throw std::runtime_error("cannot create a file for standard error");
     std::string error_path = name;
 
-    obs::child_process::options options;
-    options.argv = argv;
+    auto options = test::command(argv);
     options.pipe_stdout = true;
     options.pass_fds = {{error_fd, 2}};
     std::string output;
@@ -300,9 +300,8 @@ rtmp_ingest::rtmp_ingest(int rtmp_port) : directory_("orbweave-ingest")
               "}\n";
     config.close();
 
-    obs::child_process::options options;
-    options.argv = {program_path("nginx", "/usr/sbin/nginx"), "-p", dir, "-c", dir + "/nginx.conf", "-e",
-                    dir + "/error.log"};
+    auto options = test::command({program_path("nginx", "/usr/sbin/nginx"), "-p", dir, "-c", dir + "/nginx.conf", "-e",
+                                  dir + "/error.log"});
     options.quiet = true;
     process_ = std::make_unique<obs::child_process>(options);
 

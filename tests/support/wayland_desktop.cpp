@@ -2,6 +2,7 @@
 
 #include "tests/support/eventually.hpp"
 #include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/processes.hpp"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -376,8 +377,7 @@ wayland_desktop::~wayland_desktop()
 void wayland_desktop::start(std::vector<std::string> argv, const std::string& log,
                             std::vector<std::pair<std::string, std::string>> extra)
 {
-    obs::child_process::options options;
-    options.argv = {"sh", "-c", "exec \"$@\" >\"$0\" 2>&1", (dir_.path() / "logs" / (log + ".log")).string()};
+    auto options = test::command({"sh", "-c", "exec \"$@\" >\"$0\" 2>&1", (dir_.path() / "logs" / (log + ".log")).string()});
     options.argv.insert(options.argv.end(), argv.begin(), argv.end());
     options.environment = environment_;
     options.environment.insert(options.environment.end(), extra.begin(), extra.end());
@@ -503,9 +503,8 @@ void wayland_desktop::open_window(const std::string& title, const std::string& c
 {
     std::filesystem::path shown = dir_.path() / ("shown-" + title);
     std::filesystem::remove(shown);
-    obs::child_process::options options;
-    options.argv = {"/usr/bin/python3",    ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
-                    std::to_string(height), shown.string(),         (dir_.path() / ("size-of-" + title)).string()};
+    auto options = test::command({"/usr/bin/python3", ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
+                            std::to_string(height), shown.string(), (dir_.path() / ("size-of-" + title)).string()});
     options.environment = environment_;
     options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
     options.new_process_group = true;

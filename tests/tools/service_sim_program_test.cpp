@@ -29,8 +29,7 @@ TEST(ServiceSimProgram, ServesWithAGeneratedCaTakesConsoleCommandsAndOutlivesStd
 {
     test::temp_dir scratch("orbweave-sim");
     std::filesystem::path dir = scratch.path() / "ca";
-    obs::child_process::options spawn;
-    spawn.argv = {ORBWEAVE_SERVICE_SIM_PROGRAM, "--port", "0", "--ca-dir", dir.string()};
+    auto spawn = test::command({ORBWEAVE_SERVICE_SIM_PROGRAM, "--port", "0", "--ca-dir", dir.string()});
     spawn.pipe_stdin = true;
     spawn.pipe_stdout = true;
     obs::child_process program(spawn);

@@ -3,6 +3,7 @@
 #include "core/obs/child_process.hpp"
 #include "core/obs/media_limits.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/scoped_environment.hpp"
 
 #include <gtest/gtest.h>
@@ -45,16 +46,14 @@ std::string read_all(int fd, std::chrono::milliseconds timeout = 10s)
 
 child_process::options shell(const std::string& script)
 {
-    child_process::options options;
-    options.argv = {"sh", "-c", script};
+    auto options = test::command({"sh", "-c", script});
     options.pipe_stdout = true;
     return options;
 }
 
 TEST(ChildProcess, TalksThroughItsStandardStreamsAndReportsItsExit)
 {
-    child_process::options options;
-    options.argv = {"cat"};
+    auto options = test::command({"cat"});
     options.pipe_stdin = true;
     options.pipe_stdout = true;
     child_process cat(options);
@@ -75,8 +74,7 @@ TEST(ChildProcess, TalksThroughItsStandardStreamsAndReportsItsExit)
 
 TEST(ChildProcess, KillIsReportedAndWaitIsBounded)
 {
-    child_process::options options;
-    options.argv = {"sleep", "60"};
+    auto options = test::command({"sleep", "60"});
     child_process sleeper(options);
     EXPECT_FALSE(sleeper.wait_for(50ms)) << "a running child has no status yet";
     EXPECT_TRUE(sleeper.kill(SIGTERM));
@@ -150,8 +148,7 @@ TEST(ChildProcess, RunsInOurEnvironmentWithTheGivenChanges)
 
 TEST(ChildProcess, AProgramThatCannotRunThrowsWhyAndLeavesNoChild)
 {
-    child_process::options options;
-    options.argv = {"/dev/null"}; // exists, but exec refuses it
+    auto options = test::command({"/dev/null"}); // exists, but exec refuses it
     try {
         child_process child(options);
         ADD_FAILURE() << "a program that cannot run was started";
@@ -169,8 +166,7 @@ TEST(ChildProcess, OutlivesTheThreadThatStartedItButNotItsOwner)
     // the thread that asked for them (a permission answer thread, say).
     std::unique_ptr<child_process> child;
     std::thread starter([&] {
-        child_process::options options;
-        options.argv = {"sleep", "60"};
+        auto options = test::command({"sleep", "60"});
         child = std::make_unique<child_process>(options);
     });
     starter.join();

@@ -233,8 +233,7 @@ TEST(WorkerProcess, StartFailuresThrowWorkerFailedToInitialize)
 TEST(WorkerProcess, StandardOutputCarriesOnlyProtocolLines)
 {
     // Even with libobs logging everything, its log and the plug-ins' output go to stderr.
-    child_process::options options;
-    options.argv = {worker::default_executable()};
+    auto options = test::command({worker::default_executable()});
     options.environment = {{"ORBWEAVE_OBS_LOG", "debug"}};
     options.pipe_stdin = true;
     options.pipe_stdout = true;
