@@ -19,7 +19,6 @@
 
 #include <fcntl.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -162,11 +161,8 @@ TEST(AgentSecretStore, TheSecretIsPrivateAndReplacedWhole)
     ASSERT_TRUE(store.save("first"));
     ASSERT_TRUE(store.save("second"));
     EXPECT_EQ(store.load(), "second");
-    struct stat file{}, folder{};
-    ASSERT_EQ(::stat(store.path().c_str(), &file), 0);
-    ASSERT_EQ(::stat(dir.file("state").c_str(), &folder), 0);
-    EXPECT_EQ(file.st_mode & 0777, 0600u);
-    EXPECT_EQ(folder.st_mode & 0777, 0700u);
+    EXPECT_EQ(test::mode_of(store.path()), 0600u);
+    EXPECT_EQ(test::mode_of(dir.file("state")), 0700u);
     EXPECT_FALSE(std::filesystem::exists(store.path() + ".new"));
     store.erase();
     EXPECT_EQ(store.load(), "");

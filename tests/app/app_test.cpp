@@ -24,7 +24,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -87,9 +86,7 @@ TEST(Preferences, DefaultsCorruptValuesAndReset)
     fresh.set_profile(3);
     fresh.set_has_set_permissions(true);
     fresh.set_max_streams(2);
-    struct stat file {};
-    ASSERT_EQ(::stat(dir.file("orbweave.conf").c_str(), &file), 0);
-    EXPECT_EQ(file.st_mode & 0777, 0600u) << "the file holds the secret";
+    EXPECT_EQ(test::mode_of(dir.file("orbweave.conf")), 0600u) << "the file holds the secret";
 
     // Another reader of the same file sees the values, under their own names.
     preferences again(QString::fromStdString(dir.file("orbweave.conf")));
@@ -328,9 +325,7 @@ TEST(Program, OptionsOneInstanceAndAnOrderlyEndThatTakesItsAudioServerAlong)
         std::ifstream file(conf);
         return std::string(std::istreambuf_iterator<char>(file), {}).find(*secret) != std::string::npos;
     }, deadline));
-    struct stat file_mode {};
-    ASSERT_EQ(::stat(conf.c_str(), &file_mode), 0);
-    EXPECT_EQ(file_mode.st_mode & 0777, 0600u);
+    EXPECT_EQ(test::mode_of(conf), 0600u);
 
     // A second launch shows the first and ends, without a link of its own.
     obs::child_process second(options);

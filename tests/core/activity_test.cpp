@@ -10,8 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <fstream>
 #include <sstream>
 
@@ -28,12 +26,6 @@ std::string file_text(const std::string& path)
     std::stringstream text;
     text << file.rdbuf();
     return text.str();
-}
-
-mode_t mode_of(const std::string& path)
-{
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : 0;
 }
 
 class History : public ::testing::Test {
@@ -140,7 +132,7 @@ TEST_F(History, TellsWhatTheServiceUsedWhoDecidedAndHowEachStreamEndedWithoutAKe
     for (const std::string& secret : {std::string("sk_live"), std::string("hunter2"), std::string("producer"),
                                       std::string("/live"), std::string("t0k"), secret})
         EXPECT_EQ(text.find(secret), std::string::npos) << secret << " in\n" << text;
-    EXPECT_EQ(mode_of(log->path()), 0600u);
+    EXPECT_EQ(test::mode_of(log->path()), 0600u);
 }
 
 TEST(HistoryFile, RotatesAtOneMegabyteKeepingOneOldFileBothPrivate)
@@ -159,12 +151,12 @@ TEST(HistoryFile, RotatesAtOneMegabyteKeepingOneOldFileBothPrivate)
     // Up to 1 MB the file grows; the line that would pass it starts a new one.
     for (std::size_t i = 0; i < per_file; ++i)
         log.record(event);
-    EXPECT_EQ(mode_of(log.path() + ".1"), 0u) << "rotated early";
+    EXPECT_EQ(test::mode_of(log.path() + ".1"), 0u) << "rotated early";
     const std::string next(200, 'n'); // a line as long as the others
     event.source = next;
     log.record(event);
-    EXPECT_EQ(mode_of(log.path() + ".1"), 0600u);
-    EXPECT_EQ(mode_of(log.path()), 0600u);
+    EXPECT_EQ(test::mode_of(log.path() + ".1"), 0600u);
+    EXPECT_EQ(test::mode_of(log.path()), 0600u);
     EXPECT_LE(file_text(log.path() + ".1").size(), activity_log::default_rotate_bytes);
     EXPECT_EQ(file_text(log.path()).size(), line);
 
@@ -181,11 +173,11 @@ TEST(HistoryFile, RotatesAtOneMegabyteKeepingOneOldFileBothPrivate)
     EXPECT_NE(file_text(log.path() + ".1").find(next), std::string::npos);
     EXPECT_EQ(file_text(log.path() + ".1").find(std::string(200, 'w')), std::string::npos);
     EXPECT_LE(file_text(log.path() + ".1").size() + file_text(log.path()).size(), 2 * activity_log::default_rotate_bytes);
-    EXPECT_EQ(mode_of(log.path() + ".2"), 0u);
+    EXPECT_EQ(test::mode_of(log.path() + ".2"), 0u);
 
     log.clear();
     EXPECT_TRUE(log.recent(50).empty());
-    EXPECT_EQ(mode_of(log.path() + ".1"), 0u);
+    EXPECT_EQ(test::mode_of(log.path() + ".1"), 0u);
 }
 
 TEST(HistoryFile, TheIngestIsItsSchemeAndHostOnly)

@@ -525,9 +525,7 @@ TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfte
         EXPECT_EQ(desktop.chooser_calls(), before + 1) << "the first activation asks the user";
         EXPECT_TRUE(ingest.wait_for_publishing("first", 10s));
         // The token is kept, private to the user.
-        ASSERT_TRUE(std::filesystem::exists(tokens));
-        EXPECT_EQ(std::filesystem::status(tokens).permissions() & std::filesystem::perms::all,
-                  std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+        EXPECT_EQ(test::mode_of(tokens), 0600u);
 
         ASSERT_EQ(client.deactivate(screen), Json({{"status", "Success"}}));
         EXPECT_TRUE(ingest.wait_until_not_publishing("first", 10s));

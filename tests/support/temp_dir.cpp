@@ -1,11 +1,18 @@
 #include "tests/support/temp_dir.hpp"
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <system_error>
 
 namespace orbweave::test {
+
+unsigned mode_of(const std::string& path)
+{
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : 0;
+}
 
 temp_dir::temp_dir(const std::string& prefix)
 {

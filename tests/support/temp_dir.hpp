@@ -5,6 +5,9 @@
 
 namespace orbweave::test {
 
+/// A file's permission bits (0600, ...); 0 when there is no such file.
+unsigned mode_of(const std::string& path);
+
 /// A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
 class temp_dir {
 public:

@@ -42,8 +42,7 @@ TEST(ServiceSimProgram, ServesWithAGeneratedCaTakesConsoleCommandsAndOutlivesStd
     auto listening = output.wait_for_prefix("listening wss://127.0.0.1:", deadline);
     ASSERT_TRUE(listening);
     std::string url = listening->substr(std::string("listening ").size());
-    EXPECT_EQ(std::filesystem::status(dir / "server.key").permissions() & std::filesystem::perms::all,
-              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_EQ(test::mode_of(dir / "server.key"), 0600u);
 
     // The client trusts the CA the program wrote, identifies and is given a code.
     auto client = orbweave_client::create(url, fast_client_options((dir / "ca.pem").string()));
