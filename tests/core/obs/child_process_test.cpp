@@ -62,14 +62,9 @@ TEST(ChildProcess, TalksThroughItsStandardStreamsAndReportsItsExit)
     ASSERT_EQ(::send(cat.stdin_fd(), line.data(), line.size(), MSG_NOSIGNAL), static_cast<ssize_t>(line.size()));
     cat.close_stdin();
     EXPECT_EQ(read_all(cat.stdout_fd()), line);
-    auto status = cat.wait_for(10s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(child_process::describe(*status), "exited with code 0");
-
+    EXPECT_EQ(test::how_it_ended(cat, 10s), "exited with code 0");
     child_process failing(shell("exit 3"));
-    status = failing.wait_for(10s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(child_process::describe(*status), "exited with code 3");
+    EXPECT_EQ(test::how_it_ended(failing, 10s), "exited with code 3");
 }
 
 TEST(ChildProcess, KillIsReportedAndWaitIsBounded)
@@ -78,9 +73,7 @@ TEST(ChildProcess, KillIsReportedAndWaitIsBounded)
     child_process sleeper(options);
     EXPECT_FALSE(sleeper.wait_for(50ms)) << "a running child has no status yet";
     EXPECT_TRUE(sleeper.kill(SIGTERM));
-    auto status = sleeper.wait_for(10s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(child_process::describe(*status), "killed by signal SIGTERM");
+    EXPECT_EQ(test::how_it_ended(sleeper, 10s), "killed by signal SIGTERM");
     EXPECT_FALSE(sleeper.kill(SIGTERM)) << "a reaped child is not signalled";
     EXPECT_EQ(::kill(sleeper.pid(), 0), -1);
 }

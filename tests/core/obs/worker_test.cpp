@@ -245,9 +245,7 @@ TEST(WorkerProcess, StandardOutputCarriesOnlyProtocolLines)
     while (auto line = output.next(20s))
         lines.push_back(json::parse(*line));
     ASSERT_EQ(lines.size(), 5u) << "no end of output";
-    auto status = raw.wait_for(10s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(child_process::describe(*status), "exited with code 0");
+    EXPECT_EQ(test::how_it_ended(raw, 10s), "exited with code 0");
 }
 
 } // namespace
