@@ -190,8 +190,7 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
     // The secret is in the keyring, and nowhere in the preferences file.
     EXPECT_TRUE(pump_until([&] { return loaded_secret(stored) == *secret; }));
     EXPECT_EQ(stored.secret(), "");
-    std::ifstream file(stored.path().toStdString());
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}).find(*secret), std::string::npos);
+    EXPECT_EQ(test::file_text(stored.path().toStdString()).find(*secret), std::string::npos);
     EXPECT_EQ(stored.username(), "Ann Example");
     EXPECT_EQ(stored.avatar(), "https://avatars.invalid/ann.png");
     EXPECT_EQ(delegate.bitrate(), 2500) << "--bitrate skips the probe";
@@ -321,10 +320,7 @@ TEST(Program, OptionsOneInstanceAndAnOrderlyEndThatTakesItsAudioServerAlong)
     auto secret = service.claim(*code, {"Ann", ""});
     ASSERT_TRUE(secret);
     std::string conf = home.file("orbweave/orbweave.conf");
-    ASSERT_TRUE(test::eventually([&] {
-        std::ifstream file(conf);
-        return std::string(std::istreambuf_iterator<char>(file), {}).find(*secret) != std::string::npos;
-    }, deadline));
+    ASSERT_TRUE(test::eventually([&] { return test::file_text(conf).find(*secret) != std::string::npos; }, deadline));
     EXPECT_EQ(test::mode_of(conf), 0600u);
 
     // A second launch shows the first and ends, without a link of its own.

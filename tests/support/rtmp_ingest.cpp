@@ -16,7 +16,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -72,14 +71,6 @@ bool read_all(int fd, std::string& out, clock::time_point deadline)
             return true;
         out.append(chunk, static_cast<std::size_t>(got));
     }
-}
-
-std::string read_file(const std::filesystem::path& path)
-{
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 double rational(const std::string& text)
@@ -243,7 +234,7 @@ std::string run_program(const std::vector<std::string>& argv, std::chrono::milli
         throw;
     }
     if (error_output)
-        *error_output = read_file(error_path);
+        *error_output = file_text(error_path);
     ::unlink(error_path.c_str());
     if (exit_code)
         *exit_code = code;
@@ -483,7 +474,7 @@ std::string describe(const std::vector<std::uint8_t>& frame)
 
 std::string rtmp_ingest::error_log() const
 {
-    return read_file(std::filesystem::path(directory_.path()) / "error.log");
+    return file_text(std::filesystem::path(directory_.path()) / "error.log");
 }
 
 live_loudness::live_loudness(const rtmp_ingest& ingest, const std::string& key)
