@@ -112,8 +112,7 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
     ASSERT_NE(live.video(), nullptr) << live.error;
     EXPECT_EQ(live.video()->codec_name, "h264");
     // "medium" fits the screen inside 1280x720.
-    EXPECT_EQ(live.video()->width, index == 0 ? 1280 : 960);
-    EXPECT_EQ(live.video()->height, 720);
+    EXPECT_EQ(live.video_size(), std::make_pair(index == 0 ? 1280 : 960, 720));
     EXPECT_NEAR(live.video()->frame_rate, 30.0, 0.5) << "a still screen keeps the stream's frame rate";
     ASSERT_NE(live.audio(), nullptr);
     EXPECT_EQ(live.audio()->codec_name, "aac");
@@ -168,9 +167,7 @@ TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
     ASSERT_TRUE(desktop.resize_output(output.name, 1024, 768));
     // Still live, at the size it started with, after the change.
     auto live = ingest.probe_live("resized", 15s);
-    ASSERT_NE(live.video(), nullptr) << live.error;
-    EXPECT_EQ(live.video()->width, 1280);
-    EXPECT_EQ(live.video()->height, 720);
+    EXPECT_EQ(live.video_size(), std::make_pair(1280, 720)) << live.error;
     EXPECT_TRUE(ingest.publishing("resized"));
     media.shutdown();
     EXPECT_TRUE(desktop.resize_output(output.name, output.width, output.height));
@@ -541,9 +538,7 @@ TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfte
         EXPECT_TRUE(ingest.wait_for_publishing("restarted", 10s));
         EXPECT_EQ(desktop.chooser_calls(), before + 1);
         auto live = ingest.probe_live("restarted", 15s);
-        ASSERT_NE(live.video(), nullptr) << live.error;
-        EXPECT_EQ(live.video()->width, 1280);
-        EXPECT_EQ(live.video()->height, 720);
+        EXPECT_EQ(live.video_size(), std::make_pair(1280, 720)) << live.error;
     }
     // Every desktop here embeds the pointer, so a presenter's pointer is in the picture.
     EXPECT_NE(log.text().find("media: the screen cast shows the pointer embedded in the picture"), std::string::npos);
@@ -587,10 +582,8 @@ TEST_P(WaylandDesktops, TheWindowEntryAsksForAWindowThenRestoresItAndItsClosingE
     ASSERT_EQ(client.activate(window, ingest, "restored"), Json({{"status", "Success"}}));
     EXPECT_EQ(desktop.chooser_calls(), before + 1) << "the window was not restored without the picker";
     auto live = ingest.probe_live("restored", 15s);
-    ASSERT_NE(live.video(), nullptr) << live.error;
     // The stream has the window's size, not the monitor's.
-    EXPECT_EQ(live.video()->width, window_width);
-    EXPECT_EQ(live.video()->height, window_height);
+    EXPECT_EQ(live.video_size(), std::make_pair(window_width, window_height)) << live.error;
 
     // A still window sends one frame: it is the picture, the window's colour from edge to
     // edge (its corners and the middle of each side) and in the middle.

@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orbweave::test {
@@ -43,6 +44,11 @@ struct probe_result {
     const probed_stream* first(const std::string& codec_type) const;
     const probed_stream* video() const { return first("video"); }
     const probed_stream* audio() const { return first("audio"); }
+    /// The video's width and height; 0x0 when there is no video.
+    std::pair<int, int> video_size() const
+    {
+        return video() ? std::make_pair(video()->width, video()->height) : std::make_pair(0, 0);
+    }
 };
 
 /// Parses `ffprobe -show_streams -show_format -of json` output.
