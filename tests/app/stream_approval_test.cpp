@@ -70,8 +70,7 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     EXPECT_EQ(reply_to(allowed), Json({{"status", "Success"}}));
     ASSERT_TRUE(ingest.wait_for_publishing("approved", deadline));
     auto probe = ingest.probe_live("approved", deadline);
-    ASSERT_TRUE(probe.video()) << probe.error;
-    EXPECT_EQ(probe.video()->codec_name, "h264");
+    EXPECT_EQ(probe.codec("video"), "h264") << probe.error;
 
     // Denied: rejected, and nothing more streams.
     std::string denied = activate("refused");

@@ -44,6 +44,8 @@ struct probe_result {
     const probed_stream* first(const std::string& codec_type) const;
     const probed_stream* video() const { return first("video"); }
     const probed_stream* audio() const { return first("audio"); }
+    /// The first stream of that type's codec; empty when there is none.
+    std::string codec(const std::string& codec_type) const { return first(codec_type) ? first(codec_type)->codec_name : ""; }
     /// The video's width and height; 0x0 when there is no video.
     std::pair<int, int> video_size() const
     {
