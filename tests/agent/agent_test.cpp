@@ -19,7 +19,6 @@
 
 #include <fcntl.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -34,11 +33,6 @@ using callback::source_type;
 using decision = permission_policy::decision;
 
 constexpr auto deadline = 10s;
-
-std::string agent_program()
-{
-    return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "orbweave-agent").string();
-}
 
 TEST(CaptureRoute, TheSessionDecidesUnlessForced)
 {
@@ -167,11 +161,8 @@ TEST(AgentSecretStore, TheSecretIsPrivateAndReplacedWhole)
     ASSERT_TRUE(store.save("first"));
     ASSERT_TRUE(store.save("second"));
     EXPECT_EQ(store.load(), "second");
-    struct stat file{}, folder{};
-    ASSERT_EQ(::stat(store.path().c_str(), &file), 0);
-    ASSERT_EQ(::stat(dir.file("state").c_str(), &folder), 0);
-    EXPECT_EQ(file.st_mode & 0777, 0600u);
-    EXPECT_EQ(folder.st_mode & 0777, 0700u);
+    EXPECT_EQ(test::mode_of(store.path()), 0600u);
+    EXPECT_EQ(test::mode_of(dir.file("state")), 0700u);
     EXPECT_FALSE(std::filesystem::exists(store.path() + ".new"));
     store.erase();
     EXPECT_EQ(store.load(), "");
@@ -244,8 +235,7 @@ protected:
     std::unique_ptr<obs::child_process> run(std::vector<std::string> extra = {},
                                             std::vector<std::pair<std::string, std::string>> environment = {})
     {
-        obs::child_process::options options;
-        options.argv = arguments(extra, /*ca_file=*/environment.empty());
+        auto options = test::command(arguments(extra, /*ca_file=*/environment.empty()));
         options.environment = std::move(environment);
         options.pipe_stdout = true;
         auto child = std::make_unique<obs::child_process>(options);
@@ -256,7 +246,7 @@ protected:
     /// The agent's command line against the simulator, with extra at the end.
     std::vector<std::string> arguments(const std::vector<std::string>& extra, bool ca_file = true)
     {
-        std::vector<std::string> argv{agent_program(), "--service", service.url(), "--state-dir", dir.file("state")};
+        std::vector<std::string> argv{obs::beside_this_program("orbweave-agent"), "--service", service.url(), "--state-dir", dir.file("state")};
         if (ca_file)
             argv.insert(argv.end(), {"--ca-file", dir.file("ca.pem")});
         argv.insert(argv.end(), extra.begin(), extra.end());
@@ -293,10 +283,7 @@ TEST_F(AgentProcess, MeasuresPairsKeepsTheSecretAndPairsAgainByItself)
     stop(*agent);
 
     secret_store stored(dir.file("state"));
-    EXPECT_EQ(stored.load(), *secret);
-    struct stat file{};
-    ASSERT_EQ(::stat(stored.path().c_str(), &file), 0);
-    EXPECT_EQ(file.st_mode & 0777, 0600u);
+    EXPECT_EQ(stored.load(), *secret); // kept as the store keeps it (its own test: private, whole)
     for (const auto& line : output->lines())
         EXPECT_EQ(line.find(*secret), std::string::npos) << "the secret was printed";
 
@@ -312,13 +299,9 @@ TEST_F(AgentProcess, MeasuresPairsKeepsTheSecretAndPairsAgainByItself)
     EXPECT_TRUE(output->wait_for_prefix("pairing removed", deadline));
     EXPECT_TRUE(output->wait_for_prefix("code ", deadline));
     EXPECT_EQ(stored.load(), "");
-    stop(*agent);
-}
 
-TEST_F(AgentProcess, StopsCleanlyOnSigintEvenWhileTheServiceIsAway)
-{
+    // SIGINT ends it cleanly too, even while the service is away.
     service.stop();
-    auto agent = run({"--bitrate", "1000"});
     EXPECT_TRUE(output->wait_for_prefix("state disconnected", deadline));
     agent->kill(SIGINT);
     EXPECT_TRUE(output->wait_for_prefix("stopped", deadline));
@@ -366,8 +349,7 @@ TEST_F(AgentProcess, KeepsAnsweringWhileNobodyReadsItsOutput)
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
     ASSERT_GE(::fcntl(ends[0], F_SETPIPE_SZ, 4096), 0);
-    obs::child_process::options options;
-    options.argv = arguments({"--bitrate", "1000", "--allow", "screen"});
+    auto options = test::command(arguments({"--bitrate", "1000", "--allow", "screen"}));
     options.pass_fds = {{ends[1], STDOUT_FILENO}};
     obs::child_process agent(options);
     ::close(ends[1]);
@@ -387,8 +369,9 @@ TEST_F(AgentProcess, KeepsAnsweringWhileNobodyReadsItsOutput)
 }
 
 // The desktop's screen choices go with --forget-choices: the agent forgets the restore
-// tokens in its state folder, says so, and exits without connecting anywhere.
-TEST_F(AgentProcess, ForgetChoicesForgetsTheRestoreTokensAndExits)
+// tokens in its state folder, says so, and exits without connecting anywhere; bad
+// arguments end it with status 2, without connecting either.
+TEST_F(AgentProcess, ForgetChoicesAndBadArgumentsExitWithoutConnecting)
 {
     std::filesystem::create_directories(dir.file("state"));
     std::string tokens = restore_tokens_path(dir.file("state"));
@@ -401,17 +384,19 @@ TEST_F(AgentProcess, ForgetChoicesForgetsTheRestoreTokensAndExits)
     // Nothing to forget is no error.
     agent = run({"--forget-choices"});
     EXPECT_EQ(test::how_it_ended(*agent, deadline), "exited with code 0");
+    agent = run({"--allow", "printer"});
+    EXPECT_EQ(test::how_it_ended(*agent, deadline), "exited with code 2");
+    EXPECT_FALSE(service.wait_for_connection(0ms)) << "it connected";
 }
 
 /// A moving test pattern over the whole of display's first screen, so the encoder spends
 /// its whole bitrate; returns once it runs.
 std::unique_ptr<obs::child_process> moving_pattern(const std::string& display, int width, int height)
 {
-    obs::child_process::options options;
-    options.argv = {"ffplay", "-loglevel", "error", "-an", "-f", "lavfi", "-i",
-                    "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30",
-                    "-vf", "format=rgb0", "-x", std::to_string(width), "-y", std::to_string(height),
-                    "-noborder", "-left", "0", "-top", "0"};
+    auto options = test::command({"ffplay", "-loglevel", "error", "-an", "-f", "lavfi", "-i",
+                                  "testsrc2=size=" + std::to_string(width) + "x" + std::to_string(height) + ":rate=30",
+                                  "-vf", "format=rgb0", "-x", std::to_string(width), "-y", std::to_string(height),
+                                  "-noborder", "-left", "0", "-top", "0"});
     options.environment = {{"DISPLAY", display}, {"SDL_AUDIODRIVER", "dummy"}};
     options.quiet = true;
     return std::make_unique<obs::child_process>(options);
@@ -482,15 +467,6 @@ TEST_F(AgentProcess, PrintsAStreamsHealthAsThePathToItsIngestSlowsAndStalls)
     path.stall(false);
     EXPECT_TRUE(level_line({"good"}, 40s)) << "not good again after the stall\n" << printed();
     stop(*agent);
-}
-
-TEST_F(AgentProcess, BadArgumentsExitNonZeroWithAMessage)
-{
-    obs::child_process::options options;
-    options.argv = {agent_program(), "--allow", "printer"};
-    options.pipe_stdout = true;
-    obs::child_process agent(options);
-    EXPECT_EQ(test::how_it_ended(agent, deadline), "exited with code 2");
 }
 
 } // namespace

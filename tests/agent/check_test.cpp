@@ -30,11 +30,6 @@ namespace {
 using namespace std::chrono_literals;
 using environment_list = std::vector<std::pair<std::string, std::string>>;
 
-std::string agent_program()
-{
-    return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "orbweave-agent").string();
-}
-
 struct check_run {
     int exit_status = -1;
     std::vector<std::string> lines;
@@ -58,8 +53,7 @@ struct check_run {
 check_run run_check(std::vector<std::string> arguments, const environment_list& environment,
                     const std::vector<std::string>& unset, const std::string& label)
 {
-    obs::child_process::options options;
-    options.argv = {agent_program(), "--check"};
+    auto options = test::command({obs::beside_this_program("orbweave-agent"), "--check"});
     options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
     options.environment = environment;
     options.unset_environment = unset;
@@ -227,14 +221,10 @@ TEST_F(CheckOnX11, AnUntrustedServiceFailsWithTheFixOnItsLineAndNoSoundServerOnl
     EXPECT_EQ(run.lines.back().rfind("a stream cannot work here", 0), 0u) << run.lines.back();
 }
 
-TEST(Check, WithoutADisplayNothingCanStreamAndTheLineSaysWhy)
+TEST_F(CheckOnX11, WithoutADisplayNothingCanStreamAndTheLineSaysWhy)
 {
-    test::temp_dir dir;
-    sim::service_sim service;
-    service.identity().write(dir.path());
-    check_run run = run_check({"--service", service.url(), "--ca-file", dir.file("ca.pem"), "--state-dir",
-                               dir.file("state"), "--bitrate", "1500"},
-                              {{"XDG_CACHE_HOME", dir.file("cache")}, {"PULSE_SERVER", "unix:" + dir.file("none")}},
+    check_run run = run_check(with(service(), {"--bitrate", "1500"}),
+                              {{"XDG_CACHE_HOME", state.file("cache")}, {"PULSE_SERVER", "unix:" + state.file("none")}},
                               {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_TYPE"}, "no display");
     EXPECT_EQ(run.exit_status, 1);
     std::string display = run.line("display");
@@ -250,21 +240,23 @@ TEST(Check, WithoutADisplayNothingCanStreamAndTheLineSaysWhy)
 
 /// A check of a reachable, trusted service whose media workers never answer (the fake
 /// worker does not know the check's orders).
-check::settings with_hung_workers(const test::temp_dir& dir, sim::service_sim& service)
-{
-    service.identity().write(dir.path());
-    check::settings settings;
-    settings.service_url = service.url();
-    settings.ca_file = dir.file("ca.pem");
-    settings.worker_executable = ORBWEAVE_FAKE_MEDIA_WORKER;
-    return settings;
-}
+class HungWorkers : public ::testing::Test {
+protected:
+    HungWorkers()
+    {
+        service.identity().write(dir.path());
+        settings.service_url = service.url();
+        settings.ca_file = dir.file("ca.pem");
+        settings.worker_executable = ORBWEAVE_FAKE_MEDIA_WORKER;
+    }
 
-TEST(Check, AMediaWorkerThatNeverAnswersIsKilledAndNamed)
-{
     test::temp_dir dir;
     sim::service_sim service;
-    check::settings settings = with_hung_workers(dir, service);
+    check::settings settings;
+};
+
+TEST_F(HungWorkers, AMediaWorkerThatNeverAnswersIsKilledAndNamed)
+{
     settings.bitrate = 1500;
     auto started = std::chrono::steady_clock::now();
     auto checked = std::async(std::launch::async, [&] { return check::run_common(settings); });
@@ -283,11 +275,8 @@ TEST(Check, AMediaWorkerThatNeverAnswersIsKilledAndNamed)
     EXPECT_NE(items["service"].level, check::status::fail) << items["service"].found;
 }
 
-TEST(Check, ACancelledCheckEndsAtOnceThoughItsWorkersHang)
+TEST_F(HungWorkers, ACancelledCheckEndsAtOnceThoughItsWorkersHang)
 {
-    test::temp_dir dir;
-    sim::service_sim service;
-    check::settings settings = with_hung_workers(dir, service);
     // The app quitting while its window checks: every part ends without waiting out a bound.
     settings.cancelled = [] { return true; };
     auto checked = std::async(std::launch::async, [&] { return check::run_common(settings); });

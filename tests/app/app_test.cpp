@@ -24,7 +24,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -87,9 +86,7 @@ TEST(Preferences, DefaultsCorruptValuesAndReset)
     fresh.set_profile(3);
     fresh.set_has_set_permissions(true);
     fresh.set_max_streams(2);
-    struct stat file {};
-    ASSERT_EQ(::stat(dir.file("orbweave.conf").c_str(), &file), 0);
-    EXPECT_EQ(file.st_mode & 0777, 0600u) << "the file holds the secret";
+    EXPECT_EQ(test::mode_of(dir.file("orbweave.conf")), 0600u) << "the file holds the secret";
 
     // Another reader of the same file sees the values, under their own names.
     preferences again(QString::fromStdString(dir.file("orbweave.conf")));
@@ -145,15 +142,10 @@ TEST(EventBus, ObserversRunInTheirOwnThreadAndGoWithTheirObject)
 }
 
 /// The app's non-visual half against the simulator, with preferences in a private folder.
-class Wiring : public ::testing::Test {
+class Wiring : public ::testing::Test, protected test::app_wiring {
 protected:
-    Wiring()
-        : stored(QString::fromStdString(dir.file("orbweave.conf"))), secrets(stored),
-          events(bus, {events::state_changed, events::code_changed, events::user_changed})
+    Wiring() : events(bus, {events::state_changed, events::code_changed, events::user_changed})
     {
-        service.identity().write(dir.path());
-        settings.service_url = service.url();
-        settings.client = test::fast_client_options(dir.file("ca.pem"));
         settings.client.media.restore_tokens = tokens;
     }
 
@@ -165,14 +157,8 @@ protected:
         ASSERT_EQ(obs::restore_tokens(tokens).get("screen-1"), "token-1");
     }
 
-    test::temp_dir dir;
     const std::string tokens = dir.file("state/restore-tokens.json");
-    sim::service_sim service;
-    event_bus bus;
-    preferences stored;
-    secret_keeper secrets;
     recorder events;
-    app_delegate::settings settings;
 };
 
 /// What a keeper starting now reads back.
@@ -190,9 +176,7 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
 {
     settings.bitrate = 2500;
     app_delegate delegate(bus, stored, secrets, settings);
-    bool loaded = false;
-    secrets.load([&] { loaded = true; });
-    ASSERT_TRUE(pump_until([&] { return loaded; }));
+    ASSERT_TRUE(load_secrets());
     delegate.start();
     EXPECT_TRUE(events.wait_for(events::state_changed, QVariant::fromValue(state_type::disconnected))); // the disconnected look first
 
@@ -206,8 +190,7 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
     // The secret is in the keyring, and nowhere in the preferences file.
     EXPECT_TRUE(pump_until([&] { return loaded_secret(stored) == *secret; }));
     EXPECT_EQ(stored.secret(), "");
-    std::ifstream file(stored.path().toStdString());
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}).find(*secret), std::string::npos);
+    EXPECT_EQ(test::file_text(stored.path().toStdString()).find(*secret), std::string::npos);
     EXPECT_EQ(stored.username(), "Ann Example");
     EXPECT_EQ(stored.avatar(), "https://avatars.invalid/ann.png");
     EXPECT_EQ(delegate.bitrate(), 2500) << "--bitrate skips the probe";
@@ -238,9 +221,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     QObject observer;
     bus.observe(events::activity_changed, &observer,
                 [&](const QVariant& now) { activities.push_back(now.value<activity>()); });
-    bool loaded = false;
-    secrets.load([&] { loaded = true; });
-    ASSERT_TRUE(pump_until([&] { return loaded; }));
+    ASSERT_TRUE(load_secrets());
     delegate.start();
 
     auto pair_and_stream = [&] {
@@ -277,19 +258,11 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     EXPECT_TRUE(service.wait_for_disconnect(deadline));
 }
 
-TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)
+TEST_F(Wiring, AConnectOvertakenByADisconnectDoesNotStartTheClient)
 {
-    test::temp_dir dir;
-    sim::service_sim peer;
     std::promise<void> release;
-    peer.hold_probe(release.get_future().share()); // a slow uplink measurement
-    peer.answer_probe_json({{"bytes", 1048576}, {"duration", 1000}});
-    event_bus bus;
-    preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
-    secret_keeper secrets(stored);
-    app_delegate::settings settings;
-    settings.service_url = peer.url();
-    settings.client = test::fast_client_options(test::ca_file_of(peer));
+    service.hold_probe(release.get_future().share()); // a slow uplink measurement
+    service.answer_probe_json({{"bytes", 1048576}, {"duration", 1000}});
     app_delegate delegate(bus, stored, secrets, settings);
 
     std::future<bool> first = delegate.connect_service();
@@ -299,14 +272,13 @@ TEST(ProbeGeneration, AConnectOvertakenByADisconnectDoesNotStartTheClient)
     EXPECT_EQ(delegate.bitrate(), 4194) << "its measurement is kept";
 
     EXPECT_TRUE(delegate.connect_service().get());
-    EXPECT_TRUE(peer.wait_for_connection(deadline));
+    EXPECT_TRUE(service.wait_for_connection(deadline));
 }
 
-TEST(Program, OptionsOneInstanceAndAnOrderlyEndOnSigterm)
+TEST(Program, OptionsOneInstanceAndAnOrderlyEndThatTakesItsAudioServerAlong)
 {
     auto run = [](std::vector<std::string> args, std::string* out = nullptr) {
-        obs::child_process::options options;
-        options.argv = {ORBWEAVE_APP_PROGRAM};
+        auto options = test::command({ORBWEAVE_APP_PROGRAM});
         options.argv.insert(options.argv.end(), args.begin(), args.end());
         options.pipe_stdout = true;
         obs::child_process program(options);
@@ -325,51 +297,13 @@ TEST(Program, OptionsOneInstanceAndAnOrderlyEndOnSigterm)
     EXPECT_EQ(run({"--frobnicate"}), 2);
     EXPECT_EQ(run({"--service", "http://127.0.0.1/"}), 2);
 
-    // Against the simulator, on a session bus where no keyring answers: it pairs, keeps the
-    // secret in its preferences file (this user's alone) and says so, a second launch hands
-    // over to it, and SIGTERM ends it in order.
-    test::temp_dir home;
-    test::session_bus no_keyring;
-    sim::service_sim service;
-    auto options = test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()},
-                                                     {"PULSE_SERVER", "unix:" + home.file("no-sound-server")}});
-    test::stderr_capture log;
-    obs::child_process program(options);
-    auto code = service.wait_for_code(deadline);
-    ASSERT_TRUE(code) << "the app did not connect";
-    auto secret = service.claim(*code, {"Ann", ""});
-    ASSERT_TRUE(secret);
-    std::string conf = home.file("orbweave/orbweave.conf");
-    ASSERT_TRUE(test::eventually([&] {
-        std::ifstream file(conf);
-        return std::string(std::istreambuf_iterator<char>(file), {}).find(*secret) != std::string::npos;
-    }, deadline));
-    struct stat file_mode {};
-    ASSERT_EQ(::stat(conf.c_str(), &file_mode), 0);
-    EXPECT_EQ(file_mode.st_mode & 0777, 0600u);
-
-    // A second launch shows the first and ends, without a link of its own.
-    obs::child_process second(options);
-    EXPECT_EQ(test::how_it_ended(second, deadline), "exited with code 0");
-    EXPECT_EQ(service.connections().size(), 1u) << "the second launch connected";
-    EXPECT_EQ(log.count_lines_starting("Activated by another launch"), 1) << log.text();
-
-    program.kill(SIGTERM);
-    EXPECT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
-    EXPECT_TRUE(service.wait_for_disconnect(deadline));
-    EXPECT_EQ(log.count_lines_starting("No keyring answers"), 1) << log.text();
-    EXPECT_EQ(log.text().find(*secret), std::string::npos) << "the secret reached the log";
-}
-
-// Quit leaves nothing of the app running: the audio server it started ends with it, its
-// device unloaded and the output that was the default before the default again (though
-// the user had chosen the virtual one, as the audio alert asks). A server that ran before
-// the app is left alone.
-TEST(Program, QuitEndsTheAudioServerItStartedAndLeavesAnEarlierOneAlone)
-{
+    // Against the simulator, on a session bus where no keyring answers, beside a sound
+    // server whose default output the user chose: it pairs, keeps the secret in its
+    // preferences file (this user's alone) and says so, a second launch hands over to it,
+    // and SIGTERM (the path of the menu's Quit) ends it in order.
     using test::pactl;
     test::temp_dir home;
-    test::session_bus bus;
+    test::session_bus no_keyring;
     test::pulse_server pulse(home.path() / "pulse");
     test::scoped_environment sound("PULSE_SERVER", pulse.server());
     sim::service_sim service;
@@ -378,46 +312,57 @@ TEST(Program, QuitEndsTheAudioServerItStartedAndLeavesAnEarlierOneAlone)
     pactl({"set-default-sink", "headphones"});
     const std::string modules = pactl({"list", "modules", "short"});
     auto has_virtual_output = [] { return pactl({"list", "sinks"}).find("Orbweave Virtual Audio Driver") != std::string::npos; };
-    auto launch = [&] {
-        auto options = test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", bus.address()}});
-        auto program = std::make_unique<obs::child_process>(options);
-        // It connects once it is up, ready to quit in order.
-        EXPECT_TRUE(service.wait_for_connection(deadline));
-        return program;
-    };
-    auto quit = [](obs::child_process& program) {
-        program.kill(SIGTERM); // the path of the menu's Quit
-        ASSERT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
-    };
+    auto options = test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", no_keyring.address()}});
+    test::stderr_capture log;
+    obs::child_process program(options);
+    auto code = service.wait_for_code(deadline);
+    ASSERT_TRUE(code) << "the app did not connect";
+    auto secret = service.claim(*code, {"Ann", ""});
+    ASSERT_TRUE(secret);
+    std::string conf = home.file("orbweave/orbweave.conf");
+    ASSERT_TRUE(test::eventually([&] { return test::file_text(conf).find(*secret) != std::string::npos; }, deadline));
+    EXPECT_EQ(test::mode_of(conf), 0600u);
 
-    {
-        auto program = launch();
-        ASSERT_TRUE(test::eventually(has_virtual_output, deadline)) << "the app started no audio server";
-        auto servers = test::children_running(program->pid(), {"orbweave-audio-server"});
-        ASSERT_EQ(servers.size(), 1u);
-        pactl({"set-default-sink", "orbweave_virtual"});
-        ASSERT_EQ(pactl({"get-default-sink"}), "orbweave_virtual");
-        quit(*program);
-        EXPECT_TRUE(test::process_gone(servers[0])) << "its audio server is left running";
-        EXPECT_FALSE(has_virtual_output());
-        EXPECT_EQ(pactl({"get-default-sink"}), "headphones");
-        EXPECT_EQ(pactl({"list", "modules", "short"}), modules) << "something it loaded is left";
-    }
+    // A second launch shows the first and ends, without a link of its own.
+    obs::child_process second(options);
+    EXPECT_EQ(test::how_it_ended(second, deadline), "exited with code 0");
+    EXPECT_EQ(service.connections().size(), 1u) << "the second launch connected";
+    EXPECT_EQ(log.count_lines_starting("Activated by another launch"), 1) << log.text();
 
-    obs::child_process::options earlier_options;
-    earlier_options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    // Quit leaves nothing of the app running: the audio server it started ends with it, its
+    // device unloaded and the output that was the default before the default again (though
+    // the user had chosen the virtual one, as the audio alert asks).
+    ASSERT_TRUE(test::eventually(has_virtual_output, deadline)) << "the app started no audio server";
+    auto servers = test::children_running(program.pid(), {"orbweave-audio-server"});
+    ASSERT_EQ(servers.size(), 1u);
+    pactl({"set-default-sink", "orbweave_virtual"});
+    ASSERT_EQ(pactl({"get-default-sink"}), "orbweave_virtual");
+    program.kill(SIGTERM);
+    EXPECT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
+    EXPECT_TRUE(service.wait_for_disconnect(deadline));
+    EXPECT_EQ(log.count_lines_starting("No keyring answers"), 1) << log.text();
+    EXPECT_EQ(log.text().find(*secret), std::string::npos) << "the secret reached the log";
+    EXPECT_TRUE(test::process_gone(servers[0])) << "its audio server is left running";
+    EXPECT_FALSE(has_virtual_output());
+    EXPECT_EQ(pactl({"get-default-sink"}), "headphones");
+    EXPECT_EQ(pactl({"list", "modules", "short"}), modules) << "something it loaded is left";
+
+    // An audio server that ran before the app is left alone.
+    auto earlier_options = test::command({ORBWEAVE_AUDIO_SERVER_PROGRAM});
     earlier_options.pipe_stdout = true;
     obs::child_process earlier(earlier_options);
-    test::line_reader ready(earlier.stdout_fd());
-    ASSERT_EQ(ready.next(deadline), "ready orbweave_virtual");
+    ASSERT_EQ(test::line_reader(earlier.stdout_fd()).next(deadline), "ready orbweave_virtual");
     {
-        test::stderr_capture log;
-        auto program = launch();
+        test::stderr_capture again_log;
+        obs::child_process again(options);
         ASSERT_TRUE(test::eventually(
-            [&] { return log.count_lines_starting("orbweave-audio-server: the virtual output exists already") == 1; },
+            [&] { return again_log.count_lines_starting("orbweave-audio-server: the virtual output exists already") == 1; },
             deadline))
-            << log.text();
-        quit(*program);
+            << again_log.text();
+        // Up (its link open), ready to quit in order.
+        EXPECT_TRUE(test::eventually([&] { return service.connections().size() == 1; }, deadline));
+        again.kill(SIGTERM);
+        ASSERT_EQ(test::how_it_ended(again, deadline), "exited with code 0");
     }
     EXPECT_FALSE(earlier.wait_for(0ms)) << "the audio server that ran before the app ended with it";
     EXPECT_TRUE(has_virtual_output());

@@ -8,6 +8,7 @@
 #include "tests/app/qt_support.hpp"
 #include "tests/app/status_notifier_watcher.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "ui/check_window.hpp"
 
@@ -135,8 +136,7 @@ TEST(DesktopCheck, TheWindowShowsTheLinesAndCopiesThem)
 TEST(DesktopCheck, TheProgramPrintsItsOwnChecksAndJson)
 {
     test::temp_dir dir;
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_APP_PROGRAM, "--check", "--json", "--bitrate", "1500"};
+    auto options = test::command({ORBWEAVE_APP_PROGRAM, "--check", "--json", "--bitrate", "1500"});
     options.environment = {{"XDG_CONFIG_HOME", dir.file("config")}, {"XDG_CACHE_HOME", dir.file("cache")},
                            {"DBUS_SESSION_BUS_ADDRESS", qt->bus_address()}};
     options.unset_environment = {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_TYPE"};

@@ -22,12 +22,6 @@ using test::pump_until;
 
 using namespace std::chrono_literals;
 
-std::string read(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 TEST(LaunchAtLogin, TheEntryIsWrittenOnceRemovedAndWatched)
 {
     test::temp_dir config;
@@ -43,7 +37,7 @@ TEST(LaunchAtLogin, TheEntryIsWrittenOnceRemovedAndWatched)
     entry.set_enabled(true);
     entry.set_enabled(true);
     EXPECT_TRUE(entry.enabled());
-    std::string text = read(path);
+    std::string text = test::file_text(path);
     EXPECT_EQ(text.find("[Desktop Entry]\n"), 0u);
     EXPECT_NE(text.find("\nExec=\"/opt/Orb Weave/orbweave\"\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\nType=Application\n"), std::string::npos);

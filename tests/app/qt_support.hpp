@@ -5,6 +5,14 @@
 // private session bus with an unlocked keyring, so no test reaches the desktop's own.
 
 #include "core/obs/child_process.hpp"
+#ifdef ORBWEAVE_APP_PROGRAM
+#include "app/app_delegate.hpp"
+#include "app/event_bus.hpp"
+#include "app/preferences.hpp"
+#include "app/secret_keeper.hpp"
+#include "tests/support/client_harness.hpp"
+#include "tests/support/processes.hpp"
+#endif
 #include "tests/support/keyring.hpp"
 #include "tests/support/session_bus.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -103,9 +111,8 @@ inline obs::child_process::options app_program(const sim::service_sim& service, 
                                                std::vector<std::pair<std::string, std::string>> environment)
 {
     service.identity().write(home.path());
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
-                    "--bitrate", "1500"};
+    auto options = test::command({ORBWEAVE_APP_PROGRAM, "--service", service.url(), "--ca-file", home.file("ca.pem"),
+                                  "--bitrate", "1500"});
     options.environment = std::move(environment);
     for (std::pair<std::string, std::string> usual : {std::pair<std::string, std::string>{"QT_QPA_PLATFORM", "offscreen"},
                                                       {"XDG_CONFIG_HOME", home.path().string()},
@@ -116,6 +123,31 @@ inline obs::child_process::options app_program(const sim::service_sim& service, 
     options.unset_environment = {"XDG_CURRENT_DESKTOP", "DESKTOP_SESSION", "LC_ALL", "LC_MESSAGES", "LANGUAGE"};
     return options;
 }
+
+/// The app's non-visual half as the program wires it, against the simulator: preferences
+/// in a private folder, the secret keeper, the event bus and the delegate's settings.
+struct app_wiring {
+    app_wiring() : stored(QString::fromStdString(dir.file("orbweave.conf"))), secrets(stored)
+    {
+        service.identity().write(dir.path());
+        settings.service_url = service.url();
+        settings.client = fast_client_options(dir.file("ca.pem"));
+    }
+    /// Loads the stored secret, as the program does before it starts the delegate.
+    bool load_secrets()
+    {
+        bool loaded = false;
+        secrets.load([&] { loaded = true; });
+        return pump_until([&] { return loaded; });
+    }
+
+    sim::service_sim service;
+    temp_dir dir;
+    app::event_bus bus;
+    app::preferences stored;
+    app::secret_keeper secrets;
+    app::app_delegate::settings settings;
+};
 #endif
 
 /// Watches this thread's event loop: a timer due every 10 ms notes the longest gap between

@@ -7,11 +7,9 @@
 #include "tests/app/notification_server.hpp"
 #include "tests/app/qt_support.hpp"
 #include "core/obs/child_process.hpp"
-#include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
-#include "tests/support/temp_dir.hpp"
 #include "tools/service-sim/service_sim.hpp"
 
 #include <gtest/gtest.h>
@@ -33,28 +31,18 @@ auto* const qt = static_cast<test::qt_environment*>(::testing::AddGlobalTestEnvi
 
 TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRejects)
 {
-    test::temp_dir dir;
-    sim::service_sim service;
+    test::app_wiring app;
+    sim::service_sim& service = app.service;
     test::rtmp_ingest ingest;
-    service.identity().write(dir.path());
-
-    preferences stored(QString::fromStdString(dir.file("orbweave.conf")));
-    stored.set_permission(source_type::screen, static_cast<unsigned>(permission::ask));
-    secret_keeper secrets(stored);
-    event_bus bus;
-    app_delegate::settings settings;
-    settings.service_url = service.url();
-    settings.bitrate = 1500;
-    settings.client = test::fast_client_options(dir.file("ca.pem"));
-    app_delegate delegate(bus, stored, secrets, settings);
+    app.stored.set_permission(source_type::screen, static_cast<unsigned>(permission::ask));
+    app.settings.bitrate = 1500;
+    app_delegate delegate(app.bus, app.stored, app.secrets, app.settings);
 
     auto desktop = QDBusConnection::connectToBus(QString::fromStdString(qt->bus_address()), "desktop");
     notification_server notifications(desktop, {"actions", "body"});
     delegate.set_prompter(std::make_shared<notification_prompter>());
 
-    bool loaded = false;
-    secrets.load([&] { loaded = true; });
-    ASSERT_TRUE(pump_until([&] { return loaded; }));
+    ASSERT_TRUE(app.load_secrets());
     delegate.start();
     auto code = service.wait_for_code(deadline);
     ASSERT_TRUE(code);
@@ -82,8 +70,7 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     EXPECT_EQ(reply_to(allowed), Json({{"status", "Success"}}));
     ASSERT_TRUE(ingest.wait_for_publishing("approved", deadline));
     auto probe = ingest.probe_live("approved", deadline);
-    ASSERT_TRUE(probe.video()) << probe.error;
-    EXPECT_EQ(probe.video()->codec_name, "h264");
+    EXPECT_EQ(probe.codec("video"), "h264") << probe.error;
 
     // Denied: rejected, and nothing more streams.
     std::string denied = activate("refused");
@@ -127,8 +114,7 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
 TEST(StreamApproval, ARealNotificationServerAsksToo)
 {
     // dunst, as packaged, on this program's private bus and display.
-    obs::child_process::options options;
-    options.argv = {"dunst"};
+    auto options = test::command({"dunst"});
     options.quiet = true;
     obs::child_process dunst(options);
     auto dunstctl = [](const std::string& command) {

@@ -1,7 +1,7 @@
-// The tray as a desktop panel sees it: the orbweave program on Xvfb, on a private bus
-// with a StatusNotifierWatcher stand-in, paired with the service simulator and
-// streaming a screen to nginx-rtmp. The panel reads the exported menu and clicks
-// "Stop streaming". Then once under a real panel (lxqt-panel), clicked with the pointer.
+// The tray under a real desktop panel (lxqt-panel) on Xvfb, on a private bus: the
+// orbweave program, paired with the service simulator and streaming a screen to
+// nginx-rtmp. The exported menu is read and clicked as the panel does it ("Stop
+// streaming"), then opened with a right click and ended by its "Quit".
 
 #include "app/preferences.hpp"
 #include "core/obs/child_process.hpp"
@@ -22,7 +22,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -41,117 +40,15 @@ using test::pump_until;
 
 constexpr auto deadline = 20s;
 
-/// The test program's private bus (its qt_environment exports it).
-std::string bus_address()
-{
-    return qgetenv("DBUS_SESSION_BUS_ADDRESS").toStdString();
-}
-
 /// The item's ToolTip property, (sa(iiay)ss), as dbus-send prints it; a panel shows its
 /// title (the second string).
-std::string tooltip_of(const QString& service, const QString& path)
+std::string tooltip_of(const std::string& bus, const QString& service, const QString& path)
 {
-    return test::run_program({"dbus-send", "--session", "--print-reply", "--dest=" + service.toStdString(),
+    return test::run_program({"dbus-send", "--bus=" + bus, "--print-reply", "--dest=" + service.toStdString(),
                               path.toStdString(), "org.freedesktop.DBus.Properties.Get",
                               "string:org.kde.StatusNotifierItem", "string:ToolTip"},
                              std::chrono::seconds(5));
 }
-
-TEST(Tray, APanelReadsTheMenuAndItsStopStreamingEndsTheStreams)
-{
-    test::temp_dir home;
-    sim::service_sim service;
-    test::rtmp_ingest ingest;
-    {
-        // Screens are always allowed, so no prompt stands between activation and stream.
-        preferences stored(QString::fromStdString(home.file("orbweave/orbweave.conf")));
-        stored.set_permission(source_type::screen, static_cast<unsigned>(permission::always_allow));
-        stored.set_has_set_permissions(true);
-    }
-
-    auto panel = QDBusConnection::connectToBus(QString::fromStdString(bus_address()), "panel");
-    status_notifier_watcher watcher(panel);
-    test::stderr_capture log; // the program inherits our standard error
-    obs::child_process program(
-        test::app_program(service, home, {{"DBUS_SESSION_BUS_ADDRESS", bus_address()}, {"QT_QPA_PLATFORM", "xcb"}}));
-
-    // The tray icon registers with the panel, and exports its menu.
-    ASSERT_TRUE(pump_until([&] { return !watcher.registered.empty(); }, deadline)) << log.text();
-    auto [item, item_path] = watcher.registered.front();
-    QDBusInterface status_item(item, item_path, "org.kde.StatusNotifierItem", panel);
-    QString menu_path = qvariant_cast<QDBusObjectPath>(status_item.property("Menu")).path();
-    ASSERT_FALSE(menu_path.isEmpty());
-
-    auto menu = [&] {
-        std::optional<menu_entry> layout;
-        EXPECT_TRUE(pump_until([&] { return (layout = read_menu(panel, item, menu_path)).has_value(); }, deadline));
-        return layout.value_or(menu_entry{});
-    };
-    std::optional<std::string> code;
-    ASSERT_TRUE(pump_until([&] { return (code = service.wait_for_code(0ms)).has_value(); }, deadline)) << log.text();
-
-    // Paired, then a screen streams: the panel shows the stream with what its worker
-    // reports it sends, and "Stop streaming" (which entries show in which state is the
-    // menu's own test; here, what the export carries).
-    ASSERT_TRUE(service.claim(*code, {"Ann Example", ""}));
-    Json screens = test::stream_screens(service, {"tray"}, ingest.url(), deadline);
-    ASSERT_FALSE(screens.empty());
-    Json first = screens[0];
-    ASSERT_TRUE(ingest.wait_for_publishing("tray", deadline));
-
-    QString stream_title = "Screen: " + QString::fromStdString(first["name"].get<std::string>());
-    // The stream's line: its title, then its health once the first report is in.
-    auto stream_line = [&](const QStringList& visible) {
-        for (const QString& label : visible)
-            if (label.startsWith(stream_title + " · "))
-                return label;
-        return QString();
-    };
-    auto sending = [](const QString& line) { return line.endsWith(" kb/s") || line.endsWith(" Mb/s"); };
-    ASSERT_TRUE(pump_until([&] { return sending(stream_line(menu().visible_labels())); }, deadline))
-        << menu().visible_labels().join(", ").toStdString();
-    menu_entry streaming = menu();
-    QStringList labels = streaming.visible_labels();
-    int state_line = labels.indexOf("Streaming");
-    ASSERT_GE(state_line, 1) << labels.join(", ").toStdString();
-    EXPECT_EQ(labels[state_line - 1], "Stop streaming");
-    EXPECT_EQ(labels[state_line + 1], stream_line(labels));
-    EXPECT_FALSE(streaming.find(stream_line(labels))->enabled());
-    const menu_entry* quality = streaming.find("Quality");
-    ASSERT_NE(quality, nullptr);
-    EXPECT_EQ(quality->find("Medium")->properties.value("toggle-state").toInt(), 1);
-    // One level at a time, and the panel draws them so.
-    for (const auto& level : quality->children)
-        EXPECT_EQ(level.properties.value("toggle-type").toString(), "radio") << level.label().toStdString();
-    // "Forget screen choices" forgets the desktop's restore tokens: its picker asks again.
-    std::string tokens = home.file("orbweave/restore-tokens.json");
-    std::ofstream(tokens) << R"({"account":"Ann Example","tokens":{"abc":"token-1"}})";
-    ASSERT_TRUE(click_menu_entry(panel, item, menu_path, streaming.find("Forget screen choices")->id));
-    EXPECT_TRUE(pump_until([&] { return !std::filesystem::exists(tokens); }, deadline)) << "the tokens are kept";
-    EXPECT_TRUE(pump_until([&] { return log.text().find("Screen choices forgotten") != std::string::npos; }, deadline))
-        << "the user was not told";
-    // Panels that show tooltips read the state, and what is sent, from the item.
-    EXPECT_NE(tooltip_of(item, item_path).find("string \"Orbweave — Streaming · "), std::string::npos)
-        << tooltip_of(item, item_path);
-
-    // The user clicks "Stop streaming" in the panel: the stream ends, the link stays.
-    ASSERT_TRUE(click_menu_entry(panel, item, menu_path, streaming.find("Stop streaming")->id));
-    EXPECT_TRUE(ingest.wait_until_not_publishing("tray", deadline));
-    ASSERT_TRUE(pump_until([&] { return menu().visible_labels().contains("Connected"); }, deadline))
-        << menu().visible_labels().join(", ").toStdString();
-    labels = menu().visible_labels();
-    EXPECT_FALSE(labels.contains("Stop streaming"));
-    EXPECT_TRUE(stream_line(labels).isEmpty());
-    EXPECT_TRUE(pump_until(
-        [&] { return tooltip_of(item, item_path).find("string \"Orbweave — Connected\"") != std::string::npos; },
-        deadline))
-        << tooltip_of(item, item_path);
-    EXPECT_EQ(service.connections().size(), 1u) << "stopping the streams cost the link";
-    program.kill(SIGTERM);
-    EXPECT_EQ(test::how_it_ended(program, deadline), "exited with code 0");
-    QDBusConnection::disconnectFromBus("panel");
-}
-
 
 /// The X server's top-level windows that are mapped and bypass the window manager (popup
 /// menus, tooltips), by id, with their geometry.
@@ -225,7 +122,7 @@ bool has_state(Display* display, Window window, const char* state)
     return found;
 }
 
-TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
+TEST(Tray, UnderARealLxqtPanelTheMenuShowsTheStreamsStopsThemAndItsQuitEndsTheApp)
 {
     if (QStandardPaths::findExecutable("lxqt-panel").isEmpty())
         FAIL() << "lxqt-panel is not installed: the package lxqt-panel; scripts/setup installs it";
@@ -245,8 +142,7 @@ TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
                                                               {"DBUS_SESSION_BUS_ADDRESS", bus.address()},
                                                               {"XDG_CONFIG_HOME", home.file("config")},
                                                               {"HOME", home.path().string()}};
-    obs::child_process::options panel_options;
-    panel_options.argv = {"lxqt-panel"};
+    auto panel_options = test::command({"lxqt-panel"});
     panel_options.environment = desktop;
     panel_options.quiet = true;
     obs::child_process panel(panel_options);
@@ -256,6 +152,13 @@ TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
     }, deadline)) << "lxqt-panel offers no StatusNotifierWatcher";
 
     sim::service_sim service;
+    test::rtmp_ingest ingest;
+    {
+        // Screens are always allowed, so no prompt stands between activation and stream.
+        preferences stored(QString::fromStdString(home.file("config/orbweave/orbweave.conf")));
+        stored.set_permission(source_type::screen, static_cast<unsigned>(permission::always_allow));
+        stored.set_has_set_permissions(true);
+    }
     desktop.push_back({"PULSE_SERVER", "unix:" + home.file("no-sound-server")});
     auto options = test::app_program(service, home, desktop);
     options.unset_environment.push_back("LANG");
@@ -292,6 +195,76 @@ TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
     EXPECT_TRUE(has_state(x.get(), alert->first, "_NET_WM_STATE_SKIP_TASKBAR"));
     EXPECT_TRUE(work_area.contains(alert->second)) << alert->second.y() << "+" << alert->second.height();
 
+    auto menu = [&] {
+        std::optional<menu_entry> layout;
+        EXPECT_TRUE(pump_until([&] { return (layout = read_menu(session, item_service, menu_path)).has_value(); },
+                               deadline));
+        return layout.value_or(menu_entry{});
+    };
+    // Unpaired: offline or already waiting for pairing, whichever the link has reached.
+    QStringList labels = menu().visible_labels();
+    labels.removeOne("Offline") || labels.removeOne("Waiting for pairing");
+    EXPECT_EQ(labels, QStringList({"Connect your computer…", "Launch at login", "Audio Output (Not set!)",
+                                   "Check this computer…", "Quit"}))
+        << labels.join(", ").toStdString();
+
+    // Paired, then a screen streams: the panel shows the stream with what its worker
+    // reports it sends, and "Stop streaming" (which entries show in which state is the
+    // menu's own test; here, what the export carries).
+    std::optional<std::string> code;
+    ASSERT_TRUE(pump_until([&] { return (code = service.wait_for_code(0ms)).has_value(); }, deadline)) << log.text();
+    ASSERT_TRUE(service.claim(*code, {"Ann Example", ""}));
+    Json screens = test::stream_screens(service, {"tray"}, ingest.url(), deadline);
+    ASSERT_FALSE(screens.empty()) << log.text();
+    ASSERT_TRUE(ingest.wait_for_publishing("tray", deadline));
+    QString stream_title = "Screen: " + QString::fromStdString(screens[0]["name"].get<std::string>());
+    // The stream's line: its title, then its health once the first report is in.
+    auto stream_line = [&](const QStringList& visible) {
+        for (const QString& label : visible)
+            if (label.startsWith(stream_title + " · "))
+                return label;
+        return QString();
+    };
+    auto sending = [](const QString& line) { return line.endsWith(" kb/s") || line.endsWith(" Mb/s"); };
+    ASSERT_TRUE(pump_until([&] { return sending(stream_line(menu().visible_labels())); }, deadline))
+        << menu().visible_labels().join(", ").toStdString();
+    menu_entry streaming = menu();
+    labels = streaming.visible_labels();
+    int state_line = labels.indexOf("Streaming");
+    ASSERT_GE(state_line, 1) << labels.join(", ").toStdString();
+    EXPECT_EQ(labels[state_line - 1], "Stop streaming");
+    EXPECT_EQ(labels[state_line + 1], stream_line(labels));
+    EXPECT_FALSE(streaming.find(stream_line(labels))->enabled());
+    const menu_entry* quality = streaming.find("Quality");
+    ASSERT_NE(quality, nullptr);
+    EXPECT_EQ(quality->find("Medium")->properties.value("toggle-state").toInt(), 1);
+    // One level at a time, and the panel draws them so.
+    for (const auto& level : quality->children)
+        EXPECT_EQ(level.properties.value("toggle-type").toString(), "radio") << level.label().toStdString();
+    // "Forget screen choices" forgets the desktop's restore tokens: its picker asks again.
+    std::string tokens = home.file("orbweave/restore-tokens.json");
+    std::ofstream(tokens) << R"({"account":"Ann Example","tokens":{"abc":"token-1"}})";
+    ASSERT_TRUE(click_menu_entry(session, item_service, menu_path, streaming.find("Forget screen choices")->id));
+    EXPECT_TRUE(pump_until([&] { return !std::filesystem::exists(tokens); }, deadline)) << "the tokens are kept";
+    EXPECT_TRUE(pump_until([&] { return log.text().find("Screen choices forgotten") != std::string::npos; }, deadline))
+        << "the user was not told";
+    // Panels that show tooltips read the state, and what is sent, from the item.
+    auto tooltip = [&] { return tooltip_of(bus.address(), item_service, item_path); };
+    EXPECT_NE(tooltip().find("string \"Orbweave — Streaming · "), std::string::npos) << tooltip();
+
+    // The user clicks "Stop streaming": the stream ends, the link stays.
+    ASSERT_TRUE(click_menu_entry(session, item_service, menu_path, streaming.find("Stop streaming")->id));
+    EXPECT_TRUE(ingest.wait_until_not_publishing("tray", deadline));
+    ASSERT_TRUE(pump_until([&] { return menu().visible_labels().contains("Connected"); }, deadline))
+        << menu().visible_labels().join(", ").toStdString();
+    labels = menu().visible_labels();
+    EXPECT_FALSE(labels.contains("Stop streaming"));
+    EXPECT_TRUE(stream_line(labels).isEmpty());
+    EXPECT_TRUE(
+        pump_until([&] { return tooltip().find("string \"Orbweave — Connected\"") != std::string::npos; }, deadline))
+        << tooltip();
+    EXPECT_EQ(service.connections().size(), 1u) << "stopping the streams cost the link";
+
     // A right click on the icon (at the panel's right end, where the host puts it) opens
     // the menu the app exports.
     auto before = popups(x.get());
@@ -316,14 +289,6 @@ TEST(Tray, UnderARealLxqtPanelARightClickOpensTheMenuAndItsQuitEndsTheApp)
         }, 500ms);
     }
     ASSERT_TRUE(opened) << "no menu opened from a right click on the panel's right end";
-    auto menu = read_menu(session, item_service, menu_path);
-    ASSERT_TRUE(menu);
-    // Unpaired: offline or already waiting for pairing, whichever the link has reached.
-    QStringList labels = menu->visible_labels();
-    labels.removeOne("Offline") || labels.removeOne("Waiting for pairing");
-    EXPECT_EQ(labels, QStringList({"Connect your computer…", "Launch at login", "Audio Output (Not set!)",
-                                   "Check this computer…", "Quit"}))
-        << menu->visible_labels().join(", ").toStdString();
     // Laid out in the panel's menu, "Quit" is the last entry, at its bottom.
     QElapsedTimer since_quit;
     since_quit.start();

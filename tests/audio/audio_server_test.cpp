@@ -23,8 +23,7 @@ using test::pactl;
 
 std::unique_ptr<obs::child_process> start_server()
 {
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    auto options = test::command({ORBWEAVE_AUDIO_SERVER_PROGRAM});
     options.pipe_stdout = true;
     return std::make_unique<obs::child_process>(options);
 }

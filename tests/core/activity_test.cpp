@@ -10,10 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <fstream>
-#include <sstream>
 
 namespace orbweave {
 namespace {
@@ -21,20 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 using callback::state_type;
 constexpr auto deadline = 15s;
-
-std::string file_text(const std::string& path)
-{
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-mode_t mode_of(const std::string& path)
-{
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : 0;
-}
 
 class History : public ::testing::Test {
 protected:
@@ -64,7 +46,7 @@ protected:
     {
         std::vector<Json> recent;
         EXPECT_TRUE(test::eventually([&] { return (recent = log->recent(100)).size() >= count; }, deadline))
-            << file_text(log->path());
+            << test::file_text(log->path());
         return std::vector<Json>(recent.rbegin(), recent.rend());
     }
 
@@ -107,7 +89,7 @@ TEST_F(History, TellsWhatTheServiceUsedWhoDecidedAndHowEachStreamEndedWithoutAKe
     EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline));
 
     std::vector<Json> all = events(9);
-    ASSERT_EQ(all.size(), 9u) << file_text(log->path());
+    ASSERT_EQ(all.size(), 9u) << test::file_text(log->path());
     auto expect = [&](std::size_t at, const Json& fields) {
         SCOPED_TRACE(at);
         for (const auto& [key, value] : fields.items())
@@ -136,11 +118,11 @@ TEST_F(History, TellsWhatTheServiceUsedWhoDecidedAndHowEachStreamEndedWithoutAKe
     EXPECT_TRUE(time[23] == '+' || time[23] == '-') << time;
     EXPECT_EQ(time[26], ':');
 
-    std::string text = file_text(log->path());
+    std::string text = test::file_text(log->path());
     for (const std::string& secret : {std::string("sk_live"), std::string("hunter2"), std::string("producer"),
                                       std::string("/live"), std::string("t0k"), secret})
         EXPECT_EQ(text.find(secret), std::string::npos) << secret << " in\n" << text;
-    EXPECT_EQ(mode_of(log->path()), 0600u);
+    EXPECT_EQ(test::mode_of(log->path()), 0600u);
 }
 
 TEST(HistoryFile, RotatesAtOneMegabyteKeepingOneOldFileBothPrivate)
@@ -159,14 +141,14 @@ TEST(HistoryFile, RotatesAtOneMegabyteKeepingOneOldFileBothPrivate)
     // Up to 1 MB the file grows; the line that would pass it starts a new one.
     for (std::size_t i = 0; i < per_file; ++i)
         log.record(event);
-    EXPECT_EQ(mode_of(log.path() + ".1"), 0u) << "rotated early";
+    EXPECT_EQ(test::mode_of(log.path() + ".1"), 0u) << "rotated early";
     const std::string next(200, 'n'); // a line as long as the others
     event.source = next;
     log.record(event);
-    EXPECT_EQ(mode_of(log.path() + ".1"), 0600u);
-    EXPECT_EQ(mode_of(log.path()), 0600u);
-    EXPECT_LE(file_text(log.path() + ".1").size(), activity_log::default_rotate_bytes);
-    EXPECT_EQ(file_text(log.path()).size(), line);
+    EXPECT_EQ(test::mode_of(log.path() + ".1"), 0600u);
+    EXPECT_EQ(test::mode_of(log.path()), 0600u);
+    EXPECT_LE(test::file_text(log.path() + ".1").size(), activity_log::default_rotate_bytes);
+    EXPECT_EQ(test::file_text(log.path()).size(), line);
 
     // The newest first, across both files.
     std::vector<Json> recent = log.recent(3);
@@ -178,14 +160,14 @@ TEST(HistoryFile, RotatesAtOneMegabyteKeepingOneOldFileBothPrivate)
     event.source = std::string(200, 'o');
     for (std::size_t i = 0; i < per_file; ++i)
         log.record(event);
-    EXPECT_NE(file_text(log.path() + ".1").find(next), std::string::npos);
-    EXPECT_EQ(file_text(log.path() + ".1").find(std::string(200, 'w')), std::string::npos);
-    EXPECT_LE(file_text(log.path() + ".1").size() + file_text(log.path()).size(), 2 * activity_log::default_rotate_bytes);
-    EXPECT_EQ(mode_of(log.path() + ".2"), 0u);
+    EXPECT_NE(test::file_text(log.path() + ".1").find(next), std::string::npos);
+    EXPECT_EQ(test::file_text(log.path() + ".1").find(std::string(200, 'w')), std::string::npos);
+    EXPECT_LE(test::file_text(log.path() + ".1").size() + test::file_text(log.path()).size(), 2 * activity_log::default_rotate_bytes);
+    EXPECT_EQ(test::mode_of(log.path() + ".2"), 0u);
 
     log.clear();
     EXPECT_TRUE(log.recent(50).empty());
-    EXPECT_EQ(mode_of(log.path() + ".1"), 0u);
+    EXPECT_EQ(test::mode_of(log.path() + ".1"), 0u);
 }
 
 TEST(HistoryFile, TheIngestIsItsSchemeAndHostOnly)

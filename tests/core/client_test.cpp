@@ -316,6 +316,8 @@ TEST(Lifecycle, AClientWithNoCallbacksAtAllRunsAndStops)
     EXPECT_TRUE(service.claim(*code, ann));
     service.reset();
     ASSERT_TRUE(service.wait_for_code_request(deadline));
+    // Without a permission handler every request is rejected at once.
+    EXPECT_EQ(service.reply_payload(service.list("screen"), deadline), Json({{"status", "Rejected"}}));
     app.client().stop_streaming();
 }
 

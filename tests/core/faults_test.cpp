@@ -28,11 +28,9 @@ using namespace std::chrono_literals;
 using callback::state_type;
 constexpr auto deadline = 15s;
 
+/// A client talking to the simulator through the proxy.
 class Faults : public ::testing::Test {
 protected:
-    /// A paired client talking to the simulator through the proxy.
-    void start_paired() { ASSERT_TRUE(app.start_paired(deadline)); }
-
     /// A list request answered through the proxy: the link serves.
     bool serves()
     {
@@ -47,7 +45,7 @@ protected:
 
 TEST_F(Faults, AStallLongerThanTheKeepAliveTimeOutIsNoticedAndTheLinkComesBack)
 {
-    start_paired();
+    ASSERT_TRUE(app.start_paired(deadline));
     proxy.stall(true); // bytes go in, nothing comes out: pongs never arrive
     EXPECT_TRUE(app.wait_for_state(state_type::disconnected, deadline));
     proxy.stall(false);
@@ -61,10 +59,8 @@ TEST_F(Faults, CutsDuringTheHandshakeAndMidFrameAreRecovered)
     // The first connection dies inside the TLS handshake, the second inside the
     // identify exchange (its frames are a few hundred bytes past the handshake).
     proxy.cut_next_after(200);
-    app.set_secret(service.issue_secret({"Ann", ""}));
-    app.start();
-    ASSERT_TRUE(test::eventually([&] { return proxy.accepted() >= 2; }, deadline));
-    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(app.start_paired(deadline));
+    EXPECT_GE(proxy.accepted(), 2);
     EXPECT_TRUE(serves());
 
     std::uint64_t before = proxy.forwarded();
@@ -129,7 +125,7 @@ protected:
     test::client_harness app{service, false, test::use_fake_workers};
 };
 
-TEST_F(WorkerFaults, AWorkerThatBreaksWhileStartingIsAnsweredFailureKilledAndForgotten)
+TEST_F(WorkerFaults, AWorkerThatBreaksStartingOrStreamingIsKilledAndForgottenAndTheNextStreamRuns)
 {
     struct broken {
         const char* key;
@@ -147,6 +143,17 @@ TEST_F(WorkerFaults, AWorkerThatBreaksWhileStartingIsAnsweredFailureKilledAndFor
         EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
         EXPECT_EQ(screen().value("isActive", true), false);
     }
+    // Or once it streams: it is killed for what it wrote, and the stream ends as if it had died.
+    test::stderr_capture log;
+    std::string id = screen().value("id", "");
+    EXPECT_EQ(activate("started-garbage"), Json({{"status", "Success"}}));
+    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
+    EXPECT_EQ(log.count_lines_starting("The stream of source " + id +
+                                       " ended: its media worker wrote a line that is not a JSON object"),
+              1)
+        << log.text();
+    EXPECT_EQ(screen().value("isActive", true), false);
     // The client serves on: the link never dropped, and a good stream starts.
     EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
     EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
@@ -191,22 +198,6 @@ TEST_F(WorkerFaults, SourcesAreLookedUpOnlyForKindsTheUserMayAllow)
         0ms);
     ASSERT_TRUE(asked);
     EXPECT_EQ(asked->name, "Display 1");
-}
-
-TEST_F(WorkerFaults, AStreamWhoseWorkerTurnsToGarbageEndsAndTheNextOneRuns)
-{
-    test::stderr_capture log;
-    std::string id = screen().value("id", "");
-    EXPECT_EQ(activate("started-garbage"), Json({{"status", "Success"}}));
-    // Its worker is killed for what it wrote, and the stream ends as if it had died.
-    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-    EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
-    EXPECT_EQ(log.count_lines_starting("The stream of source " + id +
-                                       " ended: its media worker wrote a line that is not a JSON object"),
-              1)
-        << log.text();
-    EXPECT_EQ(screen().value("isActive", true), false);
-    EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
 }
 
 // A stream that ends by itself while the link is down leaves the state at the link's

@@ -9,6 +9,7 @@
 #include "core/obs/worker_manager.hpp"
 #include "tests/support/client_harness.hpp"
 #include "tests/support/eventually.hpp"
+#include "tests/support/line_reader.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 #include "tests/support/scoped_environment.hpp"
@@ -20,7 +21,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <sstream>
 #include <tuple>
@@ -54,12 +54,12 @@ obs::worker listing_worker()
     return obs::worker(options);
 }
 
-obs::pipe::stream_order order_for(const obs::screen_entry& screen, const test::rtmp_ingest& ingest,
-                                  const std::string& key, const std::string& token = "")
+obs::pipe::stream_order order_for(obs::source_entry source, const test::rtmp_ingest& ingest, const std::string& key,
+                                  const std::string& token = "")
 {
     Json message{{"payload",
                   {{"options", {{"profile", "medium"}}}, {"service", {{"server", ingest.url()}, {"key", key}}}}}};
-    return obs::pipe::stream_order::of(obs::activate_request::parse(message), screen, 1500, token);
+    return obs::pipe::stream_order::of(obs::activate_request::parse(message), std::move(source), 1500, token);
 }
 
 obs::worker::options stream_options()
@@ -69,56 +69,15 @@ obs::worker::options stream_options()
     return options;
 }
 
-/// The recording's last frame, scaled down to 64x36, in RGB; empty when it has none.
-std::vector<std::uint8_t> last_recorded_frame(const test::rtmp_ingest& ingest, const std::string& key)
-{
-    auto recorded = ingest.probe_recording(key);
-    return ingest.recording_frame(key, std::max(0.0, recorded.duration - 0.5), 64, 36, 20s, true);
-}
-
-/// The colour at (x, y) of a 64x36 RGB frame; -1s when there is no such frame.
-std::array<int, 3> colour_at(const std::vector<std::uint8_t>& frame, int x, int y)
-{
-    if (frame.size() != 64u * 36u * 3u)
-        return {-1, -1, -1};
-    std::size_t at = (static_cast<std::size_t>(y) * 64 + static_cast<std::size_t>(x)) * 3;
-    return {frame[at], frame[at + 1], frame[at + 2]};
-}
-
-/// A 64x36 RGB frame's colours on a 9x5 grid, row by row, for a failure message.
-std::string describe(const std::vector<std::uint8_t>& frame)
-{
-    std::string text;
-    for (int y : {1, 9, 18, 26, 34}) {
-        text += "\n ";
-        for (int x : {1, 8, 16, 24, 32, 40, 48, 56, 62}) {
-            auto seen = colour_at(frame, x, y);
-            text += " " + std::to_string(seen[0]) + "," + std::to_string(seen[1]) + "," + std::to_string(seen[2]);
-        }
-    }
-    return text;
-}
-
-/// The colour of the recording's last frame at (x, y) of a 64x36 scale-down.
-std::array<int, 3> recorded_colour(const test::rtmp_ingest& ingest, const std::string& key, int x, int y)
-{
-    return colour_at(last_recorded_frame(ingest, key), x, y);
-}
-
 /// A "#rrggbb" colour's channels.
-std::array<int, 3> rgb(const std::string& colour)
+test::colour rgb(const std::string& colour)
 {
     auto channel = [&](int at) { return std::stoi(colour.substr(1 + 2 * at, 2), nullptr, 16); };
     return {channel(0), channel(1), channel(2)};
 }
 
-bool near(std::array<int, 3> seen, std::array<int, 3> expected)
-{
-    for (int i = 0; i < 3; ++i)
-        if (std::abs(seen[i] - expected[i]) > 24)
-            return false;
-    return true;
-}
+// How far a colour may drift through the cast, H.264 and the scale-down.
+constexpr int tolerance = 24;
 
 /// An output (by its index) streamed by one route: "direct" (the cast's buffers converted
 /// straight to the encoder's frames, a software renderer's route) or "canvas".
@@ -153,11 +112,9 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
     ASSERT_NE(live.video(), nullptr) << live.error;
     EXPECT_EQ(live.video()->codec_name, "h264");
     // "medium" fits the screen inside 1280x720.
-    EXPECT_EQ(live.video()->width, index == 0 ? 1280 : 960);
-    EXPECT_EQ(live.video()->height, 720);
+    EXPECT_EQ(live.video_size(), std::make_pair(index == 0 ? 1280 : 960, 720));
     EXPECT_NEAR(live.video()->frame_rate, 30.0, 0.5) << "a still screen keeps the stream's frame rate";
-    ASSERT_NE(live.audio(), nullptr);
-    EXPECT_EQ(live.audio()->codec_name, "aac");
+    EXPECT_EQ(live.codec("audio"), "aac");
     auto leaks = media.shutdown();
     EXPECT_EQ(leaks.value_or(-1), 0);
     // Stopped on purpose: the cast closes only once the capture showing it is gone, so
@@ -166,10 +123,10 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
 
     // The background of the output, far from the clock, in the last frame sent, out to
     // the frame's edges: the picture fills the frame, neither shifted nor cut.
-    auto frame = last_recorded_frame(ingest, key);
+    auto frame = ingest.last_frame(key);
     for (auto [x, y] : {std::pair{60, 32}, std::pair{62, 34}, std::pair{62, 18}, std::pair{32, 34}})
-        EXPECT_TRUE(near(colour_at(frame, x, y), rgb(output.background)))
-            << "at " << x << "," << y << " instead of " << output.background << ":" << describe(frame);
+        EXPECT_TRUE(test::near(test::colour_at(frame, x, y), rgb(output.background), tolerance))
+            << "at " << x << "," << y << " instead of " << output.background << ":" << test::describe(frame);
     if (direct && index == 1) {
         // A still screen is converted once and then sent again as it is.
         std::string text = log.text();
@@ -209,31 +166,27 @@ TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
     ASSERT_TRUE(desktop.resize_output(output.name, 1024, 768));
     // Still live, at the size it started with, after the change.
     auto live = ingest.probe_live("resized", 15s);
-    ASSERT_NE(live.video(), nullptr) << live.error;
-    EXPECT_EQ(live.video()->width, 1280);
-    EXPECT_EQ(live.video()->height, 720);
+    EXPECT_EQ(live.video_size(), std::make_pair(1280, 720)) << live.error;
     EXPECT_TRUE(ingest.publishing("resized"));
     media.shutdown();
     EXPECT_TRUE(desktop.resize_output(output.name, output.width, output.height));
 
     // The last frame shows the output's background, scaled in (not a frozen or black picture).
-    auto seen = recorded_colour(ingest, "resized", 40, 32);
-    EXPECT_TRUE(near(seen, rgb(output.background))) << "saw " << seen[0] << "," << seen[1] << "," << seen[2];
+    auto frame = ingest.last_frame("resized");
+    auto seen = test::colour_at(frame, 40, 32);
+    EXPECT_TRUE(test::near(seen, rgb(output.background), tolerance)) << "saw " << test::describe(seen);
     // 4:3 now, fitted into 16:9: bars at the sides show the new size was followed.
-    auto side = recorded_colour(ingest, "resized", 2, 18);
-    EXPECT_TRUE(near(side, {0, 0, 0})) << "saw " << side[0] << "," << side[1] << "," << side[2] << " at the side";
+    auto side = test::colour_at(frame, 2, 18);
+    EXPECT_TRUE(test::near(side, {0, 0, 0}, tolerance)) << "saw " << test::describe(side) << " at the side";
 }
 
 TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
 {
     // Our virtual output, made through PipeWire's PulseAudio server.
-    obs::child_process::options server;
-    server.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    auto server = test::command({ORBWEAVE_AUDIO_SERVER_PROGRAM});
     server.pipe_stdout = true;
     obs::child_process audio_server(server);
-    char ready[64] = {};
-    ASSERT_GT(::read(audio_server.stdout_fd(), ready, sizeof ready - 1), 0);
-    EXPECT_EQ(std::string(ready), "ready orbweave_virtual\n");
+    ASSERT_EQ(test::line_reader(audio_server.stdout_fd()).next(10s), "ready orbweave_virtual");
 
     std::vector<obs::audio_entry> audios;
     {
@@ -250,13 +203,11 @@ TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
     ASSERT_NE(virtual_output, audios.end()) << "the virtual output is not listed";
 
     test::rtmp_ingest ingest;
-    Json message{{"payload", {{"options", {{"profile", "medium"}}}, {"service", {{"server", ingest.url()}, {"key", "sound"}}}}}};
     obs::worker media(stream_options());
-    auto result = media.stream(obs::pipe::stream_order::of(obs::activate_request::parse(message), *virtual_output, 1500, ""));
+    auto result = media.stream(order_for(*virtual_output, ingest, "sound"));
     ASSERT_TRUE(result.started) << result.error;
     auto live = ingest.probe_live("sound", 15s);
-    ASSERT_NE(live.audio(), nullptr) << live.error;
-    EXPECT_EQ(live.audio()->codec_name, "aac");
+    EXPECT_EQ(live.codec("audio"), "aac") << live.error;
     media.shutdown();
     audio_server.kill(SIGTERM);
     EXPECT_TRUE(audio_server.wait_for(10s));
@@ -279,11 +230,8 @@ public:
               options.media.restore_tokens = tokens_file;
           })
     {
-        app_.set_secret(service.issue_secret({"Ann", ""}));
-        app_.on_permission([](callback::source_type::type, const std::string&, const std::string&,
-                              callback::request_type::type, const callback::request& request) { request.answer(true); });
-        app_.start();
-        EXPECT_TRUE(app_.wait_for_state(callback::state_type::connected, deadline));
+        app_.allow_all();
+        EXPECT_TRUE(app_.start_paired(deadline));
     }
 
     Json reply(const std::optional<std::string>& state)
@@ -297,6 +245,12 @@ public:
         return reply(service_.activate(sim::activation::of(id, ingest.url(), key)));
     }
     Json deactivate(const std::string& id) { return reply(service_.deactivate(id)); }
+    /// The first listed screen's id; empty when none is listed.
+    std::string first_screen()
+    {
+        Json screens = list("screen")["results"];
+        return screens.empty() ? std::string() : screens[0]["id"].get<std::string>();
+    }
     sim::service_sim& service() { return service_; }
     test::client_harness& app() { return app_; }
 
@@ -307,25 +261,23 @@ private:
     test::client_harness app_;
 };
 
-class PortalClient : public ::testing::Test {
-protected:
-    std::string first_screen(portal_client& client)
-    {
-        Json screens = client.list("screen")["results"];
-        return screens.empty() ? std::string() : screens[0]["id"].get<std::string>();
-    }
-
+/// What a portal client works with: its state folder, the service and an ingest.
+struct portal_services {
     test::temp_dir dir;
     std::string tokens = dir.file("state/restore-tokens.json");
     sim::service_sim service;
     test::rtmp_ingest ingest;
+};
+
+class PortalClient : public ::testing::Test, protected portal_services {
+protected:
     test::wayland_desktop& desktop = *session->desktop;
 };
 
 TEST_F(PortalClient, DecliningInThePickerRejectsAndAnotherOutputFails)
 {
     portal_client client(service, tokens);
-    std::string screen = first_screen(client);
+    std::string screen = client.first_screen();
     ASSERT_FALSE(screen.empty());
     // Nothing picked: the user cancelled the desktop's dialog.
     desktop.choose("");
@@ -350,7 +302,7 @@ TEST_F(PortalClient, DecliningInThePickerRejectsAndAnotherOutputFails)
 TEST_F(PortalClient, WaitingForThePickerIsBoundedAndHoldsUpNothingElse)
 {
     portal_client client(service, tokens, obs::capture_route::portal, 3000ms);
-    std::string screen = first_screen(client);
+    std::string screen = client.first_screen();
     desktop.choose("slow");
     auto activated = service.activate(sim::activation::of(screen, ingest.url(), "slow"));
     ASSERT_TRUE(test::eventually([&] { return !desktop.chooser_idle(); }, 10s)) << "the picker was not shown";
@@ -373,7 +325,7 @@ TEST_F(PortalClient, APickerAnsweredAfterAnOrdinaryCallsTimeStillStreams)
     // Shortened in the relation the defaults have (the picker may take 120 s, an ordinary
     // call to a worker 60 s): the user answers after the call time, within the picker's.
     portal_client client(service, tokens, obs::capture_route::portal, 10000ms, 2000ms);
-    std::string screen = first_screen(client);
+    std::string screen = client.first_screen();
     desktop.choose("delay 5 HEADLESS-1");
     EXPECT_EQ(client.activate(screen, ingest, "patient"), Json({{"status", "Success"}}));
     EXPECT_TRUE(ingest.wait_for_publishing("patient", 10s));
@@ -392,7 +344,7 @@ TEST_F(PortalClient, ACastTheDesktopEndsStopsTheStreamAndTheClientSaysSo)
         std::string key = "ended-" + route;
         {
             portal_client client(service, tokens);
-            std::string screen = first_screen(client);
+            std::string screen = client.first_screen();
             ASSERT_EQ(client.activate(screen, ingest, key), Json({{"status", "Success"}}));
             ASSERT_TRUE(client.app().wait_for_state(callback::state_type::streaming, portal_client::deadline));
             ASSERT_TRUE(ingest.wait_for_publishing(key, 10s));
@@ -418,7 +370,7 @@ TEST_F(PortalClient, AfterAResetTheDesktopAsksAgain)
 {
     desktop.choose("HEADLESS-1");
     portal_client client(service, tokens);
-    std::string screen = first_screen(client);
+    std::string screen = client.first_screen();
     ASSERT_FALSE(screen.empty());
     int before = desktop.chooser_calls();
     ASSERT_EQ(client.activate(screen, ingest, "consented"), Json({{"status", "Success"}}));
@@ -432,7 +384,7 @@ TEST_F(PortalClient, AfterAResetTheDesktopAsksAgain)
     ASSERT_TRUE(code);
     ASSERT_TRUE(service.claim(*code, {"Ann", ""}));
     ASSERT_TRUE(client.app().wait_for_state(callback::state_type::connected, portal_client::deadline));
-    ASSERT_EQ(client.activate(first_screen(client), ingest, "asked-again"), Json({{"status", "Success"}}));
+    ASSERT_EQ(client.activate(client.first_screen(), ingest, "asked-again"), Json({{"status", "Success"}}));
     EXPECT_EQ(desktop.chooser_calls(), before + 2) << "the consent outlived the reset";
     EXPECT_TRUE(ingest.wait_for_publishing("asked-again", 10s));
 }
@@ -464,7 +416,7 @@ TEST_F(PortalClient, ForcedX11TakesTheX11RouteWhereAutoTakesThePortal)
 
 using desktop_kind = test::wayland_desktop::kind;
 
-class WaylandDesktops : public ::testing::TestWithParam<desktop_kind> {
+class WaylandDesktops : public ::testing::TestWithParam<desktop_kind>, protected portal_services {
 protected:
     static void TearDownTestSuite()
     {
@@ -509,11 +461,7 @@ std::string WaylandDesktops::other_failure_;
 
 TEST_P(WaylandDesktops, ListsTheCompositorsOutputsAsScreensAndWindowsOnlyWhereThePortalCastsThem)
 {
-    obs::worker::options options;
-    options.capture = obs::capture_route::portal;
-    auto list = [&] {
-        return obs::entries_of<obs::screen_entry>(obs::worker(options).list(callback::source_type::screen));
-    };
+    auto list = [] { return obs::entries_of<obs::screen_entry>(listing_worker().list(callback::source_type::screen)); };
     auto screens = list();
     const auto& outputs = desktop().outputs();
     ASSERT_EQ(screens.size(), outputs.size());
@@ -542,7 +490,7 @@ TEST_P(WaylandDesktops, ListsTheCompositorsOutputsAsScreensAndWindowsOnlyWhereTh
 
     // Windows: one entry for "a window the user picks" where the portal casts windows
     // (GNOME, KDE), none on wlroots (XWayland's windows are never listed).
-    auto windows = obs::entries_of<obs::window_entry>(obs::worker(options).list(callback::source_type::window));
+    auto windows = obs::entries_of<obs::window_entry>(listing_worker().list(callback::source_type::window));
     if (GetParam() == desktop_kind::sway) {
         EXPECT_TRUE(windows.empty());
         return;
@@ -550,7 +498,7 @@ TEST_P(WaylandDesktops, ListsTheCompositorsOutputsAsScreensAndWindowsOnlyWhereTh
     ASSERT_EQ(windows.size(), 1u);
     EXPECT_EQ(windows[0].pid, 0);
     EXPECT_EQ(windows[0].id.size(), 64u);
-    auto windows_again = obs::entries_of<obs::window_entry>(obs::worker(options).list(callback::source_type::window));
+    auto windows_again = obs::entries_of<obs::window_entry>(listing_worker().list(callback::source_type::window));
     EXPECT_EQ(windows_again[0].id, windows[0].id) << "the window entry's id is not stable";
 }
 
@@ -561,25 +509,18 @@ TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfte
         GTEST_SKIP() << "the first pick (and so the restored one) is not tested on "
                      << test::wayland_desktop::name(desktop.desktop()) << ": " << limitation;
     const auto& output = desktop.outputs()[0];
-    test::temp_dir dir;
-    std::string tokens = dir.file("state/restore-tokens.json");
-    sim::service_sim service;
-    test::rtmp_ingest ingest;
     desktop.choose(output.name);
     int before = desktop.chooser_calls();
     test::stderr_capture log; // the workers inherit our standard error
     {
         portal_client client(service, tokens);
-        Json screens = client.list("screen")["results"];
-        ASSERT_FALSE(screens.empty());
-        std::string screen = screens[0]["id"];
+        std::string screen = client.first_screen();
+        ASSERT_FALSE(screen.empty());
         ASSERT_EQ(client.activate(screen, ingest, "first"), Json({{"status", "Success"}}));
         EXPECT_EQ(desktop.chooser_calls(), before + 1) << "the first activation asks the user";
         EXPECT_TRUE(ingest.wait_for_publishing("first", 10s));
         // The token is kept, private to the user.
-        ASSERT_TRUE(std::filesystem::exists(tokens));
-        EXPECT_EQ(std::filesystem::status(tokens).permissions() & std::filesystem::perms::all,
-                  std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+        EXPECT_EQ(test::mode_of(tokens), 0600u);
 
         ASSERT_EQ(client.deactivate(screen), Json({{"status", "Success"}}));
         EXPECT_TRUE(ingest.wait_until_not_publishing("first", 10s));
@@ -590,22 +531,20 @@ TEST_P(WaylandDesktops, TheDesktopAsksOnceAndRestoresTheChoiceAfterwardsAlsoAfte
     // A restarted client restores the choice as well.
     {
         portal_client restarted(service, tokens);
-        std::string screen = restarted.list("screen")["results"][0]["id"];
+        std::string screen = restarted.first_screen();
         ASSERT_EQ(restarted.activate(screen, ingest, "restarted"), Json({{"status", "Success"}}));
         EXPECT_TRUE(ingest.wait_for_publishing("restarted", 10s));
         EXPECT_EQ(desktop.chooser_calls(), before + 1);
         auto live = ingest.probe_live("restarted", 15s);
-        ASSERT_NE(live.video(), nullptr) << live.error;
-        EXPECT_EQ(live.video()->width, 1280);
-        EXPECT_EQ(live.video()->height, 720);
+        EXPECT_EQ(live.video_size(), std::make_pair(1280, 720)) << live.error;
     }
     // Every desktop here embeds the pointer, so a presenter's pointer is in the picture.
     EXPECT_NE(log.text().find("media: the screen cast shows the pointer embedded in the picture"), std::string::npos);
     // What arrived is the compositor's picture: the output's background (the clock sits
     // at the top left), in the last frame sent.
-    auto seen = recorded_colour(ingest, "restarted", 60, 32);
-    EXPECT_TRUE(near(seen, rgb(output.background)))
-        << "saw " << seen[0] << "," << seen[1] << "," << seen[2] << " instead of " << output.background;
+    auto seen = test::colour_at(ingest.last_frame("restarted"), 60, 32);
+    EXPECT_TRUE(test::near(seen, rgb(output.background), tolerance))
+        << "saw " << test::describe(seen) << " instead of " << output.background;
 }
 
 // A window picked on the desktop: its picker asks for windows only, the window streams
@@ -625,10 +564,6 @@ TEST_P(WaylandDesktops, TheWindowEntryAsksForAWindowThenRestoresItAndItsClosingE
     const int window_width = 640, window_height = 400;
     desktop.open_window("orbweave-window", colour, window_width, window_height);
     desktop.choose("orbweave-window");
-    test::temp_dir dir;
-    std::string tokens = dir.file("state/restore-tokens.json");
-    sim::service_sim service;
-    test::rtmp_ingest ingest;
     portal_client client(service, tokens);
     Json windows = client.list("window")["results"];
     ASSERT_EQ(windows.size(), 1u) << windows;
@@ -645,33 +580,31 @@ TEST_P(WaylandDesktops, TheWindowEntryAsksForAWindowThenRestoresItAndItsClosingE
     ASSERT_EQ(client.activate(window, ingest, "restored"), Json({{"status", "Success"}}));
     EXPECT_EQ(desktop.chooser_calls(), before + 1) << "the window was not restored without the picker";
     auto live = ingest.probe_live("restored", 15s);
-    ASSERT_NE(live.video(), nullptr) << live.error;
     // The stream has the window's size, not the monitor's.
-    EXPECT_EQ(live.video()->width, window_width);
-    EXPECT_EQ(live.video()->height, window_height);
+    EXPECT_EQ(live.video_size(), std::make_pair(window_width, window_height)) << live.error;
 
     // A still window sends one frame: it is the picture, the window's colour from edge to
     // edge (its corners and the middle of each side) and in the middle.
-    const std::array<int, 3> green = rgb(colour), black{0, 0, 0};
+    const test::colour green = rgb(colour), black{0, 0, 0};
     std::vector<std::uint8_t> frame;
-    auto shows = [&](std::initializer_list<std::pair<int, int>> points, std::array<int, 3> expected) {
+    auto shows = [&](std::initializer_list<std::pair<int, int>> points, test::colour expected) {
         return std::all_of(points.begin(), points.end(),
-                           [&](auto point) { return near(colour_at(frame, point.first, point.second), expected); });
+                           [&](auto point) { return test::near(test::colour_at(frame, point.first, point.second), expected, tolerance); });
     };
     auto fills = [&] {
-        frame = last_recorded_frame(ingest, "restored");
+        frame = ingest.last_frame("restored");
         return shows({{1, 1}, {32, 1}, {62, 1}, {1, 18}, {32, 18}, {62, 18}, {1, 34}, {32, 34}, {62, 34}}, green);
     };
-    EXPECT_TRUE(test::eventually(fills, 20s, 250ms)) << "the window does not fill the picture: " << describe(frame);
+    EXPECT_TRUE(test::eventually(fills, 20s, 250ms)) << "the window does not fill the picture: " << test::describe(frame);
 
     // Made square, it is fitted into the stream whole, its aspect kept: 400 of the 640
     // columns (40 of 64) in its colour from top to bottom, bars left and right.
     desktop.resize_window("orbweave-window", 400, 400);
     auto fitted = [&] {
-        frame = last_recorded_frame(ingest, "restored");
+        frame = ingest.last_frame("restored");
         return shows({{2, 18}, {61, 18}}, black) && shows({{13, 1}, {13, 34}, {32, 18}, {50, 1}, {50, 34}}, green);
     };
-    EXPECT_TRUE(test::eventually(fitted, 20s, 250ms)) << "the resized window is not fitted: " << describe(frame);
+    EXPECT_TRUE(test::eventually(fitted, 20s, 250ms)) << "the resized window is not fitted: " << test::describe(frame);
 
     // The window closed: the desktop ends the cast, and the stream with it.
     desktop.close_window("orbweave-window");

@@ -120,63 +120,6 @@ void fault_proxy::wake()
     [[maybe_unused]] ssize_t ignored = ::write(wake_[1], &byte, 1);
 }
 
-void fault_proxy::cut()
-{
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        cut_requested_ = true;
-    }
-    wake();
-}
-
-void fault_proxy::stall(bool on)
-{
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stalled_ = on;
-    }
-    wake();
-}
-
-void fault_proxy::slice(bool on)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    sliced_ = on;
-}
-
-void fault_proxy::delay(std::chrono::milliseconds latency)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    latency_ = latency;
-}
-
-void fault_proxy::throttle(std::size_t bytes_per_second)
-{
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        bytes_per_second_ = bytes_per_second;
-    }
-    wake();
-}
-
-void fault_proxy::refuse(bool on)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    refusing_ = on;
-}
-
-void fault_proxy::tap(tap_function watch)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    tap_ = std::move(watch);
-}
-
-void fault_proxy::cut_next_after(std::size_t bytes)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    cut_after_ = bytes;
-}
-
 void fault_proxy::run()
 {
     state current;

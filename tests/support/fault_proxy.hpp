@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 namespace orbweave::test {
 
@@ -29,27 +30,27 @@ public:
     int port() const { return port_; }
 
     /// Closes every open connection, both sides, without a word.
-    void cut();
+    void cut() { update(cut_requested_, true); }
     /// While on, nothing is read or forwarded: the kernel takes a few kB more, then the
     /// senders' writes block, as on a path that went dark. Turning it off forwards
     /// what was held.
-    void stall(bool on);
+    void stall(bool on) { update(stalled_, on); }
     /// While on, every byte is written on its own.
-    void slice(bool on);
+    void slice(bool on) { update(sliced_, on); }
     /// Each chunk is forwarded this long after it arrived.
-    void delay(std::chrono::milliseconds latency);
+    void delay(std::chrono::milliseconds latency) { update(latency_, latency); }
     /// Forwards at most this many bytes a second, all connections and both directions
     /// together, as a slow path would (0: as fast as the peers take them).
-    void throttle(std::size_t bytes_per_second);
+    void throttle(std::size_t bytes_per_second) { update(bytes_per_second_, bytes_per_second); }
     /// While on, new connections are closed as soon as they are accepted.
-    void refuse(bool on);
+    void refuse(bool on) { update(refusing_, on); }
     /// The next connection is cut once it has carried this many bytes (both ways).
-    void cut_next_after(std::size_t bytes);
+    void cut_next_after(std::size_t bytes) { update(cut_after_, bytes); }
 
     /// Called on the proxy's thread with what each client sends, as it arrives and before it
     /// is forwarded: the connection's number (1 for the first accepted) and the bytes.
     using tap_function = std::function<void(int connection, std::string_view bytes)>;
-    void tap(tap_function watch);
+    void tap(tap_function watch) { update(tap_, std::move(watch)); }
 
     /// Connections accepted so far (refused ones included).
     int accepted() const { return accepted_; }
@@ -60,6 +61,16 @@ private:
     struct state;
     void run();
     void wake();
+    /// Changes a setting under the lock and wakes the proxy's thread to act on it.
+    template <class T, class U>
+    void update(T& setting, U&& value)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            setting = std::forward<U>(value);
+        }
+        wake();
+    }
 
     int target_port_;
     int listener_ = -1;

@@ -1,6 +1,7 @@
 #include "tests/support/keyring.hpp"
 
 #include "tests/support/eventually.hpp"
+#include "tests/support/processes.hpp"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,8 +16,7 @@ keyring::keyring(const std::string& bus_address) : home_("orbweave-keyring")
     std::filesystem::create_directories(home_.path() / "data");
     std::filesystem::create_directories(home_.path() / "run");
     ::chmod((home_.path() / "run").c_str(), 0700);
-    obs::child_process::options options;
-    options.argv = {"gnome-keyring-daemon", "--foreground", "--components=secrets", "--unlock"};
+    auto options = test::command({"gnome-keyring-daemon", "--foreground", "--components=secrets", "--unlock"});
     options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_address},
                            {"HOME", home_.path().string()},
                            {"XDG_DATA_HOME", (home_.path() / "data").string()},
@@ -31,9 +31,9 @@ keyring::keyring(const std::string& bus_address) : home_("orbweave-keyring")
     daemon_->close_stdin();
     bool up = eventually(
         [&] {
-            obs::child_process::options probe;
-            probe.argv = {"dbus-send", "--bus=" + bus_address, "--print-reply", "--dest=org.freedesktop.DBus",
-                          "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:org.freedesktop.secrets"};
+            auto probe = test::command({"dbus-send", "--bus=" + bus_address, "--print-reply",
+                                        "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                        "org.freedesktop.DBus.NameHasOwner", "string:org.freedesktop.secrets"});
             probe.pipe_stdout = true;
             obs::child_process asking(probe);
             char answer[512] = {};

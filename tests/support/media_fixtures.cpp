@@ -1,6 +1,7 @@
 #include "tests/support/media_fixtures.hpp"
 
 #include "tests/support/eventually.hpp"
+#include "tests/support/line_reader.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 
 #include <X11/Xatom.h>
@@ -14,7 +15,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -152,25 +152,11 @@ std::string start_x_server(obs::child_process::options options, const char* serv
     }
     ::close(fds[1]);
 
-    int fd = fds[0];
-    std::string number;
-    auto deadline = clock::now() + start_limit;
-    for (;;) {
-        pollfd entry{fd, POLLIN, 0};
-        if (::poll(&entry, 1, milliseconds_left(deadline)) <= 0)
-            break;
-        char chunk[32];
-        ssize_t got = ::read(fd, chunk, sizeof chunk);
-        if (got <= 0)
-            break;
-        number.append(chunk, static_cast<std::size_t>(got));
-        if (number.find('\n') != std::string::npos)
-            break;
-    }
-    ::close(fd);
-    if (number.empty() || number.find('\n') == std::string::npos)
+    std::optional<std::string> number = line_reader(fds[0]).next(start_limit);
+    ::close(fds[0]);
+    if (!number)
         throw std::runtime_error(std::string(server) + " did not start");
-    return ":" + number.substr(0, number.find('\n'));
+    return ":" + *number;
 }
 
 // The dummy driver's screen: room for the largest mode, the three modes the tests switch
@@ -233,8 +219,7 @@ xorg_display::xorg_display(const std::filesystem::path& directory) : directory_(
     std::string command = "cd \"$0\" && exec Xorg -config xorg.conf -noreset -nolisten tcp -displayfd 3";
     if (::geteuid() == 0)
         command += " -logfile xorg.log";
-    obs::child_process::options options;
-    options.argv = {"sh", "-c", command, directory_.string()};
+    auto options = test::command({"sh", "-c", command, directory_.string()});
     options.environment = {{"HOME", directory_.string()}, {"XDG_DATA_HOME", (directory_ / "data").string()}};
     name_ = start_x_server(options, "Xorg (with the dummy driver)", process_);
 }
@@ -263,8 +248,7 @@ window_manager::window_manager(const std::string& display, const std::filesystem
     int ready = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (ready < 0)
         throw std::system_error(errno, std::generic_category(), "open " + fifo);
-    obs::child_process::options options;
-    options.argv = {"openbox", "--sm-disable", "--startup", "sh -c 'echo ready > " + fifo + "'"};
+    auto options = test::command({"openbox", "--sm-disable", "--startup", "sh -c 'echo ready > " + fifo + "'"});
     options.environment = {{"DISPLAY", display}};
     options.quiet = true;
     try {
@@ -273,15 +257,7 @@ window_manager::window_manager(const std::string& display, const std::filesystem
         ::close(ready);
         throw;
     }
-    auto deadline = clock::now() + start_limit;
-    bool started = false;
-    while (!started) {
-        pollfd entry{ready, POLLIN, 0};
-        if (::poll(&entry, 1, milliseconds_left(deadline)) <= 0)
-            break;
-        char chunk[16];
-        started = ::read(ready, chunk, sizeof chunk) > 0;
-    }
+    bool started = line_reader(ready).next(start_limit).has_value();
     ::close(ready);
     if (!started)
         throw std::runtime_error("openbox did not start");
@@ -292,36 +268,27 @@ window_manager::~window_manager() = default;
 test_window::test_window(const std::string& display, const std::string& title, const std::string& instance)
     : title_(title), instance_(instance)
 {
-    obs::child_process::options options;
-    options.argv = {"xmessage", "-name", instance, "-title", title, "Orbweave test window: " + title};
+    auto options = test::command({"xmessage", "-name", instance, "-title", title, "Orbweave test window: " + title});
     options.environment = {{"DISPLAY", display}};
     options.quiet = true;
     process_ = std::make_unique<obs::child_process>(options);
+    // What the window manager lists, to tell a slow client from a lost one on failure.
+    std::string seen;
     bool listed = wait_on_root(
         display,
-        [this](Display* x) {
-            for (Window window : root_windows_property(x, "_NET_CLIENT_LIST"))
-                if (window_title(x, window) == title_) {
+        [&](Display* x) {
+            seen.clear();
+            for (Window window : root_windows_property(x, "_NET_CLIENT_LIST")) {
+                seen += " [" + window_title(x, window) + "]";
+                if (window_title(x, window) == title_)
                     xid_ = window;
-                    return true;
-                }
-            return false;
+            }
+            return xid_ != 0;
         },
         start_limit);
-    if (!listed) {
-        // Say what the window manager does list, to tell a slow client from a lost one.
-        std::string seen;
-        wait_on_root(
-            display,
-            [&](Display* x) {
-                for (Window window : root_windows_property(x, "_NET_CLIENT_LIST"))
-                    seen += " [" + window_title(x, window) + "]";
-                return true;
-            },
-            start_limit);
+    if (!listed)
         throw std::runtime_error("window \"" + title + "\" did not appear; listed:" + seen +
                                  (process_->wait_for(std::chrono::milliseconds(0)) ? " (xmessage exited)" : ""));
-    }
 }
 
 test_window::~test_window() = default;
@@ -350,8 +317,7 @@ std::string pactl(const std::vector<std::string>& arguments)
 void pulse_server::start()
 {
     std::string socket = (runtime_path_ / "native").string();
-    obs::child_process::options options;
-    options.argv = {
+    auto options = test::command({
         "pulseaudio",
         "--daemonize=no",
         "--exit-idle-time=-1",
@@ -363,7 +329,7 @@ void pulse_server::start()
         std::string("--load=module-null-sink sink_name=") + sink_name +
             " sink_properties=device.description=" + sink_description,
         std::string("--load=module-null-source source_name=") + source_name + " description=" + source_description,
-    };
+    });
     options.environment = {{"PULSE_RUNTIME_PATH", runtime_path_.string()},
                            {"PULSE_STATE_PATH", (runtime_path_ / "state").string()},
                            {"HOME", runtime_path_.string()}};

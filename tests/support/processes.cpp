@@ -13,6 +13,13 @@
 
 namespace orbweave::test {
 
+obs::child_process::options command(std::vector<std::string> argv)
+{
+    obs::child_process::options options;
+    options.argv = std::move(argv);
+    return options;
+}
+
 std::vector<int> children_running(int parent, const std::vector<std::string>& words)
 {
     std::vector<int> found;

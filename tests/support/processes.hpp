@@ -12,6 +12,8 @@
 
 namespace orbweave::test {
 
+/// The options that run argv, the rest as child_process's defaults.
+obs::child_process::options command(std::vector<std::string> argv);
 /// Processes whose parent is parent and whose command line contains every word (from /proc).
 std::vector<int> children_running(int parent, const std::vector<std::string>& words = {});
 /// Processes whose parent is this process, for checks that nothing is left behind.

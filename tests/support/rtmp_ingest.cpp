@@ -3,6 +3,7 @@
 #include "core/json.hpp"
 #include "tests/support/eventually.hpp"
 #include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -10,11 +11,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -70,14 +71,6 @@ bool read_all(int fd, std::string& out, clock::time_point deadline)
             return true;
         out.append(chunk, static_cast<std::size_t>(got));
     }
-}
-
-std::string read_file(const std::filesystem::path& path)
-{
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 double rational(const std::string& text)
@@ -217,8 +210,7 @@ std::string run_program(const std::vector<std::string>& argv, std::chrono::milli
         throw std::runtime_error("cannot create a file for standard error");
     std::string error_path = name;
 
-    obs::child_process::options options;
-    options.argv = argv;
+    auto options = test::command(argv);
     options.pipe_stdout = true;
     options.pass_fds = {{error_fd, 2}};
     std::string output;
@@ -242,7 +234,7 @@ std::string run_program(const std::vector<std::string>& argv, std::chrono::milli
         throw;
     }
     if (error_output)
-        *error_output = read_file(error_path);
+        *error_output = file_text(error_path);
     ::unlink(error_path.c_str());
     if (exit_code)
         *exit_code = code;
@@ -299,9 +291,8 @@ rtmp_ingest::rtmp_ingest(int rtmp_port) : directory_("orbweave-ingest")
               "}\n";
     config.close();
 
-    obs::child_process::options options;
-    options.argv = {program_path("nginx", "/usr/sbin/nginx"), "-p", dir, "-c", dir + "/nginx.conf", "-e",
-                    dir + "/error.log"};
+    auto options = test::command({program_path("nginx", "/usr/sbin/nginx"), "-p", dir, "-c", dir + "/nginx.conf", "-e",
+                                  dir + "/error.log"});
     options.quiet = true;
     process_ = std::make_unique<obs::child_process>(options);
 
@@ -411,40 +402,79 @@ probe_result rtmp_ingest::probe_recording(const std::string& key, std::chrono::m
     return probe({recording(key).string()}, timeout);
 }
 
-std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, double at, int width, int height,
-                                                       std::chrono::milliseconds timeout, bool colour) const
+namespace {
+/// One frame of input (ffmpeg's arguments before the output), scaled to width x height, as
+/// grey or RGB bytes; empty when it cannot be decoded within timeout.
+std::vector<std::uint8_t> decoded_frame(std::vector<std::string> input, int width, int height,
+                                        std::chrono::milliseconds timeout, bool colour)
 {
+    std::vector<std::string> argv{program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error"};
+    argv.insert(argv.end(), input.begin(), input.end());
+    argv.insert(argv.end(), {"-frames:v", "1", "-vf",
+                             "scale=" + std::to_string(width) + ":" + std::to_string(height) +
+                                 ",format=" + (colour ? "rgb24" : "gray"),
+                             "-f", "rawvideo", "-"});
     int code = 0;
-    std::string output = run_program(
-        {program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error", "-ss", std::to_string(at), "-i",
-         recording(key).string(), "-frames:v", "1", "-vf",
-         "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=" + (colour ? "rgb24" : "gray"),
-         "-f", "rawvideo", "-"},
-        timeout, &code);
+    std::string output = run_program(argv, timeout, &code);
     std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * (colour ? 3 : 1);
     if (code != 0 || output.size() != size)
         return {};
     return std::vector<std::uint8_t>(output.begin(), output.end());
 }
+} // namespace
+
+std::vector<std::uint8_t> rtmp_ingest::recording_frame(const std::string& key, double at, int width, int height,
+                                                       std::chrono::milliseconds timeout, bool colour) const
+{
+    return decoded_frame({"-ss", std::to_string(at), "-i", recording(key).string()}, width, height, timeout, colour);
+}
+
+std::vector<std::uint8_t> rtmp_ingest::last_frame(const std::string& key) const
+{
+    return recording_frame(key, std::max(0.0, probe_recording(key).duration - 0.5), 64, 36, 20s, true);
+}
 
 std::vector<std::uint8_t> rtmp_ingest::live_frame(const std::string& key, int width, int height,
                                                   std::chrono::milliseconds timeout) const
 {
-    int code = 0;
-    std::string output = run_program(
-        {program_path("ffmpeg", "/usr/bin/ffmpeg"), "-nostdin", "-v", "error", "-i", stream_url(key), "-an",
-         "-frames:v", "1", "-vf", "scale=" + std::to_string(width) + ":" + std::to_string(height) + ",format=rgb24",
-         "-f", "rawvideo", "-"},
-        timeout, &code);
-    std::size_t size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3;
-    if (code != 0 || output.size() != size)
-        return {};
-    return std::vector<std::uint8_t>(output.begin(), output.end());
+    return decoded_frame({"-i", stream_url(key), "-an"}, width, height, timeout, true);
+}
+
+colour colour_at(const std::vector<std::uint8_t>& frame, int x, int y)
+{
+    if (frame.size() != 64u * 36u * 3u)
+        return {-1, -1, -1};
+    std::size_t at = (static_cast<std::size_t>(y) * 64 + static_cast<std::size_t>(x)) * 3;
+    return {frame[at], frame[at + 1], frame[at + 2]};
+}
+
+bool near(const colour& seen, const colour& expected, int tolerance)
+{
+    for (int channel = 0; channel < 3; ++channel)
+        if (std::abs(seen[channel] - expected[channel]) > tolerance)
+            return false;
+    return true;
+}
+
+std::string describe(const colour& seen)
+{
+    return std::to_string(seen[0]) + "," + std::to_string(seen[1]) + "," + std::to_string(seen[2]);
+}
+
+std::string describe(const std::vector<std::uint8_t>& frame)
+{
+    std::string text;
+    for (int y : {1, 9, 18, 26, 34}) {
+        text += "\n ";
+        for (int x : {1, 8, 16, 24, 32, 40, 48, 56, 62})
+            text += " " + describe(colour_at(frame, x, y));
+    }
+    return text;
 }
 
 std::string rtmp_ingest::error_log() const
 {
-    return read_file(std::filesystem::path(directory_.path()) / "error.log");
+    return file_text(std::filesystem::path(directory_.path()) / "error.log");
 }
 
 live_loudness::live_loudness(const rtmp_ingest& ingest, const std::string& key)

@@ -10,6 +10,7 @@
 #include "core/obs/child_process.hpp"
 #include "tests/support/temp_dir.hpp"
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -17,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orbweave::test {
@@ -42,10 +44,29 @@ struct probe_result {
     const probed_stream* first(const std::string& codec_type) const;
     const probed_stream* video() const { return first("video"); }
     const probed_stream* audio() const { return first("audio"); }
+    /// The first stream of that type's codec; empty when there is none.
+    std::string codec(const std::string& codec_type) const { return first(codec_type) ? first(codec_type)->codec_name : ""; }
+    /// The video's width and height; 0x0 when there is no video.
+    std::pair<int, int> video_size() const
+    {
+        return video() ? std::make_pair(video()->width, video()->height) : std::make_pair(0, 0);
+    }
 };
 
 /// Parses `ffprobe -show_streams -show_format -of json` output.
 probe_result parse_probe(const std::string& ffprobe_json);
+
+/// A pixel's red, green and blue, 0 to 255 each.
+using colour = std::array<int, 3>;
+/// The colour at (x, y) of a 64x36 RGB frame (as the frames below come in colour); -1s
+/// when there is no such frame.
+colour colour_at(const std::vector<std::uint8_t>& frame, int x, int y);
+/// Whether every channel of seen is within tolerance of expected's.
+bool near(const colour& seen, const colour& expected, int tolerance);
+/// "r,g,b", for a failure message.
+std::string describe(const colour& seen);
+/// A 64x36 RGB frame's colours on a 9x5 grid, row by row, for a failure message.
+std::string describe(const std::vector<std::uint8_t>& frame);
 
 /// A free TCP port on 127.0.0.1 at the time of asking.
 int free_loopback_port();
@@ -111,6 +132,8 @@ public:
                                               std::chrono::milliseconds timeout = std::chrono::seconds(20),
                                               bool colour = false) const;
 
+    /// The recording's frame half a second before its end, 64x36 in colour; empty when it has none.
+    std::vector<std::uint8_t> last_frame(const std::string& key) const;
     /// The first frame a player of the live stream gets (from the newest key frame on),
     /// scaled to width x height as RGB triplets; empty when none comes within timeout.
     std::vector<std::uint8_t> live_frame(const std::string& key, int width, int height,

@@ -1,6 +1,7 @@
 #include "tests/support/session_bus.hpp"
 
 #include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 
 #include <stdexcept>
 
@@ -8,8 +9,7 @@ namespace orbweave::test {
 
 session_bus::session_bus()
 {
-    obs::child_process::options options;
-    options.argv = {"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address"};
+    auto options = test::command({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address"});
     options.pipe_stdout = true;
     daemon_ = std::make_unique<obs::child_process>(options);
     line_reader output(daemon_->stdout_fd());

@@ -1,11 +1,11 @@
 #include "tests/support/stderr_capture.hpp"
 
-#include <fcntl.h>
+#include "tests/support/temp_dir.hpp"
+
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
@@ -38,10 +38,7 @@ stderr_capture::~stderr_capture()
 
 std::string stderr_capture::text() const
 {
-    std::ifstream in(path_);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return file_text(path_);
 }
 
 int stderr_capture::count_lines_starting(const std::string& prefix) const

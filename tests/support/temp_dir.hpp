@@ -5,6 +5,11 @@
 
 namespace orbweave::test {
 
+/// A file's whole text; empty when it cannot be read.
+std::string file_text(const std::string& path);
+/// A file's permission bits (0600, ...); 0 when there is no such file.
+unsigned mode_of(const std::string& path);
+
 /// A fresh directory under $TMPDIR (or /tmp), removed with everything in it on destruction.
 class temp_dir {
 public:

@@ -2,6 +2,7 @@
 
 #include "tests/support/eventually.hpp"
 #include "tests/support/rtmp_ingest.hpp"
+#include "tests/support/processes.hpp"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -233,9 +234,8 @@ wayland_desktop::wayland_desktop(options options) : options_(std::move(options))
     start_portal_backend();
     if (options_.desktop != kind::sway && picker_limitation().empty())
         start_picker();
-    const char* portal = options_.desktop == kind::sway ? "wlr" : options_.desktop == kind::gnome ? "gnome" : "kde";
-    fs::copy_file(fs::path("/usr/share/xdg-desktop-portal/portals") / (std::string(portal) + ".portal"),
-                  root / "portals" / (std::string(portal) + ".portal"));
+    std::string portal = std::string(portal_name()) + ".portal";
+    fs::copy_file(fs::path("/usr/share/xdg-desktop-portal/portals") / portal, root / "portals" / portal);
     start({"/usr/libexec/xdg-desktop-portal", "-v"}, "xdp", {{"XDG_DESKTOP_PORTAL_DIR", (root / "portals").string()}});
     wait_for_bus_name("org.freedesktop.portal.Desktop");
 }
@@ -377,8 +377,7 @@ wayland_desktop::~wayland_desktop()
 void wayland_desktop::start(std::vector<std::string> argv, const std::string& log,
                             std::vector<std::pair<std::string, std::string>> extra)
 {
-    obs::child_process::options options;
-    options.argv = {"sh", "-c", "exec \"$@\" >\"$0\" 2>&1", (dir_.path() / "logs" / (log + ".log")).string()};
+    auto options = test::command({"sh", "-c", "exec \"$@\" >\"$0\" 2>&1", (dir_.path() / "logs" / (log + ".log")).string()});
     options.argv.insert(options.argv.end(), argv.begin(), argv.end());
     options.environment = environment_;
     options.environment.insert(options.environment.end(), extra.begin(), extra.end());
@@ -479,25 +478,16 @@ bool wayland_desktop::resize_output(const std::string& name, int width, int heig
 
 void wayland_desktop::start_portal_backend()
 {
-    switch (options_.desktop) {
-    case kind::sway:
+    if (options_.desktop == kind::sway)
         start({"/usr/libexec/xdg-desktop-portal-wlr", "-l", "DEBUG", "-c",
                (dir_.path() / "config/xdg-desktop-portal-wlr/config").string()},
               "xdpw", {{"LD_PRELOAD", ORBWEAVE_XDPW_SHIM}});
-        portal_backend_ = processes_.back().get();
-        wait_for_bus_name("org.freedesktop.impl.portal.desktop.wlr");
-        break;
-    case kind::gnome:
+    else if (options_.desktop == kind::gnome)
         start({"/usr/libexec/xdg-desktop-portal-gnome", "-v"}, "xdp-gnome");
-        portal_backend_ = processes_.back().get();
-        wait_for_bus_name("org.freedesktop.impl.portal.desktop.gnome");
-        break;
-    case kind::kde:
+    else
         start({kde_portal_backend}, "xdp-kde", qt_accessible);
-        portal_backend_ = processes_.back().get();
-        wait_for_bus_name("org.freedesktop.impl.portal.desktop.kde");
-        break;
-    }
+    portal_backend_ = processes_.back().get();
+    wait_for_bus_name(std::string("org.freedesktop.impl.portal.desktop.") + portal_name());
 }
 
 void wayland_desktop::restart_portal_backend()
@@ -513,9 +503,8 @@ void wayland_desktop::open_window(const std::string& title, const std::string& c
 {
     std::filesystem::path shown = dir_.path() / ("shown-" + title);
     std::filesystem::remove(shown);
-    obs::child_process::options options;
-    options.argv = {"/usr/bin/python3",    ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
-                    std::to_string(height), shown.string(),         (dir_.path() / ("size-of-" + title)).string()};
+    auto options = test::command({"/usr/bin/python3", ORBWEAVE_WINDOW_SCRIPT, title, colour, std::to_string(width),
+                            std::to_string(height), shown.string(), (dir_.path() / ("size-of-" + title)).string()});
     options.environment = environment_;
     options.unset_environment = {"DISPLAY", "LD_PRELOAD"};
     options.new_process_group = true;

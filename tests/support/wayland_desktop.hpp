@@ -120,6 +120,11 @@ private:
     std::string session_call(std::vector<std::string> argv) const;
     void leave_overview();
     void start_portal_backend();
+    /// The portal backend's name: "wlr", "gnome" or "kde".
+    const char* portal_name() const
+    {
+        return options_.desktop == kind::sway ? "wlr" : options_.desktop == kind::gnome ? "gnome" : "kde";
+    }
 
     options options_;
     temp_dir dir_;

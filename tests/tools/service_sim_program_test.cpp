@@ -29,8 +29,7 @@ TEST(ServiceSimProgram, ServesWithAGeneratedCaTakesConsoleCommandsAndOutlivesStd
 {
     test::temp_dir scratch("orbweave-sim");
     std::filesystem::path dir = scratch.path() / "ca";
-    obs::child_process::options spawn;
-    spawn.argv = {ORBWEAVE_SERVICE_SIM_PROGRAM, "--port", "0", "--ca-dir", dir.string()};
+    auto spawn = test::command({ORBWEAVE_SERVICE_SIM_PROGRAM, "--port", "0", "--ca-dir", dir.string()});
     spawn.pipe_stdin = true;
     spawn.pipe_stdout = true;
     obs::child_process program(spawn);
@@ -43,8 +42,7 @@ TEST(ServiceSimProgram, ServesWithAGeneratedCaTakesConsoleCommandsAndOutlivesStd
     auto listening = output.wait_for_prefix("listening wss://127.0.0.1:", deadline);
     ASSERT_TRUE(listening);
     std::string url = listening->substr(std::string("listening ").size());
-    EXPECT_EQ(std::filesystem::status(dir / "server.key").permissions() & std::filesystem::perms::all,
-              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_EQ(test::mode_of(dir / "server.key"), 0600u);
 
     // The client trusts the CA the program wrote, identifies and is given a code.
     auto client = orbweave_client::create(url, fast_client_options((dir / "ca.pem").string()));

@@ -81,8 +81,7 @@ TEST_F(AudioAlert, FollowsTheDefaultOutputAndSilencesOnlyAutomaticChecks)
 {
     test::pulse_server pulse(dir.path() / "pulse");
     test::scoped_environment server("PULSE_SERVER", pulse.server());
-    obs::child_process::options options;
-    options.argv = {ORBWEAVE_AUDIO_SERVER_PROGRAM};
+    auto options = test::command({ORBWEAVE_AUDIO_SERVER_PROGRAM});
     options.pipe_stdout = true;
     obs::child_process audio_server(options);
     test::line_reader ready(audio_server.stdout_fd());

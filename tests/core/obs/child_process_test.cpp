@@ -2,6 +2,8 @@
 
 #include "core/obs/child_process.hpp"
 #include "core/obs/media_limits.hpp"
+#include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/scoped_environment.hpp"
 
 #include <gtest/gtest.h>
@@ -42,35 +44,16 @@ std::string read_all(int fd, std::chrono::milliseconds timeout = 10s)
     }
 }
 
-// The child's first line, without its end; what came by the deadline otherwise.
-std::string read_line(int fd, std::chrono::milliseconds timeout = 10s)
-{
-    std::string line;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    char next = 0;
-    while (next != '\n') {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd entry{fd, POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) <= 0 || ::read(fd, &next, 1) != 1)
-            return line;
-        if (next != '\n')
-            line += next;
-    }
-    return line;
-}
-
 child_process::options shell(const std::string& script)
 {
-    child_process::options options;
-    options.argv = {"sh", "-c", script};
+    auto options = test::command({"sh", "-c", script});
     options.pipe_stdout = true;
     return options;
 }
 
 TEST(ChildProcess, TalksThroughItsStandardStreamsAndReportsItsExit)
 {
-    child_process::options options;
-    options.argv = {"cat"};
+    auto options = test::command({"cat"});
     options.pipe_stdin = true;
     options.pipe_stdout = true;
     child_process cat(options);
@@ -79,26 +62,18 @@ TEST(ChildProcess, TalksThroughItsStandardStreamsAndReportsItsExit)
     ASSERT_EQ(::send(cat.stdin_fd(), line.data(), line.size(), MSG_NOSIGNAL), static_cast<ssize_t>(line.size()));
     cat.close_stdin();
     EXPECT_EQ(read_all(cat.stdout_fd()), line);
-    auto status = cat.wait_for(10s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(child_process::describe(*status), "exited with code 0");
-
+    EXPECT_EQ(test::how_it_ended(cat, 10s), "exited with code 0");
     child_process failing(shell("exit 3"));
-    status = failing.wait_for(10s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(child_process::describe(*status), "exited with code 3");
+    EXPECT_EQ(test::how_it_ended(failing, 10s), "exited with code 3");
 }
 
 TEST(ChildProcess, KillIsReportedAndWaitIsBounded)
 {
-    child_process::options options;
-    options.argv = {"sleep", "60"};
+    auto options = test::command({"sleep", "60"});
     child_process sleeper(options);
     EXPECT_FALSE(sleeper.wait_for(50ms)) << "a running child has no status yet";
     EXPECT_TRUE(sleeper.kill(SIGTERM));
-    auto status = sleeper.wait_for(10s);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(child_process::describe(*status), "killed by signal SIGTERM");
+    EXPECT_EQ(test::how_it_ended(sleeper, 10s), "killed by signal SIGTERM");
     EXPECT_FALSE(sleeper.kill(SIGTERM)) << "a reaped child is not signalled";
     EXPECT_EQ(::kill(sleeper.pid(), 0), -1);
 }
@@ -110,7 +85,7 @@ TEST(ChildProcess, AStoppedChildIsEndedWithinTheKillBound)
     // kill_and_wait leaves such a one to the kernel after the bound.)
     auto options = shell("trap '' TERM; echo ignoring; exec sleep 60");
     child_process frozen(options);
-    ASSERT_EQ(read_line(frozen.stdout_fd()), "ignoring");
+    ASSERT_EQ(test::line_reader(frozen.stdout_fd()).next(10s), "ignoring");
     ASSERT_EQ(::kill(frozen.pid(), SIGSTOP), 0);
     EXPECT_TRUE(frozen.kill(SIGTERM));
     EXPECT_FALSE(frozen.wait_for(200ms)) << "a child ignoring SIGTERM ended on it";
@@ -124,7 +99,7 @@ TEST(ChildProcess, AStoppedChildIsEndedWithinTheKillBound)
     // Its owner's destruction is bounded the same way.
     auto owned = std::make_unique<child_process>(options);
     pid_t pid = owned->pid();
-    ASSERT_EQ(read_line(owned->stdout_fd()), "ignoring");
+    ASSERT_EQ(test::line_reader(owned->stdout_fd()).next(10s), "ignoring");
     ASSERT_EQ(::kill(pid, SIGSTOP), 0);
     begun = std::chrono::steady_clock::now();
     owned.reset();
@@ -166,8 +141,7 @@ TEST(ChildProcess, RunsInOurEnvironmentWithTheGivenChanges)
 
 TEST(ChildProcess, AProgramThatCannotRunThrowsWhyAndLeavesNoChild)
 {
-    child_process::options options;
-    options.argv = {"/dev/null"}; // exists, but exec refuses it
+    auto options = test::command({"/dev/null"}); // exists, but exec refuses it
     try {
         child_process child(options);
         ADD_FAILURE() << "a program that cannot run was started";
@@ -185,8 +159,7 @@ TEST(ChildProcess, OutlivesTheThreadThatStartedItButNotItsOwner)
     // the thread that asked for them (a permission answer thread, say).
     std::unique_ptr<child_process> child;
     std::thread starter([&] {
-        child_process::options options;
-        options.argv = {"sleep", "60"};
+        auto options = test::command({"sleep", "60"});
         child = std::make_unique<child_process>(options);
     });
     starter.join();

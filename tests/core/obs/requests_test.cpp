@@ -18,7 +18,6 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <thread>
 
 namespace orbweave {
 namespace {
@@ -51,12 +50,6 @@ void test_timings(client_options& options)
     options.media.stream.ingest_outage_limit = outage_limit;
 }
 
-void allow_all(source_type::type, const std::string&, const std::string&, request_type::type,
-               const callback::request& request)
-{
-    request.answer(true);
-}
-
 class Requests : public ::testing::Test {
 protected:
     /// Returns once the client has handled everything sent before: an identify round trip.
@@ -67,12 +60,12 @@ protected:
         ASSERT_TRUE(service.wait_for_reply(*state, deadline));
     }
 
-    Requests() : Requests(test_timings) {}
-    explicit Requests(std::function<void(client_options&)> timings) : app(service, false, std::move(timings))
+    /// through_proxy: the link to the service runs through a fault proxy (proxy).
+    explicit Requests(std::function<void(client_options&)> timings = test_timings, bool through_proxy = false)
+        : proxy(through_proxy ? std::make_unique<test::fault_proxy>(service.port()) : nullptr),
+          app(service, false, std::move(timings), proxy ? proxy->port() : 0)
     {
-        app.set_secret(service.issue_secret({"Ann", ""}));
-        app.start();
-        EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+        EXPECT_TRUE(app.start_paired(deadline));
         EXPECT_TRUE(service.wait_for_connection(deadline));
     }
 
@@ -80,12 +73,13 @@ protected:
     Json list(const std::string& kind) { return service.reply_payload(service.list(kind), deadline); }
 
     sim::service_sim service;
+    std::unique_ptr<test::fault_proxy> proxy;
     test::client_harness app;
 };
 
 TEST_F(Requests, ListsEachKindOfSourceWhenAllowed)
 {
-    app.on_permission(allow_all);
+    app.allow_all();
 
     Json screens = list("Screen");
     EXPECT_EQ(screens["status"], "Success");
@@ -122,7 +116,7 @@ TEST_F(Requests, ListRepliesEchoIdAndStateAndAreRejectedWhenDenied)
     ASSERT_TRUE(denied);
     EXPECT_EQ(denied->message, Json({{"id", "list"}, {"state", 7}, {"payload", {{"status", "Rejected"}}}}));
 
-    app.on_permission(allow_all);
+    app.allow_all();
     ASSERT_TRUE(service.send_raw(R"({"id":"list","state":8,"payload":{"type":"SCREEN"}})"));
     auto allowed = service.wait_for([](const sim::received& r) { return r.message.value("state", Json()) == 8; },
                                     deadline);
@@ -133,10 +127,10 @@ TEST_F(Requests, ListRepliesEchoIdAndStateAndAreRejectedWhenDenied)
 /// Streams through the client to a real ingest.
 class Streams : public Requests {
 protected:
-    Streams() : Streams(test_timings) {}
-    explicit Streams(std::function<void(client_options&)> timings) : Requests(std::move(timings))
+    explicit Streams(std::function<void(client_options&)> timings = test_timings, bool through_proxy = false)
+        : Requests(std::move(timings), through_proxy)
     {
-        app.on_permission(allow_all);
+        app.allow_all();
     }
 
     /// The id of the listed source of kind at position index (outputs come first for audio).
@@ -214,7 +208,7 @@ TEST_F(Streams, DeniedUnknownAndInactiveRequestsStartAndStopNothing)
     EXPECT_EQ(activate(screen, "denied"), Json({{"status", "Rejected"}}));
     EXPECT_FALSE(ingest.publishing("denied"));
 
-    app.on_permission(allow_all);
+    app.allow_all();
     Json unknown = activate(std::string(64, 'f'), "unknown");
     EXPECT_EQ(unknown["status"], "Failure");
 
@@ -484,41 +478,27 @@ TEST(LateAnswers, AnAnswerAfterStopOrFromAnEarlierRunStartsNothing)
 
 /// Streams across outages of the link to the service, made by a proxy in front of it
 /// that cuts the link and refuses new connections for a while.
-class Outages : public ::testing::Test {
+class Outages : public Streams {
 protected:
     Outages()
-        : app(
-              service, false,
+        : Streams(
               [](client_options& options) {
                   test_timings(options);
                   options.reconnect_delay_ms = 100;
               },
-              proxy.port())
+              true)
     {
-        app.set_secret(service.issue_secret({"Ann", ""}));
-        app.on_permission(allow_all);
-        app.start();
-        EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-        EXPECT_TRUE(service.wait_for_connection(deadline));
-        Json screen = service.reply_payload(service.list("screen"), deadline)["results"][0];
-        EXPECT_EQ(service.reply_payload(service.activate(sim::activation::of(screen.value("id", ""), ingest.url(), "live")),
-                                        deadline),
-                  Json({{"status", "Success"}}));
+        EXPECT_EQ(activate(source_id("screen"), "live"), Json({{"status", "Success"}}));
         EXPECT_TRUE(ingest.wait_for_publishing("live", deadline));
     }
 
     /// The link drops and every new attempt is refused until end_outage().
     void begin_outage()
     {
-        proxy.refuse(true);
-        proxy.cut();
+        proxy->refuse(true);
+        proxy->cut();
     }
-    void end_outage() { proxy.refuse(false); }
-
-    test::rtmp_ingest ingest;
-    sim::service_sim service;
-    test::fault_proxy proxy{service.port()};
-    test::client_harness app;
+    void end_outage() { proxy->refuse(false); }
 };
 
 TEST_F(Outages, AShortOutageKeepsTheStream)
@@ -619,15 +599,6 @@ TEST_F(ShortStall, ReconnectsTheStreamWhenThePathComesBack)
     })) << "the stream did not come back";
     EXPECT_TRUE(listed_active("screen", screen));
     EXPECT_EQ(log.count_lines_starting("The stream of source "), 0) << log.text();
-}
-
-TEST(RequestsWithoutPermissionHandler, AreRejectedAtOnce)
-{
-    sim::service_sim service;
-    test::client_harness app(service, /*bare=*/true);
-    app.start();
-    ASSERT_TRUE(service.wait_for_code_request(deadline));
-    EXPECT_EQ(service.reply_payload(service.list("screen"), deadline), Json({{"status", "Rejected"}}));
 }
 
 } // namespace
