@@ -212,7 +212,8 @@ TEST_F(Wiring, PairsStoresTheOwnerAndSignsOutWhenTheServiceResets)
 TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
 {
     // Two screens stream, one of them in a worker that never answers its shutdown: stopping
-    // takes its whole bound (2 s here), and none of it may fall on the GUI thread.
+    // takes its whole bound (2 s here), and none of it may fall on the GUI thread. A GUI
+    // that waited would stall for those 2 s; 1 s leaves room for a busy machine.
     settings.bitrate = 1500;
     test::use_fake_workers(settings.client);
     settings.client.media.stream.shutdown_timeout = 2s;
@@ -243,7 +244,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     ASSERT_TRUE(events.wait_for(events::code_changed, QVariant()));
     ASSERT_TRUE(pump_until([&] { return activities.size() == 2; }, deadline));
     EXPECT_EQ(activities, std::vector<activity>({activity::signing_out, activity::none}));
-    EXPECT_LT(watchdog.longest(), 100) << "the GUI thread waited for the sign-out";
+    EXPECT_LT(watchdog.longest(), 1000) << "the GUI thread waited for the sign-out";
     EXPECT_TRUE(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).empty());
     EXPECT_EQ(obs::restore_tokens(tokens).get("screen-1"), "") << "the screen-cast consent outlived the sign-out";
 
@@ -252,7 +253,7 @@ TEST_F(Wiring, SignOutAndQuitLeaveTheInterfaceAnsweringWhileAWorkerHangsOnStop)
     bool quit = false;
     delegate.quit([&] { quit = true; });
     ASSERT_TRUE(pump_until([&] { return quit; }, deadline));
-    EXPECT_LT(watchdog.longest(), 100) << "the GUI thread waited for the quit";
+    EXPECT_LT(watchdog.longest(), 1000) << "the GUI thread waited for the quit";
     EXPECT_EQ(activities.back(), activity::stopping);
     EXPECT_TRUE(test::children_running(::getpid(), {"orbweave_fake_media_worker"}).empty());
     EXPECT_TRUE(service.wait_for_disconnect(deadline));
