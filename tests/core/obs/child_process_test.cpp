@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <memory>
@@ -112,14 +113,15 @@ TEST(ChildProcess, InheritsOnlyTheStandardStreamsAndPassedDescriptors)
     int fds[2];
     ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
     int leaky = ::open("/dev/null", O_RDONLY); // not close-on-exec: must still not reach the child
-    // Which of these descriptor numbers are open in the child.
-    std::string probe = "for n in 7 " + std::to_string(leaky) + " " + std::to_string(fds[0]) +
+    // The passed end gets a number none of ours has. Which of these are open in the child:
+    std::string passed = std::to_string(std::max({leaky, fds[0], fds[1]}) + 1);
+    std::string probe = "for n in " + passed + " " + std::to_string(leaky) + " " + std::to_string(fds[0]) +
                         "; do [ -e /proc/$$/fd/$n ] && echo $n; done; true";
     auto options = shell(probe);
-    options.pass_fds = {{fds[1], 7}};
+    options.pass_fds = {{fds[1], std::stoi(passed)}};
     child_process lister(options);
     ::close(fds[1]);
-    EXPECT_EQ(read_all(lister.stdout_fd()), "7\n");
+    EXPECT_EQ(read_all(lister.stdout_fd()), passed + "\n");
     ::close(fds[0]);
     ::close(leaky);
     EXPECT_TRUE(lister.wait_for(10s));
