@@ -356,8 +356,8 @@ void orbweave_client_impl::health_changed(const callback::active_stream& stream,
 
 void orbweave_client_impl::forget_consent()
 {
-    // The file goes now, whether a run is under way or not; the run's work manager also
-    // turns away the token of a start that is still under way.
+    // The file goes now, whether a run is under way or not; the run's restore tokens also
+    // turn away the token of a start that is still under way.
     obs::restore_tokens(options_.media.restore_tokens).forget();
     if (std::shared_ptr<network_loop> loop = current_loop())
         loop->post([this] {

@@ -1,5 +1,6 @@
 #include "core/obs/source_catalogue.hpp"
 
+#include "core/guarded.hpp"
 #include "core/log.hpp"
 
 #include <stdexcept>
@@ -89,13 +90,7 @@ void source_catalogue::find_source(source_ref source, std::function<void(const l
 void source_catalogue::report(std::function<void()> task) const noexcept
 {
     // Called on the listing thread, whose loop must not end on an exception.
-    try {
-        post_(std::move(task));
-    } catch (const std::exception& error) {
-        log::line("The source catalogue could not report: ", error.what());
-    } catch (...) {
-        log::line("The source catalogue could not report");
-    }
+    guarded("The source catalogue", "a report to the network thread", [&] { post_(std::move(task)); });
 }
 
 } // namespace orbweave::obs

@@ -1,5 +1,6 @@
 #include "core/obs/worker_manager.hpp"
 
+#include "core/guarded.hpp"
 #include "core/log.hpp"
 #include "core/obs/media_limits.hpp"
 #include "core/obs/stream_limit.hpp"
@@ -386,13 +387,7 @@ void worker_manager::set_health_handler(health_handler handler)
 void worker_manager::report(std::function<void()> task) const noexcept
 {
     // Called on the manager's own threads, whose loops must not end on an exception.
-    try {
-        post_(std::move(task));
-    } catch (const std::exception& error) {
-        log::line("The work manager could not report: ", error.what());
-    } catch (...) {
-        log::line("The work manager could not report");
-    }
+    guarded("The work manager", "a report to the network thread", [&] { post_(std::move(task)); });
 }
 
 } // namespace orbweave::obs
