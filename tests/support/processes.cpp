@@ -1,5 +1,7 @@
 #include "tests/support/processes.hpp"
 
+#include "tests/support/temp_dir.hpp"
+
 #include <signal.h>
 #include <unistd.h>
 
@@ -39,14 +41,19 @@ std::vector<int> children_running(int parent, const std::vector<std::string>& wo
         int ppid = 0;
         if (std::sscanf(line.c_str() + close + 1, " %c %d", &state, &ppid) != 2 || ppid != parent)
             continue;
-        std::ifstream cmdline_file(entry.path() / "cmdline");
-        std::string cmdline((std::istreambuf_iterator<char>(cmdline_file)), std::istreambuf_iterator<char>());
-        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+        std::string cmdline = command_line(std::stoi(name));
         if (std::all_of(words.begin(), words.end(),
                         [&](const std::string& word) { return cmdline.find(word) != std::string::npos; }))
             found.push_back(std::stoi(name));
     }
     return found;
+}
+
+std::string command_line(int pid)
+{
+    std::string text = file_text("/proc/" + std::to_string(pid) + "/cmdline");
+    std::replace(text.begin(), text.end(), '\0', ' ');
+    return text;
 }
 
 std::vector<int> child_pids()

@@ -16,6 +16,8 @@ namespace orbweave::test {
 obs::child_process::options command(std::vector<std::string> argv);
 /// Processes whose parent is parent and whose command line contains every word (from /proc).
 std::vector<int> children_running(int parent, const std::vector<std::string>& words = {});
+/// The command line of pid, its arguments separated by spaces; "" once it is gone.
+std::string command_line(int pid);
 /// Processes whose parent is this process, for checks that nothing is left behind.
 std::vector<int> child_pids();
 /// Whether pid has ended and been reaped: neither our child any more nor a process at all.

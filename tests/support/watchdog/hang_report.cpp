@@ -5,6 +5,8 @@
 // (through gdb) and the program's child processes, on the standard error the program
 // started with: a test may have redirected its standard error meanwhile.
 
+#include "tests/support/processes.hpp"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -95,24 +97,8 @@ void report_threads()
 
 void report_children()
 {
-    std::string self = std::to_string(::getpid());
-    for (const auto& process : std::filesystem::directory_iterator("/proc")) {
-        std::string stat = first_line_of(process.path() / "stat");
-        std::size_t name_end = stat.rfind(')');
-        if (name_end == std::string::npos || stat.size() < name_end + 4)
-            continue;
-        // "pid (name) state ppid ...": the parent is the field after the state.
-        std::string rest = stat.substr(name_end + 4);
-        if (rest.substr(0, rest.find(' ')) != self)
-            continue;
-        std::ifstream cmdline_file(process.path() / "cmdline");
-        std::string cmdline((std::istreambuf_iterator<char>(cmdline_file)), std::istreambuf_iterator<char>());
-        for (char& c : cmdline)
-            if (c == '\0')
-                c = ' ';
-        say("  child " + process.path().filename().string() + " (" + stat.substr(name_end + 2, 1) + "): " + cmdline +
-            "\n");
-    }
+    for (int pid : orbweave::test::child_pids())
+        say("  child " + std::to_string(pid) + ": " + orbweave::test::command_line(pid) + "\n");
 }
 
 class hang_report : public ::testing::EmptyTestEventListener {
