@@ -1,5 +1,4 @@
 #include "core/callback.hpp"
-#include "core/encode_profile.hpp"
 #include "core/json.hpp"
 
 #include <gtest/gtest.h>
@@ -82,30 +81,6 @@ TEST(Json, RedactionHidesSecretsAndKeysAtAnyDepthAndLeavesTheRest)
     // A frame that names a secret member but cannot be read may still carry the secret.
     EXPECT_EQ(json::redacted_text("not json with \"key\""), "(19 bytes that are not JSON)");
     EXPECT_EQ(json::redacted_text("not json at all"), "not json at all");
-}
-
-TEST(CallbackTypes, SourceKindsMapWithoutRegardToCase)
-{
-    using callback::source_type;
-    EXPECT_EQ(source_type::map("screen"), source_type::screen);
-    EXPECT_EQ(source_type::map("Window"), source_type::window);
-    EXPECT_EQ(source_type::map("AUDIO"), source_type::audio);
-    EXPECT_EQ(source_type::map("VIDEO"), source_type::video);
-    EXPECT_EQ(source_type::map("camera"), source_type::none);
-    EXPECT_EQ(source_type::map(""), source_type::none);
-    EXPECT_EQ(source_type::map("screens"), source_type::none);
-}
-
-TEST(CallbackTypes, ProfileLevelsAreExactAndCaseSensitive)
-{
-    EXPECT_EQ(profile_type::parse("medium"), profile_type::medium);
-    EXPECT_EQ(profile_type::parse("high"), profile_type::high);
-    EXPECT_EQ(profile_type::parse("extreme"), profile_type::extreme);
-    EXPECT_EQ(profile_type::parse("High"), profile_type::low);
-    EXPECT_EQ(profile_type::parse(""), profile_type::low);
-    encode_profile defaults;
-    EXPECT_EQ(defaults.profile, profile_type::low);
-    EXPECT_EQ(defaults.bitrate, 1500);
 }
 
 TEST(CallbackTypes, ARequestIsAnsweredExactlyOnceAcrossCopiesAndThreads)

@@ -1,1 +1,0 @@
-int orbweave_test_support_anchor = 0;
