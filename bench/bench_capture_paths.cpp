@@ -103,21 +103,13 @@ double cpu_rate(pid_t pid)
     return (cpu_seconds(pid) - before) / seconds;
 }
 
-obs::pipe::stream_order order_for(const obs::source_entry& source, const test::rtmp_ingest& ingest,
-                                  const std::string& key)
-{
-    Json message{{"payload",
-                  {{"options", {{"profile", "medium"}}}, {"service", {{"server", ingest.url()}, {"key", key}}}}}};
-    return obs::pipe::stream_order::of(obs::activate_request::parse(message), source, 1500, "");
-}
-
 /// The CPU of a stream worker streaming source by route ("direct" or "canvas").
 double stream_cpu(const obs::source_entry& source, const char* route, obs::worker::options options,
                   test::rtmp_ingest& ingest, const std::string& key)
 {
     ::setenv("ORBWEAVE_SCREEN_CAPTURE", route, 1);
     obs::worker stream(options);
-    auto started = stream.stream(order_for(source, ingest, key));
+    auto started = stream.stream(test::order_for(source, {{"profile", "medium"}}, ingest.url(), key));
     ::unsetenv("ORBWEAVE_SCREEN_CAPTURE");
     if (!started.started)
         throw std::runtime_error("the stream of " + key + " did not start: " + started.error);

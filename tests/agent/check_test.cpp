@@ -7,7 +7,7 @@
 #include "core/check/report.hpp"
 #include "core/json.hpp"
 #include "core/obs/child_process.hpp"
-#include "tests/support/line_reader.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/media_fixtures.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tests/support/wayland_desktop.hpp"
@@ -16,13 +16,13 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <map>
+#include <sstream>
 
 namespace orbweave {
 namespace {
@@ -57,33 +57,25 @@ check_run run_check(std::vector<std::string> arguments, const environment_list& 
     options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
     options.environment = environment;
     options.unset_environment = unset;
-    options.pipe_stdout = true;
     auto started = std::chrono::steady_clock::now();
-    obs::child_process child(options);
-    test::line_reader reader(child.stdout_fd());
-    while (reader.next(30s)) {
-    }
-    auto status = child.wait_for(30s);
+    check_run run;
+    std::string text = test::output_of(options, 30s, &run.exit_status);
     auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     std::printf("[ time     ] --check on %s: %.1f s\n", label.c_str(), seconds);
 
-    check_run run;
-    run.lines = reader.lines();
-    if (std::find(arguments.begin(), arguments.end(), "--json") == arguments.end())
-        for (const auto& line : run.lines)
+    if (std::find(arguments.begin(), arguments.end(), "--json") == arguments.end()) {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            run.lines.push_back(line);
             std::printf("    %s\n", line.c_str());
-    if (status && WIFEXITED(*status))
-        run.exit_status = WEXITSTATUS(*status);
-    if (std::find(arguments.begin(), arguments.end(), "--json") != arguments.end()) {
-        std::string text;
-        for (const auto& line : run.lines)
-            text += line + "\n";
-        run.json = json::parse(text);
-        for (const Json& check : json::at(run.json, {"checks"})) {
-            run.checks[json::string_at(check, {"name"})] = check;
-            std::printf("    %s %s: %s\n", json::string_at(check, {"status"}).c_str(),
-                        json::string_at(check, {"name"}).c_str(), json::string_at(check, {"found"}).c_str());
         }
+        return run;
+    }
+    run.json = json::parse(text);
+    for (const Json& check : json::at(run.json, {"checks"})) {
+        run.checks[json::string_at(check, {"name"})] = check;
+        std::printf("    %s %s: %s\n", json::string_at(check, {"status"}).c_str(),
+                    json::string_at(check, {"name"}).c_str(), json::string_at(check, {"found"}).c_str());
     }
     return run;
 }

@@ -13,6 +13,7 @@
 #include "tests/support/client_harness.hpp"
 #include "tests/support/processes.hpp"
 #endif
+#include "tests/support/eventually.hpp"
 #include "tests/support/keyring.hpp"
 #include "tests/support/session_bus.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -65,13 +66,11 @@ private:
 inline bool pump_until(const std::function<bool()>& condition,
                        std::chrono::milliseconds timeout = std::chrono::seconds(5))
 {
-    auto until = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= until)
-            return false;
+    auto pumped = [&] {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    }
-    return true;
+        return condition();
+    };
+    return condition() || eventually(pumped, timeout, std::chrono::milliseconds(0));
 }
 
 /// The payload of the reply carrying state, this thread's event loop running meanwhile;

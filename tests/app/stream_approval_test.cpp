@@ -96,7 +96,7 @@ TEST(StreamApproval, AnAskedActivationWaitsForTheNotificationAllowStreamsDenyRej
     // A stream that ends on its own (here its worker dies) is told too: which, and why.
     std::vector<int> workers;
     ASSERT_TRUE(test::eventually([&] {
-        return (workers = test::children_running(::getpid(), {"--stream-worker"})).size() == 1;
+        return (workers = test::stream_workers()).size() == 1;
     }, deadline)) << "the failed start's worker is left";
     ::kill(workers[0], SIGKILL);
     ASSERT_TRUE(pump_until([&] { return notifications.notified.size() == 5; }, deadline));

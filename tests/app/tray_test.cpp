@@ -23,12 +23,12 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
 
 // Last: Xlib's macros (None, Status, ...) would trip the headers above.
-#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 
 namespace orbweave::app {
@@ -81,22 +81,14 @@ std::optional<std::pair<Window, QRect>> window_titled(Display* display, const st
         return found;
     for (unsigned i = 0; i < count && !found; ++i) {
         // Qt names its windows in UTF-8 (_NET_WM_NAME), which XFetchName does not read.
-        Atom type = 0;
-        int format = 0;
-        unsigned long length = 0, left = 0;
-        unsigned char* name = nullptr;
         XWindowAttributes attributes{};
-        if (XGetWindowProperty(display, children[i], XInternAtom(display, "_NET_WM_NAME", False), 0, 256, False,
-                               XInternAtom(display, "UTF8_STRING", False), &type, &format, &length, &left,
-                               &name) == Success && name &&
-            title == std::string(reinterpret_cast<char*>(name), length) &&
+        if (test::x_property(display, children[i], "_NET_WM_NAME") == title &&
             XGetWindowAttributes(display, children[i], &attributes) && attributes.map_state == IsViewable) {
             int x = 0, y = 0;
             Window child = 0;
             XTranslateCoordinates(display, children[i], root, 0, 0, &x, &y, &child);
             found = {children[i], QRect(x, y, attributes.width, attributes.height)};
         }
-        XFree(name);
         if (!found)
             found = window_titled(display, title, children[i]);
     }
@@ -107,19 +99,12 @@ std::optional<std::pair<Window, QRect>> window_titled(Display* display, const st
 /// Whether window's _NET_WM_STATE holds state.
 bool has_state(Display* display, Window window, const char* state)
 {
-    Atom type = 0;
-    int format = 0;
-    unsigned long count = 0, left = 0;
-    unsigned char* data = nullptr;
-    bool found = false;
-    if (XGetWindowProperty(display, window, XInternAtom(display, "_NET_WM_STATE", False), 0, 64, False, XA_ATOM,
-                           &type, &format, &count, &left, &data) == Success && data) {
-        Atom wanted = XInternAtom(display, state, False);
-        for (unsigned long i = 0; i < count; ++i)
-            found = found || reinterpret_cast<Atom*>(data)[i] == wanted;
-    }
-    XFree(data);
-    return found;
+    std::string atoms = test::x_property(display, window, "_NET_WM_STATE");
+    Atom wanted = XInternAtom(display, state, False);
+    for (std::size_t at = 0; at + sizeof wanted <= atoms.size(); at += sizeof wanted)
+        if (std::memcmp(atoms.data() + at, &wanted, sizeof wanted) == 0)
+            return true;
+    return false;
 }
 
 TEST(Tray, UnderARealLxqtPanelTheMenuShowsTheStreamsStopsThemAndItsQuitEndsTheApp)

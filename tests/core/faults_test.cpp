@@ -119,8 +119,6 @@ protected:
                                      deadline);
     }
 
-    static std::vector<int> stream_workers() { return test::children_running(::getpid(), {"--stream-worker"}); }
-
     sim::service_sim service;
     test::client_harness app{service, false, test::use_fake_workers};
 };
@@ -140,7 +138,7 @@ TEST_F(WorkerFaults, AWorkerThatBreaksStartingOrStreamingIsKilledAndForgottenAnd
         Json reply = activate(worker_case.key);
         EXPECT_EQ(reply.value("status", ""), "Failure") << reply;
         EXPECT_NE(reply.value("error", "").find(worker_case.error), std::string::npos) << reply;
-        EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
+        EXPECT_TRUE(test::eventually([] { return test::stream_workers().empty(); }, deadline)) << "its worker is left";
         EXPECT_EQ(screen().value("isActive", true), false);
     }
     // Or once it streams: it is killed for what it wrote, and the stream ends as if it had died.
@@ -148,7 +146,7 @@ TEST_F(WorkerFaults, AWorkerThatBreaksStartingOrStreamingIsKilledAndForgottenAnd
     std::string id = screen().value("id", "");
     EXPECT_EQ(activate("started-garbage"), Json({{"status", "Success"}}));
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-    EXPECT_TRUE(test::eventually([] { return stream_workers().empty(); }, deadline)) << "its worker is left";
+    EXPECT_TRUE(test::eventually([] { return test::stream_workers().empty(); }, deadline)) << "its worker is left";
     EXPECT_EQ(log.count_lines_starting("The stream of source " + id +
                                        " ended: its media worker wrote a line that is not a JSON object"),
               1)
@@ -157,7 +155,7 @@ TEST_F(WorkerFaults, AWorkerThatBreaksStartingOrStreamingIsKilledAndForgottenAnd
     // The client serves on: the link never dropped, and a good stream starts.
     EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
     EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
-    EXPECT_EQ(stream_workers().size(), 1u);
+    EXPECT_EQ(test::stream_workers().size(), 1u);
     EXPECT_FALSE(service.wait_for_connection(0ms)) << "the link was lost on the way";
 }
 
@@ -208,7 +206,7 @@ TEST_F(WorkerFaults, AStreamThatEndsWhileTheLinkIsDownLeavesTheStateDisconnected
     std::string id = screen().value("id", "");
     EXPECT_EQ(activate("ok"), Json({{"status", "Success"}}));
     EXPECT_TRUE(app.wait_for_state(state_type::streaming, deadline));
-    auto workers = stream_workers();
+    auto workers = test::stream_workers();
     ASSERT_EQ(workers.size(), 1u);
 
     test::blocking_queue<state_type::type> states;

@@ -50,8 +50,7 @@ test::media_environment::options display_only()
 
 pipe::stream_order with_options(const Json& options)
 {
-    return pipe::stream_order::of(activate_request::parse(Json{{"payload", {{"options", options}}}}), screen_entry{},
-                                  0, "");
+    return test::order_for(screen_entry{}, options, "", "");
 }
 
 struct read_back {

@@ -21,6 +21,7 @@
 #include "tests/support/scoped_environment.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/temp_dir.hpp"
+#include "tests/support/ticker.hpp"
 
 #include <gtest/gtest.h>
 
@@ -29,13 +30,11 @@
 #include <X11/cursorfont.h>
 #include <media-io/video-io.h>
 #include <unistd.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <iostream>
 #include <limits>
@@ -45,7 +44,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 namespace orbweave::obs {
@@ -56,19 +54,12 @@ using clock = std::chrono::steady_clock;
 using test::colour_at;
 using test::describe;
 using test::near;
+using test::order_for;
 
 [[maybe_unused]] auto* const environment = ::testing::AddGlobalTestEnvironment(new test::media_environment);
 
 // An activation may take: 5 s for the source's size, then two attempts of 10 s each.
 constexpr auto activation_limit = 26s;
-
-/// What the client sends a stream worker for source, the request's options and ingest.
-pipe::stream_order order_for(source_entry source, const Json& options, const std::string& server,
-                             const std::string& key, int bitrate = 1500)
-{
-    Json message{{"payload", {{"options", options}, {"service", {{"server", server}, {"key", key}}}}}};
-    return pipe::stream_order::of(activate_request::parse(message), std::move(source), bitrate, "");
-}
 
 std::unique_ptr<worker> stream_worker()
 {
@@ -312,52 +303,32 @@ public:
         // The pointer in the corner, away from every pixel looked at.
         XWarpPointer(display_, None, root, 0, 0, 0, 0, 1278, 718);
         XSync(display_, False);
-        thread_ = std::thread([this] { run(); });
+        // Along the left half of the red stripe only: the right half stays still.
+        mover_ = std::make_unique<test::ticker>(100ms, [this, step = 0]() mutable {
+            if (!moving_)
+                return;
+            if (step == 0)
+                XMapRaised(display_, square_);
+            XMoveWindow(display_, square_, (step++ * 40) % (640 - square), 0);
+            XFlush(display_);
+        });
     }
     ~still_stripes_and_a_moving_square()
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stop_ = true;
-        }
-        changed_.notify_all();
-        thread_.join();
+        mover_.reset();
         XDestroyWindow(display_, square_);
         XDestroyWindow(display_, backdrop_);
         XCloseDisplay(display_);
     }
 
-    void moving(bool on)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        moving_ = on;
-    }
+    void moving(bool on) { moving_ = on; }
 
 private:
-    void run()
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        for (int step = 0; !stop_;) {
-            if (moving_) {
-                // Along the left half of the red stripe only: the right half stays still.
-                if (step == 0)
-                    XMapRaised(display_, square_);
-                XMoveWindow(display_, square_, (step++ * 40) % (640 - square), 0);
-                XFlush(display_);
-            }
-            // Pacing the motion, not waiting for anything.
-            changed_.wait_for(lock, 100ms, [this] { return stop_; });
-        }
-    }
-
     Display* display_;
     Window backdrop_ = 0;
     Window square_ = 0;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool moving_ = false;
-    bool stop_ = false;
-    std::thread thread_;
+    std::atomic<bool> moving_{false};
+    std::unique_ptr<test::ticker> mover_;
 };
 
 /// One way a screen becomes the encoder's frames: through the canvas with either colour
@@ -599,9 +570,7 @@ TEST_P(ScreenChanges, AScreenThatGoesAwayEndsItsStream)
         EXPECT_TRUE(app.wait_for_state(callback::state_type::connected, 30s));
         EXPECT_TRUE(app.wait_for_streams({}, 30s));
         EXPECT_TRUE(ingest_->wait_until_not_publishing(request.key, 15s));
-        EXPECT_TRUE(
-            test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s))
-            << "the stream's worker was left";
+        EXPECT_TRUE(test::eventually([] { return test::stream_workers().empty(); }, 15s)) << "the stream's worker was left";
         EXPECT_NE(log.text().find("The stream of source " + id + " ended: screen 2 is gone from the X display"),
                   std::string::npos)
             << log.text();
@@ -946,40 +915,30 @@ TEST_F(Streaming, ServersThatTakeNoStreamFailWithinTheBoundAfterOneSoftwareRetry
 /// (beyond the encoder's look-ahead, so none is taken for a flash).
 class hard_cuts {
 public:
-    hard_cuts()
-        : thread_([this] {
-              Display* display = XOpenDisplay(nullptr);
-              if (!display)
-                  return;
-              Window root = DefaultRootWindow(display);
-              std::unique_lock<std::mutex> lock(mutex_);
-              for (bool white = true; !stop_; white = !white) {
-                  XSetWindowBackground(display, root, white ? WhitePixel(display, 0) : BlackPixel(display, 0));
-                  XClearWindow(display, root);
-                  XFlush(display);
-                  changed_.wait_for(lock, 700ms, [this] { return stop_; });
-              }
-              XSetWindowBackground(display, root, BlackPixel(display, 0));
-              XClearWindow(display, root);
-              XCloseDisplay(display);
-          })
+    hard_cuts() : display_(XOpenDisplay(nullptr))
     {
+        if (!display_)
+            throw std::runtime_error("cannot open the display");
+        flips_ = std::make_unique<test::ticker>(700ms, [this, white = false]() mutable { paint(white = !white); });
     }
     ~hard_cuts()
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stop_ = true;
-        }
-        changed_.notify_all();
-        thread_.join();
+        flips_.reset();
+        paint(false);
+        XCloseDisplay(display_);
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool stop_ = false;
-    std::thread thread_;
+    void paint(bool white)
+    {
+        Window root = DefaultRootWindow(display_);
+        XSetWindowBackground(display_, root, white ? WhitePixel(display_, 0) : BlackPixel(display_, 0));
+        XClearWindow(display_, root);
+        XFlush(display_);
+    }
+
+    Display* display_;
+    std::unique_ptr<test::ticker> flips_;
 };
 
 TEST_F(Streaming, X264SettingsTakeEffectAndTheLevelsSizeArrivesFittedToTheScreen)

@@ -54,14 +54,6 @@ obs::worker listing_worker()
     return obs::worker(options);
 }
 
-obs::pipe::stream_order order_for(obs::source_entry source, const test::rtmp_ingest& ingest, const std::string& key,
-                                  const std::string& token = "")
-{
-    Json message{{"payload",
-                  {{"options", {{"profile", "medium"}}}, {"service", {{"server", ingest.url()}, {"key", key}}}}}};
-    return obs::pipe::stream_order::of(obs::activate_request::parse(message), std::move(source), 1500, token);
-}
-
 obs::worker::options stream_options()
 {
     obs::worker::options options = obs::worker_manager::stream_worker_options();
@@ -99,7 +91,7 @@ TEST_P(WaylandStream, AScreenArrivesAtTheProfilesSizeWithTheCompositorsPicture)
     test::stderr_capture log; // the worker inherits our standard error
     obs::worker media(stream_options());
     std::string key = output.name + "-" + route;
-    auto result = media.stream(order_for(screens[index], ingest, key));
+    auto result = media.stream(test::order_for(screens[index], {{"profile", "medium"}}, ingest.url(), key));
     ASSERT_TRUE(result.started) << result.error;
     // Graphics on the compositor itself, not through XWayland (the fixture has none).
     EXPECT_NE(log.text().find("Using EGL/Wayland"), std::string::npos);
@@ -160,7 +152,7 @@ TEST(WaylandStreamResize, AnOutputThatChangesSizeKeepsStreamingAtTheStreamsSize)
     test::rtmp_ingest ingest;
     auto screens = obs::entries_of<obs::screen_entry>(listing_worker().list(callback::source_type::screen));
     obs::worker media(stream_options());
-    auto result = media.stream(order_for(screens[0], ingest, "resized"));
+    auto result = media.stream(test::order_for(screens[0], {{"profile", "medium"}}, ingest.url(), "resized"));
     ASSERT_TRUE(result.started) << result.error;
 
     ASSERT_TRUE(desktop.resize_output(output.name, 1024, 768));
@@ -204,7 +196,7 @@ TEST(WaylandAudio, PipeWireServesTheAudioStreamsAndTheVirtualOutput)
 
     test::rtmp_ingest ingest;
     obs::worker media(stream_options());
-    auto result = media.stream(order_for(*virtual_output, ingest, "sound"));
+    auto result = media.stream(test::order_for(*virtual_output, {{"profile", "medium"}}, ingest.url(), "sound"));
     ASSERT_TRUE(result.started) << result.error;
     auto live = ingest.probe_live("sound", 15s);
     EXPECT_EQ(live.codec("audio"), "aac") << live.error;
@@ -234,11 +226,7 @@ public:
         EXPECT_TRUE(app_.start_paired(deadline));
     }
 
-    Json reply(const std::optional<std::string>& state)
-    {
-        auto reply = service_.wait_for_reply(state.value_or(""), deadline);
-        return reply ? reply->message["payload"] : Json{};
-    }
+    Json reply(const std::optional<std::string>& state) { return service_.reply_payload(state, deadline); }
     Json list(const std::string& kind) { return reply(service_.list(kind)); }
     Json activate(const std::string& id, const test::rtmp_ingest& ingest, const std::string& key)
     {
@@ -289,7 +277,7 @@ TEST_F(PortalClient, DecliningInThePickerRejectsAndAnotherOutputFails)
     EXPECT_EQ(other["status"], "Failure");
     EXPECT_NE(other.value("error", "").find("another screen"), std::string::npos) << other;
     EXPECT_FALSE(ingest.publishing("other"));
-    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s))
+    EXPECT_TRUE(test::eventually([] { return test::stream_workers().empty(); }, 15s))
         << "a stream worker was left";
 
     // The second screen, picked as itself, streams (wlroots' portal says 0,0 for every output).
@@ -316,7 +304,7 @@ TEST_F(PortalClient, WaitingForThePickerIsBoundedAndHoldsUpNothingElse)
     EXPECT_FALSE(ingest.publishing("slow"));
     // The picker's late answer finds nothing waiting, and leaves nothing behind.
     EXPECT_TRUE(test::eventually([&] { return desktop.chooser_idle(); }, 10s));
-    EXPECT_TRUE(test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s));
+    EXPECT_TRUE(test::eventually([] { return test::stream_workers().empty(); }, 15s));
     desktop.choose("HEADLESS-1");
 }
 
@@ -353,8 +341,7 @@ TEST_F(PortalClient, ACastTheDesktopEndsStopsTheStreamAndTheClientSaysSo)
             EXPECT_TRUE(client.app().wait_for_state(callback::state_type::connected, portal_client::deadline));
             EXPECT_TRUE(client.app().wait_for_streams({}, portal_client::deadline));
             EXPECT_TRUE(ingest.wait_until_not_publishing(key, 10s));
-            EXPECT_TRUE(
-                test::eventually([] { return test::children_running(::getpid(), {"--stream-worker"}).empty(); }, 15s))
+            EXPECT_TRUE(test::eventually([] { return test::stream_workers().empty(); }, 15s))
                 << "the stream's worker was left";
             EXPECT_NE(log.text().find("The stream of source " + screen + " ended: "), std::string::npos) << log.text();
             Json listed = client.list("screen")["results"][0];

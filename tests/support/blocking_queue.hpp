@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/eventually.hpp"
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -40,13 +42,8 @@ public:
     {
         auto deadline = std::chrono::steady_clock::now() + timeout;
         for (;;) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            if (left.count() < 0)
-                return std::nullopt;
-            auto value = pop(left);
-            if (!value)
-                return std::nullopt;
-            if (match(*value))
+            auto value = pop(time_left(deadline));
+            if (!value || match(*value))
                 return value;
         }
     }

@@ -1,6 +1,7 @@
 #include "tests/support/fault_proxy.hpp"
 
-#include <arpa/inet.h>
+#include "tests/support/rtmp_ingest.hpp"
+
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -82,21 +83,11 @@ struct fault_proxy::state {
 
 fault_proxy::fault_proxy(int target_port) : target_port_(target_port)
 {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    // Accepted connections inherit a small receive buffer, so that a stall blocks the
+    // Accepted connections start with a small receive buffer, so that a stall blocks the
     // sender after a few kB rather than the megabytes loopback would take.
-    int receive_buffer = 4096;
-    if (listener_ >= 0)
-        ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-    if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener_, 16) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-        ::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
-        throw std::runtime_error("fault_proxy: cannot listen on loopback");
-    port_ = ntohs(address.sin_port);
+    listener_ = listen_on_loopback(port_, 16, 4096);
+    if (::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
+        throw std::runtime_error("fault_proxy: cannot make its wake-up pipe");
     set_nonblocking(listener_);
     thread_ = std::thread([this] { run(); });
 }
@@ -197,15 +188,9 @@ void fault_proxy::run()
                     refusing = refusing_;
                     cut_after = std::exchange(cut_after_, 0);
                 }
-                int server = refusing ? -1 : ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-                sockaddr_in target{};
-                target.sin_family = AF_INET;
-                target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-                target.sin_port = htons(static_cast<uint16_t>(target_port_));
-                if (server < 0 || ::connect(server, reinterpret_cast<sockaddr*>(&target), sizeof target) != 0) {
+                int server = refusing ? -1 : connect_loopback(target_port_);
+                if (server < 0) {
                     ::close(client);
-                    if (server >= 0)
-                        ::close(server);
                 } else {
                     prepare_side(client);
                     prepare_side(server);

@@ -2,6 +2,7 @@
 
 #include "tests/support/eventually.hpp"
 #include "tests/support/processes.hpp"
+#include "tests/support/session_bus.hpp"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,18 +30,8 @@ keyring::keyring(const std::string& bus_address) : home_("orbweave-keyring")
     if (::write(daemon_->stdin_fd(), password, sizeof password - 1) < 0)
         throw std::runtime_error("cannot hand gnome-keyring-daemon its password");
     daemon_->close_stdin();
-    bool up = eventually(
-        [&] {
-            auto probe = test::command({"dbus-send", "--bus=" + bus_address, "--print-reply",
-                                        "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                        "org.freedesktop.DBus.NameHasOwner", "string:org.freedesktop.secrets"});
-            probe.pipe_stdout = true;
-            obs::child_process asking(probe);
-            char answer[512] = {};
-            ssize_t got = ::read(asking.stdout_fd(), answer, sizeof answer - 1);
-            return got > 0 && std::string(answer).find("boolean true") != std::string::npos;
-        },
-        std::chrono::seconds(10), std::chrono::milliseconds(50));
+    bool up = eventually([&] { return has_owner(bus_address, "org.freedesktop.secrets"); }, std::chrono::seconds(10),
+                         std::chrono::milliseconds(50));
     if (!up)
         throw std::runtime_error("gnome-keyring-daemon did not come up");
 }

@@ -1,9 +1,10 @@
 #include "tests/support/line_reader.hpp"
 
+#include "tests/support/eventually.hpp"
+
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 namespace orbweave::test {
@@ -19,10 +20,8 @@ std::optional<std::string> line_reader::next(std::chrono::milliseconds timeout)
             return line;
         }
         // Past the deadline it still looks once, so a zero time-out reads what is there now.
-        auto left = std::max(std::chrono::milliseconds(0), std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                               deadline - std::chrono::steady_clock::now()));
         pollfd fd{fd_, POLLIN, 0};
-        int ready = ::poll(&fd, 1, static_cast<int>(left.count()));
+        int ready = ::poll(&fd, 1, static_cast<int>(time_left(deadline).count()));
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready <= 0)
@@ -40,11 +39,8 @@ std::optional<std::string> line_reader::wait_for(const std::function<bool(const 
 {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        auto line = next(left.count() > 0 ? left : std::chrono::milliseconds(0));
-        if (!line)
-            return std::nullopt;
-        if (match(*line))
+        auto line = next(time_left(deadline));
+        if (!line || match(*line))
             return line;
     }
 }

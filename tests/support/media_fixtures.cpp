@@ -1,10 +1,11 @@
 #include "tests/support/media_fixtures.hpp"
 
+#include "core/obs/requests.hpp"
+
 #include "tests/support/eventually.hpp"
 #include "tests/support/line_reader.hpp"
 #include "tests/support/rtmp_ingest.hpp"
 
-#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 
@@ -33,12 +34,6 @@ using clock = std::chrono::steady_clock;
 
 constexpr auto start_limit = 15s;
 
-int milliseconds_left(clock::time_point deadline)
-{
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
-}
-
 int ignore_x_errors(Display*, XErrorEvent*)
 {
     // Windows may vanish between listing and inspecting them.
@@ -64,7 +59,7 @@ bool wait_on_root(const std::string& display_name, const std::function<bool(Disp
             break;
         bool event = XPending(display) > 0;
         while (!event) {
-            int left = milliseconds_left(deadline);
+            int left = static_cast<int>(time_left(deadline).count());
             if (left == 0)
                 break;
             pollfd entry{ConnectionNumber(display), POLLIN, 0};
@@ -84,33 +79,10 @@ bool wait_on_root(const std::string& display_name, const std::function<bool(Disp
 
 std::vector<Window> root_windows_property(Display* display, const char* name)
 {
-    std::vector<Window> windows;
-    Atom property = XInternAtom(display, name, False);
-    Atom type = None;
-    int format = 0;
-    unsigned long count = 0, after = 0;
-    unsigned char* data = nullptr;
-    if (XGetWindowProperty(display, DefaultRootWindow(display), property, 0, 4096, False, AnyPropertyType, &type,
-                           &format, &count, &after, &data) == Success &&
-        data) {
-        if (format == 32) {
-            auto* values = reinterpret_cast<unsigned long*>(data);
-            windows.assign(values, values + count);
-        }
-        XFree(data);
-    }
+    std::string bytes = x_property(display, DefaultRootWindow(display), name);
+    std::vector<Window> windows(bytes.size() / sizeof(Window));
+    std::memcpy(windows.data(), bytes.data(), windows.size() * sizeof(Window));
     return windows;
-}
-
-std::string window_title(Display* display, Window window)
-{
-    char* name = nullptr;
-    std::string title;
-    if (XFetchName(display, window, &name) && name) {
-        title = name;
-        XFree(name);
-    }
-    return title;
 }
 
 void wait_for_socket(const std::string& path, std::chrono::milliseconds timeout)
@@ -194,6 +166,27 @@ EndSection
 
 } // namespace
 
+obs::pipe::stream_order order_for(obs::source_entry source, const Json& options, const std::string& server,
+                                  const std::string& key, int bitrate)
+{
+    Json message{{"payload", {{"options", options}, {"service", {{"server", server}, {"key", key}}}}}};
+    return obs::pipe::stream_order::of(obs::activate_request::parse(message), std::move(source), bitrate, "");
+}
+
+std::string x_property(Display* display, unsigned long window, const char* name)
+{
+    Atom type = None;
+    int format = 0;
+    unsigned long count = 0, after = 0;
+    unsigned char* data = nullptr;
+    std::string bytes;
+    if (XGetWindowProperty(display, window, XInternAtom(display, name, False), 0, 4096, False, AnyPropertyType, &type,
+                           &format, &count, &after, &data) == Success && data)
+        bytes.assign(reinterpret_cast<char*>(data), count * (format == 32 ? sizeof(long) : format / 8));
+    if (data)
+        XFree(data);
+    return bytes;
+}
 
 xvfb_display::xvfb_display(std::vector<screen_size> screens) : screens_(std::move(screens))
 {
@@ -279,8 +272,9 @@ test_window::test_window(const std::string& display, const std::string& title, c
         [&](Display* x) {
             seen.clear();
             for (Window window : root_windows_property(x, "_NET_CLIENT_LIST")) {
-                seen += " [" + window_title(x, window) + "]";
-                if (window_title(x, window) == title_)
+                std::string name = x_property(x, window, "WM_NAME");
+                seen += " [" + name + "]";
+                if (name == title_)
                     xid_ = window;
             }
             return xid_ != 0;

@@ -8,6 +8,7 @@
 // Programs linking these fixtures also link libX11.
 
 #include "core/obs/child_process.hpp"
+#include "core/obs/pipe_protocol.hpp"
 #include "tests/support/processes.hpp"
 #include "tests/support/temp_dir.hpp"
 
@@ -18,7 +19,17 @@
 #include <string>
 #include <vector>
 
+typedef struct _XDisplay Display;
+
 namespace orbweave::test {
+
+/// A window's property as Xlib gives it (items of 32 bits each in a long); empty when
+/// the window has none or is gone.
+std::string x_property(Display* display, unsigned long window, const char* name);
+
+/// What the client sends a stream worker for source: the request's options, server and key.
+obs::pipe::stream_order order_for(obs::source_entry source, const Json& options, const std::string& server,
+                                  const std::string& key, int bitrate = 1500);
 
 struct screen_size {
     int width;

@@ -1,8 +1,12 @@
 #include "tests/support/processes.hpp"
 
+#include "tests/support/eventually.hpp"
 #include "tests/support/temp_dir.hpp"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -56,6 +60,11 @@ std::string command_line(int pid)
     return text;
 }
 
+std::vector<int> stream_workers()
+{
+    return children_running(::getpid(), {"--stream-worker"});
+}
+
 std::vector<int> child_pids()
 {
     return children_running(::getpid());
@@ -72,6 +81,65 @@ std::string how_it_ended(obs::child_process& program, std::chrono::milliseconds 
 {
     auto status = program.wait_for(timeout);
     return status ? obs::child_process::describe(*status) : "still running";
+}
+
+bool read_all(int fd, std::string& out, std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    char chunk[65536];
+    for (;;) {
+        pollfd poller{fd, POLLIN, 0};
+        int ready = ::poll(&poller, 1, static_cast<int>(time_left(deadline).count()));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return false;
+        ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return got == 0;
+        out.append(chunk, static_cast<std::size_t>(got));
+    }
+}
+
+std::string output_of(obs::child_process::options options, std::chrono::milliseconds timeout, int* exit_code,
+                      std::string* error_output)
+{
+    using namespace std::chrono_literals;
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    temp_dir directory("orbweave-program");
+    int error_fd = ::open(directory.file("stderr").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (error_fd < 0)
+        throw std::runtime_error("cannot create a file for standard error");
+    options.pipe_stdout = true;
+    options.pass_fds = {{error_fd, 2}};
+    std::unique_ptr<obs::child_process> program;
+    try {
+        program = std::make_unique<obs::child_process>(options);
+    } catch (...) {
+        ::close(error_fd);
+        throw;
+    }
+    ::close(error_fd);
+    std::string output;
+    bool finished = read_all(program->stdout_fd(), output, time_left(deadline));
+    if (!finished)
+        program->kill(SIGKILL);
+    auto status = program->wait_for(finished ? std::max(time_left(deadline), 1000ms) : 5000ms);
+    if (!status)
+        status = program->kill_and_wait();
+    if (error_output)
+        *error_output = file_text(directory.file("stderr"));
+    if (exit_code)
+        *exit_code = finished && status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+    return output;
+}
+
+std::string run_program(const std::vector<std::string>& argv, std::chrono::milliseconds timeout, int* exit_code,
+                        std::string* error_output)
+{
+    return output_of(command(argv), timeout, exit_code, error_output);
 }
 
 long status_field(int pid, const std::string& name)

@@ -12,12 +12,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 namespace orbweave::test {
 
@@ -29,48 +27,13 @@ using clock = std::chrono::steady_clock;
 // How often the status page is read while waiting for a change (it has no push).
 constexpr auto status_poll_interval = 50ms;
 
-std::chrono::milliseconds left_until(clock::time_point deadline)
+sockaddr_in loopback(int port)
 {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock::now());
-    return left.count() > 0 ? left : 0ms;
-}
-
-int connect_loopback(int port)
-{
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-/// Reads fd until end of file or deadline; false on time-out or error.
-bool read_all(int fd, std::string& out, clock::time_point deadline)
-{
-    char chunk[65536];
-    for (;;) {
-        pollfd poller{fd, POLLIN, 0};
-        int ready = ::poll(&poller, 1, static_cast<int>(left_until(deadline).count()));
-        if (ready < 0 && errno == EINTR)
-            continue;
-        if (ready <= 0)
-            return false;
-        ssize_t got = ::read(fd, chunk, sizeof chunk);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return false;
-        if (got == 0)
-            return true;
-        out.append(chunk, static_cast<std::size_t>(got));
-    }
+    return address;
 }
 
 double rational(const std::string& text)
@@ -108,6 +71,31 @@ probe_result probe(std::vector<std::string> input, std::chrono::milliseconds tim
     return result;
 }
 
+// The ingest: records every stream, and reports who publishes on http://.../stat.
+constexpr const char* nginx_conf = R"(load_module /usr/lib/nginx/modules/ngx_rtmp_module.so;
+daemon off;
+master_process off;
+worker_processes 1;
+pid {dir}/nginx.pid;
+error_log {dir}/error.log info;
+events { worker_connections 256; }
+rtmp {
+  server {
+    listen 127.0.0.1:{rtmp};
+    application live { live on; record all; record_path {dir}/records; record_unique off; }
+  }
+}
+http {
+  access_log {dir}/access.log;
+  client_body_temp_path {dir}/temp/body;
+  proxy_temp_path {dir}/temp/proxy;
+  fastcgi_temp_path {dir}/temp/fastcgi;
+  uwsgi_temp_path {dir}/temp/uwsgi;
+  scgi_temp_path {dir}/temp/scgi;
+  server { listen 127.0.0.1:{http}; location /stat { rtmp_stat all; } }
+}
+)";
+
 } // namespace
 
 const probed_stream* probe_result::first(const std::string& codec_type) const
@@ -144,36 +132,44 @@ probe_result parse_probe(const std::string& ffprobe_json)
     return result;
 }
 
-int free_loopback_port()
+int listen_on_loopback(int& port, int backlog, int receive_buffer)
 {
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        throw std::runtime_error("socket failed");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = 0;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) < 0) {
-        ::close(fd);
-        throw std::runtime_error("cannot find a free loopback port");
+    if (fd >= 0 && receive_buffer > 0)
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, backlog) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        if (fd >= 0)
+            ::close(fd);
+        throw std::runtime_error("cannot listen on loopback");
     }
-    ::close(fd);
-    return ntohs(address.sin_port);
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+int connect_loopback(int port)
+{
+    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback(port);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int free_loopback_port()
+{
+    int port = 0;
+    ::close(listen_on_loopback(port, 1));
+    return port;
 }
 
 silent_server::silent_server()
 {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) < 0 ||
-        ::listen(listener_, 8) < 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) < 0)
-        throw std::runtime_error("cannot listen on loopback");
-    port_ = ntohs(address.sin_port);
+    listener_ = listen_on_loopback(port_, 8);
 }
 
 silent_server::~silent_server()
@@ -200,47 +196,6 @@ bool silent_server::wait_for_client(std::chrono::milliseconds timeout)
     return true;
 }
 
-std::string run_program(const std::vector<std::string>& argv, std::chrono::milliseconds timeout, int* exit_code,
-                        std::string* error_output)
-{
-    auto deadline = clock::now() + timeout;
-    char name[] = "/tmp/orbweave-program-stderr-XXXXXX";
-    int error_fd = ::mkstemp(name);
-    if (error_fd < 0)
-        throw std::runtime_error("cannot create a file for standard error");
-    std::string error_path = name;
-
-    auto options = test::command(argv);
-    options.pipe_stdout = true;
-    options.pass_fds = {{error_fd, 2}};
-    std::string output;
-    int code = -1;
-    try {
-        obs::child_process program(options);
-        ::close(error_fd);
-        error_fd = -1;
-        bool finished = read_all(program.stdout_fd(), output, deadline);
-        if (!finished)
-            program.kill(SIGKILL);
-        auto status = program.wait_for(finished ? std::max(left_until(deadline), 1000ms) : 5000ms);
-        if (!status)
-            status = program.kill_and_wait();
-        if (finished && status && WIFEXITED(*status))
-            code = WEXITSTATUS(*status);
-    } catch (...) {
-        if (error_fd >= 0)
-            ::close(error_fd);
-        ::unlink(error_path.c_str());
-        throw;
-    }
-    if (error_output)
-        *error_output = file_text(error_path);
-    ::unlink(error_path.c_str());
-    if (exit_code)
-        *exit_code = code;
-    return output;
-}
-
 rtmp_ingest::rtmp_ingest(int rtmp_port) : directory_("orbweave-ingest")
 {
     namespace fs = std::filesystem;
@@ -253,43 +208,12 @@ rtmp_ingest::rtmp_ingest(int rtmp_port) : directory_("orbweave-ingest")
         http_port_ = free_loopback_port();
 
     std::string dir = root.string();
-    std::ofstream config(root / "nginx.conf");
-    config << "load_module /usr/lib/nginx/modules/ngx_rtmp_module.so;\n"
-              "daemon off;\n"
-              "master_process off;\n"
-              "worker_processes 1;\n"
-              "pid "
-           << dir << "/nginx.pid;\n"
-           << "error_log " << dir << "/error.log info;\n"
-           << "events { worker_connections 256; }\n"
-              "rtmp {\n"
-              "  server {\n"
-              "    listen 127.0.0.1:"
-           << rtmp_port_ << ";\n"
-           << "    application live {\n"
-              "      live on;\n"
-              "      record all;\n"
-              "      record_path "
-           << dir << "/records;\n"
-           << "      record_unique off;\n"
-              "    }\n"
-              "  }\n"
-              "}\n"
-              "http {\n"
-              "  access_log "
-           << dir << "/access.log;\n"
-           << "  client_body_temp_path " << dir << "/temp/body;\n"
-           << "  proxy_temp_path " << dir << "/temp/proxy;\n"
-           << "  fastcgi_temp_path " << dir << "/temp/fastcgi;\n"
-           << "  uwsgi_temp_path " << dir << "/temp/uwsgi;\n"
-           << "  scgi_temp_path " << dir << "/temp/scgi;\n"
-           << "  server {\n"
-              "    listen 127.0.0.1:"
-           << http_port_ << ";\n"
-           << "    location /stat { rtmp_stat all; }\n"
-              "  }\n"
-              "}\n";
-    config.close();
+    std::string config = nginx_conf;
+    for (const auto& [name, value] : {std::pair<std::string, std::string>{"{dir}", dir},
+                                      {"{rtmp}", std::to_string(rtmp_port_)}, {"{http}", std::to_string(http_port_)}})
+        for (auto at = config.find(name); at != std::string::npos; at = config.find(name, at + value.size()))
+            config.replace(at, name.size(), value);
+    std::ofstream(root / "nginx.conf") << config;
 
     auto options = test::command({program_path("nginx", "/usr/sbin/nginx"), "-p", dir, "-c", dir + "/nginx.conf", "-e",
                                   dir + "/error.log"});
@@ -337,7 +261,7 @@ std::optional<std::string> rtmp_ingest::statistics() const
     std::string request = "GET /stat HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
     bool sent = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size());
     std::string response;
-    bool complete = sent && read_all(fd, response, clock::now() + 2s);
+    bool complete = sent && read_all(fd, response, 2s);
     ::close(fd);
     if (!complete || response.compare(0, 12, "HTTP/1.1 200") != 0)
         return std::nullopt;
@@ -496,23 +420,17 @@ live_loudness::~live_loudness() = default;
 std::optional<double> live_loudness::wait_for(const std::function<bool(double)>& accept,
                                               std::chrono::milliseconds timeout, int run)
 {
-    int in_a_row = 0;
     static const std::string prefix = "lavfi.astats.Overall.RMS_level=";
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return std::nullopt;
-        auto line = lines_->next(left);
-        if (!line)
-            return std::nullopt;
-        if (line->rfind(prefix, 0) != 0)
-            continue;
-        double level = std::strtod(line->c_str() + prefix.size(), nullptr);
+    int in_a_row = 0;
+    double level = 0;
+    auto enough = [&](const std::string& line) {
+        if (line.rfind(prefix, 0) != 0)
+            return false;
+        level = std::strtod(line.c_str() + prefix.size(), nullptr);
         in_a_row = accept(level) ? in_a_row + 1 : 0;
-        if (in_a_row >= run)
-            return level;
-    }
+        return in_a_row >= run;
+    };
+    return lines_->wait_for(enough, timeout) ? std::optional<double>(level) : std::nullopt;
 }
 
 std::optional<double> live_loudness::wait_for_sound(double decibels, std::chrono::milliseconds timeout)

@@ -8,6 +8,7 @@
 // death too) when the object goes away.
 
 #include "core/obs/child_process.hpp"
+#include "tests/support/processes.hpp"
 #include "tests/support/temp_dir.hpp"
 
 #include <array>
@@ -70,6 +71,11 @@ std::string describe(const std::vector<std::uint8_t>& frame);
 
 /// A free TCP port on 127.0.0.1 at the time of asking.
 int free_loopback_port();
+/// A socket listening on 127.0.0.1 at a free port, which it puts in port; connections it
+/// accepts start with receive_buffer bytes of buffer when that is not 0. Throws when it cannot.
+int listen_on_loopback(int& port, int backlog, int receive_buffer = 0);
+/// A socket connected to 127.0.0.1:port; -1 when nothing answers there.
+int connect_loopback(int port);
 
 /// An "ingest" on 127.0.0.1 that accepts connections (the kernel completes them) and
 /// never says a word: a stream start to it hangs until the client gives up.
@@ -175,10 +181,5 @@ private:
     std::unique_ptr<obs::child_process> process_;
     std::unique_ptr<line_reader> lines_;
 };
-
-/// Runs argv (stdout captured, stderr to a file) and returns its standard output; gives up and
-/// kills it after timeout. exit_code is set to the exit code, or -1 when it was killed.
-std::string run_program(const std::vector<std::string>& argv, std::chrono::milliseconds timeout,
-                        int* exit_code = nullptr, std::string* error_output = nullptr);
 
 } // namespace orbweave::test

@@ -21,4 +21,12 @@ session_bus::session_bus()
 
 session_bus::~session_bus() = default;
 
+bool has_owner(const std::string& bus_address, const std::string& name)
+{
+    return run_program({"dbus-send", "--bus=" + bus_address, "--print-reply", "--dest=org.freedesktop.DBus",
+                        "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:" + name},
+                       std::chrono::seconds(5))
+               .find("boolean true") != std::string::npos;
+}
+
 } // namespace orbweave::test

@@ -25,4 +25,7 @@ private:
     std::string address_;
 };
 
+/// Whether a program owns name on the bus at bus_address.
+bool has_owner(const std::string& bus_address, const std::string& name);
+
 } // namespace orbweave::test

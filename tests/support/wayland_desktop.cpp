@@ -29,20 +29,6 @@ constexpr const char* kde_qt_wayland_plugin = "/usr/lib/x86_64-linux-gnu/qt5/plu
 const std::vector<std::pair<std::string, std::string>> qt_accessible{{"QT_ACCESSIBILITY", "1"},
                                                                      {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"}};
 
-/// The program's path: as given when absolute, else found on PATH; empty when missing.
-std::string find_program(const std::string& program)
-{
-    if (program.front() == '/')
-        return ::access(program.c_str(), X_OK) == 0 ? program : std::string();
-    if (const char* path = std::getenv("PATH")) {
-        std::istringstream folders(path);
-        for (std::string folder; std::getline(folders, folder, ':');)
-            if (!folder.empty() && ::access((folder + "/" + program).c_str(), X_OK) == 0)
-                return folder + "/" + program;
-    }
-    return {};
-}
-
 /// The file's last lines, joined by " | ".
 std::string last_lines(const std::filesystem::path& path, std::size_t count)
 {
@@ -130,7 +116,7 @@ std::vector<std::string> wayland_desktop::missing_packages(kind desktop)
             missing.push_back(package);
     };
     for (const part& part : needed)
-        if (part.path[0] == '/' ? !std::filesystem::exists(part.path) : find_program(part.path).empty())
+        if (part.path[0] == '/' ? !std::filesystem::exists(part.path) : obs::find_program(part.path).empty())
             note(part.package);
     if (desktop != kind::sway && missing.empty()) {
         int status = -1;
@@ -335,7 +321,7 @@ void wayland_desktop::start_kde()
     // Debian installs kwin_wayland with a file capability (cap_sys_resource) that a
     // container's bounding set refuses at exec ("Operation not permitted"); a copy has none.
     std::filesystem::path kwin = dir_.path() / "kwin_wayland";
-    std::filesystem::copy_file(find_program("kwin_wayland"), kwin);
+    std::filesystem::copy_file(obs::find_program("kwin_wayland"), kwin);
     const output& first = options_.outputs.front();
     start({kwin.string(), "--virtual", "--width", std::to_string(first.width), "--height",
            std::to_string(first.height), "--output-count", std::to_string(options_.outputs.size()), "--no-lockscreen",
@@ -396,10 +382,7 @@ void wayland_desktop::wait_for_bus_name(const std::string& name)
     bool owned = eventually(
         [&] {
             ended = owner.wait_for(0ms);
-            return ended ||
-                   session_call({"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
-                                 "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "string:" + name})
-                           .find("boolean true") != std::string::npos;
+            return ended || has_owner(bus_->address(), name);
         },
         start_limit, 50ms);
     std::filesystem::path log = dir_.path() / "logs" / (last_log_ + ".log");

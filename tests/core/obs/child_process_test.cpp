@@ -9,14 +9,12 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <system_error>
@@ -28,21 +26,11 @@ namespace {
 using namespace std::chrono_literals;
 
 // Everything the child writes to its standard output until it closes it, read with a deadline.
-std::string read_all(int fd, std::chrono::milliseconds timeout = 10s)
+std::string read_all(int fd)
 {
     std::string text;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd entry{fd, POLLIN, 0};
-        if (left.count() <= 0 || ::poll(&entry, 1, static_cast<int>(left.count())) <= 0)
-            ADD_FAILURE() << "no end of output in time";
-        char chunk[256];
-        ssize_t got = ::read(fd, chunk, sizeof chunk);
-        if (got <= 0)
-            return text;
-        text.append(chunk, static_cast<std::size_t>(got));
-    }
+    EXPECT_TRUE(test::read_all(fd, text, 10s)) << "no end of output in time";
+    return text;
 }
 
 child_process::options shell(const std::string& script)

@@ -26,6 +26,7 @@ using namespace std::chrono_literals;
 using callback::request_type;
 using callback::source_type;
 using callback::state_type;
+using test::stream_workers;
 
 [[maybe_unused]] auto* const environment = ::testing::AddGlobalTestEnvironment(new test::media_environment);
 
@@ -36,12 +37,6 @@ constexpr auto outage_limit = 1s;
 bool eventually(const std::function<bool()>& condition)
 {
     return test::eventually(condition, deadline);
-}
-
-std::vector<int> stream_workers()
-{
-    // Stream workers are the children started without a canvas.
-    return test::children_running(::getpid(), {"--stream-worker"});
 }
 
 /// The client's options in these tests: fast timings, and streams that give a vanished ingest a second.
@@ -230,12 +225,12 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     ASSERT_TRUE(ingest.wait_for_publishing("screen", deadline));
     ASSERT_TRUE(ingest.wait_for_publishing("sound", deadline));
 
-    // Stream workers are the children started without a canvas; kill the first one started.
-    std::vector<int> stream_workers = test::children_running(::getpid(), {"--stream-worker"});
-    ASSERT_EQ(stream_workers.size(), 2u);
-    std::sort(stream_workers.begin(), stream_workers.end());
+    // Kill the first stream worker started.
+    std::vector<int> workers = stream_workers();
+    ASSERT_EQ(workers.size(), 2u);
+    std::sort(workers.begin(), workers.end());
     test::stderr_capture log;
-    ASSERT_EQ(::kill(stream_workers.front(), SIGKILL), 0);
+    ASSERT_EQ(::kill(workers.front(), SIGKILL), 0);
 
     EXPECT_TRUE(ingest.wait_until_not_publishing("screen", deadline));
     EXPECT_TRUE(eventually([&] { return !listed_active("screen", screen); }));
@@ -245,7 +240,7 @@ TEST_F(Streams, AWorkerKilledMidStreamEndsOnlyItsOwnStream)
     EXPECT_TRUE(app.wait_for_streams({speakers}, deadline));
 
     // The last stream's worker dying leaves the client connected, not streaming.
-    for (int pid : test::children_running(::getpid(), {"--stream-worker"}))
+    for (int pid : stream_workers())
         ::kill(pid, SIGKILL);
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
     EXPECT_TRUE(ingest.wait_until_not_publishing("sound", deadline));

@@ -5,12 +5,12 @@
 // (through gdb) and the program's child processes, on the standard error the program
 // started with: a test may have redirected its standard error meanwhile.
 
+#include "core/obs/pipe_channel.hpp"
 #include "tests/support/processes.hpp"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,8 +26,6 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 using clock_type = std::chrono::steady_clock;
@@ -37,15 +35,7 @@ int original_stderr = -1;
 
 void say(const std::string& text)
 {
-    const char* data = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-        ssize_t written = ::write(original_stderr, data, left);
-        if (written <= 0)
-            return;
-        data += written;
-        left -= static_cast<std::size_t>(written);
-    }
+    orbweave::obs::pipe::write_all(original_stderr, text);
 }
 
 std::string first_line_of(const std::filesystem::path& file)
@@ -56,27 +46,19 @@ std::string first_line_of(const std::filesystem::path& file)
     return line;
 }
 
-/// Runs a program with its output on the original stderr and waits for it; false when
-/// it could not be started.
+/// Runs a program with its output on the original stderr and waits for it (bounded by its
+/// own time limit); false when it could not be started or did not succeed.
 bool run_to_report(std::vector<std::string> command)
 {
-    std::vector<char*> argv;
-    for (std::string& word : command)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, original_stderr, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, original_stderr, STDERR_FILENO);
-    pid_t child = 0;
-    int failed = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0)
+    auto options = orbweave::test::command(std::move(command));
+    options.pass_fds = {{original_stderr, STDOUT_FILENO}, {original_stderr, STDERR_FILENO}};
+    try {
+        orbweave::obs::child_process program(options);
+        auto status = program.wait_for(std::chrono::seconds(90));
+        return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
+    } catch (const std::exception&) {
         return false;
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 /// Every thread's stack by gdb (bounded: a gdb that cannot attach must not use up the
