@@ -81,7 +81,8 @@ std::vector<Window> root_windows_property(Display* display, const char* name)
 {
     std::string bytes = x_property(display, DefaultRootWindow(display), name);
     std::vector<Window> windows(bytes.size() / sizeof(Window));
-    std::memcpy(windows.data(), bytes.data(), windows.size() * sizeof(Window));
+    if (!windows.empty())
+        std::memcpy(windows.data(), bytes.data(), windows.size() * sizeof(Window));
     return windows;
 }
 
