@@ -78,21 +78,18 @@ TEST(Pairing, FirstRunIdentifiesAsksForACodeAndKeepsTheSecretItIsGiven)
     auto bare = service.wait_for_identify(deadline);
     ASSERT_TRUE(bare);
     EXPECT_EQ(bare->message["state"], "");
-}
 
-TEST(Pairing, ASecondRunPresentsTheSecretAndGoesStraightToConnected)
-{
-    sim::service_sim service;
-    std::string secret = service.issue_secret(ann);
-    client_harness app(service);
-    app.set_secret(secret);
-    app.start();
-
-    auto request = service.wait_for_code_request(deadline);
-    ASSERT_TRUE(request);
-    EXPECT_EQ(request->message, Json({{"id", "code"}, {"url", "/api/client/connect"}, {"payload", {{"secret", secret}}}}));
-    EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
-    EXPECT_FALSE(app.codes().pop(0ms)); // no code to show: one would have come before "ready"
+    // Empty or missing codes change nothing; a ready without an owner is still delivered,
+    // with empty details.
+    service.send_raw(R"({"id":"code","payload":{"code":""}})");
+    service.send_raw(R"({"id":"code"})");
+    service.send_raw(R"({"id":"ready","payload":{"secret":"abc"}})");
+    ready = app.readies().pop(deadline);
+    ASSERT_TRUE(ready);
+    EXPECT_EQ(ready->secret, "abc");
+    EXPECT_EQ(ready->displayName, "");
+    EXPECT_EQ(ready->avatar, "");
+    EXPECT_FALSE(app.codes().pop(0ms)); // the empty codes came before "ready", and showed nothing
 }
 
 // The desktop's screen-cast consent (its restore tokens) goes with the pairing: kept when
@@ -136,26 +133,6 @@ TEST(Pairing, TheDesktopsScreenCastConsentGoesWithThePairing)
     tokens.forget();
     tokens.put("screen-1", "token-2", consent);
     EXPECT_EQ(kept(), "");
-}
-
-TEST(Pairing, CodeAndReadyEdgeCases)
-{
-    sim::service_sim service;
-    client_harness app(service);
-    app.start();
-    ASSERT_TRUE(app.codes().pop(deadline));
-
-    // Empty or missing codes change nothing.
-    service.send_raw(R"({"id":"code","payload":{"code":""}})");
-    service.send_raw(R"({"id":"code"})");
-    // A ready without an owner is still delivered, with empty details.
-    service.send_raw(R"({"id":"ready","payload":{"secret":"abc"}})");
-    auto ready = app.readies().pop(deadline);
-    ASSERT_TRUE(ready);
-    EXPECT_EQ(ready->secret, "abc");
-    EXPECT_EQ(ready->displayName, "");
-    EXPECT_EQ(ready->avatar, "");
-    EXPECT_FALSE(app.codes().pop(0ms)); // the empty codes came before "ready", and showed nothing
 }
 
 TEST(Reconnection, ARestartedServiceIsReachedAgainOneAttemptPerDelay)
@@ -278,6 +255,7 @@ TEST(Lifecycle, AnyOrderOfStartStopAndJoinIsSafe)
     app.start();
     app.start(); // already running: no second thread, no second link
     ASSERT_TRUE(service.wait_for_connection(deadline));
+    ASSERT_TRUE(service.wait_for_code_request(deadline)); // without a secret: none is stored yet
     pair(service, app);
     EXPECT_FALSE(service.wait_for_connection(0ms)); // a second link would have opened with the first
 
@@ -287,10 +265,16 @@ TEST(Lifecycle, AnyOrderOfStartStopAndJoinIsSafe)
     app.client().join();
     EXPECT_TRUE(service.wait_for_disconnect(deadline));
 
-    // stop, join, start again reconnects and the stored secret pairs at once.
+    // stop, join, start again reconnects and presents the stored secret: connected at once,
+    // with no code to show (one would have come before "ready").
     app.start();
     ASSERT_TRUE(service.wait_for_connection(deadline));
+    auto request = service.wait_for_code_request(deadline);
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->message,
+              Json({{"id", "code"}, {"url", "/api/client/connect"}, {"payload", {{"secret", app.secret()}}}}));
     EXPECT_TRUE(app.wait_for_state(state_type::connected, deadline));
+    EXPECT_FALSE(app.codes().pop(0ms));
 
     // stop then start without join also reconnects.
     app.client().stop();

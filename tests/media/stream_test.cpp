@@ -21,7 +21,6 @@
 #include "tests/support/scoped_environment.hpp"
 #include "tests/support/stderr_capture.hpp"
 #include "tests/support/temp_dir.hpp"
-#include "tests/support/ticker.hpp"
 
 #include <gtest/gtest.h>
 
@@ -43,7 +42,9 @@
 #include <condition_variable>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 namespace orbweave::obs {
@@ -265,6 +266,37 @@ std::vector<video_frame> video_frames(const std::string& url, int seconds)
     return frames;
 }
 
+/// Calls tick on a thread of its own every interval until it is destroyed: a screen
+/// that changes at a pace, not a wait for anything.
+class ticker {
+public:
+    ticker(std::chrono::milliseconds interval, std::function<void()> tick)
+        : thread_([this, interval, tick = std::move(tick)] {
+              std::unique_lock<std::mutex> lock(mutex_);
+              while (!stopping_) {
+                  tick();
+                  stop_.wait_for(lock, interval, [this] { return stopping_; });
+              }
+          })
+    {
+    }
+    ~ticker()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        stop_.notify_all();
+        thread_.join();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable stop_;
+    bool stopping_ = false;
+    std::thread thread_; // last: it runs on the members above
+};
+
 /// The colour stripes over the whole first screen, as a window's background (drawn by the
 /// X server itself: no program redraws them), with a white square that a thread moves along
 /// the top of the screen every 100 ms while moving() is on. Nothing else changes.
@@ -304,7 +336,7 @@ public:
         XWarpPointer(display_, None, root, 0, 0, 0, 0, 1278, 718);
         XSync(display_, False);
         // Along the left half of the red stripe only: the right half stays still.
-        mover_ = std::make_unique<test::ticker>(100ms, [this, step = 0]() mutable {
+        mover_ = std::make_unique<ticker>(100ms, [this, step = 0]() mutable {
             if (!moving_)
                 return;
             if (step == 0)
@@ -328,7 +360,7 @@ private:
     Window backdrop_ = 0;
     Window square_ = 0;
     std::atomic<bool> moving_{false};
-    std::unique_ptr<test::ticker> mover_;
+    std::unique_ptr<ticker> mover_;
 };
 
 /// One way a screen becomes the encoder's frames: through the canvas with either colour
@@ -919,7 +951,7 @@ public:
     {
         if (!display_)
             throw std::runtime_error("cannot open the display");
-        flips_ = std::make_unique<test::ticker>(700ms, [this, white = false]() mutable { paint(white = !white); });
+        flips_ = std::make_unique<ticker>(700ms, [this, white = false]() mutable { paint(white = !white); });
     }
     ~hard_cuts()
     {
@@ -938,7 +970,7 @@ private:
     }
 
     Display* display_;
-    std::unique_ptr<test::ticker> flips_;
+    std::unique_ptr<ticker> flips_;
 };
 
 TEST_F(Streaming, X264SettingsTakeEffectAndTheLevelsSizeArrivesFittedToTheScreen)

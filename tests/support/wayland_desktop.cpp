@@ -408,11 +408,8 @@ void wayland_desktop::choose(const std::string& output_name)
 namespace {
 int count_lines(const std::filesystem::path& path)
 {
-    std::ifstream lines(path);
-    int count = 0;
-    for (std::string line; std::getline(lines, line);)
-        ++count;
-    return count;
+    std::string text = file_text(path);
+    return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
 }
 } // namespace
 

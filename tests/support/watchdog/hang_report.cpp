@@ -7,6 +7,7 @@
 
 #include "core/obs/pipe_channel.hpp"
 #include "tests/support/processes.hpp"
+#include "tests/support/temp_dir.hpp"
 
 #include <gtest/gtest.h>
 
@@ -20,7 +21,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -40,10 +40,8 @@ void say(const std::string& text)
 
 std::string first_line_of(const std::filesystem::path& file)
 {
-    std::ifstream in(file);
-    std::string line;
-    std::getline(in, line);
-    return line;
+    std::string text = orbweave::test::file_text(file);
+    return text.substr(0, text.find('\n'));
 }
 
 /// Runs a program with its output on the original stderr and waits for it (bounded by its
